@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <sys/types.h>
+
+#include "varn/export.h"
+
+namespace VARN::Host {
+
+// Who sent a request, as the kernel saw it when the connection was made. The numbers never come from the message and are
+// never refreshed. Decide on the user id: the process of that number may be another by now.
+struct Caller {
+    pid_t pid;
+    uid_t uid;
+    gid_t gid;
+};
+
+// The caller of the request that this thread is handling; this process itself when the thread handles none, and for a
+// request that came from this process. A thread that a service starts of its own handles none: pass the answer along.
+VARN_API Caller CurrentCaller();
+
+}  // namespace VARN::Host

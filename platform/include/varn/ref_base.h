@@ -1,0 +1,171 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+#include <utility>
+
+#include "varn/export.h"
+
+namespace VARN {
+
+// The base of everything that is shared by counting its owners: remote objects, proxies, stubs, managers and the records
+// that travel in parcels. The count lives inside the object. An object starts with no owner; the first `sptr` makes it
+// one, and the release of the last deletes it through the virtual destructor, on whichever thread that happens.
+//
+// Derive virtually when more than one base of a class may derive from it, so that one object has one count.
+//
+// An object on the stack or inside a container is never counted; just do not point an `sptr` at it.
+//
+// Thread safety: the count may be changed from any thread. Everything else of the object is its own class's business.
+class VARN_API RefBase {
+public:
+    RefBase() noexcept = default;
+
+    // A copy is another object: it starts without owners, whoever owns the original.
+    RefBase(const RefBase&) noexcept {}
+
+    // Assignment changes an object's value, not who owns it: both counts stay as they are.
+    RefBase& operator=(const RefBase&) noexcept { return *this; }
+
+    virtual ~RefBase();
+
+    // Adds an owner.
+    // Relaxed: whoever adds one already reaches the object through another owner or has just made it, so nothing that
+    // happens to the object needs to be ordered by this step.
+    void IncStrongRef() const noexcept { strongCount_.fetch_add(1, std::memory_order_relaxed); }
+
+    // Takes an owner away and deletes the object when that was the last.
+    // Release: what this owner did to the object must happen before its deletion by whoever comes last. Acquire: the last
+    // one must see what all the others did. One read-modify-write carries both, and the chain of them is one release
+    // sequence, so no fence is needed.
+    void DecStrongRef() const noexcept
+    {
+        if (strongCount_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+            delete this;
+        }
+    }
+
+    // The number of owners at some moment during the call: for tests and diagnostics, never for decisions, since another
+    // thread may change it before the caller looks.
+    // Relaxed: a lone number with nothing attached.
+    int32_t StrongCount() const noexcept { return strongCount_.load(std::memory_order_relaxed); }
+
+private:
+    mutable std::atomic<int32_t> strongCount_{0};
+};
+
+// A strong reference to a `RefBase`: while it exists, the object does. Null by default. The size of a pointer.
+//
+// Thread safety: two threads may use two `sptr`s to one object; one `sptr` that several threads change needs a lock.
+template <class T>
+class sptr {
+public:
+    constexpr sptr() noexcept = default;
+    constexpr sptr(std::nullptr_t) noexcept {}
+
+    // Becomes an owner of `object`, which may be null. A freshly allocated object gets its first owner here.
+    sptr(T* object) noexcept : object_(object) { Acquire(); }
+
+    sptr(const sptr& other) noexcept : object_(other.object_) { Acquire(); }
+    sptr(sptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+
+    // From a reference to a derived class.
+    template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
+    sptr(const sptr<U>& other) noexcept : object_(other.Get())
+    {
+        Acquire();
+    }
+    template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
+    sptr(sptr<U>&& other) noexcept : object_(other.Release())
+    {
+    }
+
+    ~sptr() { Drop(object_); }
+
+    sptr& operator=(const sptr& other) noexcept
+    {
+        sptr(other).Swap(*this);
+        return *this;
+    }
+    sptr& operator=(sptr&& other) noexcept
+    {
+        sptr(std::move(other)).Swap(*this);
+        return *this;
+    }
+
+    // The object, still owned by this reference; null when there is none.
+    T* Get() const noexcept { return object_; }
+    // Both need an object.
+    T* operator->() const noexcept { return object_; }
+    T& operator*() const noexcept { return *object_; }
+
+    explicit operator bool() const noexcept { return object_ != nullptr; }
+
+    void Swap(sptr& other) noexcept { std::swap(object_, other.object_); }
+
+    // Gives the ownership away without counting: the caller now owes one `DecStrongRef`.
+    [[nodiscard]] T* Release() noexcept { return std::exchange(object_, nullptr); }
+
+private:
+    void Acquire() const noexcept
+    {
+        if (object_ != nullptr) {
+            object_->IncStrongRef();
+        }
+    }
+    static void Drop(T* object) noexcept
+    {
+        if (object != nullptr) {
+            object->DecStrongRef();
+        }
+    }
+
+    T* object_ = nullptr;
+};
+
+// Two references are equal when they share one object.
+template <class T, class U>
+bool operator==(const sptr<T>& left, const sptr<U>& right) noexcept
+{
+    return left.Get() == right.Get();
+}
+template <class T, class U>
+bool operator!=(const sptr<T>& left, const sptr<U>& right) noexcept
+{
+    return left.Get() != right.Get();
+}
+template <class T>
+bool operator==(const sptr<T>& left, const T* right) noexcept
+{
+    return left.Get() == right;
+}
+template <class T>
+bool operator!=(const sptr<T>& left, const T* right) noexcept
+{
+    return left.Get() != right;
+}
+template <class T>
+bool operator==(const sptr<T>& left, std::nullptr_t) noexcept
+{
+    return left.Get() == nullptr;
+}
+template <class T>
+bool operator!=(const sptr<T>& left, std::nullptr_t) noexcept
+{
+    return left.Get() != nullptr;
+}
+template <class T>
+bool operator==(std::nullptr_t, const sptr<T>& right) noexcept
+{
+    return right.Get() == nullptr;
+}
+template <class T>
+bool operator!=(std::nullptr_t, const sptr<T>& right) noexcept
+{
+    return right.Get() != nullptr;
+}
+
+}  // namespace VARN
