@@ -10,7 +10,8 @@
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record {
 
 // How one app used one operation group during one period: what a service answers to the summary and timeline requests.
-// A plain value. The codes for mode and states and the unit of the timestamps are the service's; nothing is checked here.
+// A plain value. The codes for mode and states and the unit of the timestamps are the service's; nothing is checked
+// here.
 class SECURITY_PRIVACY_API PermissionUsageRecord : public Parcelable {
 public:
     const std::string& GetBundleName() const { return bundleName_; }

@@ -10,8 +10,8 @@
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record {
 
-// Which usage records a client asks for: six filter lists, a time span, a limit and an order. A plain value. The library
-// carries it and bounds its lists; what the filters mean is the service's business.
+// Which usage records a client asks for: six filter lists, a time span, a limit and an order. A plain value. The
+// library carries it and bounds its lists; what the filters mean is the service's business.
 class SECURITY_PRIVACY_API PermissionUsageRecordQuery : public Parcelable {
 public:
     const std::vector<std::string>& GetBundleNames() const { return bundleNames_; }
@@ -38,17 +38,17 @@ public:
     void SetLimit(int32_t limit) { limit_ = limit; }
     void SetOrder(int32_t order) { order_ = order; }
 
-    // Writes all fields. False at the first write that fails and at the first list of more than 99 elements, whose count
-    // is then in the parcel already; the parcel is to be dropped. Logs nothing.
+    // Writes all fields. False at the first write that fails and at the first list of more than 99 elements, whose
+    // count is then in the parcel already; the parcel is to be dropped. Logs nothing.
     bool Marshalling(Parcel& parcel) const override;
 
     // Reads a query. A new one for the caller to own, or null when the parcel does not hold a whole query, announces
     // more than 99 elements in a list, or memory runs out. A negative count reads as an empty list. Logs nothing.
     static PermissionUsageRecordQuery* Unmarshalling(Parcel& parcel);
 
-    // Fills `query` from the parcel: elements are appended to its lists, numbers replaced. Takes `query` over: returns it
-    // on success, and on failure deletes it and returns null, so that the caller must not touch it again. A null query is
-    // a failure like any other.
+    // Fills `query` from the parcel: elements are appended to its lists, numbers replaced. Takes `query` over: returns
+    // it on success, and on failure deletes it and returns null, so that the caller must not touch it again. A null
+    // query is a failure like any other.
     static PermissionUsageRecordQuery* UnmarshallingInner(Parcel& parcel, PermissionUsageRecordQuery* query);
 
     // All fields on one line, for logs.

@@ -23,9 +23,9 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 // What an application calls. Every request looks the service up, sends one message and waits for the reply; nothing is
 // kept between requests, so the service may be restarted at any time.
 //
-// Results: as `SecurityPrivacyServiceIntf` describes them, with one addition that is easy to miss: when the service cannot
-// be found, a request returns 0 and leaves what it should fill untouched. Only the log tells. A caller that needs to know
-// asks the system ability manager, or calls `WithSystemAbilityProxy` and looks for null.
+// Results: as `SecurityPrivacyServiceIntf` describes them, with one addition that is easy to miss: when the service
+// cannot be found, a request returns 0 and leaves what it should fill untouched. Only the log tells. A caller that
+// needs to know asks the system ability manager, or calls `WithSystemAbilityProxy` and looks for null.
 //
 // Time: a request takes at most the 4 seconds of finding the service and the 8 of the exchange.
 //
@@ -38,9 +38,9 @@ public:
     SecurityPrivacyClient(const SecurityPrivacyClient&) = delete;
     SecurityPrivacyClient& operator=(const SecurityPrivacyClient&) = delete;
 
-    // Calls `callback`, which must not be empty, exactly once on this thread: with a proxy for the service, or with null
-    // and an error line when it cannot be had. Requests of other threads wait until the callback returns; requests from
-    // inside it are let in.
+    // Calls `callback`, which must not be empty, exactly once on this thread: with a proxy for the service, or with
+    // null and an error line when it cannot be had. Requests of other threads wait until the callback returns; requests
+    // from inside it are let in.
     void WithSystemAbilityProxy(const std::function<void(const sptr<SecurityPrivacyServiceIntf>&)>& callback);
 
     // Requests; each does what the operation of that name does.

@@ -52,15 +52,15 @@ public:
 
     ~SecurityPrivacyServiceIntf() override;
 
-    // The permission groups of one app for one user: those in `interestedPermissionGroups`, of which the first 50 in the
-    // set's order are sent. At most 10000 records come back.
+    // The permission groups of one app for one user: those in `interestedPermissionGroups`, of which the first 50 in
+    // the set's order are sent. At most 10000 records come back.
     virtual int32_t GetAppPermissionGroupInfosByApp(
         const std::string& bundleName, int32_t userId,
         const std::unordered_set<std::string>& interestedPermissionGroups,
         std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos) = 0;
 
-    // The apps that hold one permission group for one user: those in `interestedBundleNames`, of which the first 10000 in
-    // the set's order are sent. At most 10000 records come back.
+    // The apps that hold one permission group for one user: those in `interestedBundleNames`, of which the first 10000
+    // in the set's order are sent. At most 10000 records come back.
     virtual int32_t GetAppPermissionGroupInfosByPermission(
         const std::string& permissionGroup, int32_t userId,
         const std::unordered_set<std::string>& interestedBundleNames,

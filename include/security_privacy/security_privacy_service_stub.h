@@ -21,8 +21,8 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 // hands the object to the platform. The stub checks each request, reads its arguments within their limits, calls the
 // operation on itself and writes the reply.
 //
-// Thread safety: requests arrive on several threads at once, and so do the calls to the operations and the access check;
-// their locking is the service's own. The stub itself changes nothing after construction.
+// Thread safety: requests arrive on several threads at once, and so do the calls to the operations and the access
+// check; their locking is the service's own. The stub itself changes nothing after construction.
 class SECURITY_PRIVACY_API SecurityPrivacyServiceStub : public IRemoteStub<SecurityPrivacyServiceIntf> {
 public:
     SecurityPrivacyServiceStub();
@@ -48,7 +48,8 @@ private:
     int32_t HandleGTokenPolicyRemovePolicy(MessageParcel& data, MessageParcel& reply);
 
     // Filled by the constructor, only read afterwards.
-    std::unordered_map<uint32_t, std::function<int32_t(MessageParcel& data, MessageParcel& reply)>> messageCodeHandlers_;
+    std::unordered_map<uint32_t, std::function<int32_t(MessageParcel& data, MessageParcel& reply)>>
+        messageCodeHandlers_;
 };
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer

@@ -8,14 +8,20 @@
 
 namespace VARN {
 
-// The level below which lines are dropped; the host sets it (varn/host/log_sink.h). Kept here only so that the macro below
-// can look at it without a call.
+// The level below which lines are dropped; the host sets it (varn/host/log_sink.h). Kept here only so that the macro
+// below can look at it without a call.
 extern VARN_API std::atomic<int> logLevel;
 
 // Relaxed: a line that is written around a change of the level may fall on either side.
-inline bool IsLogLineWanted(int level) noexcept { return level >= logLevel.load(std::memory_order_relaxed); }
+inline bool IsLogLineWanted(int level) noexcept
+{
+    return level >= logLevel.load(std::memory_order_relaxed);
+}
 
-constexpr int DropLogLine() noexcept { return 0; }
+constexpr int DropLogLine() noexcept
+{
+    return 0;
+}
 
 }  // namespace VARN
 
@@ -26,7 +32,7 @@ constexpr int DropLogLine() noexcept { return 0; }
 // Thread safety: may be called from any thread, also during static initialisation and destruction.
 extern "C" VARN_API int VoLogPrint(int type, int level, uint32_t domain, const char* tag, const char* format, ...);
 
-// The level is tested before the arguments are evaluated, so that a line that nobody reads costs a comparison. Wherever the
-// name is not called, and in `(VoLogPrint)(...)`, it is the function above.
+// The level is tested before the arguments are evaluated, so that a line that nobody reads costs a comparison. Wherever
+// the name is not called, and in `(VoLogPrint)(...)`, it is the function above.
 #define VoLogPrint(type, level, ...) \
     (::VARN::IsLogLineWanted(level) ? (VoLogPrint)(type, level, __VA_ARGS__) : ::VARN::DropLogLine())

@@ -8,8 +8,8 @@
 
 namespace VARN {
 
-// The parcel of one request or one reply. A request begins with an interface token, the descriptor of the interface it is
-// meant for, so that a service recognises a message that was meant for another.
+// The parcel of one request or one reply. A request begins with an interface token, the descriptor of the interface it
+// is meant for, so that a service recognises a message that was meant for another.
 class VARN_API MessageParcel : public Parcel {
 public:
     MessageParcel() noexcept = default;
@@ -30,8 +30,8 @@ public:
     // How long a request may take when nobody says otherwise.
     static constexpr int32_t kDefaultWaitTimeSeconds = 8;
 
-    // `waitTimeSeconds` bounds connecting, sending and receiving together. What is not positive means the default, since
-    // an endless wait is never what a caller wants.
+    // `waitTimeSeconds` bounds connecting, sending and receiving together. What is not positive means the default,
+    // since an endless wait is never what a caller wants.
     explicit MessageOption(int32_t flags = TF_SYNC, int32_t waitTimeSeconds = kDefaultWaitTimeSeconds) noexcept
         : flags_(flags), waitTimeSeconds_(waitTimeSeconds > 0 ? waitTimeSeconds : kDefaultWaitTimeSeconds)
     {

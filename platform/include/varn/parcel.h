@@ -14,8 +14,8 @@ namespace VARN {
 
 class Parcel;
 
-// A value that travels in a parcel. A record derives from it and adds a static `T* Unmarshalling(Parcel&)` that returns a
-// new record for the caller to own, or null; `Parcel::ReadParcelable<T>` finds it by that name.
+// A value that travels in a parcel. A record derives from it and adds a static `T* Unmarshalling(Parcel&)` that returns
+// a new record for the caller to own, or null; `Parcel::ReadParcelable<T>` finds it by that name.
 class VARN_API Parcelable : public virtual RefBase {
 public:
     Parcelable() noexcept = default;
@@ -51,9 +51,10 @@ private:
 // Strings may hold zero bytes; the length counts. What a failed operation leaves behind:
 //
 //   read    The cursor and the target are as they were. It fails when the parcel does not hold the whole value, when a
-//           length is negative or longer than what is left, and when the terminator is missing. A length is compared with
-//           the bytes that are there before anything is allocated for it.
-//   write   The parcel is as it was. It fails when the parcel would outgrow its capacity, when a string is longer than an
+//           length is negative or longer than what is left, and when the terminator is missing. A length is compared
+//           with the bytes that are there before anything is allocated for it.
+//   write   The parcel is as it was. It fails when the parcel would outgrow its capacity, when a string is longer than
+//   an
 //           int32 can say, and when memory runs out.
 //
 // The first bytes live inside the object, so a small message needs no heap; beyond that the buffer doubles.
@@ -93,8 +94,8 @@ public:
     std::string ReadString();
     std::u16string ReadString16();
 
-    // Reads the presence and, unless it is 0, the value by `T::Unmarshalling`. Null when it is absent or unreadable; the
-    // cursor then stands where reading stopped.
+    // Reads the presence and, unless it is 0, the value by `T::Unmarshalling`. Null when it is absent or unreadable;
+    // the cursor then stands where reading stopped.
     template <class T>
     sptr<T> ReadParcelable()
     {
@@ -174,7 +175,8 @@ private:
         return true;
     }
 
-    // The text at the cursor, not consumed: null when it is not whole. `length` counts units, `next` is the cursor behind.
+    // The text at the cursor, not consumed: null when it is not whole. `length` counts units, `next` is the cursor
+    // behind.
     template <class Unit>
     const uint8_t* PeekText(size_t& length, size_t& next) const noexcept;
 
@@ -184,7 +186,8 @@ private:
     // How far `size_` may go without a call to `Grow`: never beyond `maxCapacity_`.
     size_t capacity_ = kInlineCapacity;
     size_t maxCapacity_ = kDefaultMaxCapacity;
-    // Whether `data_` is from the heap and ours to free; false for the inline bytes and for bytes lent by the transport.
+    // Whether `data_` is from the heap and ours to free; false for the inline bytes and for bytes lent by the
+    // transport.
     bool ownsHeap_ = false;
     alignas(8) uint8_t inline_[kInlineCapacity];
 };

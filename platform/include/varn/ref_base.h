@@ -11,9 +11,10 @@
 
 namespace VARN {
 
-// The base of everything that is shared by counting its owners: remote objects, proxies, stubs, managers and the records
-// that travel in parcels. The count lives inside the object. An object starts with no owner; the first `sptr` makes it
-// one, and the release of the last deletes it through the virtual destructor, on whichever thread that happens.
+// The base of everything that is shared by counting its owners: remote objects, proxies, stubs, managers and the
+// records that travel in parcels. The count lives inside the object. An object starts with no owner; the first `sptr`
+// makes it one, and the release of the last deletes it through the virtual destructor, on whichever thread that
+// happens.
 //
 // Derive virtually when more than one base of a class may derive from it, so that one object has one count.
 //
@@ -38,9 +39,9 @@ public:
     void IncStrongRef() const noexcept { strongCount_.fetch_add(1, std::memory_order_relaxed); }
 
     // Takes an owner away and deletes the object when that was the last.
-    // Release: what this owner did to the object must happen before its deletion by whoever comes last. Acquire: the last
-    // one must see what all the others did. One read-modify-write carries both, and the chain of them is one release
-    // sequence, so no fence is needed.
+    // Release: what this owner did to the object must happen before its deletion by whoever comes last. Acquire: the
+    // last one must see what all the others did. One read-modify-write carries both, and the chain of them is one
+    // release sequence, so no fence is needed.
     void DecStrongRef() const noexcept
     {
         if (strongCount_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
@@ -48,9 +49,8 @@ public:
         }
     }
 
-    // The number of owners at some moment during the call: for tests and diagnostics, never for decisions, since another
-    // thread may change it before the caller looks.
-    // Relaxed: a lone number with nothing attached.
+    // The number of owners at some moment during the call: for tests and diagnostics, never for decisions, since
+    // another thread may change it before the caller looks. Relaxed: a lone number with nothing attached.
     int32_t StrongCount() const noexcept { return strongCount_.load(std::memory_order_relaxed); }
 
 private:

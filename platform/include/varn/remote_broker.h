@@ -23,13 +23,14 @@ public:
     virtual sptr<IRemoteObject> AsObject() = 0;
 };
 
-// Gives an interface its static `GetDescriptor()`: the name by which requests, stubs and the registry know it. It stands
-// in the public part of the class. The string is made on first use and outlives static destruction of its users' files.
-#define VARN_DECLARE_INTERFACE_DESCRIPTOR(DESCRIPTOR)     \
-    static const std::u16string& GetDescriptor()          \
-    {                                                     \
+// Gives an interface its static `GetDescriptor()`: the name by which requests, stubs and the registry know it. It
+// stands in the public part of the class. The string is made on first use and outlives static destruction of its users'
+// files.
+#define VARN_DECLARE_INTERFACE_DESCRIPTOR(DESCRIPTOR)       \
+    static const std::u16string& GetDescriptor()            \
+    {                                                       \
         static const std::u16string descriptor{DESCRIPTOR}; \
-        return descriptor;                                \
+        return descriptor;                                  \
     }
 
 // What a delegator shows to the registry: where to leave word that the registry is gone.
@@ -64,16 +65,16 @@ public:
     BrokerRegistration(const BrokerRegistration&) = delete;
     BrokerRegistration& operator=(const BrokerRegistration&) = delete;
 
-    // Registers `creator`. False, and no change, when the descriptor or the creator is empty or the descriptor is taken.
-    // `delegator` may be null; if not, it must stay until `Unregister` or the end of the registry.
+    // Registers `creator`. False, and no change, when the descriptor or the creator is empty or the descriptor is
+    // taken. `delegator` may be null; if not, it must stay until `Unregister` or the end of the registry.
     bool Register(const std::u16string& descriptor, const Creator& creator, BrokerDelegatorBase* delegator);
 
     // Forgets the creator. No one makes a proxy with it once this returns. Unknown descriptors are ignored.
     void Unregister(const std::u16string& descriptor);
 
     // Runs the creator that is registered for `descriptor`, for an object of this process just as for a remote one, so
-    // that a request takes the same road through proxy and stub. Null when the object is null, nothing is registered, or
-    // the creator gives null.
+    // that a request takes the same road through proxy and stub. Null when the object is null, nothing is registered,
+    // or the creator gives null.
     sptr<IRemoteBroker> NewInstance(const std::u16string& descriptor, const sptr<IRemoteObject>& object);
 
 private:

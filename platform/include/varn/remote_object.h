@@ -9,8 +9,8 @@
 
 namespace VARN {
 
-// What `IRemoteObject::SendRequest` reports when the platform, not the service, ended a request. A service's own statuses
-// pass through unchanged, so it should keep away from these. Never renumber: they cross the socket.
+// What `IRemoteObject::SendRequest` reports when the platform, not the service, ended a request. A service's own
+// statuses pass through unchanged, so it should keep away from these. Never renumber: they cross the socket.
 enum IpcCode : int32_t {
     IPC_OK = 0,
     IPC_DEAD_OBJECT = -2,      // nobody serves the object, or its process went away before it had answered

@@ -17,8 +17,8 @@ class VARN_API ISystemAbilityManager : public virtual RefBase {
 public:
     ~ISystemAbilityManager() override;
 
-    // The object of service `systemAbilityId`, started if need be. Waits at most `timeoutSeconds` for it to appear, then
-    // returns null.
+    // The object of service `systemAbilityId`, started if need be. Waits at most `timeoutSeconds` for it to appear,
+    // then returns null.
     virtual sptr<IRemoteObject> LoadSystemAbility(int32_t systemAbilityId, int32_t timeoutSeconds) = 0;
 };
 

@@ -27,12 +27,12 @@ public:
     // Takes it back. False when there was none.
     bool RemoveSystemAbility(int32_t id);
 
-    // The object added under the id; else a stand-in for the service on the socket, with a connection that was alive when
-    // it was last looked at. Waits up to the timeout for a socket that does not exist yet or refuses, then returns null
-    // with an error line that says path, step and errno. A folder that is not safe to use (see docs/security.md) or that
-    // this process may not enter is refused at once.
-    // The stand-in keeps its connections for later requests, one for each thread that sends at the same time; it may be
-    // kept and connects afresh when the service has been restarted.
+    // The object added under the id; else a stand-in for the service on the socket, with a connection that was alive
+    // when it was last looked at. Waits up to the timeout for a socket that does not exist yet or refuses, then returns
+    // null with an error line that says path, step and errno. A folder that is not safe to use (see docs/security.md)
+    // or that this process may not enter is refused at once. The stand-in keeps its connections for later requests, one
+    // for each thread that sends at the same time; it may be kept and connects afresh when the service has been
+    // restarted.
     sptr<IRemoteObject> LoadSystemAbility(int32_t systemAbilityId, int32_t timeoutSeconds) override;
 
 private:

@@ -25,8 +25,8 @@ struct Transaction {
     int32_t status;                     // what the service returned, or an IpcCode
 };
 
-// How a server protects itself. Each limit that bites writes one warn line (who, which limit, used, allowed; at most one a
-// second for each limit, with a count of those left out) and ends the connection, which the client sees as
+// How a server protects itself. Each limit that bites writes one warn line (who, which limit, used, allowed; at most
+// one a second for each limit, with a count of those left out) and ends the connection, which the client sees as
 // IPC_DEAD_OBJECT. A 0 in a number means its default.
 struct AbilityServerOptions {
     // Where the socket `<id>.sock` stands. Empty: as the client looks for it, see AbilityManager.
@@ -55,8 +55,8 @@ struct AbilityServerOptions {
     // the memory.
     size_t maxWaitingReplyBytesPerUser = size_t{64} * 1024 * 1024;
 
-    // Told of every request after its reply was handed to the socket, on the worker's thread, by several at once. It must
-    // not throw. Empty: nobody is told, and no clock is read.
+    // Told of every request after its reply was handed to the socket, on the worker's thread, by several at once. It
+    // must not throw. Empty: nobody is told, and no clock is read.
     std::function<void(const Transaction&)> observer;
 };
 
@@ -74,14 +74,15 @@ public:
     AbilityServer(const AbilityServer&) = delete;
     AbilityServer& operator=(const AbilityServer&) = delete;
 
-    // Begins to serve; when it returns true, a client finds the service. False, with an error line that says what is wrong
-    // and where, when the object is null, the server already runs, the folder is missing or unsafe, the path is too long,
-    // another process serves it, or the system refuses.
+    // Begins to serve; when it returns true, a client finds the service. False, with an error line that says what is
+    // wrong and where, when the object is null, the server already runs, the folder is missing or unsafe, the path is
+    // too long, another process serves it, or the system refuses.
     bool Start();
 
     // Ends: takes the socket file away (unless the init system owns it), lets the requests that are running finish and
-    // their replies go out, and closes all connections. Requests that had not begun are not executed. When it returns, no
-    // operation of the service is running and no thread or descriptor of the server is left. Harmless when not started.
+    // their replies go out, and closes all connections. Requests that had not begun are not executed. When it returns,
+    // no operation of the service is running and no thread or descriptor of the server is left. Harmless when not
+    // started.
     void Stop();
 
 private:

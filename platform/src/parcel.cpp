@@ -1,0 +1,192 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varn/parcel.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "parcel_buffer.h"
+#include "varn/message_parcel.h"
+
+namespace VARN {
+
+Parcelable::~Parcelable() = default;
+
+MessageParcel::~MessageParcel() = default;
+
+Parcel::~Parcel()
+{
+    if (ownsHeap_) {
+        std::free(data_);
+    }
+}
+
+bool Parcel::WriteParcelable(const Parcelable* value)
+{
+    if (value == nullptr) {
+        return WriteInt32(0);
+    }
+    return WriteInt32(1) && value->Marshalling(*this);
+}
+
+bool Parcel::ReadBool(bool& value)
+{
+    int32_t word = 0;
+    if (!ReadInt32(word)) {
+        return false;
+    }
+    value = word != 0;
+    return true;
+}
+
+template <class Unit>
+const uint8_t* Parcel::PeekText(size_t& length, size_t& next) const noexcept
+{
+    int32_t count = 0;
+    if (GetReadableBytes() < sizeof(count)) {
+        return nullptr;
+    }
+    const uint8_t* text = data_ + cursor_ + sizeof(count);
+    std::memcpy(&count, data_ + cursor_, sizeof(count));
+    const size_t room = GetReadableBytes() - sizeof(count);
+    // A hostile length must not overflow the sum below: more units than there are bytes are too many in any case.
+    if (count < 0 || static_cast<size_t>(count) > room) {
+        return nullptr;
+    }
+    length = static_cast<size_t>(count);
+    const size_t padded = Align((length + 1) * sizeof(Unit));
+    if (padded > room) {
+        return nullptr;
+    }
+    Unit terminator;
+    std::memcpy(&terminator, text + length * sizeof(Unit), sizeof(terminator));
+    if (terminator != 0) {
+        return nullptr;
+    }
+    next = cursor_ + sizeof(count) + padded;
+    return text;
+}
+
+bool Parcel::ReadString(std::string& value)
+{
+    size_t length = 0;
+    size_t next = 0;
+    const uint8_t* text = PeekText<char>(length, next);
+    if (text == nullptr) {
+        return false;
+    }
+    value.assign(reinterpret_cast<const char*>(text), length);
+    cursor_ = next;
+    return true;
+}
+
+bool Parcel::ReadString16(std::u16string& value)
+{
+    size_t length = 0;
+    size_t next = 0;
+    const uint8_t* text = PeekText<char16_t>(length, next);
+    if (text == nullptr) {
+        return false;
+    }
+    value.resize(length);
+    std::memcpy(value.data(), text, length * sizeof(char16_t));
+    cursor_ = next;
+    return true;
+}
+
+bool Parcel::ReadBool()
+{
+    bool value = false;
+    ReadBool(value);
+    return value;
+}
+
+int32_t Parcel::ReadInt32()
+{
+    int32_t value = 0;
+    ReadInt32(value);
+    return value;
+}
+
+int64_t Parcel::ReadInt64()
+{
+    int64_t value = 0;
+    ReadInt64(value);
+    return value;
+}
+
+std::string Parcel::ReadString()
+{
+    std::string value;
+    ReadString(value);
+    return value;
+}
+
+std::u16string Parcel::ReadString16()
+{
+    std::u16string value;
+    ReadString16(value);
+    return value;
+}
+
+bool Parcel::SetMaxCapacity(size_t bytes) noexcept
+{
+    if (bytes < size_) {
+        return false;
+    }
+    maxCapacity_ = bytes;
+    capacity_ = std::min(capacity_, bytes);
+    return true;
+}
+
+bool Parcel::Grow(size_t bytes) noexcept
+{
+    if (bytes > maxCapacity_ - size_) {
+        return false;
+    }
+    // Doubling keeps the cost of a long series of small writes linear.
+    const size_t doubled = capacity_ > maxCapacity_ / 2 ? maxCapacity_ : capacity_ * 2;
+    const size_t capacity = std::max(size_ + bytes, doubled);
+    auto* data = static_cast<uint8_t*>(ownsHeap_ ? std::realloc(data_, capacity) : std::malloc(capacity));
+    if (data == nullptr) {
+        return false;
+    }
+    if (!ownsHeap_) {
+        std::memcpy(data, data_, size_);
+    }
+    data_ = data;
+    capacity_ = capacity;
+    ownsHeap_ = true;
+    return true;
+}
+
+void ParcelBuffer::Clear(Parcel& parcel, size_t keptCapacity) noexcept
+{
+    if (parcel.ownsHeap_ && parcel.capacity_ > keptCapacity) {
+        std::free(parcel.data_);
+        parcel.ownsHeap_ = false;
+    }
+    if (!parcel.ownsHeap_) {
+        parcel.data_ = parcel.inline_;
+        parcel.capacity_ = std::min(Parcel::kInlineCapacity, parcel.maxCapacity_);
+    }
+    parcel.size_ = 0;
+    parcel.cursor_ = 0;
+}
+
+void ParcelBuffer::Lend(Parcel& parcel, uint8_t* bytes, size_t size) noexcept
+{
+    Clear(parcel, 0);
+    parcel.data_ = bytes;
+    parcel.size_ = size;
+    parcel.capacity_ = size;
+}
+
+uint8_t* ParcelBuffer::Space(Parcel& parcel, size_t bytes) noexcept
+{
+    if (bytes > parcel.capacity_ - parcel.size_ && !parcel.Grow(bytes)) {
+        return nullptr;
+    }
+    return parcel.data_ + parcel.size_;
+}
+
+}  // namespace VARN

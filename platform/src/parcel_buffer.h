@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "varn/parcel.h"
+
+namespace VARN {
+
+// How a transport gets at a parcel's bytes without copying them: for the platform's own use.
+class ParcelBuffer {
+public:
+    static const uint8_t* Data(const Parcel& parcel) noexcept { return parcel.data_; }
+
+    // Empties the parcel. A heap buffer of up to `keptCapacity` bytes is kept for the next use.
+    static void Clear(Parcel& parcel, size_t keptCapacity) noexcept;
+
+    // Lets the parcel read `bytes` where they are. They must outlive its use or the next `Clear`; a write copies them
+    // first, so they are never changed.
+    static void Lend(Parcel& parcel, uint8_t* bytes, size_t size) noexcept;
+
+    // Room for `bytes` more bytes at the end, not yet part of the parcel; null when they do not fit or memory runs out.
+    static uint8_t* Space(Parcel& parcel, size_t bytes) noexcept;
+
+    // Makes the first `bytes` bytes of that room part of the parcel.
+    static void Commit(Parcel& parcel, size_t bytes) noexcept { parcel.size_ += bytes; }
+};
+
+}  // namespace VARN

@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varn/system_ability_manager.h"
+
+#include <utility>
+
+#include "platform_hooks.h"
+
+namespace VARN {
+
+ISystemAbilityManager::~ISystemAbilityManager() = default;
+
+SystemAbilityManagerClient::SystemAbilityManagerClient() : manager_(DefaultSystemAbilityManager()) {}
+
+SystemAbilityManagerClient& SystemAbilityManagerClient::GetInstance()
+{
+    static SystemAbilityManagerClient client;
+    return client;
+}
+
+sptr<ISystemAbilityManager> SystemAbilityManagerClient::GetSystemAbilityManager()
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return manager_;
+}
+
+void SystemAbilityManagerClient::SetSystemAbilityManager(sptr<ISystemAbilityManager> manager)
+{
+    // The old manager goes after the lock does: its destructor is somebody else's code.
+    const std::lock_guard<std::mutex> lock(mutex_);
+    manager_.Swap(manager);
+}
+
+}  // namespace VARN
