@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "varn/export.h"
@@ -91,7 +92,8 @@ private:
     const int32_t id_;
     const sptr<IPCObjectStub> stub_;
     const AbilityServerOptions options_;
-    std::unique_ptr<Engine> engine_;
+    std::mutex mutex_;
+    std::unique_ptr<Engine> engine_;  // guarded by mutex_; null when stopped
 };
 
 }  // namespace VARN::Host

@@ -1,0 +1,361 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/channel.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "host/socket_folder.h"
+#include "parcel_buffer.h"
+#include "platform_log.h"
+
+namespace VARN::Host {
+
+namespace {
+
+// Connections that are kept for later. More are made while more threads send at once, and closed afterwards: every one
+// counts against what the service allows this user.
+constexpr size_t MAX_IDLE_LINKS = 8;
+
+// What the first receive of a reply takes in one system call; most replies are shorter.
+constexpr size_t FIRST_PIECE_SIZE = 16384;
+
+// Room for what is still to come of a reply: memory grows with what was received, not with what was announced, so that
+// a hostile service cannot make the client allocate more than it sends.
+constexpr size_t FIRST_ROOM_SIZE = 65536;
+
+// Waits for the socket. 0, ETIMEDOUT or another errno.
+int Wait(int fd, short events, const Deadline& deadline)
+{
+    pollfd entry = {fd, events, 0};
+    for (;;) {
+        const int left = deadline.LeftMilliseconds();
+        const int ready = ::poll(&entry, 1, left);
+        if (ready > 0) {
+            return 0;
+        }
+        if (ready == 0) {
+            if (left == 0) {
+                return ETIMEDOUT;
+            }
+        } else if (errno != EINTR) {
+            return errno;
+        }
+    }
+}
+
+// Whether an idle connection can carry a request: the peer has neither closed it nor said anything unasked.
+bool IsAlive(int fd)
+{
+    char byte = 0;
+    ssize_t got = 0;
+    do {
+        got = ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    } while (got < 0 && errno == EINTR);
+    if (got > 0) {
+        PLATFORM_ERROR("a service sent bytes that nobody had asked for; the connection is dropped");
+    }
+    return got < 0 && errno == EAGAIN;
+}
+
+int32_t ToIpcCode(int error)
+{
+    switch (error) {
+        case ETIMEDOUT:
+            return IPC_TIMED_OUT;
+        case ENOMEM:
+        case ENOBUFS:
+            return IPC_NO_MEMORY;
+        case EPROTO:
+            return IPC_PROTOCOL_ERROR;
+        case EMSGSIZE:
+            return IPC_TOO_LARGE;
+        default:
+            return IPC_DEAD_OBJECT;
+    }
+}
+
+}  // namespace
+
+// One request and its reply on one connection. The steps return 0 or an errno and say in `reason` what is behind it.
+struct Channel::Exchange {
+    Exchange(int connection, const Deadline& end) : fd(connection), deadline(end) {}
+
+    const int fd;
+    const Deadline deadline;
+    std::string reason;
+
+    int Send(FrameHeader& header, const MessageParcel& data);
+    int Receive(uint32_t code, MessageParcel& reply, int32_t& status);
+
+private:
+    bool waited = false;  // part of the time is gone, so that SO_RCVTIMEO would allow too much
+
+    int ReceiveSome(void* to, size_t room, size_t& got, int flags);
+    int ReceiveHeader(uint8_t* piece, size_t room, size_t& got);
+    int ReceiveRest(MessageParcel& reply, size_t length);
+    int Fail(int error, const char* what)
+    {
+        reason = what;
+        return error;
+    }
+};
+
+int Channel::Exchange::Send(FrameHeader& header, const MessageParcel& data)
+{
+    std::array<iovec, 2> pieces{
+        {{&header, sizeof(header)}, {const_cast<uint8_t*>(ParcelBuffer::Data(data)), data.GetDataSize()}}};
+    msghdr message = {};
+    message.msg_iov = pieces.data();
+    message.msg_iovlen = pieces.size();
+    size_t left = pieces[0].iov_len + pieces[1].iov_len;
+    for (;;) {
+        const ssize_t sent = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0 && errno != EINTR && errno != EAGAIN) {
+            return errno;
+        }
+        const bool full = sent < 0 && errno == EAGAIN;
+        size_t done = sent < 0 ? 0 : static_cast<size_t>(sent);
+        left -= done;
+        if (left == 0) {
+            return 0;
+        }
+        for (iovec& piece : pieces) {
+            const size_t part = std::min(done, piece.iov_len);
+            piece.iov_base = static_cast<uint8_t*>(piece.iov_base) + part;
+            piece.iov_len -= part;
+            done -= part;
+        }
+        waited = true;
+        const int error = full ? Wait(fd, POLLOUT, deadline) : (deadline.IsOver() ? ETIMEDOUT : 0);
+        if (error != 0) {
+            return error;
+        }
+    }
+}
+
+// Receives what is there, waiting for the first byte. End of file is an error here.
+int Channel::Exchange::ReceiveSome(void* to, size_t room, size_t& got, int flags)
+{
+    for (;;) {
+        const ssize_t received = ::recv(fd, to, room, flags);
+        if (received > 0) {
+            got = static_cast<size_t>(received);
+            return 0;
+        }
+        if (received == 0) {
+            return Fail(ECONNRESET, "the service closed the connection");
+        }
+        if (errno == EAGAIN || errno == EINTR) {
+            const int error = Wait(fd, POLLIN, deadline);
+            if (error != 0) {
+                return error;
+            }
+            flags = MSG_DONTWAIT;
+        } else {
+            return errno;
+        }
+    }
+}
+
+int Channel::Exchange::ReceiveHeader(uint8_t* piece, size_t room, size_t& got)
+{
+    // The first receive blocks, which saves a poll; SO_RCVTIMEO bounds it.
+    int error = ReceiveSome(piece, room, got, waited ? MSG_DONTWAIT : 0);
+    while (error == 0 && got < FRAME_HEADER_SIZE) {
+        size_t more = 0;
+        error = deadline.IsOver() ? ETIMEDOUT : ReceiveSome(piece + got, room - got, more, MSG_DONTWAIT);
+        got += more;
+    }
+    return error;
+}
+
+int Channel::Exchange::ReceiveRest(MessageParcel& reply, size_t length)
+{
+    while (reply.GetDataSize() < length) {
+        const size_t room = std::min(length - reply.GetDataSize(), std::max(reply.GetDataSize(), FIRST_ROOM_SIZE));
+        uint8_t* space = ParcelBuffer::Space(reply, room);
+        if (space == nullptr) {
+            return Fail(ENOMEM, "no memory for the reply");
+        }
+        size_t got = 0;
+        const int error = deadline.IsOver() ? ETIMEDOUT : ReceiveSome(space, room, got, MSG_DONTWAIT);
+        if (error != 0) {
+            return error;
+        }
+        ParcelBuffer::Commit(reply, got);
+    }
+    return 0;
+}
+
+int Channel::Exchange::Receive(uint32_t code, MessageParcel& reply, int32_t& status)
+{
+    alignas(FrameHeader) uint8_t piece[FIRST_PIECE_SIZE];
+    size_t got = 0;
+    const int error = ReceiveHeader(piece, sizeof(piece), got);
+    if (error != 0) {
+        return error;
+    }
+    FrameHeader header;
+    std::memcpy(&header, piece, sizeof(header));
+    const char* wrong = header.Check(FrameKind::REPLY);
+    if (wrong == nullptr && header.code != code) {
+        wrong = "it answers another request";
+    }
+    got -= sizeof(header);
+    if (wrong == nullptr && got > header.length) {
+        wrong = "there are bytes behind it";
+    }
+    if (wrong != nullptr) {
+        return Fail(EPROTO, wrong);
+    }
+    if (header.length > ParcelBuffer::MaxCapacity(reply)) {
+        return Fail(EMSGSIZE, "the reply is longer than a parcel may be");
+    }
+    ParcelBuffer::Clear(reply, 0);
+    uint8_t* space = ParcelBuffer::Space(reply, got);
+    if (space == nullptr) {
+        return Fail(ENOMEM, "no memory for the reply");
+    }
+    std::memcpy(space, piece + sizeof(header), got);
+    ParcelBuffer::Commit(reply, got);
+    status = header.status;
+    return ReceiveRest(reply, header.length);
+}
+
+Channel::Channel(std::string directory, int32_t id)
+    : directory_(std::move(directory)), path_(SocketPath(directory_, id))
+{
+}
+
+bool Channel::IsObjectDead() const
+{
+    return dead_.load(std::memory_order_relaxed);
+}
+
+int Channel::Connect(Link& link, std::string& problem) const
+{
+    sockaddr_un address;
+    problem = MakeSocketAddress(path_, address);
+    if (!problem.empty()) {
+        return ENAMETOOLONG;
+    }
+    const int unsafe = CheckSocketFolder(directory_, problem);
+    if (unsafe != 0) {
+        return unsafe;
+    }
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd) {
+        const int error = errno;
+        problem = "a socket cannot be made: " + ErrorText(error);
+        return error;
+    }
+    // Non-blocking, since a service that accepts nothing would hold a blocking connect for ever.
+    int result = 0;
+    do {
+        result = ::connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    } while (result != 0 && errno == EINTR);
+    if (result != 0 || ::fcntl(fd.Get(), F_SETFL, 0) != 0) {
+        const int error = errno;
+        problem = "connect to " + path_ + ": " + ErrorText(error);
+        return error;
+    }
+    link = Link();
+    link.fd = LinkFd(std::move(fd));
+    return 0;
+}
+
+bool Channel::TakeIdle(Link& link)
+{
+    const MutexLock lock(clientMutex);
+    if (idle_.empty()) {
+        return false;
+    }
+    link = std::move(idle_.back());
+    idle_.pop_back();
+    return true;
+}
+
+void Channel::GiveBack(Link&& link)
+{
+    const MutexLock lock(clientMutex);
+    if (idle_.size() < MAX_IDLE_LINKS) {
+        idle_.push_back(std::move(link));
+    }
+}
+
+int Channel::Prepare(std::string& problem)
+{
+    Link link;
+    while (TakeIdle(link)) {
+        if (link.fd.IsOurs() && IsAlive(link.fd.Get())) {
+            link.checked = true;
+            GiveBack(std::move(link));
+            return 0;
+        }
+    }
+    const int error = Connect(link, problem);
+    dead_.store(error != 0, std::memory_order_relaxed);
+    if (error == 0) {
+        link.checked = true;
+        GiveBack(std::move(link));
+    }
+    return error;
+}
+
+int32_t Channel::Report(uint32_t code, const char* step, int32_t ipcCode, const std::string& reason)
+{
+    dead_.store(ipcCode == IPC_DEAD_OBJECT, std::memory_order_relaxed);
+    PLATFORM_ERROR("request %u to %s failed while %s: %s", code, path_.c_str(), step, reason.c_str());
+    return ipcCode;
+}
+
+int32_t Channel::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
+{
+    const Deadline deadline(std::chrono::seconds(option.GetWaitTime()));
+    Link link;
+    bool taken = TakeIdle(link);
+    while (taken && !(link.fd.IsOurs() && (std::exchange(link.checked, false) || IsAlive(link.fd.Get())))) {
+        taken = TakeIdle(link);
+    }
+    if (!taken) {
+        std::string problem;
+        const int error = Connect(link, problem);
+        if (error != 0) {
+            return Report(code, "connecting", ToIpcCode(error), problem);
+        }
+    }
+    Exchange exchange(link.fd.Get(), deadline);
+    if (link.waitTimeSeconds != option.GetWaitTime()) {
+        timeval limit = {};
+        limit.tv_sec = option.GetWaitTime();
+        ::setsockopt(link.fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+        link.waitTimeSeconds = option.GetWaitTime();
+    }
+    FrameHeader header;
+    header.code = code;
+    header.length = static_cast<uint32_t>(data.GetDataSize());
+    const char* step = "sending";
+    int error = header.length == data.GetDataSize() ? exchange.Send(header, data) : EMSGSIZE;
+    int32_t status = 0;
+    if (error == 0) {
+        step = "receiving";
+        error = exchange.Receive(code, reply, status);
+    }
+    if (error != 0) {
+        ParcelBuffer::Clear(reply, 0);
+        return Report(code, step, ToIpcCode(error), exchange.reason.empty() ? ErrorText(error) : exchange.reason);
+    }
+    dead_.store(false, std::memory_order_relaxed);
+    GiveBack(std::move(link));
+    return status;
+}
+
+}  // namespace VARN::Host

@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <climits>
+
+namespace VARN::Host {
+
+// A point in time by which something has to be over, whatever it consists of.
+class Deadline {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    explicit Deadline(Clock::duration fromNow) : end_(Clock::now() + fromNow) {}
+
+    // What is left, for poll(2): 0 when it is over, rounded up, so that waiting that long reaches it.
+    int LeftMilliseconds() const
+    {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now()).count();
+        return static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
+    }
+    bool IsOver() const { return Clock::now() >= end_; }
+
+private:
+    Clock::time_point end_;
+};
+
+}  // namespace VARN::Host

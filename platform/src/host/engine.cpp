@@ -1,0 +1,430 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/engine.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <new>
+#include <system_error>
+#include <utility>
+
+#include "host/deadline.h"
+#include "host/socket_folder.h"
+#include "platform_log.h"
+
+namespace VARN::Host {
+
+namespace {
+
+constexpr uint64_t STOP_TOKEN = UINT64_MAX;
+constexpr uint32_t INPUT_EVENTS = EPOLLIN | EPOLLRDHUP | EPOLLET;
+constexpr uint32_t OUTPUT_EVENTS = EPOLLOUT | EPOLLRDHUP | EPOLLET;
+// A socket is nearly always writable, so arming for both brings the next turn at once.
+constexpr uint32_t TURN_EVENTS = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+
+constexpr int64_t NEVER = INT64_MAX;
+constexpr int64_t NANOSECONDS_PER_MILLISECOND = 1'000'000;
+
+// A connection that is over its time but owned by a worker is looked at again after this.
+constexpr int64_t RECHECK_NANOSECONDS = 20 * NANOSECONDS_PER_MILLISECOND;
+
+// When descriptors or memory ran out, accepting is tried again after this, or when a connection ends.
+constexpr int ACCEPT_PAUSE_MILLISECONDS = 100;
+
+// What a peer gets to read a reply that waits when the server stops.
+constexpr std::chrono::seconds DRAIN_TIME{2};
+
+thread_local bool isEngineThread = false;
+
+int64_t Now()
+{
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+}
+
+uint64_t MakeToken(uint32_t generation, uint32_t index)
+{
+    return uint64_t{generation} << 32 | index;
+}
+
+}  // namespace
+
+AbilityServer::Engine::Engine(int32_t id, const sptr<IPCObjectStub>& stub, const AbilityServerOptions& options)
+    : id_(id), context_{stub, options, RefusalLog(id)}, slots_(new Slot[options.maxConnections])
+{
+    freeSlots_.reserve(options.maxConnections);
+}
+
+AbilityServer::Engine::~Engine()
+{
+    Stop();
+}
+
+bool AbilityServer::Engine::IsWorker() noexcept
+{
+    return isEngineThread;
+}
+
+std::string AbilityServer::Engine::Start()
+{
+    std::string problem = listener_.Open(context_.options.directory, id_);
+    if (!problem.empty()) {
+        return problem;
+    }
+    epoll_ = UniqueFd(::epoll_create1(EPOLL_CLOEXEC));
+    stopEvent_ = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    wakeEvent_ = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    epoll_event stop = {};
+    stop.events = EPOLLIN;
+    stop.data.u64 = STOP_TOKEN;
+    if (!epoll_ || !stopEvent_ || !wakeEvent_ ||
+        ::epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, stopEvent_.Get(), &stop) != 0) {
+        return "the descriptors of the server cannot be made: " + ErrorText(errno);
+    }
+    // Signals are the program's own threads' business.
+    sigset_t all;
+    sigset_t before;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    try {
+        threads_.emplace_back(&Engine::RunThread, this, &Engine::Watch);
+        for (size_t worker = 0; worker < context_.options.workers; ++worker) {
+            threads_.emplace_back(&Engine::RunThread, this, &Engine::Work);
+        }
+    } catch (const std::system_error& error) {
+        problem = std::string("a thread cannot be started: ") + error.what();
+    }
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return problem;
+}
+
+void AbilityServer::Engine::Stop()
+{
+    // The files go first, so that nobody finds a server that is about to go; the socket when nobody polls it any more.
+    listener_.Withdraw();
+    // Relaxed: the write to the event orders it.
+    stopping_.store(true, std::memory_order_relaxed);
+    if (stopEvent_) {
+        ::eventfd_write(stopEvent_.Get(), 1);
+        Wake();
+    }
+    for (std::thread& thread : threads_) {
+        thread.join();
+    }
+    threads_.clear();
+    DrainOutput();
+    listener_.Close();
+    const uint32_t used = CountUsedSlots();
+    for (uint32_t index = 0; index < used; ++index) {
+        if (slots_[index].AcquireIdle()) {
+            CloseConnection(index);
+        }
+    }
+}
+
+void AbilityServer::Engine::RunThread(void (Engine::*loop)())
+{
+    isEngineThread = true;
+    (this->*loop)();
+}
+
+void AbilityServer::Engine::Work()
+{
+    WorkerBuffers buffers;
+    while (!stopping_.load(std::memory_order_relaxed)) {
+        // One event at a time: what waits behind a slow operation is there for the other workers to take.
+        epoll_event event = {};
+        const int count = ::epoll_wait(epoll_.Get(), &event, 1, -1);
+        if (count == 1 && event.data.u64 != STOP_TOKEN) {
+            HandleEvent(event.data.u64, event.events, buffers);
+        } else if (count < 0 && errno != EINTR) {
+            PLATFORM_ERROR("service %d: a worker ends: epoll_wait: %s", id_, ErrorText(errno).c_str());
+            return;
+        }
+    }
+}
+
+void AbilityServer::Engine::HandleEvent(uint64_t token, uint32_t events, WorkerBuffers& buffers)
+{
+    const auto index = static_cast<uint32_t>(token);
+    Slot& slot = slots_[index];
+    if (!slot.Acquire(static_cast<uint32_t>(token >> 32))) {
+        return;
+    }
+    bool hangUp = (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
+    do {
+        const Connection::Next next = ServeOnce(slot, buffers, hangUp);
+        WatchFor(slot.deadline.load());
+        if (next == Connection::Next::CLOSE || !Arm(index, next)) {
+            CloseConnection(index);
+            return;
+        }
+        // Whatever word was left may have been of a hang-up.
+        hangUp = true;
+    } while (!slot.Release());
+}
+
+Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buffers, bool hangUp)
+{
+    // The service's own exceptions never get here; an observer's or a failed allocation may.
+    try {
+        return slot.connection->Serve(context_, buffers, hangUp);
+    } catch (const std::exception& exception) {
+        PLATFORM_ERROR("service %d: a connection of uid %u is dropped: %s", id_, slot.connection->GetCaller().uid,
+                       exception.what());
+    } catch (...) {
+        PLATFORM_ERROR("service %d: a connection of uid %u is dropped: unknown exception", id_,
+                       slot.connection->GetCaller().uid);
+    }
+    return Connection::Next::CLOSE;
+}
+
+bool AbilityServer::Engine::Arm(uint32_t index, Connection::Next next)
+{
+    Connection& connection = *slots_[index].connection;
+    epoll_event event = {};
+    event.events = next == Connection::Next::INPUT    ? INPUT_EVENTS
+                   : next == Connection::Next::OUTPUT ? OUTPUT_EVENTS
+                                                      : TURN_EVENTS;
+    if (event.events == connection.armedEvents && next != Connection::Next::TURN) {
+        return true;
+    }
+    connection.armedEvents = event.events;
+    event.data.u64 = MakeToken(slots_[index].GetGeneration(), index);
+    return ::epoll_ctl(epoll_.Get(), EPOLL_CTL_MOD, connection.GetFd(), &event) == 0;
+}
+
+void AbilityServer::Engine::CloseConnection(uint32_t index)
+{
+    Slot& slot = slots_[index];
+    const Caller caller = slot.connection->GetCaller();
+    UserAccount& account = slot.connection->GetAccount();
+    slot.connection.reset();
+    slot.Free();
+    Uncount(caller, account, index);
+    if (acceptPaused_.load(std::memory_order_relaxed)) {
+        Wake();
+    }
+}
+
+// Where the connection is counted and which place it gets; nothing, after a line, when there is no place for it.
+UserAccount* AbilityServer::Engine::Count(const Caller& caller, uint32_t& index)
+{
+    const AbilityServerOptions& options = context_.options;
+    size_t ofUser = 0;
+    {
+        const MutexLock lock(mutex_);
+        std::unique_ptr<UserAccount>& account = accounts_[caller.uid];
+        if (!account) {
+            account = std::make_unique<UserAccount>();
+        }
+        ofUser = account->connections;
+        const bool full = freeSlots_.empty() && usedSlots_ == options.maxConnections;
+        if (!full && ofUser < options.maxConnectionsPerUser) {
+            ++account->connections;
+            if (freeSlots_.empty()) {
+                freeSlots_.push_back(usedSlots_++);
+            }
+            index = freeSlots_.back();
+            freeSlots_.pop_back();
+            return account.get();
+        }
+        if (ofUser == 0) {
+            accounts_.erase(caller.uid);
+        }
+    }
+    if (ofUser >= options.maxConnectionsPerUser) {
+        context_.refusals.Report(Limit::CONNECTIONS_PER_USER, caller, ofUser, options.maxConnectionsPerUser);
+    } else {
+        context_.refusals.Report(Limit::CONNECTIONS, caller, options.maxConnections, options.maxConnections);
+    }
+    return nullptr;
+}
+
+void AbilityServer::Engine::Uncount(const Caller& caller, UserAccount& account, uint32_t index)
+{
+    const MutexLock lock(mutex_);
+    freeSlots_.push_back(index);
+    if (--account.connections == 0) {
+        accounts_.erase(caller.uid);
+    }
+}
+
+void AbilityServer::Engine::Admit(UniqueFd fd)
+{
+    ucred peer = {};
+    socklen_t size = sizeof(peer);
+    if (::getsockopt(fd.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+        PLATFORM_ERROR("service %d: a peer has no identity: %s", id_, ErrorText(errno).c_str());
+        return;
+    }
+    const Caller caller{peer.pid, peer.uid, peer.gid};
+    uint32_t index = 0;
+    UserAccount* account = Count(caller, index);
+    if (account == nullptr) {
+        return;
+    }
+    Slot& slot = slots_[index];
+    epoll_event event = {};
+    event.events = INPUT_EVENTS;
+    event.data.u64 = MakeToken(slot.GetGeneration(), index);
+    const int number = fd.Get();
+    slot.connection.reset(new (std::nothrow) Connection(std::move(fd), caller, *account, slot.deadline));
+    if (!slot.connection) {
+        PLATFORM_ERROR("service %d: no memory for a connection of uid %u", id_, caller.uid);
+        Uncount(caller, *account, index);
+        return;
+    }
+    slot.connection->armedEvents = INPUT_EVENTS;
+    slot.Open();
+    if (::epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, number, &event) != 0 && slot.AcquireIdle()) {
+        PLATFORM_ERROR("service %d: a connection cannot be watched: %s", id_, ErrorText(errno).c_str());
+        CloseConnection(index);
+    }
+}
+
+void AbilityServer::Engine::AcceptAll()
+{
+    while (!stopping_.load(std::memory_order_relaxed)) {
+        UniqueFd fd(::accept4(listener_.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        const int error = errno;
+        if (fd) {
+            try {
+                Admit(std::move(fd));
+            } catch (const std::bad_alloc&) {
+                PLATFORM_ERROR("service %d: no memory for a connection", id_);
+            }
+            continue;
+        }
+        if (error == EAGAIN) {
+            return;
+        }
+        if (error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS) {
+            context_.refusals.Report(Limit::DESCRIPTORS, CurrentCaller(), 0, 0, ErrorText(error).c_str());
+            acceptPaused_.store(true, std::memory_order_relaxed);
+            return;
+        }
+        // Any other error is of the one connection that was about to be accepted.
+        if (error != EINTR && error != ECONNABORTED) {
+            PLATFORM_ERROR("service %d: accept: %s", id_, ErrorText(error).c_str());
+            acceptPaused_.store(true, std::memory_order_relaxed);
+            return;
+        }
+    }
+}
+
+void AbilityServer::Engine::Watch()
+{
+    while (!stopping_.load(std::memory_order_relaxed)) {
+        const int64_t next = EndOverdue();
+        int timeout = -1;
+        if (next != NEVER) {
+            const int64_t left = std::max<int64_t>(next - Now(), 0) / NANOSECONDS_PER_MILLISECOND + 1;
+            timeout = static_cast<int>(std::min<int64_t>(left, INT_MAX));
+        }
+        const bool paused = acceptPaused_.load(std::memory_order_relaxed);
+        if (paused) {
+            timeout = timeout < 0 ? ACCEPT_PAUSE_MILLISECONDS : std::min(timeout, ACCEPT_PAUSE_MILLISECONDS);
+        }
+        // While accepting pauses, the socket would be readable all the time; poll ignores negative descriptors.
+        std::array<pollfd, 2> entries{{{wakeEvent_.Get(), POLLIN, 0}, {paused ? -1 : listener_.Get(), POLLIN, 0}}};
+        ::poll(entries.data(), entries.size(), timeout);
+        if (entries[0].revents != 0) {
+            eventfd_t ignored = 0;
+            ::eventfd_read(wakeEvent_.Get(), &ignored);
+        }
+        acceptPaused_.store(false, std::memory_order_relaxed);
+        if ((entries[1].revents != 0 || paused) && !stopping_.load(std::memory_order_relaxed)) {
+            AcceptAll();
+        }
+    }
+}
+
+void AbilityServer::Engine::WatchFor(int64_t deadline)
+{
+    if (deadline != 0 && deadline < nextLook_.load()) {
+        Wake();
+    }
+}
+
+int64_t AbilityServer::Engine::EndOverdue()
+{
+    nextLook_.store(NEVER);
+    const uint32_t used = CountUsedSlots();
+    const int64_t now = Now();
+    int64_t next = NEVER;
+    for (uint32_t index = 0; index < used; ++index) {
+        Slot& slot = slots_[index];
+        const int64_t deadline = slot.deadline.load();
+        if (deadline == 0) {
+            continue;
+        }
+        if (deadline > now) {
+            next = std::min(next, deadline);
+        } else if (!slot.AcquireIdle()) {
+            next = std::min(next, now + RECHECK_NANOSECONDS);
+        } else if (slot.deadline.load() == deadline) {
+            const bool reply = slot.connection->HasOutput();
+            const std::chrono::milliseconds allowed =
+                reply ? context_.options.replyTimeout : context_.options.stallTimeout;
+            const int64_t taken = allowed.count() + (now - deadline) / NANOSECONDS_PER_MILLISECOND;
+            context_.refusals.Report(reply ? Limit::REPLY_TIME : Limit::REQUEST_TIME, slot.connection->GetCaller(),
+                                     static_cast<uint64_t>(taken), static_cast<uint64_t>(allowed.count()));
+            CloseConnection(index);
+        } else {
+            // It has moved on in the meantime.
+            LetGo(index);
+            next = now;
+        }
+    }
+    nextLook_.store(next);
+    return next;
+}
+
+void AbilityServer::Engine::DrainOutput()
+{
+    const Deadline end(DRAIN_TIME);
+    const uint32_t used = CountUsedSlots();
+    for (uint32_t index = 0; index < used; ++index) {
+        Slot& slot = slots_[index];
+        if (!slot.AcquireIdle()) {
+            continue;
+        }
+        while (slot.connection->Flush() == Connection::Next::OUTPUT && !end.IsOver()) {
+            pollfd entry = {slot.connection->GetFd(), POLLOUT, 0};
+            ::poll(&entry, 1, end.LeftMilliseconds());
+        }
+        slot.Release();
+    }
+}
+
+// Gives back a connection that was acquired without an event. Whatever event was missed meanwhile is made to come
+// again.
+void AbilityServer::Engine::LetGo(uint32_t index)
+{
+    do {
+        Arm(index, Connection::Next::TURN);
+    } while (!slots_[index].Release());
+}
+
+uint32_t AbilityServer::Engine::CountUsedSlots()
+{
+    const MutexLock lock(mutex_);
+    return usedSlots_;
+}
+
+void AbilityServer::Engine::Wake() const
+{
+    ::eventfd_write(wakeEvent_.Get(), 1);
+}
+
+}  // namespace VARN::Host

@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "host/connection.h"
+#include "host/listener.h"
+#include "host/slot.h"
+#include "host/thread_safety.h"
+#include "host/unique_fd.h"
+
+namespace VARN::Host {
+
+// The threads of a server. One accepts connections and watches deadlines; the workers wait together on one epoll set
+// with edge triggers, and whoever gets an event serves that connection until there is nothing left to do without
+// waiting. An idle request costs the three system calls that wait, receive and send; there is no hand-over between
+// threads.
+class AbilityServer::Engine {
+public:
+    Engine(int32_t id, const sptr<IPCObjectStub>& stub, const AbilityServerOptions& options);
+    ~Engine();
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
+
+    // Empty on success, else what is wrong.
+    std::string Start();
+    void Stop();
+
+    // Whether the calling thread belongs to an engine: it cannot wait for itself to end.
+    static bool IsWorker() noexcept;
+
+private:
+    void RunThread(void (Engine::*loop)());
+    void Work();
+    void Watch();
+
+    void AcceptAll();
+    void Admit(UniqueFd fd);
+    UserAccount* Count(const Caller& caller, uint32_t& index);
+    void Uncount(const Caller& caller, UserAccount& account, uint32_t index);
+    void HandleEvent(uint64_t token, uint32_t events, WorkerBuffers& buffers);
+    Connection::Next ServeOnce(Slot& slot, WorkerBuffers& buffers, bool hangUp);
+    bool Arm(uint32_t index, Connection::Next next);
+    void CloseConnection(uint32_t index);
+    void LetGo(uint32_t index);
+    uint32_t CountUsedSlots();
+    void WatchFor(int64_t deadline);
+    int64_t EndOverdue();
+    void DrainOutput();
+    void Wake() const;
+
+    const int32_t id_;
+    ServiceContext context_;
+    Listener listener_;
+    UniqueFd epoll_;
+    UniqueFd stopEvent_;  // readable from the moment on when everything has to end
+    UniqueFd wakeEvent_;  // wakes the thread that watches
+    std::vector<std::thread> threads_;
+    std::atomic<bool> stopping_{false};
+
+    // Written by the watching thread: when it looks at the deadlines next. Sequentially consistent, together with the
+    // deadlines: a worker sets a deadline and then reads this, the watcher sets this and then reads the deadlines, so
+    // one of the two sees the other.
+    std::atomic<int64_t> nextLook_{0};
+    std::atomic<bool> acceptPaused_{false};
+
+    const std::unique_ptr<Slot[]> slots_;
+
+    Mutex mutex_;
+    std::vector<uint32_t> freeSlots_ GUARDED_BY(mutex_);
+    uint32_t usedSlots_ GUARDED_BY(mutex_) = 0;  // slots that were ever taken; the rest was never touched
+    std::unordered_map<uid_t, std::unique_ptr<UserAccount>> accounts_ GUARDED_BY(mutex_);
+};
+
+}  // namespace VARN::Host

@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+
+#include "host/thread_safety.h"
+#include "host/unique_fd.h"
+
+namespace VARN::Host {
+
+// Guards all that the client side of the process shares: which services it knows and which connections are idle. One
+// lock for all of it, held for a few instructions at a time, so that a fork can wait for it and the child finds it
+// free.
+extern Mutex clientMutex;
+
+// A client's connected socket that only the process that made it ever uses. A fork would leave the child with a copy:
+// two processes that write on one connection would take each other's replies, and the service would not see the parent
+// go. So the child closes all copies before `fork` returns, and its `LinkFd`s know that they hold nothing any more.
+class LinkFd {
+public:
+    LinkFd() noexcept = default;
+    // Takes over the descriptor. The first one makes the process watch its forks.
+    explicit LinkFd(UniqueFd fd);
+    LinkFd(LinkFd&& other) noexcept;
+    LinkFd& operator=(LinkFd&& other) noexcept;
+    ~LinkFd() { Close(); }
+
+    int Get() const noexcept { return fd_.Get(); }
+    // Whether it was made by this process, and not by the one that this was forked from.
+    bool IsOurs() const noexcept;
+
+private:
+    void Close() noexcept;
+
+    UniqueFd fd_;
+    uint32_t generation_ = 0;
+};
+
+}  // namespace VARN::Host
