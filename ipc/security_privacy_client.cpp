@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "security_privacy/security_privacy_client.h"
+
+#include <type_traits>
+#include <utility>
+
+#include "util/format_utils.h"
+#include "util/log_line.h"
+#include "varn/remote_broker.h"
+#include "varn/remote_object.h"
+#include "varn/system_ability_manager.h"
+
+namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
+
+namespace {
+
+using Util::FormatUtils::Text;
+using Util::KelLog::Tag;
+
+const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
+
+constexpr int32_t SECURITY_PRIVACY_SA_ID = 65993;
+constexpr int32_t SA_LOAD_TIMEOUT = 4;  // seconds
+
+// What `operation` returns for the service, or the default of its result, 0, when the service cannot be had: that looks
+// like success; meant. `method` is whom the error line names.
+template <class Operation>
+auto Request(SecurityPrivacyClient& client, const char* method, Operation operation)
+{
+    std::invoke_result_t<Operation&, SecurityPrivacyServiceIntf&> result{};
+    const auto callback = [&](const sptr<SecurityPrivacyServiceIntf>& proxy) {
+        if (proxy == nullptr) {
+            LOG_ERROR_AS(method, "proxy is nullptr, please check.");
+            return;
+        }
+        result = operation(*proxy);
+    };
+    // By reference: a function object of one pointer needs no allocation.
+    client.WithSystemAbilityProxy(std::cref(callback));
+    return result;
+}
+
+}  // namespace
+
+SecurityPrivacyClient& SecurityPrivacyClient::GetInstance()
+{
+    static SecurityPrivacyClient instance;
+    return instance;
+}
+
+void SecurityPrivacyClient::WithSystemAbilityProxy(
+    const std::function<void(const sptr<SecurityPrivacyServiceIntf>&)>& callback)
+{
+    // Held to the end, the callback and with it the whole exchange included.
+    const std::lock_guard<std::recursive_mutex> lock(mutex_);
+
+    const sptr<ISystemAbilityManager> manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    if (manager == nullptr) {
+        LOG_ERROR("SAM is nullptr, please check.");
+        callback(nullptr);
+        return;
+    }
+    const sptr<IRemoteObject> object = manager->LoadSystemAbility(SECURITY_PRIVACY_SA_ID, SA_LOAD_TIMEOUT);
+    if (object == nullptr) {
+        LOG_ERROR("SA=%s is nullptr, please check.", Text(SECURITY_PRIVACY_SA_ID).c_str());
+        callback(nullptr);
+        return;
+    }
+    if (object->IsObjectDead()) {
+        LOG_ERROR("SA is IsObjectDead, why load system ability return a dead SA?");
+        callback(nullptr);
+        return;
+    }
+    const sptr<IRemoteBroker> broker =
+        BrokerRegistration::Get().NewInstance(SecurityPrivacyServiceIntf::GetDescriptor(), object);
+    const sptr<SecurityPrivacyServiceIntf> proxy(dynamic_cast<SecurityPrivacyServiceIntf*>(broker.Get()));
+    if (proxy == nullptr) {
+        LOG_ERROR("iface_cast SA=%s is nullptr, there is nothing we can do.", Text(SECURITY_PRIVACY_SA_ID).c_str());
+        callback(nullptr);
+        return;
+    }
+    LOG_DEBUG("LoadSystemAbility succeed");
+    callback(proxy);
+}
+
+int32_t SecurityPrivacyClient::GetAppPermissionGroupInfosByApp(
+    const std::string& bundleName, int32_t userId, const std::unordered_set<std::string>& interestedPermissionGroups,
+    std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos)
+{
+    return Request(*this, __func__, [&](SecurityPrivacyServiceIntf& service) {
+        return service.GetAppPermissionGroupInfosByApp(bundleName, userId, interestedPermissionGroups,
+                                                       appPermissionGroupInfos);
+    });
+}
+
+int32_t SecurityPrivacyClient::GetAppPermissionGroupInfosByPermission(
+    const std::string& permissionGroup, int32_t userId, const std::unordered_set<std::string>& interestedBundleNames,
+    std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos)
+{
+    return Request(*this, __func__, [&](SecurityPrivacyServiceIntf& service) {
+        return service.GetAppPermissionGroupInfosByPermission(permissionGroup, userId, interestedBundleNames,
+                                                              appPermissionGroupInfos);
+    });
+}
+
+int32_t SecurityPrivacyClient::SetAppPermissionGroupCheckedState(
+    const std::string& bundleName, int32_t uid, const std::string& permissionGroup,
+    const Permission::CheckedStateParameter& checkedStateParameter, bool& returns)
+{
+    return Request(*this, __func__, [&](SecurityPrivacyServiceIntf& service) {
+        return service.SetAppPermissionGroupCheckedState(bundleName, uid, permissionGroup, checkedStateParameter,
+                                                         returns);
+    });
+}
+
+int32_t SecurityPrivacyClient::GetPermissionUsageSummary(const Record::PermissionUsageRecordQuery& query,
+                                                         std::vector<Record::PermissionUsageRecord>& records)
+{
+    // The error line bears the timeline's name here too; meant.
+    const int32_t result = Request(*this, "GetPermissionUsageTimeline", [&](SecurityPrivacyServiceIntf& service) {
+        return service.GetPermissionUsageSummary(query, records);
+    });
+    for (const Record::PermissionUsageRecord& record : records) {
+        LOG_DEBUG("%s", record.ToString().c_str());
+    }
+    return result;
+}
+
+int32_t SecurityPrivacyClient::GetPermissionUsageTimeline(const Record::PermissionUsageRecordQuery& query,
+                                                          std::vector<Record::PermissionUsageRecord>& records)
+{
+    const int32_t result = Request(*this, __func__, [&](SecurityPrivacyServiceIntf& service) {
+        return service.GetPermissionUsageTimeline(query, records);
+    });
+    for (const Record::PermissionUsageRecord& record : records) {
+        LOG_DEBUG("%s", record.ToString().c_str());
+    }
+    return result;
+}
+
+int32_t SecurityPrivacyClient::GTokenPolicyAddPolicy(const std::vector<GTokenInfo>& gTokenInfos)
+{
+    LOG_INFO("GTokenPolicySdkAdaptor AddPolicy called");
+    return Request(*this, __func__,
+                   [&](SecurityPrivacyServiceIntf& service) { return service.GTokenPolicyAddPolicy(gTokenInfos); });
+}
+
+GTokenResultWithRet SecurityPrivacyClient::GTokenPolicyGetPolicy(std::string policyName,
+                                                                 const std::vector<std::string>& bundleNames)
+{
+    LOG_INFO("GTokenPolicySdkAdaptor GetPolicy called");
+    return Request(*this, __func__, [&](SecurityPrivacyServiceIntf& service) {
+        return service.GTokenPolicyGetPolicy(std::move(policyName), bundleNames);
+    });
+}
+
+int32_t SecurityPrivacyClient::GTokenPolicyRemovePolicy(const std::vector<std::string>& bundleNames)
+{
+    LOG_INFO("GTokenPolicySdkAdaptor RemovePolicy called");
+    return Request(*this, __func__,
+                   [&](SecurityPrivacyServiceIntf& service) { return service.GTokenPolicyRemovePolicy(bundleNames); });
+}
+
+}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer

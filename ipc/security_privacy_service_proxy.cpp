@@ -1,0 +1,264 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ipc/security_privacy_service_proxy.h"
+
+#include "ipc/exchange.h"
+#include "security_privacy/app_permission_group_info.h"
+#include "security_privacy/checked_state_parameter.h"
+#include "security_privacy/gtoken_info.h"
+#include "security_privacy/gtoken_result_with_ret.h"
+#include "security_privacy/permission_usage_record.h"
+#include "security_privacy/permission_usage_record_query.h"
+#include "util/format_utils.h"
+#include "util/log_line.h"
+
+// A request is the interface token and the arguments in the order in which the operation below writes them; a reply is
+// a result and what comes with it, in the order in which it reads them. Where a write or a read is not tested, the
+// service sees a short request, and a short reply reads as zeros.
+namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
+
+namespace {
+
+using Util::FormatUtils::Text;
+using Util::KelLog::Tag;
+
+const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
+
+constexpr int32_t WAIT_TIME = 8;  // seconds
+
+// Reads what follows the result 0 of a usage request: the number of records and the records.
+void ReadUsageRecords(MessageParcel& reply, const char* operation, std::vector<Record::PermissionUsageRecord>& records)
+{
+    const int32_t size = reply.ReadInt32();
+    // An answer without records is found abnormal too, and a negative number is taken for none without a word; meant.
+    if (size == 0 || size > MAX_USAGE_RECORD_SIZE) {
+        LOG_WARN_AS(operation, "record size is abnormal.");
+        return;
+    }
+    ReadRecords(reply, size, records);
+}
+
+}  // namespace
+
+bool SecurityPrivacyServiceProxy::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply)
+{
+    MessageOption option(MessageOption::TF_SYNC, WAIT_TIME);
+    const sptr<IRemoteObject> remote = Remote();
+    if (remote == nullptr) {
+        LOG_ERROR("remote service null.");
+        return false;
+    }
+    const int32_t ipcCode = remote->SendRequest(code, data, reply, option);
+    if (ipcCode != 0) {
+        LOG_ERROR("ipcResultCode: %s, send request failed for %s", Text(ipcCode).c_str(),
+                  MessageCode::ToString(code).c_str());
+        return false;
+    }
+    return true;
+}
+
+int32_t SecurityPrivacyServiceProxy::GetAppPermissionGroupInfosByApp(
+    const std::string& bundleName, int32_t userId, const std::unordered_set<std::string>& interestedPermissionGroups,
+    std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos)
+{
+    LOG_DEBUG("ByApp start, bundleName=%s, userId=%s, interestedPermissionGroups=%s", Text(bundleName).c_str(),
+              Text(userId).c_str(), Util::FormatUtils::ToString(interestedPermissionGroups).c_str());
+    MessageParcel data;
+    MessageParcel reply;
+    data.WriteInterfaceToken(GetDescriptor());
+    data.WriteString(bundleName);
+    data.WriteInt32(userId);
+    WriteStrings(data, interestedPermissionGroups, MAX_INTERESTED_PERMISSION_GROUPS_SIZE);
+    if (!SendRequest(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP, data, reply)) {
+        LOG_ERROR("send request failed.");
+        return RESULT_TRANSPORT_FAILED;
+    }
+
+    const int32_t result = reply.ReadInt32();
+    if (result != RESULT_OK) {
+        LOG_ERROR("result is %d.", result);
+        return result;
+    }
+    const int32_t size = reply.ReadInt32();
+    if (size > MAX_APP_PERMISSION_GROUP_INFO_SIZE) {
+        LOG_ERROR("ByApp return size too big.");
+        return RESULT_OK;
+    }
+    ReadRecords(reply, size, appPermissionGroupInfos);
+    LOG_DEBUG("ByApp finish, result=%s, appPermissionGroupInfos=%s", Text(result).c_str(),
+              Text(appPermissionGroupInfos.size()).c_str());
+    return RESULT_OK;
+}
+
+// Unlike the request above, this one does not log its set, and has no line of its own when it cannot be sent; meant.
+int32_t SecurityPrivacyServiceProxy::GetAppPermissionGroupInfosByPermission(
+    const std::string& permissionGroup, int32_t userId, const std::unordered_set<std::string>& interestedBundleNames,
+    std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos)
+{
+    LOG_DEBUG("ByPermission start, permissionGroup=%s, userId=%s", Text(permissionGroup).c_str(), Text(userId).c_str());
+    MessageParcel data;
+    MessageParcel reply;
+    data.WriteInterfaceToken(GetDescriptor());
+    data.WriteString(permissionGroup);
+    data.WriteInt32(userId);
+    WriteStrings(data, interestedBundleNames, MAX_INTERESTED_BUNDLE_NAMES_SIZE);
+    if (!SendRequest(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION, data, reply)) {
+        return RESULT_TRANSPORT_FAILED;
+    }
+
+    const int32_t result = reply.ReadInt32();
+    if (result != RESULT_OK) {
+        LOG_ERROR("result is %d.", result);
+        return result;
+    }
+    const int32_t size = reply.ReadInt32();
+    if (size > MAX_APP_PERMISSION_GROUP_INFO_SIZE) {
+        LOG_ERROR("ByPermission return size too big.");
+        return RESULT_OK;
+    }
+    ReadRecords(reply, size, appPermissionGroupInfos);
+    LOG_DEBUG("ByPermission finish, result=%s, size of appPermissionGroupInfos is %s", Text(result).c_str(),
+              Text(appPermissionGroupInfos.size()).c_str());
+    return RESULT_OK;
+}
+
+int32_t SecurityPrivacyServiceProxy::SetAppPermissionGroupCheckedState(
+    const std::string& bundleName, int32_t uid, const std::string& permissionGroup,
+    const Permission::CheckedStateParameter& checkedStateParameter, bool& returns)
+{
+    LOG_DEBUG("Set start, bundleName=%s, uid=%s, permissionGroup=%s, checkedStateParameter=%s",
+              Text(bundleName).c_str(), Text(uid).c_str(), Text(permissionGroup).c_str(),
+              Text(checkedStateParameter).c_str());
+    MessageParcel data;
+    MessageParcel reply;
+    data.WriteInterfaceToken(GetDescriptor());
+    data.WriteString(bundleName);
+    data.WriteInt32(uid);
+    data.WriteString(permissionGroup);
+    data.WriteParcelable(&checkedStateParameter);
+    if (!SendRequest(MessageCode::SET_APP_PERMISSION_GROUP_CHECKED_STATE, data, reply)) {
+        return RESULT_TRANSPORT_FAILED;
+    }
+
+    const int32_t result = reply.ReadInt32();
+    returns = reply.ReadBool();
+    LOG_DEBUG("Set finish, result=%s, returns=%s", Text(result).c_str(), Text(returns).c_str());
+    return result;
+}
+
+int32_t SecurityPrivacyServiceProxy::GetPermissionUsageSummary(const Record::PermissionUsageRecordQuery& query,
+                                                               std::vector<Record::PermissionUsageRecord>& records)
+{
+    LOG_INFO("GetPermissionUsageSummary called\n");  // the newline is part of the text; meant
+    MessageParcel data;
+    MessageParcel reply;
+    data.WriteInterfaceToken(GetDescriptor());
+    if (!data.WriteParcelable(&query)) {
+        LOG_ERROR("permissionUsageRecordQuery is invalid.");
+        return INVALID_ARGUMENTS;
+    }
+    if (!SendRequest(MessageCode::GET_PERMISSION_USAGE_RECORD_SUMMARY, data, reply)) {
+        LOG_ERROR("SendRequest failed.");
+        return RESULT_TRANSPORT_FAILED;
+    }
+
+    const int32_t result = reply.ReadInt32();
+    if (result != RESULT_OK) {
+        LOG_ERROR("result is %d.", result);
+        return result;
+    }
+    ReadUsageRecords(reply, __func__, records);
+    return RESULT_OK;
+}
+
+int32_t SecurityPrivacyServiceProxy::GetPermissionUsageTimeline(const Record::PermissionUsageRecordQuery& query,
+                                                                std::vector<Record::PermissionUsageRecord>& records)
+{
+    LOG_INFO("GetPermissionUsageTimeline called\n");  // the newline is part of the text; meant
+    MessageParcel data;
+    MessageParcel reply;
+    data.WriteInterfaceToken(GetDescriptor());
+    if (!data.WriteParcelable(&query)) {
+        LOG_ERROR(" permissionUsageRecordQuery is invalid.");  // the blank in front is part of the text; meant
+        return INVALID_ARGUMENTS;
+    }
+    if (!SendRequest(MessageCode::GET_PERMISSION_USAGE_RECORD_TIMELINE, data, reply)) {
+        LOG_ERROR("SendRequest is failed.");
+        return RESULT_TRANSPORT_FAILED;
+    }
+
+    const int32_t result = reply.ReadInt32();
+    if (result != RESULT_OK) {
+        LOG_ERROR("result is %d.", result);
+        return result;
+    }
+    ReadUsageRecords(reply, __func__, records);
+    return RESULT_OK;
+}
+
+int32_t SecurityPrivacyServiceProxy::GTokenPolicyAddPolicy(const std::vector<GTokenInfo>& gTokenInfos)
+{
+    LOG_INFO("GTokenPolicyManagerProxy AddPolicy called");
+    MessageParcel data;
+    MessageParcel reply;
+    if (!data.WriteInterfaceToken(GetDescriptor())) {
+        LOG_ERROR("WriteInterfaceToken error");
+        return RESULT_TRANSPORT_FAILED;
+    }
+    WriteRecords(data, gTokenInfos);
+    if (!SendRequest(MessageCode::GTOKEN_POLICY_ADD_POLICY, data, reply)) {
+        LOG_ERROR("SendRequest is failed.");
+        return RESULT_TRANSPORT_FAILED;
+    }
+
+    const int32_t result = reply.ReadInt32();
+    LOG_DEBUG("reply=%{public}d", result);
+    return result;
+}
+
+GTokenResultWithRet SecurityPrivacyServiceProxy::GTokenPolicyGetPolicy(std::string policyName,
+                                                                       const std::vector<std::string>& bundleNames)
+{
+    LOG_INFO("GTokenPolicyManagerProxy GetPolicy called");
+    GTokenResultWithRet result;
+    MessageParcel data;
+    MessageParcel reply;
+    if (!data.WriteInterfaceToken(GetDescriptor())) {
+        LOG_ERROR("WriteInterfaceToken error");
+        result.ret = RESULT_TRANSPORT_FAILED;
+        return result;
+    }
+    data.WriteString(policyName);
+    WriteStrings(data, bundleNames);
+    if (!SendRequest(MessageCode::GTOKEN_POLICY_GET_POLICY, data, reply)) {
+        LOG_ERROR("SendRequest is failed.");
+        result.ret = RESULT_TRANSPORT_FAILED;
+        return result;
+    }
+
+    // The number of rows has no limit; meant.
+    result.ret = reply.ReadInt64();
+    ReadRecords(reply, reply.ReadInt32(), result.gTokenResults);
+    return result;
+}
+
+int32_t SecurityPrivacyServiceProxy::GTokenPolicyRemovePolicy(const std::vector<std::string>& bundleNames)
+{
+    LOG_INFO("GTokenPolicyManagerProxy RemovePolicy called");
+    MessageParcel data;
+    MessageParcel reply;
+    if (!data.WriteInterfaceToken(GetDescriptor())) {
+        LOG_ERROR("WriteInterfaceToken error");
+        return RESULT_TRANSPORT_FAILED;
+    }
+    WriteStrings(data, bundleNames);
+    if (!SendRequest(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, data, reply)) {
+        LOG_ERROR("SendRequest is failed.");
+        return RESULT_TRANSPORT_FAILED;
+    }
+
+    const int32_t result = reply.ReadInt32();
+    LOG_DEBUG("reply=%{public}d", result);
+    return result;
+}
+
+}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+
+#include "util/format_utils.h"
+#include "util/log_line.h"
+
+// The steps by which a record that logs its fields is written to and read from `parcel`. Each moves one value and logs
+// that it did; it is an expression, true on success and false, without a line, on failure, so that a record reads as
+// its field list:
+//
+//   bool GTokenPolicy::Marshalling(Parcel& parcel) const
+//   {
+//       return WRITE(String, policyName) && WRITE(Int64, policyValue);
+//   }
+//
+// The lines bear the names Marshalling and Unmarshalling wherever the step stands, also inside a helper or a lambda.
+//
+//   step                                     what it logs for the value 'camera', 3 or 50
+//   WRITE(String, policyName)                WriteString policyName='camera' succeed.
+//   WRITE_MASKED(String, fingerprint)        WriteString fingerprint succeed.
+//   READ(String, policy, policyName)         ReadString to policyName='camera' succeed.
+//   READ_MASKED(String, row, fingerprint)    ReadString to fingerprint succeed.
+//   READ_LOCAL(Int32, policiesSize)          ReadInt32 to policiesSize=3 succeed.
+//   READ_ELEMENT(String, shownState)         ReadString shownState='camera' succeed.
+//   CHECK_AT_MOST(shownStatesSizeRead, 50)   shownStatesSizeRead check succeed.
+//
+// READ and READ_MASKED fill a field of the record that a pointer names, here policy->policyName. The others take the
+// plain name of a field or a local, which is also what they log. The masked steps are for what must never reach a log.
+#define WRITE(Type, name)        \
+    (parcel.Write##Type(name) && \
+     FIELD_LOG("Marshalling", "Write" #Type " " #name "=%s succeed.", Util::FormatUtils::Text(name).c_str()))
+#define WRITE_MASKED(Type, name) \
+    (parcel.Write##Type(name) && FIELD_LOG("Marshalling", "Write" #Type " " #name " succeed."))
+
+#define READ(Type, record, name)                                                                               \
+    (parcel.Read##Type((record)->name) && FIELD_LOG("Unmarshalling", "Read" #Type " to " #name "=%s succeed.", \
+                                                    Util::FormatUtils::Text((record)->name).c_str()))
+#define READ_MASKED(Type, record, name) \
+    (parcel.Read##Type((record)->name) && FIELD_LOG("Unmarshalling", "Read" #Type " to " #name " succeed."))
+#define READ_LOCAL(Type, name)  \
+    (parcel.Read##Type(name) && \
+     FIELD_LOG("Unmarshalling", "Read" #Type " to " #name "=%s succeed.", Util::FormatUtils::Text(name).c_str()))
+#define READ_ELEMENT(Type, name) \
+    (parcel.Read##Type(name) &&  \
+     FIELD_LOG("Unmarshalling", "Read" #Type " " #name "=%s succeed.", Util::FormatUtils::Text(name).c_str()))
+#define CHECK_AT_MOST(name, limit) ((name) <= (limit) && FIELD_LOG("Unmarshalling", #name " check succeed."))
+
+#define FIELD_LOG(function, ...) (LOG_DEBUG_AS(function, __VA_ARGS__), true)
+
+namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
+
+// Runs `step` on the first `count` elements of `list`, until one fails. `count` must not exceed the list's size.
+template <class List, class Step>
+bool ForFirst(int32_t count, const List& list, const Step& step)
+{
+    auto element = list.begin();
+    for (int32_t index = 0; index < count; ++index, ++element) {
+        if (!step(*element)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Runs `step` `count` times, until it fails; a negative count runs it not at all and is no failure.
+template <class Step>
+bool Repeat(int32_t count, const Step& step)
+{
+    for (int32_t index = 0; index < count; ++index) {
+        if (!step()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer
