@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: Apache-2.0
+// The program around every contender:
+//
+//   serve DIRECTORY CASE RECORDS [REQUEST_BYTES REPLY_BYTES]   prints "ready", serves until it is ended
+//   call DIRECTORY CASE RECORDS [REQUEST_BYTES REPLY_BYTES]    prints "ready", then answers commands on standard input
+//
+// Commands of `call`, each answered by a line:
+//
+//   run MILLISECONDS   calls for that long, at least kLeastCalls times: "<calls> <elapsed> <median> <p99>", times in ns
+//   times CALLS        calls that often: "done"
+#include <sys/prctl.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <exception>
+#include <iostream>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "bench/contender.h"
+
+namespace bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t kLeastCalls = 5;
+constexpr size_t kMostCalls = 200000;
+// Enough for the buffers, the allocator and the branch predictor to know the workload.
+constexpr std::chrono::milliseconds kWarmUp{20};
+
+Case CaseNamed(const std::string& name)
+{
+    static const std::map<std::string, Case> cases = {{"small", Case::kSmall}, {"bulk", Case::kBulk},
+                                                      {"least", Case::kLeast}, {"usage", Case::kUsage},
+                                                      {"token", Case::kToken}, {"none", Case::kNone}};
+    return cases.at(name);
+}
+
+// Calls until `duration` is over; the times of the calls, in nanoseconds.
+void CallFor(Client& client, Clock::duration duration, std::vector<uint32_t>& times)
+{
+    times.clear();
+    const auto end = Clock::now() + duration;
+    for (auto before = Clock::now(); times.size() < kMostCalls && (before < end || times.size() < kLeastCalls);) {
+        client.Call();
+        const auto after = Clock::now();
+        times.push_back(static_cast<uint32_t>(std::chrono::nanoseconds(after - before).count()));
+        before = after;
+    }
+}
+
+void Report(std::vector<uint32_t>& times)
+{
+    uint64_t elapsed = 0;
+    for (const uint32_t time : times) {
+        elapsed += time;
+    }
+    std::sort(times.begin(), times.end());
+    std::cout << times.size() << ' ' << elapsed << ' ' << times[times.size() / 2] << ' '
+              << times[times.size() * 99 / 100] << std::endl;
+}
+
+void RunClient(const std::string& directory, const Workload& workload)
+{
+    const auto client = Connect(directory, workload);
+    client->Call();
+    if (!client->IsAnswerRight()) {
+        throw std::runtime_error("the answer is wrong");
+    }
+    std::vector<uint32_t> times;
+    CallFor(*client, kWarmUp, times);
+    AnnounceReady();
+
+    std::string command;
+    uint64_t number = 0;
+    while (std::cin >> command >> number) {
+        if (command == "run") {
+            CallFor(*client, std::chrono::milliseconds(number), times);
+            Report(times);
+        } else {
+            for (uint64_t call = 0; call < number; ++call) {
+                client->Call();
+            }
+            std::cout << "done" << std::endl;
+        }
+    }
+}
+
+int Main(const std::vector<std::string>& arguments)
+{
+    if (arguments.size() != 4 && arguments.size() != 6) {
+        std::cerr << "serve|call DIRECTORY CASE RECORDS [REQUEST_BYTES REPLY_BYTES]\n";
+        return 2;
+    }
+    // Nobody is left behind when the driver ends.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    Workload workload{CaseNamed(arguments[2]), std::stoul(arguments[3]), 0, 0};
+    if (arguments.size() == 6) {
+        workload.requestBytes = std::stoul(arguments[4]);
+        workload.replyBytes = std::stoul(arguments[5]);
+    }
+    if (arguments[0] == "serve") {
+        Serve(arguments[1], workload);
+    } else {
+        RunClient(arguments[1], workload);
+    }
+    return 0;
+}
+
+}  // namespace
+
+void AnnounceReady()
+{
+    std::cout << "ready" << std::endl;
+}
+
+}  // namespace bench
+
+int main(int argc, char** argv)
+{
+    try {
+        return bench::Main(std::vector<std::string>(argv + 1, argv + argc));
+    } catch (const std::exception& exception) {
+        std::cerr << argv[0] << ": " << exception.what() << '\n';
+        return 1;
+    }
+}

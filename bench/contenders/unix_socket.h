@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace bench {
+
+std::string SocketPath(const std::string& directory);
+
+// Both return a descriptor for the caller to close and throw when the system refuses.
+int ListenOn(const std::string& path);
+int ConnectTo(const std::string& path);
+
+// Accepts for ever; each connection gets a thread that runs `handle` and owns the descriptor.
+[[noreturn]] void ServeOnThreads(int listener, const std::function<void(int)>& handle);
+
+// One end of a connection with blocking reads and writes. Messages go back and forth in turn; each begins with its length
+// in all, in 4 bytes, so that a short message takes one read and one write.
+class MessageSocket {
+public:
+    explicit MessageSocket(int descriptor) : descriptor_(descriptor), buffer_(kFirstBuffer) {}
+    ~MessageSocket();
+
+    MessageSocket(const MessageSocket&) = delete;
+    MessageSocket& operator=(const MessageSocket&) = delete;
+
+    // The next message with its length, valid until the next call; empty when the peer is gone.
+    std::string_view Receive();
+
+    // False when the peer is gone.
+    bool Send(std::string_view message);
+
+private:
+    static constexpr size_t kFirstBuffer = 64 * 1024;
+
+    const int descriptor_;
+    std::vector<char> buffer_;  // never shrinks
+};
+
+}  // namespace bench
