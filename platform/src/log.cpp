@@ -59,7 +59,12 @@ std::string StripMarkers(const char* format)
             plain.push_back(*++at);
         } else if (at[1] == '{') {
             const char* end = std::strchr(at, '}');
-            at = end != nullptr ? end : at;
+            if (end == nullptr) {
+                // Not a marker after all: printf would make no sense of it.
+                plain.push_back('%');
+                continue;
+            }
+            at = end;
         }
     }
     return plain;

@@ -1,0 +1,115 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varn/remote_broker.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+
+#include "varn/remote_proxy.h"
+#include "varn/remote_stub.h"
+#include "varn/system_ability_manager.h"
+
+namespace VARN {
+namespace {
+
+class Greeter : public IRemoteBroker {
+public:
+    VARN_DECLARE_INTERFACE_DESCRIPTOR(u"test.Greeter")
+};
+
+class GreeterProxy : public IRemoteProxy<Greeter> {
+public:
+    using IRemoteProxy<Greeter>::IRemoteProxy;
+};
+
+class LateGreeterProxy : public IRemoteProxy<Greeter> {
+public:
+    using IRemoteProxy<Greeter>::IRemoteProxy;
+    static std::u16string GetDescriptor() { return u"test.Late"; }
+};
+
+class GreeterStub : public IRemoteStub<Greeter> {
+public:
+    GreeterStub() : IRemoteStub<Greeter>(true) {}
+};
+
+// Made before the registry and destroyed after it: its delegator must then leave the registry alone.
+struct OutlivesRegistry {
+    ~OutlivesRegistry()
+    {
+        if (delegator && !delegator->IsUnloaded()) {
+            std::fputs("the registry went without a word\n", stderr);
+            std::_Exit(1);
+        }
+    }
+    std::unique_ptr<BrokerDelegator<LateGreeterProxy>> delegator;
+} outlivesRegistry;
+
+TEST(BrokerTest, DelegatorRegistersWhileItExists)
+{
+    BrokerRegistration& registry = BrokerRegistration::Get();
+    const sptr<GreeterStub> stub(new GreeterStub);
+    EXPECT_EQ(registry.NewInstance(Greeter::GetDescriptor(), stub), nullptr);
+    {
+        const BrokerDelegator<GreeterProxy> delegator;
+        // A second one for the same interface is refused, and its end does not take the first one's entry away.
+        std::optional<BrokerDelegator<GreeterProxy>> second(std::in_place);
+        second.reset();
+        const sptr<IRemoteBroker> broker = registry.NewInstance(Greeter::GetDescriptor(), stub);
+        ASSERT_NE(broker, nullptr);
+        // A proxy even for an object of this process.
+        EXPECT_NE(dynamic_cast<GreeterProxy*>(broker.Get()), nullptr);
+        EXPECT_EQ(broker->AsObject(), stub);
+        EXPECT_EQ(registry.NewInstance(Greeter::GetDescriptor(), nullptr), nullptr);
+    }
+    EXPECT_EQ(registry.NewInstance(Greeter::GetDescriptor(), stub), nullptr);
+    EXPECT_EQ(stub->StrongCount(), 1);
+}
+
+TEST(BrokerTest, RegistryRefusesWhatCannotBeUsed)
+{
+    BrokerRegistration& registry = BrokerRegistration::Get();
+    const auto nothing = [](const sptr<IRemoteObject>&) { return sptr<IRemoteBroker>(); };
+    EXPECT_FALSE(registry.Register(u"", nothing, nullptr));
+    EXPECT_FALSE(registry.Register(u"x", nullptr, nullptr));
+    EXPECT_TRUE(registry.Register(u"x", nothing, nullptr));
+    EXPECT_FALSE(registry.Register(u"x", nothing, nullptr));
+    EXPECT_EQ(registry.NewInstance(u"x", sptr<GreeterStub>(new GreeterStub)), nullptr);
+    registry.Unregister(u"x");
+    registry.Unregister(u"x");
+}
+
+TEST(BrokerTest, DelegatorOutlivesRegistry)
+{
+    outlivesRegistry.delegator.reset(new BrokerDelegator<LateGreeterProxy>);
+}
+
+TEST(BrokerTest, StubIsObjectAndInterface)
+{
+    const sptr<GreeterStub> stub(new GreeterStub);
+    EXPECT_EQ(stub->AsObject(), stub);
+    EXPECT_EQ(stub->AsInterface(), stub);
+    EXPECT_TRUE(!stub->IsProxyObject() && !stub->IsObjectDead());
+    EXPECT_EQ(stub->GetObjectDescriptor(), Greeter::GetDescriptor());
+    MessageParcel data;
+    MessageParcel reply;
+    MessageOption option;
+    EXPECT_EQ(stub->SendRequest(1, data, reply, option), IPC_UNKNOWN_REQUEST);
+}
+
+TEST(BrokerTest, ManagerIsWhateverWasSetLast)
+{
+    SystemAbilityManagerClient& client = SystemAbilityManagerClient::GetInstance();
+    const sptr<ISystemAbilityManager> own = client.GetSystemAbilityManager();
+    EXPECT_NE(own, nullptr);
+    client.SetSystemAbilityManager(nullptr);
+    EXPECT_EQ(client.GetSystemAbilityManager(), nullptr);
+    client.SetSystemAbilityManager(own);
+    EXPECT_EQ(client.GetSystemAbilityManager(), own);
+}
+
+}  // namespace
+}  // namespace VARN

@@ -1,0 +1,336 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/raw_client.h"
+#include "varn/host/ability_manager.h"
+#include "varn/host/ability_server.h"
+#include "varn/host/log_sink.h"
+
+namespace VARN::Host {
+namespace {
+
+constexpr int32_t ID = 4242;
+
+// A service whose one operation is whatever the test wants.
+class Service : public IPCObjectStub {
+public:
+    using Operation = std::function<int32_t(uint32_t code, MessageParcel& data, MessageParcel& reply)>;
+    explicit Service(Operation operation, bool serial = false) : IPCObjectStub(u"test", serial), operation_(operation)
+    {
+    }
+    int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption&) override
+    {
+        return operation_(code, data, reply);
+    }
+
+private:
+    const Operation operation_;
+};
+
+int32_t Echo(uint32_t code, MessageParcel& data, MessageParcel& reply)
+{
+    reply.WriteString(data.ReadString());
+    return code == 1 ? 0 : static_cast<int32_t>(code);
+}
+
+struct Answer {
+    int32_t status;
+    std::string text;
+    bool operator==(const Answer& other) const { return status == other.status && text == other.text; }
+};
+
+Answer Ask(const sptr<IRemoteObject>& object, uint32_t code, const std::string& text, int32_t waitTime = 60)
+{
+    MessageParcel data;
+    MessageParcel reply;
+    MessageOption option(MessageOption::TF_SYNC, waitTime);
+    data.WriteString(text);
+    const int32_t status = object->SendRequest(code, data, reply, option);
+    return {status, reply.ReadString()};
+}
+
+class HostTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_NE(::mkdtemp(folder_.data()), nullptr);
+        ::setenv("VARN_ABILITY_DIR", folder_.c_str(), 1);
+        SetLogSink([this](const LogLine& line) {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            log_ += line.text + "\n";
+        });
+    }
+    void TearDown() override
+    {
+        SetLogSink(nullptr);
+        ::unsetenv("VARN_ABILITY_DIR");
+        EXPECT_EQ(::rmdir(folder_.c_str()), 0) << "a server left a file behind";
+    }
+    std::string Log()
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return log_;
+    }
+    std::string Path() const { return folder_ + "/" + std::to_string(ID) + ".sock"; }
+
+    std::string folder_ = "/tmp/varn-host-test-XXXXXX";
+    const sptr<AbilityManager> manager_ = AbilityManager::Get();
+    const sptr<IPCObjectStub> echo_{new Service(Echo)};
+
+private:
+    std::mutex mutex_;
+    std::string log_;
+};
+
+TEST_F(HostTest, ObjectOfThisProcessIsFoundFirst)
+{
+    AbilityServer server(ID, sptr<IPCObjectStub>(new Service([](auto, auto&, auto&) { return 9; })));
+    ASSERT_TRUE(server.Start());
+    EXPECT_TRUE(manager_->LoadSystemAbility(ID, 0)->IsProxyObject());
+    EXPECT_FALSE(manager_->AddSystemAbility(ID, nullptr));
+    EXPECT_TRUE(manager_->AddSystemAbility(ID, echo_));
+    EXPECT_FALSE(manager_->AddSystemAbility(ID, echo_));
+    EXPECT_EQ(manager_->LoadSystemAbility(ID, 0), echo_);
+    EXPECT_TRUE(manager_->RemoveSystemAbility(ID));
+    EXPECT_FALSE(manager_->RemoveSystemAbility(ID));
+    EXPECT_EQ(Ask(manager_->LoadSystemAbility(ID, 0), 1, "").status, 9);
+}
+
+TEST_F(HostTest, AbsentServiceIsNullWithTheReason)
+{
+    EXPECT_EQ(manager_->LoadSystemAbility(ID, 0), nullptr);
+    EXPECT_NE(Log().find("connect to " + Path() + ": No such file or directory (errno 2)"), std::string::npos) << Log();
+    std::promise<sptr<IRemoteObject>> found;
+    std::thread waiter([&] { found.set_value(manager_->LoadSystemAbility(ID, 60)); });
+    AbilityServer server(ID, echo_);
+    ASSERT_TRUE(server.Start());
+    EXPECT_EQ(Ask(found.get_future().get(), 1, "late"), (Answer{0, "late"}));
+    waiter.join();
+}
+
+TEST_F(HostTest, StatusReplyAndCallerCrossTheSocket)
+{
+    Caller caller{};
+    AbilityServer server(ID, sptr<IPCObjectStub>(new Service([&caller](auto code, auto& data, auto& reply) {
+                             caller = CurrentCaller();
+                             return Echo(code, data, reply);
+                         })));
+    ASSERT_TRUE(server.Start());
+    const sptr<IRemoteObject> object = manager_->LoadSystemAbility(ID, 0);
+    const std::string bulky(5000000, '\0');
+    EXPECT_EQ(Ask(object, 1, bulky), (Answer{0, bulky}));
+    EXPECT_EQ(Ask(object, 5, "with a status"), (Answer{5, "with a status"}));
+    EXPECT_TRUE(caller.pid == ::getpid() && caller.uid == ::geteuid() && caller.gid == ::getegid());
+    EXPECT_EQ(CurrentCaller().pid, ::getpid());
+}
+
+TEST_F(HostTest, ExceptionBecomesAStatusOnBothRoads)
+{
+    const sptr<IPCObjectStub> service(new Service([](uint32_t code, auto&, auto&) -> int32_t {
+        switch (code) {
+            case 1:
+                throw std::runtime_error("broken");
+            case 2:
+                throw std::bad_alloc();
+            case 3:
+                throw 3;
+            default:
+                return 0;
+        }
+    }));
+    AbilityServer server(ID, service);
+    ASSERT_TRUE(server.Start());
+    for (const sptr<IRemoteObject>& object : {sptr<IRemoteObject>(service), manager_->LoadSystemAbility(ID, 0)}) {
+        EXPECT_EQ(Ask(object, 1, "").status, IPC_SERVICE_FAILED);
+        EXPECT_EQ(Ask(object, 2, "").status, IPC_NO_MEMORY);
+        EXPECT_EQ(Ask(object, 3, "").status, IPC_SERVICE_FAILED);
+        EXPECT_EQ(Ask(object, 4, "").status, 0);
+    }
+    EXPECT_NE(Log().find("request 1 failed: an exception left the service: broken"), std::string::npos);
+}
+
+TEST_F(HostTest, SerialInvocationRunsOneAtATime)
+{
+    constexpr int CALLERS = 4;
+    for (const bool serial : {true, false}) {
+        std::atomic<int> running{0};
+        std::atomic<int> most{0};
+        const sptr<IPCObjectStub> service(new Service(
+            [&](auto, auto&, auto&) {
+                const int now = ++running;
+                int seen = most;
+                while (now > seen && !most.compare_exchange_weak(seen, now)) {
+                }
+                // Without serial invocation all callers meet here; with it nobody can, so nobody waits.
+                while (!serial && most < CALLERS) {
+                    std::this_thread::yield();
+                }
+                --running;
+                return 0;
+            },
+            serial));
+        AbilityServerOptions options;
+        options.workers = CALLERS;
+        AbilityServer server(ID, service, options);
+        ASSERT_TRUE(server.Start());
+        std::vector<std::thread> callers;
+        for (int caller = 0; caller < CALLERS; ++caller) {
+            callers.emplace_back([this] { EXPECT_EQ(Ask(manager_->LoadSystemAbility(ID, 0), 1, "").status, 0); });
+        }
+        for (std::thread& caller : callers) {
+            caller.join();
+        }
+        EXPECT_EQ(most, serial ? 1 : CALLERS);
+    }
+}
+
+TEST_F(HostTest, HalfARequestHoldsNoWorker)
+{
+    AbilityServerOptions options;
+    options.workers = 1;
+    AbilityServer server(ID, echo_, options);
+    ASSERT_TRUE(server.Start());
+    const std::string frame = MakeFrame(1, MakeBody("pieces"));
+    RawClient slow(Path());
+    // Byte by byte; whoever is complete in between is answered.
+    for (const char byte : frame) {
+        ASSERT_TRUE(slow.Send(std::string(1, byte)));
+        ASSERT_EQ(Ask(manager_->LoadSystemAbility(ID, 0), 1, "whole"), (Answer{0, "whole"}));
+    }
+    EXPECT_EQ(slow.Receive(MakeFrame(1, MakeBody("pieces"), 2).size()), MakeFrame(1, MakeBody("pieces"), 2));
+}
+
+TEST_F(HostTest, RequestsSentAheadAreAnsweredInOrder)
+{
+    AbilityServer server(ID, echo_);
+    ASSERT_TRUE(server.Start());
+    RawClient client(Path());
+    std::string requests;
+    std::string replies;
+    for (int number = 0; number < 500; ++number) {
+        const std::string body = MakeBody(std::string(static_cast<size_t>(number) * 37, 'x') + std::to_string(number));
+        requests += MakeFrame(1, body);
+        replies += MakeFrame(1, body, 2);
+    }
+    std::thread sender([&] { EXPECT_TRUE(client.Send(requests)); });
+    EXPECT_EQ(client.Receive(replies.size()), replies);
+    sender.join();
+}
+
+TEST_F(HostTest, WaitTimeEndsTheRequestAndItsConnection)
+{
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<int> executed{0};
+    AbilityServer server(ID, sptr<IPCObjectStub>(new Service([&](uint32_t code, auto& data, auto& reply) {
+                             ++executed;
+                             if (code == 2) {
+                                 released.wait();
+                             }
+                             return Echo(1, data, reply);
+                         })));
+    ASSERT_TRUE(server.Start());
+    const sptr<IRemoteObject> object = manager_->LoadSystemAbility(ID, 0);
+    EXPECT_EQ(Ask(object, 2, "late", 1).status, IPC_TIMED_OUT);
+    release.set_value();
+    // The late reply belongs to a connection that is gone: it must not be taken for this one's.
+    EXPECT_EQ(Ask(object, 1, "next"), (Answer{0, "next"}));
+    EXPECT_EQ(executed, 2);
+}
+
+TEST_F(HostTest, RestartIsMetWithAFreshConnection)
+{
+    AbilityServer server(ID, echo_);
+    ASSERT_TRUE(server.Start());
+    EXPECT_FALSE(server.Start());
+    const sptr<IRemoteObject> kept = manager_->LoadSystemAbility(ID, 0);
+    EXPECT_EQ(Ask(kept, 1, "before"), (Answer{0, "before"}));
+    server.Stop();
+    EXPECT_EQ(Ask(kept, 1, "while it is gone").status, IPC_DEAD_OBJECT);
+    EXPECT_TRUE(kept->IsObjectDead());
+    ASSERT_TRUE(server.Start());
+    EXPECT_EQ(Ask(kept, 1, "after"), (Answer{0, "after"}));
+    EXPECT_FALSE(kept->IsObjectDead());
+    EXPECT_EQ(Ask(manager_->LoadSystemAbility(ID, 0), 1, "found"), (Answer{0, "found"}));
+}
+
+TEST_F(HostTest, OnlyAStaleSocketIsReplaced)
+{
+    {
+        const RawServer crashed(Path());
+    }
+    AbilityServer server(ID, echo_);
+    EXPECT_TRUE(server.Start()) << "a stale socket was in the way";
+    AbilityServer second(ID, echo_);
+    EXPECT_FALSE(second.Start());
+    EXPECT_NE(Log().find("another process serves " + Path()), std::string::npos) << Log();
+    server.Stop();
+    {
+        const RawServer foreign(Path());
+        EXPECT_FALSE(second.Start());
+        EXPECT_NE(Log().find("another process listens on " + Path()), std::string::npos) << Log();
+        EXPECT_TRUE(RawClient(Path()).IsConnected());
+    }
+    ::unlink(Path().c_str());
+    {
+        const std::ofstream file(Path());
+    }
+    EXPECT_FALSE(second.Start());
+    EXPECT_NE(Log().find("is not a socket"), std::string::npos) << Log();
+    ::unlink(Path().c_str());
+}
+
+TEST_F(HostTest, ServerThatCannotStartSaysWhy)
+{
+    const size_t limit = sizeof(sockaddr_un::sun_path) - 1;
+    AbilityServerOptions options;
+    options.directory = folder_ + std::string(limit - folder_.size() - 1, '/');
+    EXPECT_FALSE(AbilityServer(ID, echo_, options).Start());
+    const std::string lengths = "is 116 bytes long, a socket's may be " + std::to_string(limit);
+    EXPECT_NE(Log().find(lengths), std::string::npos) << Log();
+    EXPECT_FALSE(AbilityServer(ID, nullptr).Start());
+    options.directory = folder_ + "/none";
+    EXPECT_FALSE(AbilityServer(ID, echo_, options).Start());
+    EXPECT_NE(Log().find("/none cannot be used: No such file or directory (errno 2)"), std::string::npos) << Log();
+    ::chmod(folder_.c_str(), 0777);
+    EXPECT_FALSE(AbilityServer(ID, echo_).Start());
+    EXPECT_EQ(manager_->LoadSystemAbility(ID, 60), nullptr) << "nothing that waiting would mend";
+    EXPECT_NE(Log().find("may be written by others"), std::string::npos) << Log();
+}
+
+TEST_F(HostTest, ObserverSeesEveryRequestAndNoPayload)
+{
+    std::mutex mutex;
+    std::vector<Transaction> seen;
+    AbilityServerOptions options;
+    options.observer = [&](const Transaction& transaction) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        seen.push_back(transaction);
+    };
+    AbilityServer server(ID, echo_, options);
+    ASSERT_TRUE(server.Start());
+    Ask(manager_->LoadSystemAbility(ID, 0), 7, "abcd");
+    // The observer is told after the reply is out; when the server has stopped, it has been.
+    server.Stop();
+    ASSERT_EQ(seen.size(), 1U);
+    EXPECT_TRUE(seen[0].code == 7 && seen[0].status == 7 && seen[0].requestBytes == 12 && seen[0].replyBytes == 12);
+    EXPECT_TRUE(seen[0].caller.uid == ::geteuid() && seen[0].duration.count() > 0);
+}
+
+}  // namespace
+}  // namespace VARN::Host
