@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+
+constexpr int DEBUG = 3;
+constexpr int INFO = 4;
+constexpr int WARN = 5;
+constexpr int ERROR = 6;
+
+// Takes the log over while it exists; afterwards the level is as before and lines go to standard error again.
+class LogCapture {
+public:
+    explicit LogCapture(int level = DEBUG);
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    // The library's own lines so far (those of the tag ASP) that are at least of `level`, as `Line` shows them.
+    std::vector<std::string> Lines(int level = DEBUG) const;
+
+    // Everything that was logged, by whomever, in one text.
+    std::string Everything() const;
+
+    void Clear();
+
+private:
+    struct Entry {
+        int level;
+        std::string tag;
+        std::string text;
+    };
+
+    const int previousLevel_;
+    mutable std::mutex mutex_;
+    std::vector<Entry> entries_;  // guarded by mutex_
+};
+
+// A line as it must look: "6 [ASP] [SPS][service]SendRequest: remote service null.". A newline inside shows as "\n".
+std::string Line(int level, const std::string& function, const std::string& message,
+                 const std::string& module = "service");
+
+// Lists one after the other; and in one text, so that a mismatch is shown as a difference of lines.
+std::vector<std::string> operator+(std::vector<std::string> first, const std::vector<std::string>& second);
+std::string Joined(const std::vector<std::string>& lines);
+
+}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing

@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <type_traits>
+#include <variant>
+#include <vector>
+
+#include "varn/parcel.h"
+
+namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+
+// One value as it stands in a parcel.
+using Value = std::variant<std::string, int32_t, int64_t>;
+
+// Writes values with the typed writes that their types name: a record as a parcelable, a vector as its elements without
+// a count. False when a write fails.
+template <class T>
+bool Put(Parcel& parcel, const T& value)
+{
+    if constexpr (std::is_same_v<T, Value>) {
+        return std::visit([&parcel](const auto& held) { return Put(parcel, held); }, value);
+    } else if constexpr (std::is_same_v<T, bool>) {
+        return parcel.WriteBool(value);
+    } else if constexpr (std::is_same_v<T, int32_t>) {
+        return parcel.WriteInt32(value);
+    } else if constexpr (std::is_same_v<T, int64_t>) {
+        return parcel.WriteInt64(value);
+    } else if constexpr (std::is_same_v<T, std::u16string>) {
+        return parcel.WriteString16(value);
+    } else if constexpr (std::is_base_of_v<Parcelable, T>) {
+        return parcel.WriteParcelable(&value);
+    } else {
+        return parcel.WriteString(value);
+    }
+}
+
+template <class T>
+bool Put(Parcel& parcel, const std::vector<T>& values)
+{
+    bool isWhole = true;
+    for (const T& value : values) {
+        isWhole = isWhole && Put(parcel, value);
+    }
+    return isWhole;
+}
+
+template <class... T>
+bool PutAll(Parcel& parcel, const T&... values)
+{
+    return (Put(parcel, values) && ...);
+}
+
+// Reads one value of the type that `like` has, by the typed read for it. False when it fails.
+inline bool TakeLike(Parcel& parcel, const Value& like, Value& value)
+{
+    value = like;
+    return std::visit(
+        [&parcel](auto& held) {
+            using T = std::decay_t<decltype(held)>;
+            if constexpr (std::is_same_v<T, int32_t>) {
+                return parcel.ReadInt32(held);
+            } else if constexpr (std::is_same_v<T, int64_t>) {
+                return parcel.ReadInt64(held);
+            } else {
+                return parcel.ReadString(held);
+            }
+        },
+        value);
+}
+
+// What is left in the parcel, as the 4-byte words of which every parcel consists. Consumes it.
+inline std::vector<int32_t> TakeWords(Parcel& parcel)
+{
+    std::vector<int32_t> words;
+    for (int32_t word = 0; parcel.ReadInt32(word);) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
