@@ -23,8 +23,10 @@ function(security_privacy_private_options target)
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON
     POSITION_INDEPENDENT_CODE ON
+    LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR})
+  target_link_options(${target} PRIVATE LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(${target} PRIVATE -fno-gnu-unique)
   elseif(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")

@@ -34,7 +34,7 @@ bool MayAppear(int error)
 
 }  // namespace
 
-struct AbilityManager::State {
+struct __attribute__((visibility("hidden"))) AbilityManager::State {
     std::unordered_map<int32_t, sptr<IRemoteObject>> added GUARDED_BY(clientMutex);
     std::unordered_map<int32_t, sptr<Channel>> channels GUARDED_BY(clientMutex);
 

@@ -22,7 +22,7 @@ namespace VARN::Host {
 // with edge triggers, and whoever gets an event serves that connection until there is nothing left to do without
 // waiting. An idle request costs the three system calls that wait, receive and send; there is no hand-over between
 // threads.
-class AbilityServer::Engine {
+class __attribute__((visibility("hidden"))) AbilityServer::Engine {
 public:
     Engine(int32_t id, const sptr<IPCObjectStub>& stub, const AbilityServerOptions& options);
     ~Engine();
