@@ -1,49 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varn/log.h"
 
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <mutex>
-#include <new>
 #include <string>
 #include <utility>
 
 #include "platform_hooks.h"
-#include "varn/host/log_sink.h"
 
 namespace VARN {
 
 namespace {
 
-using Host::LogLine;
-
 constexpr int DEFAULT_LEVEL = 4;
-
-struct Sink {
-    std::function<void(const LogLine&)> write;
-    int running = 0;  // calls of `write` under way; guarded by Log::mutex
-};
-
-struct Log {
-    std::mutex mutex;
-    std::shared_ptr<Sink> sink;    // null: standard error; guarded by mutex
-    std::condition_variable idle;  // a sink's last call has ended
-};
-
-// Never destroyed: lines are written during static destruction as well.
-Log& GetLog()
-{
-    alignas(Log) static unsigned char storage[sizeof(Log)];
-    static Log& log = *new (storage) Log;
-    return log;
-}
-
-// How many sink calls this thread is inside of: a sink may log, and may set another sink.
-thread_local int sinkDepth = 0;
 
 // printf does not know the markers: "%{public}s" becomes "%s".
 std::string StripMarkers(const char* format)
@@ -88,31 +59,6 @@ bool Format(std::string& text, const char* format, va_list arguments)
     return length >= 0;
 }
 
-void Deliver(const LogLine& line)
-{
-    Log& log = GetLog();
-    std::unique_lock<std::mutex> lock(log.mutex);
-    const std::shared_ptr<Sink> sink = log.sink;
-    if (!sink) {
-        lock.unlock();
-        WriteLogLine(line);
-        return;
-    }
-    ++sink->running;
-    lock.unlock();
-    ++sinkDepth;
-    try {
-        sink->write(line);
-    } catch (...) {
-        // Nobody who logs is prepared for an exception, and there is nowhere left to report it.
-    }
-    --sinkDepth;
-    lock.lock();
-    if (--sink->running == 0) {
-        log.idle.notify_all();
-    }
-}
-
 // Reads VARN_LOG_LEVEL when the library is loaded; until then the default holds.
 const bool levelFromEnvironment = [] {
     const char* value = std::getenv("VARN_LOG_LEVEL");
@@ -126,40 +72,6 @@ const bool levelFromEnvironment = [] {
 
 std::atomic<int> logLevel{DEFAULT_LEVEL};
 
-void LockLog()
-{
-    GetLog().mutex.lock();
-}
-
-void UnlockLog()
-{
-    GetLog().mutex.unlock();
-}
-
-namespace Host {
-
-void SetLogSink(std::function<void(const LogLine&)> sink)
-{
-    std::shared_ptr<Sink> next;
-    if (sink) {
-        next = std::make_shared<Sink>();
-        next->write = std::move(sink);
-    }
-    Log& log = GetLog();
-    std::unique_lock<std::mutex> lock(log.mutex);
-    next.swap(log.sink);
-    if (next && sinkDepth == 0) {
-        log.idle.wait(lock, [&next] { return next->running == 0; });
-    }
-}
-
-void SetLogLevel(int level)
-{
-    logLevel.store(level, std::memory_order_relaxed);
-}
-
-}  // namespace Host
-
 }  // namespace VARN
 
 extern "C" int(VoLogPrint)(int type, int level, uint32_t domain, const char* tag, const char* format, ...)
@@ -171,10 +83,10 @@ extern "C" int(VoLogPrint)(int type, int level, uint32_t domain, const char* tag
     va_start(arguments, format);
     int result = -1;
     try {
-        VARN::Host::LogLine line{type, level, domain, tag != nullptr ? tag : "", std::string()};
-        if (VARN::Format(line.text, format, arguments)) {
-            VARN::Deliver(line);
-            result = static_cast<int>(line.text.size());
+        std::string text;
+        if (VARN::Format(text, format, arguments)) {
+            result = static_cast<int>(text.size());
+            VARN::DeliverLogLine(type, level, domain, tag != nullptr ? tag : "", std::move(text));
         }
     } catch (...) {
         // Out of memory: the line is lost, the program is not.

@@ -11,9 +11,9 @@ sptr<ISystemAbilityManager> DefaultSystemAbilityManager()
     return nullptr;
 }
 
-void WriteLogLine(const Host::LogLine& line) noexcept
+void DeliverLogLine(int /*type*/, int level, uint32_t /*domain*/, const char* tag, std::string text)
 {
-    std::fprintf(stderr, "%d %s: %s\n", line.level, line.tag.c_str(), line.text.c_str());
+    std::fprintf(stderr, "%d %s: %s\n", level, tag, text.c_str());
 }
 
 }  // namespace VARN

@@ -84,28 +84,31 @@ int32_t ToIpcCode(int error)
 
 }  // namespace
 
-// One request and its reply on one connection. The steps return 0 or an errno and say in `reason` what is behind it.
-struct Channel::Exchange {
-    Exchange(int connection, const Deadline& end) : fd(connection), deadline(end) {}
-
-    const int fd;
-    const Deadline deadline;
-    std::string reason;
+// One request and its reply on one connection. The steps return 0 or an errno.
+class Channel::Exchange {
+public:
+    Exchange(int fd, const Deadline& deadline) : fd_(fd), deadline_(deadline) {}
 
     int Send(FrameHeader& header, const MessageParcel& data);
     int Receive(uint32_t code, MessageParcel& reply, int32_t& status);
 
-private:
-    bool waited = false;  // part of the time is gone, so that SO_RCVTIMEO would allow too much
+    // Why a step returned `error`.
+    std::string GetReason(int error) const { return reason_ != nullptr ? reason_ : ErrorText(error); }
 
+private:
     int ReceiveSome(void* to, size_t room, size_t& got, int flags);
     int ReceiveHeader(uint8_t* piece, size_t room, size_t& got);
     int ReceiveRest(MessageParcel& reply, size_t length);
     int Fail(int error, const char* what)
     {
-        reason = what;
+        reason_ = what;
         return error;
     }
+
+    const int fd_;
+    const Deadline deadline_;
+    bool waited_ = false;  // part of the time is gone, so that SO_RCVTIMEO would allow too much
+    const char* reason_ = nullptr;
 };
 
 int Channel::Exchange::Send(FrameHeader& header, const MessageParcel& data)
@@ -117,7 +120,7 @@ int Channel::Exchange::Send(FrameHeader& header, const MessageParcel& data)
     message.msg_iovlen = pieces.size();
     size_t left = pieces[0].iov_len + pieces[1].iov_len;
     for (;;) {
-        const ssize_t sent = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t sent = ::sendmsg(fd_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent < 0 && errno != EINTR && errno != EAGAIN) {
             return errno;
         }
@@ -133,8 +136,8 @@ int Channel::Exchange::Send(FrameHeader& header, const MessageParcel& data)
             piece.iov_len -= part;
             done -= part;
         }
-        waited = true;
-        const int error = full ? Wait(fd, POLLOUT, deadline) : (deadline.IsOver() ? ETIMEDOUT : 0);
+        waited_ = true;
+        const int error = full ? Wait(fd_, POLLOUT, deadline_) : (deadline_.IsOver() ? ETIMEDOUT : 0);
         if (error != 0) {
             return error;
         }
@@ -145,7 +148,7 @@ int Channel::Exchange::Send(FrameHeader& header, const MessageParcel& data)
 int Channel::Exchange::ReceiveSome(void* to, size_t room, size_t& got, int flags)
 {
     for (;;) {
-        const ssize_t received = ::recv(fd, to, room, flags);
+        const ssize_t received = ::recv(fd_, to, room, flags);
         if (received > 0) {
             got = static_cast<size_t>(received);
             return 0;
@@ -154,7 +157,7 @@ int Channel::Exchange::ReceiveSome(void* to, size_t room, size_t& got, int flags
             return Fail(ECONNRESET, "the service closed the connection");
         }
         if (errno == EAGAIN || errno == EINTR) {
-            const int error = Wait(fd, POLLIN, deadline);
+            const int error = Wait(fd_, POLLIN, deadline_);
             if (error != 0) {
                 return error;
             }
@@ -168,10 +171,10 @@ int Channel::Exchange::ReceiveSome(void* to, size_t room, size_t& got, int flags
 int Channel::Exchange::ReceiveHeader(uint8_t* piece, size_t room, size_t& got)
 {
     // The first receive blocks, which saves a poll; SO_RCVTIMEO bounds it.
-    int error = ReceiveSome(piece, room, got, waited ? MSG_DONTWAIT : 0);
+    int error = ReceiveSome(piece, room, got, waited_ ? MSG_DONTWAIT : 0);
     while (error == 0 && got < FRAME_HEADER_SIZE) {
         size_t more = 0;
-        error = deadline.IsOver() ? ETIMEDOUT : ReceiveSome(piece + got, room - got, more, MSG_DONTWAIT);
+        error = deadline_.IsOver() ? ETIMEDOUT : ReceiveSome(piece + got, room - got, more, MSG_DONTWAIT);
         got += more;
     }
     return error;
@@ -186,7 +189,7 @@ int Channel::Exchange::ReceiveRest(MessageParcel& reply, size_t length)
             return Fail(ENOMEM, "no memory for the reply");
         }
         size_t got = 0;
-        const int error = deadline.IsOver() ? ETIMEDOUT : ReceiveSome(space, room, got, MSG_DONTWAIT);
+        const int error = deadline_.IsOver() ? ETIMEDOUT : ReceiveSome(space, room, got, MSG_DONTWAIT);
         if (error != 0) {
             return error;
         }
@@ -351,7 +354,7 @@ int32_t Channel::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& 
     }
     if (error != 0) {
         ParcelBuffer::Clear(reply, 0);
-        return Report(code, step, ToIpcCode(error), exchange.reason.empty() ? ErrorText(error) : exchange.reason);
+        return Report(code, step, ToIpcCode(error), exchange.GetReason(error));
     }
     dead_.store(false, std::memory_order_relaxed);
     GiveBack(std::move(link));

@@ -40,7 +40,7 @@ private:
         int32_t waitTimeSeconds = 0;  // what SO_RCVTIMEO is set to
         bool checked = false;         // found alive by Prepare and not used since
     };
-    struct Exchange;
+    class Exchange;
 
     int Connect(Link& link, std::string& problem) const;
     bool TakeIdle(Link& link);

@@ -8,7 +8,7 @@
 #include <new>
 #include <vector>
 
-#include "platform_hooks.h"
+#include "host/log_writer.h"
 
 namespace VARN::Host {
 

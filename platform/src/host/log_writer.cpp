@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "host/log_writer.h"
+
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -7,9 +9,7 @@
 #include <ctime>
 #include <string>
 
-#include "platform_hooks.h"
-
-namespace VARN {
+namespace VARN::Host {
 
 namespace {
 
@@ -40,7 +40,7 @@ void AppendVisible(std::string& out, const std::string& text)
 
 }  // namespace
 
-void WriteLogLine(const Host::LogLine& line) noexcept
+void WriteLogLine(const LogLine& line) noexcept
 {
     try {
         timespec now = {};
@@ -68,4 +68,4 @@ void WriteLogLine(const Host::LogLine& line) noexcept
     }
 }
 
-}  // namespace VARN
+}  // namespace VARN::Host

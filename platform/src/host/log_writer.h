@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "varn/host/log_sink.h"
+
+namespace VARN::Host {
+
+// Writes a line to standard error, in one piece. Called by several threads at once.
+void WriteLogLine(const LogLine& line) noexcept;
+
+// The lock of the log's sink, to be held across a fork, so that the child can log.
+void LockLog();
+void UnlockLog();
+
+}  // namespace VARN::Host
