@@ -22,6 +22,14 @@ const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFA
 constexpr int32_t SECURITY_PRIVACY_SA_ID = 65993;
 constexpr int32_t SA_LOAD_TIMEOUT = 4;  // seconds
 
+// A proxy for `object`. Null when nobody registered a maker of proxies, or when it made nothing or something else.
+sptr<SecurityPrivacyServiceIntf> CastToInterface(const sptr<IRemoteObject>& object)
+{
+    const sptr<IRemoteBroker> broker =
+        BrokerRegistration::Get().NewInstance(SecurityPrivacyServiceIntf::GetDescriptor(), object);
+    return dynamic_cast<SecurityPrivacyServiceIntf*>(broker.Get());
+}
+
 // What `operation` returns for the service, or the default of its result, 0, when the service cannot be had: that looks
 // like success; meant. `method` is whom the error line names.
 template <class Operation>
@@ -71,9 +79,7 @@ void SecurityPrivacyClient::WithSystemAbilityProxy(
         callback(nullptr);
         return;
     }
-    const sptr<IRemoteBroker> broker =
-        BrokerRegistration::Get().NewInstance(SecurityPrivacyServiceIntf::GetDescriptor(), object);
-    const sptr<SecurityPrivacyServiceIntf> proxy(dynamic_cast<SecurityPrivacyServiceIntf*>(broker.Get()));
+    const sptr<SecurityPrivacyServiceIntf> proxy = CastToInterface(object);
     if (proxy == nullptr) {
         LOG_ERROR("iface_cast SA=%s is nullptr, there is nothing we can do.", Text(SECURITY_PRIVACY_SA_ID).c_str());
         callback(nullptr);

