@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "security_privacy/permission_usage_record.h"
+
+namespace SecurityPrivacyExample {
+
+struct ChartOptions {
+    int64_t begin = 0;  // the span to draw, in milliseconds since the epoch; 0: from the first use, to the last
+    int64_t end = 0;
+    size_t width = 80;
+    bool isColoured = false;
+};
+
+// Draws a timeline: a row for each app, time from left to right, a letter where the app used an operation group. Title,
+// axis and legend are part of it; every line ends in a newline. `records` must not be empty.
+std::string DrawChart(
+    const std::vector<VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord>& records,
+    const ChartOptions& options);
+
+}  // namespace SecurityPrivacyExample

@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "cli/time_text.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <chrono>
+#include <ctime>
+
+namespace SecurityPrivacyExample {
+namespace {
+
+constexpr int64_t SECOND = 1000;
+constexpr int64_t MINUTE = 60 * SECOND;
+constexpr int64_t HOUR = 60 * MINUTE;
+constexpr int64_t DAY = 24 * HOUR;
+constexpr int64_t WEEK = 7 * DAY;
+// About the year 142000: far enough, and sums of two stay far from overflow.
+constexpr int64_t MAX_TIME = int64_t{1} << 52;
+
+std::optional<int64_t> ParseNumber(const char*& position, const char* end)
+{
+    int64_t number = 0;
+    const auto [stop, error] = std::from_chars(position, end, number);
+    if (error != std::errc() || *position == '-' || number > MAX_TIME) {
+        return std::nullopt;
+    }
+    position = stop;
+    return number;
+}
+
+int64_t UnitLength(char unit)
+{
+    switch (unit) {
+        case 's':
+            return SECOND;
+        case 'm':
+            return MINUTE;
+        case 'h':
+            return HOUR;
+        case 'd':
+            return DAY;
+        case 'w':
+            return WEEK;
+        default:
+            return 0;
+    }
+}
+
+// "1d12h" or nothing.
+std::optional<int64_t> ParseSpan(const std::string& text)
+{
+    const char* position = text.data();
+    const char* end = position + text.size();
+    int64_t span = 0;
+    while (position != end) {
+        const std::optional<int64_t> number = ParseNumber(position, end);
+        const int64_t unit = position != end ? UnitLength(*position) : 0;
+        if (!number || unit == 0 || *number > MAX_TIME / unit - span / unit) {
+            return std::nullopt;
+        }
+        span += *number * unit;
+        ++position;
+    }
+    return span;
+}
+
+std::optional<int64_t> ParseDate(std::string text)
+{
+    const bool isUtc = !text.empty() && text.back() == 'Z';
+    if (isUtc) {
+        text.pop_back();
+    }
+    std::replace(text.begin(), text.end(), ' ', 'T');
+    for (const char* format : {"%Y-%m-%d", "%Y-%m-%dT%H:%M", "%Y-%m-%dT%H:%M:%S"}) {
+        std::tm date = {};
+        const char* end = ::strptime(text.c_str(), format, &date);
+        if (end == nullptr || *end != '\0') {
+            continue;
+        }
+        date.tm_isdst = -1;
+        const int day = date.tm_mday;
+        const std::time_t seconds = isUtc ? ::timegm(&date) : std::mktime(&date);
+        // The 30th of February would have become the 2nd of March.
+        const bool isReal = date.tm_mday == day && seconds >= 0;
+        return isReal ? std::optional<int64_t>(int64_t{seconds} * SECOND) : std::nullopt;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+int64_t Now()
+{
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+std::optional<int64_t> ParseTime(const std::string& text, int64_t now)
+{
+    if (text.empty()) {
+        return std::nullopt;
+    }
+    const char* position = text.data();
+    const char* end = position + text.size();
+    const std::optional<int64_t> number = ParseNumber(position, end);
+    if (number && position == end) {
+        return number;
+    }
+    if (const std::optional<int64_t> span = ParseSpan(text)) {
+        return *span <= now ? std::optional<int64_t>(now - *span) : std::nullopt;
+    }
+    return ParseDate(text);
+}
+
+std::string FormatTime(int64_t time)
+{
+    return FormatTime(time, "%Y-%m-%d %H:%M:%S");
+}
+
+std::string FormatTime(int64_t time, const char* format)
+{
+    const auto seconds = static_cast<std::time_t>(time / SECOND);
+    std::tm local = {};
+    if (::localtime_r(&seconds, &local) == nullptr) {
+        return std::to_string(time);
+    }
+    char text[64];
+    return std::string(text, std::strftime(text, sizeof(text), format, &local));
+}
+
+std::string FormatSpan(int64_t milliseconds)
+{
+    struct Unit {
+        int64_t length;
+        const char* name;
+    };
+    constexpr Unit UNITS[] = {{DAY, " d"}, {HOUR, " h"}, {MINUTE, " min"}, {SECOND, " s"}, {1, " ms"}};
+    const Unit* large = UNITS;
+    while (large->length > milliseconds && large->length > 1) {
+        ++large;
+    }
+    std::string text = std::to_string(milliseconds / large->length) + large->name;
+    if (large->length > SECOND && milliseconds % large->length >= large[1].length) {
+        text += " " + std::to_string(milliseconds % large->length / large[1].length) + large[1].name;
+    }
+    return text;
+}
+
+}  // namespace SecurityPrivacyExample

@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace SecurityPrivacyExample {
+
+// Times are milliseconds since the epoch; dates without a Z are the local time of this process.
+
+int64_t Now();
+
+// A moment as a user writes it. Null for anything else, and for what is before 1970.
+//   2026-11-20, 2026-11-20T10:00, 2026-11-20T10:00:30, each with an optional Z; a blank may stand for the T
+//   2h, 7d, 1d12h: so long before `now`; s, m, h, d, w
+//   1795197600000: as it is
+std::optional<int64_t> ParseTime(const std::string& text, int64_t now);
+
+// "2026-11-20 10:00:30"
+std::string FormatTime(int64_t time);
+
+// A time in the shape of strftime.
+std::string FormatTime(int64_t time, const char* format);
+
+// The two largest units: "1 h 42 min", "850 ms".
+std::string FormatSpan(int64_t milliseconds);
+
+}  // namespace SecurityPrivacyExample

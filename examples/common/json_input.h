@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "security_privacy/gtoken_info.h"
+
+namespace SecurityPrivacyExample {
+
+// A file cannot be used. The text says which file, where in it and what is wrong, but quotes nothing of its contents:
+// they may hold fingerprints.
+class InputError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// The whole file. Throws InputError when it cannot be read or is longer than `maxBytes` (a device or a pipe may never
+// end).
+std::string ReadFile(const std::string& path, size_t maxBytes);
+
+// A value of a JSON file that knows its place in it, so that a complaint can say where. Every reading function throws
+// InputError. It refers to the document, which has to outlive it.
+class JsonNode {
+public:
+    JsonNode(const nlohmann::json& value, const std::string& path, std::string place)
+        : value_(&value), path_(&path), place_(std::move(place))
+    {
+    }
+
+    std::string Text() const;
+    int64_t Integer(int64_t min = std::numeric_limits<int64_t>::min(),
+                    int64_t max = std::numeric_limits<int64_t>::max()) const;
+    int32_t Int32(int32_t min = std::numeric_limits<int32_t>::min()) const;
+    std::vector<JsonNode> Items() const;
+    std::vector<std::pair<std::string, JsonNode>> Members() const;
+    std::vector<std::string> Texts() const;
+
+    JsonNode operator[](const char* key) const;
+    std::optional<JsonNode> Find(const char* key) const;
+
+    // Refuses members of other names, which would be misspelt ones that nobody reads.
+    void AllowOnly(std::initializer_list<std::string_view> keys) const;
+    // Refuses a document whose "format" and "version" are not these.
+    void RequireFormat(const char* format, int32_t version) const;
+
+    [[noreturn]] void Fail(const std::string& complaint) const;
+
+private:
+    const nlohmann::json* value_;
+    const std::string* path_;
+    std::string place_;  // "apps[3].uid"; empty for the document as a whole
+};
+
+// A parsed file.
+class JsonDocument {
+public:
+    // Throws InputError when the file cannot be read or is not JSON.
+    explicit JsonDocument(const std::string& path);
+
+    JsonDocument(const JsonDocument&) = delete;
+    JsonDocument& operator=(const JsonDocument&) = delete;
+
+    JsonNode Root() const { return JsonNode(value_, path_, ""); }
+
+private:
+    std::string path_;
+    nlohmann::json value_;
+};
+
+// {"bundleName": ..., "fingerprint": ..., "versionCode": ..., "policies": {name: value, ...}}
+VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenInfo ReadGTokenInfo(const JsonNode& node);
+
+}  // namespace SecurityPrivacyExample

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "common/result_codes.h"
+
+namespace SecurityPrivacyExample {
+namespace {
+
+struct Description {
+    ResultCode code;
+    const char* name;
+    const char* meaning;
+};
+
+constexpr Description DESCRIPTIONS[] = {
+    {RESULT_OK, "OK", "success"},
+    {RESULT_UNKNOWN_USER, "UNKNOWN_USER", "the device has no such user"},
+    {RESULT_UNKNOWN_APP, "UNKNOWN_APP", "the app is not installed for this user or uid"},
+    {RESULT_UNKNOWN_PERMISSION_GROUP, "UNKNOWN_PERMISSION_GROUP", "the device or the app has no such permission group"},
+    {RESULT_STATE_NOT_SHOWN, "STATE_NOT_SHOWN", "the state is not among those shown for the group"},
+    {RESULT_STATE_DISABLED, "STATE_DISABLED", "the state is shown but disabled"},
+    {RESULT_BAD_ORDER, "BAD_ORDER", "the order is neither 0 (oldest first) nor 1 (newest first)"},
+    {RESULT_BAD_LIMIT, "BAD_LIMIT", "the limit is negative"},
+    {RESULT_BAD_NAME, "BAD_NAME", "a bundle name, fingerprint or policy name is empty or not printable ASCII"},
+    {RESULT_FINGERPRINT_MISMATCH, "FINGERPRINT_MISMATCH",
+     "a bundle is stored with another fingerprint; nothing was changed"},
+    {RESULT_UNKNOWN_BUNDLE, "UNKNOWN_BUNDLE", "nothing is stored for one of the bundles; nothing was changed"},
+    {RESULT_NOT_SAVED, "NOT_SAVED", "the state file could not be written; nothing was changed"},
+};
+
+const Description* Find(int32_t code)
+{
+    for (const Description& description : DESCRIPTIONS) {
+        if (description.code == code) {
+            return &description;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+const char* ResultCodeName(int32_t code)
+{
+    const Description* description = Find(code);
+    return description != nullptr ? description->name : nullptr;
+}
+
+const char* ResultCodeMeaning(int32_t code)
+{
+    const Description* description = Find(code);
+    return description != nullptr ? description->meaning : nullptr;
+}
+
+}  // namespace SecurityPrivacyExample

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "security_privacy/permission_usage_record.h"
+#include "security_privacy/permission_usage_record_query.h"
+#include "service/device_data.h"
+
+namespace SecurityPrivacyExample {
+
+// What a query means to this service:
+//
+//   lists    Each list that is not empty restricts to its elements; all of them have to be met.
+//   span     The events that begin in [begin, end), in milliseconds since the epoch; 0 leaves that side open. An event
+//            counts where it begins, so adjoining spans count it once.
+//   order    0 oldest first, 1 newest first, by the begin; equal ones by app, group and the other columns.
+//   limit    The first so many records in that order; 0 means all.
+//
+// Both functions append to `records` and answer RESULT_OK, or RESULT_BAD_ORDER or RESULT_BAD_LIMIT with nothing
+// appended.
+
+// One record per app, operation group, mode, app state and screen state: the times added up (no further than an int32
+// goes), from the first begin to the last end.
+int32_t SummariseUsage(
+    const std::vector<UsageEvent>& events,
+    const VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery& query,
+    std::vector<VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord>& records);
+
+// One record per event.
+int32_t ListUsage(const std::vector<UsageEvent>& events,
+                  const VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery& query,
+                  std::vector<VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord>& records);
+
+}  // namespace SecurityPrivacyExample
