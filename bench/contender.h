@@ -1,22 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <cstddef>
 #include <memory>
 #include <string>
 
+#include "bench/workload.h"
+
 namespace bench {
-
-// The five things that are measured, and `none`: a request with empty fields and nothing to bring back.
-enum class Case { kSmall, kBulk, kLeast, kUsage, kToken, kNone };
-
-// One case as the command line gives it.
-struct Workload {
-    Case kind = Case::kNone;
-    size_t records = 0;       // how many records come back
-    size_t requestBytes = 0;  // for the contender without a codec: the length of its messages
-    size_t replyBytes = 0;
-};
 
 // One client with its connection.
 class Client {

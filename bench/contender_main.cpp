@@ -11,13 +11,11 @@
 #include <sys/prctl.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <exception>
 #include <iostream>
-#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -33,14 +31,6 @@ constexpr size_t kLeastCalls = 5;
 constexpr size_t kMostCalls = 200000;
 // Enough for the buffers, the allocator and the branch predictor to know the workload.
 constexpr std::chrono::milliseconds kWarmUp{20};
-
-Case CaseNamed(const std::string& name)
-{
-    static const std::map<std::string, Case> cases = {{"small", Case::kSmall}, {"bulk", Case::kBulk},
-                                                      {"least", Case::kLeast}, {"usage", Case::kUsage},
-                                                      {"token", Case::kToken}, {"none", Case::kNone}};
-    return cases.at(name);
-}
 
 // Calls until `duration` is over; the times of the calls, in nanoseconds.
 void CallFor(Client& client, Clock::duration duration, std::vector<uint32_t>& times)

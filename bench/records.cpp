@@ -117,7 +117,8 @@ SetRequest MakeSetRequest()
 
 UsageRequest MakeUsageRequest()
 {
-    return {{MakeBundleName(1), MakeBundleName(2)}, {100}, {MakeGroup(1)}, kFirstTimestamp, kFirstTimestamp * 2, 10000, 1};
+    return {
+        {MakeBundleName(1), MakeBundleName(2)}, {100}, {MakeGroup(1)}, kFirstTimestamp, kFirstTimestamp * 2, 10000, 1};
 }
 
 RowRequest MakeRowRequest(size_t bundles)

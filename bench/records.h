@@ -7,9 +7,9 @@
 #include <unordered_set>
 #include <vector>
 
-// What the benchmarks send around: plain structs with the fields of the library's records, under the same names, and one
-// maker for each. Record `index` of every contender holds the same values, so that an answer can be checked without a copy
-// of it.
+// What the benchmarks send around: plain structs with the fields of the library's records, under the same names, and
+// one maker for each. Record `index` of every contender holds the same values, so that an answer can be checked without
+// a copy of it.
 namespace bench {
 
 struct Info {

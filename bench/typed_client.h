@@ -49,9 +49,9 @@ bool IsSameRow(const T& left, const Row& right)
            left.versionCode == right.versionCode && left.policyValue == right.policyValue;
 }
 
-// The client of a contender whose `Peer` carries records. A `Peer` is made from the directory and has an operation for each
-// request, which throws when it fails; its types `Info`, `Usage` and `Row` are what it brings them in, and `ToPlain` turns
-// its usage record into ours.
+// The client of a contender whose `Peer` carries records. A `Peer` is made from the directory and has an operation for
+// each request, which throws when it fails; its types `Info`, `Usage` and `Row` are what it brings them in, and
+// `ToPlain` turns its usage record into ours.
 template <class Peer>
 class TypedClient final : public Client {
 public:
@@ -93,7 +93,8 @@ public:
         switch (workload_.kind) {
             case Case::kSmall:
             case Case::kBulk:
-                return AreRight(infos_, [](const auto& info, size_t index) { return IsSameInfo(info, MakeInfo(index)); });
+                return AreRight(infos_,
+                                [](const auto& info, size_t index) { return IsSameInfo(info, MakeInfo(index)); });
             case Case::kLeast:
                 return isSet_;
             case Case::kUsage:

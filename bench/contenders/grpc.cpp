@@ -138,8 +138,8 @@ void Check(const grpc::Status& status)
 class GrpcPeer : public PlainTypes {
 public:
     explicit GrpcPeer(const std::string& directory)
-        : stub_(wire::Answering::NewStub(grpc::CreateCustomChannel(
-              "unix:" + SocketPath(directory), grpc::InsecureChannelCredentials(), WithoutLimit())))
+        : stub_(wire::Answering::NewStub(grpc::CreateCustomChannel("unix:" + SocketPath(directory),
+                                                                   grpc::InsecureChannelCredentials(), WithoutLimit())))
     {
     }
 
@@ -193,7 +193,7 @@ public:
 
 private:
     using InfoOperation = grpc::Status (wire::Answering::Stub::*)(grpc::ClientContext*, const wire::InfoRequest&,
-                                                                wire::InfoReply*);
+                                                                  wire::InfoReply*);
 
     void Send(InfoOperation operation, const InfoRequest& request, std::vector<Info>& infos)
     {

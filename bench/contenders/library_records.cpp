@@ -1,22 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "bench/contenders/library_records.h"
 
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "security_privacy/security_privacy_service_stub.h"
+
 namespace bench {
-namespace {
-
-template <class Record, class Plain>
-std::vector<Record> ToRecords(const std::vector<Plain>& plain)
-{
-    std::vector<Record> records;
-    records.reserve(plain.size());
-    for (const Plain& one : plain) {
-        records.push_back(ToRecord(one));
-    }
-    return records;
-}
-
-}  // namespace
-
 Permission::AppPermissionGroupInfo ToRecord(const Info& info)
 {
     Permission::AppPermissionGroupInfo record;
@@ -58,68 +49,80 @@ GTokenResult ToRecord(const Row& row)
 
 Usage ToPlain(const Record::PermissionUsageRecord& record)
 {
-    return {record.GetBundleName(),     record.GetUid(),           record.GetOperationGroup(),
-            record.GetTimes(),          record.GetOperationMode(), record.GetAppState(),
-            record.GetScreenState(),    record.GetBeginTimestamp(), record.GetEndTimestamp()};
+    return {record.GetBundleName(),    record.GetUid(),      record.GetOperationGroup(), record.GetTimes(),
+            record.GetOperationMode(), record.GetAppState(), record.GetScreenState(),    record.GetBeginTimestamp(),
+            record.GetEndTimestamp()};
 }
 
-LibraryService::LibraryService(const Answers& answers)
-    : infos_(ToRecords<Permission::AppPermissionGroupInfo>(answers.infos)),
-      usages_(ToRecords<Record::PermissionUsageRecord>(answers.usages))
+namespace {
+
+template <class Record, class Plain>
+std::vector<Record> ToRecords(const std::vector<Plain>& plain)
 {
-    rows_.gTokenResults = ToRecords<GTokenResult>(answers.rows);
+    std::vector<Record> records;
+    records.reserve(plain.size());
+    for (const Plain& one : plain) {
+        records.push_back(ToRecord(one));
+    }
+    return records;
 }
 
-int32_t LibraryService::GetAppPermissionGroupInfosByApp(const std::string&, int32_t,
-                                                        const std::unordered_set<std::string>&,
-                                                        std::vector<Permission::AppPermissionGroupInfo>& infos)
-{
-    infos = infos_;
-    return 0;
-}
+class LibraryService final : public SecurityPrivacyServiceStub {
+public:
+    explicit LibraryService(const Answers& answers)
+        : infos_(ToRecords<Permission::AppPermissionGroupInfo>(answers.infos)),
+          usages_(ToRecords<Record::PermissionUsageRecord>(answers.usages))
+    {
+        rows_.gTokenResults = ToRecords<GTokenResult>(answers.rows);
+    }
 
-int32_t LibraryService::GetAppPermissionGroupInfosByPermission(const std::string&, int32_t,
-                                                               const std::unordered_set<std::string>&,
-                                                               std::vector<Permission::AppPermissionGroupInfo>& infos)
-{
-    infos = infos_;
-    return 0;
-}
+    bool IsMessageCodeAllowed(uint32_t) override { return true; }
 
-int32_t LibraryService::SetAppPermissionGroupCheckedState(const std::string&, int32_t, const std::string&,
-                                                          const Permission::CheckedStateParameter&, bool& returns)
-{
-    returns = true;
-    return 0;
-}
+    int32_t GetAppPermissionGroupInfosByApp(const std::string&, int32_t, const std::unordered_set<std::string>&,
+                                            std::vector<Permission::AppPermissionGroupInfo>& infos) override
+    {
+        infos = infos_;
+        return 0;
+    }
+    int32_t GetAppPermissionGroupInfosByPermission(const std::string&, int32_t, const std::unordered_set<std::string>&,
+                                                   std::vector<Permission::AppPermissionGroupInfo>& infos) override
+    {
+        infos = infos_;
+        return 0;
+    }
+    int32_t SetAppPermissionGroupCheckedState(const std::string&, int32_t, const std::string&,
+                                              const Permission::CheckedStateParameter&, bool& returns) override
+    {
+        returns = true;
+        return 0;
+    }
+    int32_t GetPermissionUsageSummary(const Record::PermissionUsageRecordQuery&,
+                                      std::vector<Record::PermissionUsageRecord>& records) override
+    {
+        records = usages_;
+        return 0;
+    }
+    int32_t GetPermissionUsageTimeline(const Record::PermissionUsageRecordQuery&,
+                                       std::vector<Record::PermissionUsageRecord>& records) override
+    {
+        records = usages_;
+        return 0;
+    }
+    int32_t GTokenPolicyAddPolicy(const std::vector<GTokenInfo>&) override { return 0; }
+    GTokenResultWithRet GTokenPolicyGetPolicy(std::string, const std::vector<std::string>&) override { return rows_; }
+    int32_t GTokenPolicyRemovePolicy(const std::vector<std::string>&) override { return 0; }
 
-int32_t LibraryService::GetPermissionUsageSummary(const Record::PermissionUsageRecordQuery&,
-                                                  std::vector<Record::PermissionUsageRecord>& records)
-{
-    records = usages_;
-    return 0;
-}
+private:
+    const std::vector<Permission::AppPermissionGroupInfo> infos_;
+    const std::vector<Record::PermissionUsageRecord> usages_;
+    GTokenResultWithRet rows_;
+};
 
-int32_t LibraryService::GetPermissionUsageTimeline(const Record::PermissionUsageRecordQuery&,
-                                                   std::vector<Record::PermissionUsageRecord>& records)
-{
-    records = usages_;
-    return 0;
-}
+}  // namespace
 
-int32_t LibraryService::GTokenPolicyAddPolicy(const std::vector<GTokenInfo>&)
+VARN::sptr<VARN::IPCObjectStub> MakeLibraryService(const Workload& workload)
 {
-    return 0;
-}
-
-GTokenResultWithRet LibraryService::GTokenPolicyGetPolicy(std::string, const std::vector<std::string>&)
-{
-    return rows_;
-}
-
-int32_t LibraryService::GTokenPolicyRemovePolicy(const std::vector<std::string>&)
-{
-    return 0;
+    return VARN::sptr<VARN::IPCObjectStub>(new LibraryService(Answers(workload)));
 }
 
 }  // namespace bench

@@ -9,8 +9,8 @@
 
 #include "bench/records.h"
 
-// The codec that a careful engineer writes in an afternoon: numbers as they are, texts and lists behind their 32-bit length,
-// a writer that appends to a string and a reader that never leaves the message.
+// The codec that a careful engineer writes in an afternoon: numbers as they are, texts and lists behind their 32-bit
+// length, a writer that appends to a string and a reader that never leaves the message.
 namespace bench::plain {
 
 class Writer {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// sd-bus between two processes without a daemon: a direct connection over a Unix socket, a thread for each on the server.
+// sd-bus between two processes without a daemon: a direct connection over a Unix socket, a thread for each on the
+// server.
 #include <systemd/sd-bus.h>
 
 #include <memory>

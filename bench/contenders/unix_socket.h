@@ -19,8 +19,8 @@ int ConnectTo(const std::string& path);
 // Accepts for ever; each connection gets a thread that runs `handle` and owns the descriptor.
 [[noreturn]] void ServeOnThreads(int listener, const std::function<void(int)>& handle);
 
-// One end of a connection with blocking reads and writes. Messages go back and forth in turn; each begins with its length
-// in all, in 4 bytes, so that a short message takes one read and one write.
+// One end of a connection with blocking reads and writes. Messages go back and forth in turn; each begins with its
+// length in all, in 4 bytes, so that a short message takes one read and one write.
 class MessageSocket {
 public:
     explicit MessageSocket(int descriptor) : descriptor_(descriptor), buffer_(kFirstBuffer) {}
