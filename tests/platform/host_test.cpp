@@ -111,6 +111,11 @@ TEST_F(HostTest, ObjectOfThisProcessIsFoundFirst)
     EXPECT_EQ(Ask(manager_->LoadSystemAbility(ID, 0), 1, "").status, 9);
 }
 
+TEST_F(HostTest, HostBringsItsOwnManager)
+{
+    EXPECT_EQ(SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager(), manager_);
+}
+
 TEST_F(HostTest, AbsentServiceIsNullWithTheReason)
 {
     EXPECT_EQ(manager_->LoadSystemAbility(ID, 0), nullptr);

@@ -4,11 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <functional>
 #include <limits>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "varn/message_parcel.h"
 
@@ -16,25 +14,6 @@ namespace VARN {
 namespace {
 
 using namespace std::string_literals;
-
-// The words of a parcel from its cursor on, which is left at the end.
-std::vector<int32_t> Words(Parcel& parcel)
-{
-    std::vector<int32_t> words;
-    int32_t word = 0;
-    while (parcel.ReadInt32(word)) {
-        words.push_back(word);
-    }
-    EXPECT_EQ(parcel.GetReadableBytes(), 0U);
-    return words;
-}
-
-void WriteWords(Parcel& parcel, const std::vector<int32_t>& words)
-{
-    for (const int32_t word : words) {
-        ASSERT_TRUE(parcel.WriteInt32(word));
-    }
-}
 
 class Point : public Parcelable {
 public:
@@ -47,38 +26,6 @@ public:
     int32_t x = 0;
     int32_t y = 0;
 };
-
-TEST(ParcelTest, EveryTypeHasItsLayout)
-{
-    Point point;
-    point.x = 7;
-    point.y = -8;
-    const struct {
-        const char* name;
-        std::function<bool(Parcel&)> write;
-        std::vector<int32_t> words;
-    } cases[] = {
-        {"bool", [](Parcel& p) { return p.WriteBool(true) && p.WriteBool(false); }, {1, 0}},
-        {"int32", [](Parcel& p) { return p.WriteInt32(-2); }, {-2}},
-        {"int64", [](Parcel& p) { return p.WriteInt64(-0x100000002LL); }, {-2, -2}},
-        {"empty string", [](Parcel& p) { return p.WriteString(""); }, {0, 0}},
-        {"3 bytes", [](Parcel& p) { return p.WriteString("abc"); }, {3, 0x00636261}},
-        {"4 bytes", [](Parcel& p) { return p.WriteString("abcd"); }, {4, 0x64636261, 0}},
-        {"zero byte inside", [](Parcel& p) { return p.WriteString("a\0c"s); }, {3, 0x00630061}},
-        {"empty string16", [](Parcel& p) { return p.WriteString16(u""); }, {0, 0}},
-        {"1 unit", [](Parcel& p) { return p.WriteString16(u"a"); }, {1, 0x00000061}},
-        {"2 units", [](Parcel& p) { return p.WriteString16(u"ab"); }, {2, 0x00620061, 0}},
-        {"present", [&](Parcel& p) { return p.WriteParcelable(&point); }, {1, 7, -8}},
-        {"absent", [](Parcel& p) { return p.WriteParcelable(nullptr); }, {0}},
-    };
-    for (const auto& [name, write, words] : cases) {
-        SCOPED_TRACE(name);
-        Parcel parcel;
-        ASSERT_TRUE(write(parcel));
-        EXPECT_EQ(parcel.GetDataSize(), words.size() * 4);
-        EXPECT_EQ(Words(parcel), words);
-    }
-}
 
 TEST(ParcelTest, ValuesComeBackInTheirOrder)
 {
@@ -100,98 +47,53 @@ TEST(ParcelTest, ValuesComeBackInTheirOrder)
 
 TEST(ParcelTest, FailedReadLeavesCursorAndTarget)
 {
-    constexpr int32_t MOST = std::numeric_limits<int32_t>::max();
-    constexpr int32_t LEAST = std::numeric_limits<int32_t>::min();
-    const auto string = [](Parcel& p) {
-        std::string value = "kept";
-        return p.ReadString(value) || value != "kept";
-    };
-    const auto string16 = [](Parcel& p) {
-        std::u16string value = u"kept";
-        return p.ReadString16(value) || value != u"kept";
-    };
-    const auto number = [](Parcel& p) {
-        int64_t value = 5;
-        return p.ReadInt64(value) || value != 5;
-    };
-    const struct {
-        const char* name;
-        std::function<bool(Parcel&)> read;
-        std::vector<int32_t> words;
-    } cases[] = {
-        {"nothing there", string, {}},
-        {"half a number", number, {1}},
-        {"length alone", string, {0}},
-        {"negative length", string, {-1, 0}},
-        {"least length", string, {LEAST, 0}},
-        {"greatest length", string, {MOST, 0, 0}},
-        {"one byte too long", string, {4, 0x64636261}},
-        {"no terminator", string, {3, 0x64636261}},
-        {"no terminator where padding follows", string, {1, 0x00006261}},
-        {"length alone, 16", string16, {0}},
-        {"negative length, 16", string16, {-1, 0, 0}},
-        {"greatest length, 16", string16, {MOST, 0, 0}},
-        {"half of greatest, 16", string16, {0x40000000, 0, 0}},
-        {"one unit too long, 16", string16, {2, 0x00620061}},
-        {"no terminator, 16", string16, {1, 0x00620061}},
-    };
-    for (const auto& [name, read, words] : cases) {
-        SCOPED_TRACE(name);
-        Parcel parcel;
-        WriteWords(parcel, words);
-        EXPECT_FALSE(read(parcel));
-        EXPECT_EQ(parcel.GetReadableBytes(), words.size() * 4);
-        EXPECT_EQ(Words(parcel), words);
+    // What is announced is more than there is: at each of the sizes that a message may be cut to, no read gives a
+    // value, changes its target or moves the cursor.
+    Parcel parcel;
+    bool flag = true;
+    int32_t number = 5;
+    int64_t big = 6;
+    std::string text = "kept";
+    std::u16string wide = u"kept";
+    for (const int32_t length : {1, 1000, 0x7FFFFFFF, -1, -0x7FFFFFFF - 1}) {
+        ASSERT_TRUE(parcel.WriteInt32(length));
+        EXPECT_FALSE(parcel.ReadInt64(big) || parcel.ReadString(text) || parcel.ReadString16(wide)) << length;
+        EXPECT_EQ(parcel.ReadInt32(), length);
     }
-    Parcel empty;
-    EXPECT_TRUE(!empty.ReadBool() && empty.ReadInt32() == 0 && empty.ReadInt64() == 0 && empty.ReadString().empty() &&
-                empty.ReadString16().empty());
-    EXPECT_EQ(empty.ReadParcelable<Point>(), nullptr);
+    EXPECT_FALSE(parcel.ReadBool(flag) || parcel.ReadInt32(number));
+    EXPECT_TRUE(flag && number == 5 && big == 6 && text == "kept" && wide == u"kept");
+    EXPECT_TRUE(!parcel.ReadBool() && parcel.ReadInt32() == 0 && parcel.ReadInt64() == 0 &&
+                parcel.ReadString().empty() && parcel.ReadString16().empty());
+    EXPECT_EQ(parcel.ReadParcelable<Point>(), nullptr);
 }
 
-TEST(ParcelTest, WriteStopsAtTheCapacityAndLeavesTheParcel)
+TEST(ParcelTest, FailedWriteLeavesTheParcel)
 {
-    const struct {
-        const char* name;
-        std::function<bool(Parcel&)> write;
-        size_t bytes;
-    } cases[] = {
-        {"bool", [](Parcel& p) { return p.WriteBool(true); }, 4},
-        {"int32", [](Parcel& p) { return p.WriteInt32(1); }, 4},
-        {"int64", [](Parcel& p) { return p.WriteInt64(1); }, 8},
-        {"string", [](Parcel& p) { return p.WriteString("abcd"); }, 12},
-        {"long string", [](Parcel& p) { return p.WriteString(std::string(1000, 'x')); }, 1008},
-        {"string16", [](Parcel& p) { return p.WriteString16(u"ab"); }, 12},
-    };
-    for (const auto& [name, write, bytes] : cases) {
-        SCOPED_TRACE(name);
-        for (const size_t before : {size_t{0}, size_t{508}, size_t{2000}}) {
-            Parcel parcel;
-            WriteWords(parcel, std::vector<int32_t>(before / 4, 9));
-            ASSERT_TRUE(parcel.SetMaxCapacity(before + bytes - 1));
-            EXPECT_FALSE(write(parcel));
-            EXPECT_EQ(parcel.GetDataSize(), before);
-            ASSERT_TRUE(parcel.SetMaxCapacity(before + bytes));
-            EXPECT_TRUE(write(parcel));
-            EXPECT_EQ(parcel.GetDataSize(), before + bytes);
-            EXPECT_FALSE(parcel.WriteInt32(1));
-            EXPECT_FALSE(parcel.SetMaxCapacity(before + bytes - 1));
-        }
-    }
+    Parcel parcel;
+    ASSERT_TRUE(parcel.WriteString("there"));
+    const size_t size = parcel.GetDataSize();
+    ASSERT_TRUE(parcel.SetMaxCapacity(size));
+    EXPECT_FALSE(parcel.WriteInt32(1) || parcel.WriteString("x") || parcel.WriteParcelable(nullptr));
+    EXPECT_EQ(parcel.GetDataSize(), size);
+    EXPECT_EQ(parcel.ReadString(), "there");
 }
 
 TEST(ParcelTest, FailedMarshallingKeepsWhatItWrote)
 {
     Parcel parcel;
     ASSERT_TRUE(parcel.SetMaxCapacity(8));
-    EXPECT_FALSE(parcel.WriteParcelable(std::make_unique<Point>().get()));
-    EXPECT_EQ(parcel.GetDataSize(), 8U);
+    Point point;
+    point.x = 7;
+    EXPECT_FALSE(parcel.WriteParcelable(&point));
+    EXPECT_TRUE(parcel.ReadInt32() == 1 && parcel.ReadInt32() == 7 && parcel.GetReadableBytes() == 0);
 }
 
 TEST(ParcelTest, PresenceOtherThanZeroReadsAValue)
 {
     Parcel parcel;
-    WriteWords(parcel, {-5, 1, 2, 0, 1, 3});
+    for (const int32_t word : {-5, 1, 2, 0, 1, 3}) {
+        ASSERT_TRUE(parcel.WriteInt32(word));
+    }
     const sptr<Point> point = parcel.ReadParcelable<Point>();
     ASSERT_NE(point, nullptr);
     EXPECT_EQ(point->StrongCount(), 1);
