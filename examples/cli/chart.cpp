@@ -3,12 +3,12 @@
 
 #include <algorithm>
 #include <cctype>
-#include <ctime>
 #include <map>
 #include <set>
 #include <utility>
 
 #include "cli/output.h"
+#include "cli/time_axis.h"
 #include "cli/time_text.h"
 #include "common/usage_codes.h"
 
@@ -24,28 +24,7 @@ constexpr char NOTHING = '.';
 constexpr char SEVERAL = '*';
 constexpr char DENIED = '!';
 
-constexpr int64_t SECOND = 1000;
-constexpr int64_t MINUTE = 60 * SECOND;
-constexpr int64_t HOUR = 60 * MINUTE;
-constexpr int64_t DAY = 24 * HOUR;
-
-// The time that the columns stand for.
-struct Scale {
-    int64_t begin = 0;
-    int64_t end = 0;
-    size_t columns = 0;
-
-    // The column of a moment, also of one outside.
-    size_t Column(int64_t time) const
-    {
-        if (time <= begin) {
-            return 0;
-        }
-        // As a fraction: the product of span and columns could overflow.
-        const double share = static_cast<double>(time - begin) / static_cast<double>(end - begin);
-        return std::min(static_cast<size_t>(share * static_cast<double>(columns)), columns - 1);
-    }
-};
+constexpr int64_t MINUTE = 60000;
 
 using Letters = std::map<std::string, char>;
 using RowKey = std::pair<std::string, int32_t>;  // app and uid
@@ -98,7 +77,7 @@ char Merge(char shown, char added)
     return shown == added ? shown : upper;
 }
 
-Rows DrawRows(const std::vector<PermissionUsageRecord>& records, const Letters& letters, const Scale& scale,
+Rows DrawRows(const std::vector<PermissionUsageRecord>& records, const Letters& letters, const TimeScale& scale,
               bool marksDenied)
 {
     Rows rows;
@@ -119,101 +98,64 @@ Rows DrawRows(const std::vector<PermissionUsageRecord>& records, const Letters& 
     return rows;
 }
 
-// The distance of the ticks: the smallest round one that leaves room for their labels.
-int64_t ChooseStep(const Scale& scale)
+// What all names begin with, up to a dot: said once, in the corner, it leaves more room for the time.
+std::string CommonPrefix(const Rows& rows)
 {
-    constexpr int64_t STEPS[] = {MINUTE,   2 * MINUTE, 5 * MINUTE, 10 * MINUTE, 15 * MINUTE, 30 * MINUTE, HOUR,
-                                 2 * HOUR, 3 * HOUR,   6 * HOUR,   12 * HOUR,   DAY,         2 * DAY,     7 * DAY,
-                                 14 * DAY, 28 * DAY,   91 * DAY,   182 * DAY,   364 * DAY};
-    constexpr int64_t LABEL_COLUMNS = 9;
-    const int64_t labels = std::max<int64_t>(static_cast<int64_t>(scale.columns) / LABEL_COLUMNS, 1);
-    for (const int64_t step : STEPS) {
-        if ((scale.end - scale.begin) / step <= labels) {
-            return step;
-        }
-    }
-    return (scale.end - scale.begin) / labels;
+    const std::string& first = rows.begin()->first.first;
+    const std::string& last = rows.rbegin()->first.first;
+    const auto differs = std::mismatch(first.begin(), first.end(), last.begin(), last.end()).first;
+    const size_t dot = std::string(first.begin(), differs).rfind('.');
+    return dot == std::string::npos ? "" : first.substr(0, dot + 1);
 }
 
-std::string TickLabel(int64_t time, int64_t step)
+// Cut at the front, where names differ least.
+std::string Fit(const std::string& label, size_t width)
 {
-    if (step >= 28 * DAY) {
-        return "|" + FormatTime(time, "%Y-%m");
-    }
-    const bool isMidnight = FormatTime(time, "%H:%M") == "00:00";
-    return "|" + FormatTime(time, isMidnight || step >= DAY ? "%m-%d" : "%H:%M");
-}
-
-// Ticks stand on round local times; days are counted by the calendar, so that a change of the clock does not shift
-// them.
-std::string DrawAxis(const Scale& scale)
-{
-    const int64_t step = ChooseStep(scale);
-    const auto beginSeconds = static_cast<std::time_t>(scale.begin / SECOND);
-    std::tm midnight = {};
-    ::localtime_r(&beginSeconds, &midnight);
-    midnight.tm_hour = midnight.tm_min = midnight.tm_sec = 0;
-
-    std::string axis(scale.columns, ' ');
-    size_t freeFrom = 0;
-    for (int64_t tick = 0, time = 0; time < scale.end; ++tick) {
-        std::tm date = midnight;
-        date.tm_mday += static_cast<int>(tick * step / DAY);
-        date.tm_sec = static_cast<int>(tick * step % DAY / SECOND);
-        date.tm_isdst = -1;
-        time = int64_t{std::mktime(&date)} * SECOND;
-        const std::string label = TickLabel(time, step);
-        const size_t column = scale.Column(time);
-        const bool isInside = time >= scale.begin && time < scale.end && column + label.size() <= scale.columns;
-        if (isInside && (column >= freeFrom)) {
-            axis.replace(column, label.size(), label);
-            freeFrom = column + label.size() + 1;
-        }
-    }
-    axis.erase(axis.find_last_not_of(' ') + 1);
-    return axis;
-}
-
-// The label of a row: the app, with its uid where the app has several rows, cut at the front.
-std::string RowLabel(const Rows& rows, const RowKey& key, size_t width)
-{
-    const auto& [bundleName, uid] = key;
-    const auto isSameApp = [&name = bundleName](const auto& row) { return row.first.first == name; };
-    std::string label = Visible(bundleName);
-    if (std::count_if(rows.begin(), rows.end(), isSameApp) > 1) {
-        label += " " + std::to_string(uid);
-    }
     return label.size() <= width ? label : ".." + label.substr(label.size() - width + 2);
 }
 
-// The letters in colours of their own, runs of the same letter at once.
-std::string Coloured(const std::string& row, const Letters& letters)
+// The label of each row: the app, with its uid where the app has several rows. The first is for the corner.
+std::vector<std::string> MakeLabels(const Rows& rows)
+{
+    const std::string prefix = CommonPrefix(rows);
+    std::vector<std::string> labels{Visible(prefix)};
+    for (const auto& [key, row] : rows) {
+        const auto isSameApp = [&name = key.first](const auto& other) { return other.first.first == name; };
+        const bool isAlone = std::count_if(rows.begin(), rows.end(), isSameApp) == 1;
+        labels.push_back(Visible(key.first.substr(prefix.size())) + (isAlone ? "" : " " + std::to_string(key.second)));
+    }
+    return labels;
+}
+
+// The sequence that shows a character of a row: a colour for each group, nothing faint, the signs bold.
+std::string ColourOf(char shown, const Letters& letters)
 {
     constexpr int FIRST_COLOUR = 31;
     constexpr int COLOURS = 6;
-    std::map<char, int> colours;
-    int next = 0;
+    const auto upper = static_cast<char>(std::toupper(static_cast<unsigned char>(shown)));
+    int colour = FIRST_COLOUR;
     for (const auto& [group, letter] : letters) {
-        colours[letter] = FIRST_COLOUR + next++ % COLOURS;
+        if (letter == upper) {
+            return "\x1b[1;" + std::to_string(colour) + "m";
+        }
+        colour = FIRST_COLOUR + (colour - FIRST_COLOUR + 1) % COLOURS;
     }
+    return shown == NOTHING ? "\x1b[2m" : "\x1b[1m";
+}
+
+// Runs of the same character are coloured at once.
+std::string Coloured(const std::string& row, const Letters& letters)
+{
     std::string text;
     for (size_t from = 0; from < row.size();) {
         const size_t to = std::min(row.find_first_not_of(row[from], from), row.size());
-        const auto colour = colours.find(static_cast<char>(std::toupper(static_cast<unsigned char>(row[from]))));
-        const std::string run = row.substr(from, to - from);
-        if (row[from] == NOTHING) {
-            text += "\x1b[2m" + run + "\x1b[0m";
-        } else if (colour != colours.end()) {
-            text += "\x1b[1;" + std::to_string(colour->second) + "m" + run + "\x1b[0m";
-        } else {
-            text += "\x1b[1m" + run + "\x1b[0m";
-        }
+        text += ColourOf(row[from], letters) + row.substr(from, to - from) + "\x1b[0m";
         from = to;
     }
     return text;
 }
 
-std::string DrawLegend(const Letters& letters, const Rows& rows, size_t width)
+std::string DrawLegend(const Letters& letters, const Rows& rows, const ChartOptions& options)
 {
     std::vector<std::string> entries;
     for (const auto& [group, letter] : letters) {
@@ -235,27 +177,27 @@ std::string DrawLegend(const Letters& letters, const Rows& rows, size_t width)
     std::string legend;
     size_t lineLength = 0;
     for (const std::string& entry : entries) {
-        const bool fits = lineLength == 0 || lineLength + entry.size() + 3 <= width;
+        const bool fits = lineLength == 0 || lineLength + entry.size() + 3 <= options.width;
         legend += lineLength == 0 ? "" : (fits ? "   " : "\n");
         lineLength = (fits && lineLength != 0 ? lineLength + 3 : 0) + entry.size();
-        legend += entry;
+        const bool isSign = entry[1] == ' ';
+        legend += options.isColoured && isSign ? Coloured(entry.substr(0, 1), letters) + entry.substr(1) : entry;
     }
     return legend + "\n";
 }
 
-Scale MakeScale(const std::vector<PermissionUsageRecord>& records, const ChartOptions& options)
+TimeScale MakeScale(const std::vector<PermissionUsageRecord>& records, const ChartOptions& options)
 {
-    Scale scale{options.begin, options.end, 0};
-    if (scale.begin == 0) {
-        scale.begin = std::min_element(records.begin(), records.end(), [](const auto& left, const auto& right) {
-                          return left.GetBeginTimestamp() < right.GetBeginTimestamp();
-                      })->GetBeginTimestamp();
+    TimeScale scale;
+    int64_t first = MAX_TIME;
+    int64_t last = 0;
+    for (const PermissionUsageRecord& record : records) {
+        first = std::min(first, record.GetBeginTimestamp());
+        last = std::max(last, record.GetEndTimestamp());
     }
-    if (scale.end == 0) {
-        scale.end = std::max_element(records.begin(), records.end(), [](const auto& left, const auto& right) {
-                        return left.GetEndTimestamp() < right.GetEndTimestamp();
-                    })->GetEndTimestamp();
-    }
+    // The service may send any number.
+    scale.begin = std::clamp<int64_t>(options.begin != 0 ? options.begin : first, 0, MAX_TIME);
+    scale.end = std::clamp<int64_t>(options.end != 0 ? options.end : last, 0, MAX_TIME);
     // A single moment still needs a span to stand in.
     scale.end = std::max(scale.end, scale.begin + MINUTE);
     return scale;
@@ -267,31 +209,35 @@ std::string DrawChart(const std::vector<PermissionUsageRecord>& records, const C
 {
     const Letters letters = ChooseLetters(records);
     const bool marksDenied = !std::all_of(records.begin(), records.end(), IsDenied);
-    Scale scale = MakeScale(records, options);
+    TimeScale scale = MakeScale(records, options);
 
     Rows rows;
     for (const PermissionUsageRecord& record : records) {
         rows[{record.GetBundleName(), record.GetUid()}];
     }
-    size_t labelWidth = 0;
-    for (const auto& [key, row] : rows) {
-        labelWidth = std::max(labelWidth, RowLabel(rows, key, options.width).size());
-    }
+    const std::vector<std::string> labels = MakeLabels(rows);
+    const size_t longest = std::max_element(labels.begin(), labels.end(), [](const auto& left, const auto& right) {
+                               return left.size() < right.size();
+                           })->size();
     const size_t room = options.width > MIN_COLUMNS + 1 ? options.width - MIN_COLUMNS - 1 : 0;
-    labelWidth = std::min(labelWidth, std::max(room, MIN_LABEL));
+    const size_t labelWidth = std::min(longest, std::max(room, MIN_LABEL));
     scale.columns = std::max(options.width, labelWidth + 1 + MIN_COLUMNS) - labelWidth - 1;
     rows = DrawRows(records, letters, scale, marksDenied);
 
     const int64_t columnSpan = (scale.end - scale.begin) / static_cast<int64_t>(scale.columns);
     std::string chart = FormatTime(scale.begin) + " to " + FormatTime(scale.end) + ", one column is " +
-                        FormatSpan(columnSpan) + (marksDenied ? "" : ", all denied") + "\n";
-    chart += std::string(labelWidth + 1, ' ') + DrawAxis(scale) + "\n";
+                        FormatSpan(0, columnSpan) + (marksDenied ? "" : ", all denied") + "\n";
+    const auto addLine = [&](const std::string& label, const std::string& text) {
+        std::string line = Fit(label, labelWidth);
+        line.resize(labelWidth + 1, ' ');
+        chart += line + text + "\n";
+    };
+    auto label = labels.begin();
+    addLine(*label, DrawTimeAxis(scale));
     for (const auto& [key, row] : rows) {
-        std::string label = RowLabel(rows, key, labelWidth);
-        label.resize(labelWidth + 1, ' ');
-        chart += label + (options.isColoured ? Coloured(row, letters) : row) + "\n";
+        addLine(*++label, options.isColoured ? Coloured(row, letters) : row);
     }
-    return chart + DrawLegend(letters, rows, options.width);
+    return chart + DrawLegend(letters, rows, options);
 }
 
 }  // namespace SecurityPrivacyExample

@@ -15,8 +15,6 @@ constexpr int64_t MINUTE = 60 * SECOND;
 constexpr int64_t HOUR = 60 * MINUTE;
 constexpr int64_t DAY = 24 * HOUR;
 constexpr int64_t WEEK = 7 * DAY;
-// About the year 142000: far enough, and sums of two stay far from overflow.
-constexpr int64_t MAX_TIME = int64_t{1} << 52;
 
 std::optional<int64_t> ParseNumber(const char*& position, const char* end)
 {
@@ -82,7 +80,7 @@ std::optional<int64_t> ParseDate(std::string text)
         const int day = date.tm_mday;
         const std::time_t seconds = isUtc ? ::timegm(&date) : std::mktime(&date);
         // The 30th of February would have become the 2nd of March.
-        const bool isReal = date.tm_mday == day && seconds >= 0;
+        const bool isReal = date.tm_mday == day && seconds >= 0 && seconds <= MAX_TIME / SECOND;
         return isReal ? std::optional<int64_t>(int64_t{seconds} * SECOND) : std::nullopt;
     }
     return std::nullopt;
@@ -129,10 +127,12 @@ std::string FormatTime(int64_t time, const char* format)
     return std::string(text, std::strftime(text, sizeof(text), format, &local));
 }
 
-std::string FormatSpan(int64_t milliseconds)
+std::string FormatSpan(int64_t begin, int64_t end)
 {
+    // The numbers may be any: without the sign the difference cannot overflow.
+    const uint64_t milliseconds = end > begin ? static_cast<uint64_t>(end) - static_cast<uint64_t>(begin) : 0;
     struct Unit {
-        int64_t length;
+        uint64_t length;
         const char* name;
     };
     constexpr Unit UNITS[] = {{DAY, " d"}, {HOUR, " h"}, {MINUTE, " min"}, {SECOND, " s"}, {1, " ms"}};

@@ -9,9 +9,13 @@ namespace SecurityPrivacyExample {
 
 // Times are milliseconds since the epoch; dates without a Z are the local time of this process.
 
+// The end of the year 9999. Sums and differences of times up to here stay far from overflow.
+constexpr int64_t MAX_TIME = 253402300799999;
+
 int64_t Now();
 
-// A moment as a user writes it. Null for anything else, and for what is before 1970.
+// A moment as a user writes it. Null for anything else, and for what is before 1970 or
+// after MAX_TIME.
 //   2026-11-20, 2026-11-20T10:00, 2026-11-20T10:00:30, each with an optional Z; a blank may stand for the T
 //   2h, 7d, 1d12h: so long before `now`; s, m, h, d, w
 //   1795197600000: as it is
@@ -23,7 +27,7 @@ std::string FormatTime(int64_t time);
 // A time in the shape of strftime.
 std::string FormatTime(int64_t time, const char* format);
 
-// The two largest units: "1 h 42 min", "850 ms".
-std::string FormatSpan(int64_t milliseconds);
+// From one moment to another in the two largest units: "1 h 42 min", "850 ms". "0 ms" when the end comes first.
+std::string FormatSpan(int64_t begin, int64_t end);
 
 }  // namespace SecurityPrivacyExample

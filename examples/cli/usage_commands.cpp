@@ -149,8 +149,8 @@ void PrintTimeline(const std::vector<PermissionUsageRecord>& records)
 {
     std::vector<TableRow> rows;
     for (const PermissionUsageRecord& record : records) {
-        rows.push_back({FormatTime(record.GetBeginTimestamp()),
-                        FormatSpan(record.GetEndTimestamp() - record.GetBeginTimestamp())});
+        rows.push_back(
+            {FormatTime(record.GetBeginTimestamp()), FormatSpan(record.GetBeginTimestamp(), record.GetEndTimestamp())});
         const TableRow use = DescribeUse(record);
         rows.back().insert(rows.back().end(), use.begin(), use.end());
     }
