@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "ipc/security_privacy_service_proxy.h"
-#include "support/allocation.h"
 #include "support/exchange.h"
 #include "support/record_cases.h"
 
@@ -258,7 +257,7 @@ TEST(UnreachableService, YieldsZeroAndSaysWhy)
         std::string line;
         FakePresence presence = FakePresence::HERE;
         bool hasManager = true;
-        bool hasMemory = true;
+        bool hasCreator = true;
     };
     const std::vector<Situation> situations = {
         {"SAM is nullptr, please check.", FakePresence::HERE, false},
@@ -271,9 +270,10 @@ TEST(UnreachableService, YieldsZeroAndSaysWhy)
         if (!situation.hasManager) {
             SystemAbilityManagerClient::GetInstance().SetSystemAbilityManager(nullptr);
         }
+        if (!situation.hasCreator) {
+            BrokerRegistration::Get().Unregister(SecurityPrivacyServiceIntf::GetDescriptor());
+        }
         for (const Operation& operation : Operations()) {
-            const std::optional<NothrowNewFails> noMemory =
-                situation.hasMemory ? std::nullopt : std::optional<NothrowNewFails>(std::in_place);
             LogCapture log;
             const Outcome outcome = CallOperation(SecurityPrivacyClient::GetInstance(), operation.code);
             EXPECT_EQ(0, outcome.result) << operation.code;
@@ -287,6 +287,9 @@ TEST(UnreachableService, YieldsZeroAndSaysWhy)
                       Joined(log.Lines()));
         }
     }
+    BrokerRegistration::Get().Register(
+        SecurityPrivacyServiceIntf::GetDescriptor(),
+        [](const auto& object) { return sptr<IRemoteBroker>(new SecurityPrivacyServiceProxy(object)); }, nullptr);
 }
 
 TEST(UnreachableService, ThatDiesAfterItWasFoundYieldsMinusOne)
