@@ -16,7 +16,7 @@ endfunction()
 
 # For the two libraries: hidden visibility, and no unique symbols, which would keep a shared library from ever being
 # unloaded.
-function(security_privacy_private_options target)
+function(private_library_options target)
   security_privacy_warnings(${target})
   set_target_properties(${target} PROPERTIES
     CXX_EXTENSIONS OFF

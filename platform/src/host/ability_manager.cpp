@@ -26,7 +26,7 @@ constexpr std::chrono::milliseconds FIRST_PAUSE{1};
 constexpr std::chrono::milliseconds LAST_PAUSE{50};
 
 // Whether the service may still appear: there is no socket yet, nobody listens on it, or its queue is full. Anything
-// else (an unsafe folder, no permission, a path too long) will not get better by waiting.
+// else (a folder that is unsafe or closed to us, a path too long) will not get better by waiting.
 bool MayAppear(int error)
 {
     return error == ENOENT || error == ECONNREFUSED || error == EAGAIN;
