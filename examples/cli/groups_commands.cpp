@@ -3,6 +3,7 @@
 #include <cinttypes>
 #include <cstdint>
 #include <cstdio>
+#include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -147,9 +148,10 @@ void AddByApp(CLI::App& groups, Program& program)
 {
     CLI::App* command = groups.add_subcommand("by-app", "The permission groups of an app");
     const auto options = std::make_shared<ListOptions>();
-    command->add_option("BUNDLE", options->name, "The app")->required();
-    command->add_option("--user", options->userId, "For which user")->capture_default_str();
-    AddRepeatedOption(*command, "--group", options->interested, "Only this group; may be repeated [all]");
+    command->add_option("BUNDLE", options->name, "The app, as com.example.camera")->required()->option_text(" ");
+    command->add_option("--user", options->userId, "For which user [100]")->option_text("N");
+    AddRepeatedOption(*command, "--group", options->interested, "Only this group; may be repeated [all]")
+        ->option_text("GROUP");
     command->footer("\nExample:\n  security-privacy-cli groups by-app com.example.camera --group CAMERA --user 101");
     command->callback([&program, options] {
         program.run = [&program, options](const Connection& connection) { RunByApp(program, connection, *options); };
@@ -160,9 +162,10 @@ void AddByPermission(CLI::App& groups, Program& program)
 {
     CLI::App* command = groups.add_subcommand("by-permission", "The apps that hold a permission group");
     const auto options = std::make_shared<ListOptions>();
-    command->add_option("GROUP", options->name, "The permission group")->required();
-    command->add_option("--user", options->userId, "For which user")->capture_default_str();
-    AddRepeatedOption(*command, "--bundle", options->interested, "Only this app; may be repeated [all]");
+    command->add_option("GROUP", options->name, "The permission group, as LOCATION")->required()->option_text(" ");
+    command->add_option("--user", options->userId, "For which user [100]")->option_text("N");
+    AddRepeatedOption(*command, "--bundle", options->interested, "Only this app; may be repeated [all]")
+        ->option_text("BUNDLE");
     command->footer("\nExample:\n  security-privacy-cli groups by-permission LOCATION --json");
     command->callback([&program, options] {
         program.run = [&program, options](const Connection& connection) {
@@ -175,13 +178,20 @@ void AddSet(CLI::App& groups, Program& program)
 {
     CLI::App* command = groups.add_subcommand("set", "Choose the state of an app's permission group");
     const auto options = std::make_shared<SetOptions>();
-    command->add_option("BUNDLE", options->bundleName, "The app")->required();
-    command->add_option("GROUP", options->permissionGroup, "The permission group")->required();
-    command->add_option("STATE", options->checkedState, "One of the choices that by-app shows")->required();
-    command->add_option("--user", options->userId, "For which user; the uid is looked up")->capture_default_str();
-    command->add_option("--uid", options->uid, "The app's uid, in place of --user")->check(CLI::NonNegativeNumber);
-    CLI::Option* mask = command->add_option("--flags-mask", options->flagsMask, "Which flag bits to set, as 0x5 or 5");
-    CLI::Option* value = command->add_option("--flags-value", options->flagsValue, "The bits' new values [0]");
+    command->add_option("BUNDLE", options->bundleName, "The app")->required()->option_text(" ");
+    command->add_option("GROUP", options->permissionGroup, "The permission group")->required()->option_text(" ");
+    command->add_option("STATE", options->checkedState, "One of the choices that by-app shows")
+        ->required()
+        ->option_text(" ");
+    command->add_option("--user", options->userId, "For which user; the uid is looked up [100]")->option_text("N");
+    command->add_option("--uid", options->uid, "The app's uid, in place of --user")
+        ->option_text("N")
+        ->check(CLI::Range(0, std::numeric_limits<int32_t>::max()));
+    CLI::Option* mask =
+        command->add_option("--flags-mask", options->flagsMask, "Which flag bits to set, as 0x5 or 5 [none]");
+    mask->option_text("BITS");
+    CLI::Option* value = command->add_option("--flags-value", options->flagsValue, "The new values of these bits [0]");
+    value->option_text("BITS");
     value->needs(mask);
     command->footer(
         "\nOnly for users whom the service allows changes (exit code 4 for others).\n"

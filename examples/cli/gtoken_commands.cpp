@@ -146,13 +146,20 @@ void AddAdd(CLI::App& gtoken, Program& program)
     CLI::App* command = gtoken.add_subcommand("add", "Set policies of one bundle, or of many from a file");
     const auto options = std::make_shared<AddPolicyOptions>();
     CLI::Option* bundle = command->add_option("--bundle", options->info.bundleName, "The bundle");
-    command->add_option("--version-code", options->info.versionCode, "The bundle's version [0]");
+    command->add_option("--version-code", options->info.versionCode, "The bundle's version [0]")->option_text("N");
     CLI::Option* file = command->add_option("--fingerprint-file", options->fingerprintPath,
                                             "File with the bundle's fingerprint; - for standard input");
     CLI::Option* fingerprint = command->add_option("--fingerprint", options->info.fingerprint,
                                                    "The fingerprint itself: other users of the machine can see it");
-    AddRepeatedOption(*command, "--policy", options->policies, "NAME=VALUE; may be repeated");
-    CLI::Option* from = command->add_option("--from", options->path, "JSON file of many bundles, see below");
+    AddRepeatedOption(*command, "--policy", options->policies,
+                      "A policy and its value, a whole number; may be repeated")
+        ->option_text("NAME=VALUE");
+    CLI::Option* from = command->add_option("--from", options->path,
+                                            "JSON file of many bundles, see below; in place of the other options");
+    bundle->option_text("BUNDLE");
+    file->option_text("FILE");
+    fingerprint->option_text("TEXT");
+    from->option_text("FILE");
     fingerprint->excludes(file);
     from->excludes(bundle)->excludes(file)->excludes(fingerprint);
     command->footer(
@@ -174,8 +181,10 @@ void AddGet(CLI::App& gtoken, Program& program)
 {
     CLI::App* command = gtoken.add_subcommand("get", "The value of a policy for bundles");
     const auto options = std::make_shared<BundlesOptions>();
-    command->add_option("POLICY", options->policyName, "Name of the policy")->required();
-    command->add_option("BUNDLE", options->bundleNames, "The bundles; one without the policy gives no row")->required();
+    command->add_option("POLICY", options->policyName, "Name of the policy")->required()->option_text(" ");
+    command->add_option("BUNDLE", options->bundleNames, "The bundles; one without the policy gives no row")
+        ->required()
+        ->option_text("...");
     command->footer("\nExample:\n  security-privacy-cli gtoken get screen_capture com.example.bank com.example.mail");
     command->callback([&program, options] {
         program.run = [&program, options](const Connection& connection) { RunGet(program, connection, *options); };
@@ -186,7 +195,9 @@ void AddRemove(CLI::App& gtoken, Program& program)
 {
     CLI::App* command = gtoken.add_subcommand("remove", "Forget bundles and all their policies");
     const auto options = std::make_shared<BundlesOptions>();
-    command->add_option("BUNDLE", options->bundleNames, "The bundles; either all are removed or none")->required();
+    command->add_option("BUNDLE", options->bundleNames, "The bundles; either all are removed or none")
+        ->required()
+        ->option_text("...");
     command->footer("\nExample:\n  security-privacy-cli gtoken remove com.example.bank");
     command->callback([&program, options] {
         program.run = [&program, options](const Connection& connection) { RunRemove(program, connection, *options); };

@@ -3,6 +3,7 @@
 #include <exception>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "cli/failure.h"
 #include "cli/output.h"
@@ -47,10 +48,28 @@ void AddCommonOptions(CLI::App& app, Program& program)
     app.add_flag("-v,--verbose", program.connection.isVerbose,
                  "Show the log lines of library and platform on standard error");
     app.add_option("--directory", program.connection.directory,
-                   "Folder of the service's socket [$VARN_ABILITY_DIR or /run/varn]");
-    app.add_option("--wait", program.connection.waitSeconds, "Seconds to wait for a service that is not there yet")
-        ->capture_default_str()
+                   "Folder of the service's socket [$VARN_ABILITY_DIR or /run/varn]")
+        ->option_text("FOLDER");
+    app.add_option("--wait", program.connection.waitSeconds, "How long to wait for a service that is not there yet [4]")
+        ->option_text("SECONDS")
         ->check(CLI::Range(0, MAX_WAIT_SECONDS));
+}
+
+// What is wrong with the command line, and where the manual of that command is.
+std::string ExplainParseError(const CLI::App* app, const CLI::Error& error)
+{
+    const std::vector<std::string> unread = app->remaining(true);
+    std::string path = app->get_name();
+    const CLI::App* command = app;
+    while (!command->get_subcommands().empty()) {
+        command = command->get_subcommands().back();
+        path += " " + command->get_name();
+    }
+    std::string what = error.what();
+    if (!command->get_subcommands(nullptr).empty()) {
+        what = unread.empty() ? "a command is missing" : "\"" + Visible(unread.front()) + "\" is no command";
+    }
+    return "security-privacy-cli: " + what + "\nSee '" + path + " --help'.\n";
 }
 
 int Report(const Program& program, const Failure& failure)
@@ -101,6 +120,7 @@ int main(int argc, char** argv)
         AddGTokenCommands(app, program);
         AddPingCommand(app, program);
         app.footer(Manual());
+        app.failure_message(ExplainParseError);
         try {
             app.parse(argc, argv);
         } catch (const CLI::ParseError& error) {

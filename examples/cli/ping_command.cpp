@@ -57,8 +57,8 @@ void AddPingCommand(CLI::App& app, Program& program)
 {
     CLI::App* command = app.add_subcommand("ping", "How long finding the service and its answer take");
     const auto count = std::make_shared<int32_t>(1);
-    command->add_option("-c,--count", *count, "How often to ask")
-        ->capture_default_str()
+    command->add_option("-c,--count", *count, "How often to ask [1]")
+        ->option_text("N")
         ->check(CLI::Range(1, MAX_PINGS));
     command->footer(
         "\nThe first time includes connecting; later ones look at the connection that is there.\n"

@@ -197,18 +197,27 @@ void RunTimeline(const Program& program, const Connection& connection, const Usa
 void AddFilters(CLI::App& command, UsageOptions& options)
 {
     const char* filters = "Filters (each may be repeated; all have to be met)";
-    AddRepeatedOption(command, "--bundle", options.bundleNames, "Only this app")->group(filters);
-    AddRepeatedOption(command, "--user", options.userIds, "Only this user")->group(filters);
-    AddRepeatedOption(command, "--group", options.operationGroups, "Only this operation group")->group(filters);
-    AddRepeatedOption(command, "--mode", options.operationModes, "allowed or denied")->group(filters);
-    AddRepeatedOption(command, "--app-state", options.appStates, "foreground or background")->group(filters);
-    AddRepeatedOption(command, "--screen", options.screenStates, "on, off or locked")->group(filters);
+    AddRepeatedOption(command, "--bundle", options.bundleNames, "Only this app")->group(filters)->option_text("BUNDLE");
+    AddRepeatedOption(command, "--user", options.userIds, "Only this user")->group(filters)->option_text("N");
+    AddRepeatedOption(command, "--group", options.operationGroups, "Only this operation group")
+        ->group(filters)
+        ->option_text("GROUP");
+    AddRepeatedOption(command, "--mode", options.operationModes, "allowed or denied")
+        ->group(filters)
+        ->option_text("MODE");
+    AddRepeatedOption(command, "--app-state", options.appStates, "foreground or background")
+        ->group(filters)
+        ->option_text("STATE");
+    AddRepeatedOption(command, "--screen", options.screenStates, "on, off or locked")
+        ->group(filters)
+        ->option_text("STATE");
     const char* span = "Time and amount";
     command.add_option("--since", options.since, "What begins then or later: a date or so long ago, 2h, 7d [all]")
+        ->option_text("TIME")
         ->group(span);
-    command.add_option("--until", options.until, "What begins before that [all]")->group(span);
-    command.add_option("--limit", options.limit, "At most so many records, 0 for all")
-        ->capture_default_str()
+    command.add_option("--until", options.until, "What begins before that [all]")->option_text("TIME")->group(span);
+    command.add_option("--limit", options.limit, "At most so many records, 0 for all [0]")
+        ->option_text("N")
         ->group(span);
     command.add_flag("--newest-first", options.isNewestFirst, "Start with the latest")->group(span);
 }

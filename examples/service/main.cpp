@@ -9,6 +9,7 @@
 #include <string>
 #include <utility>
 
+#include "common/json_input.h"
 #include "service/device_data.h"
 #include "service/device_store.h"
 #include "service/options.h"
@@ -105,6 +106,9 @@ int main(int argc, char** argv)
     }
     try {
         return Serve(std::move(*options), signals);
+    } catch (const InputError& error) {
+        std::fprintf(stderr, "security-privacy-service: %s\nSee 'security-privacy-service --help'.\n", error.what());
+        return CANNOT_START;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "security-privacy-service: %s\n", error.what());
         return CANNOT_START;

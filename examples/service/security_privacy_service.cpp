@@ -6,8 +6,17 @@
 #include "common/result_codes.h"
 #include "service/usage_evaluation.h"
 #include "varn/host/caller.h"
+#include "varn/log.h"
 
 namespace SecurityPrivacyExample {
+
+namespace {
+
+constexpr int LOG_TYPE = 3;
+constexpr int LOG_WARN = 5;
+constexpr uint32_t LOG_DOMAIN = 0xD0E0;
+
+}  // namespace
 
 using VARN::Host::CurrentCaller;
 
@@ -18,7 +27,14 @@ SecurityPrivacyService::SecurityPrivacyService(DeviceStore& store, AccessPolicy 
 
 bool SecurityPrivacyService::IsMessageCodeAllowed(uint32_t messageCode)
 {
-    return policy_.IsAllowed(messageCode, CurrentCaller().uid);
+    const VARN::Host::Caller caller = CurrentCaller();
+    if (policy_.IsAllowed(messageCode, caller.uid)) {
+        return true;
+    }
+    // The library's own line says what was refused, but not to whom.
+    VoLogPrint(LOG_TYPE, LOG_WARN, LOG_DOMAIN, "EXAMPLE", "user %u, process %d: %s is refused", caller.uid, caller.pid,
+               MessageCode::ToString(messageCode).c_str());
+    return false;
 }
 
 int32_t SecurityPrivacyService::GetAppPermissionGroupInfosByApp(

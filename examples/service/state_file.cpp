@@ -68,6 +68,23 @@ std::string Serialise(const DeviceState& state)
     return root.dump(1) + "\n";
 }
 
+DeviceState Parse(const std::string& path)
+{
+    const JsonDocument document(path);
+    const JsonNode root = document.Root();
+    root.RequireFormat(FORMAT, VERSION);
+    root.AllowOnly({"format", "version", "groupChoices", "gTokens"});
+
+    DeviceState state;
+    for (const JsonNode& item : root["groupChoices"].Items()) {
+        item.AllowOnly({"bundleName", "uid", "permissionGroup", "checkedState", "flags"});
+        GroupKey key{item["bundleName"].Text(), item["uid"].Int32(), item["permissionGroup"].Text()};
+        state.groupChoices[std::move(key)] = {item["checkedState"].Text(), item["flags"].Integer()};
+    }
+    ReadPolicies(root["gTokens"], state);
+    return state;
+}
+
 bool WriteAll(int descriptor, const std::string& text)
 {
     size_t written = 0;
@@ -133,19 +150,12 @@ std::optional<DeviceState> StateFile::Load() const
     if (::access(path_.c_str(), F_OK) != 0 && errno == ENOENT) {
         return std::nullopt;
     }
-    const JsonDocument document(path_);
-    const JsonNode root = document.Root();
-    root.RequireFormat(FORMAT, VERSION);
-    root.AllowOnly({"format", "version", "groupChoices", "gTokens"});
-
-    DeviceState state;
-    for (const JsonNode& item : root["groupChoices"].Items()) {
-        item.AllowOnly({"bundleName", "uid", "permissionGroup", "checkedState", "flags"});
-        GroupKey key{item["bundleName"].Text(), item["uid"].Int32(), item["permissionGroup"].Text()};
-        state.groupChoices[std::move(key)] = {item["checkedState"].Text(), item["flags"].Integer()};
+    try {
+        return Parse(path_);
+    } catch (const InputError& error) {
+        throw InputError(std::string(error.what()) +
+                         "\nThe state file is left as it is; move it away to start afresh.");
     }
-    ReadPolicies(root["gTokens"], state);
-    return state;
 }
 
 bool StateFile::Save(const DeviceState& state) const
