@@ -2,8 +2,8 @@
 #include "security_privacy/security_privacy_service_intf.h"
 
 // Not for its names: whoever includes the proxy's header also registers the proxy with the broker registry. From a
-// static library a program takes only the objects that it names, and nobody names the proxy's. But everyone who
-// implements or casts to the interface names its destructor, which is in this one.
+// static library a program takes only the objects that it names something of, and nobody names the proxy's. But whoever
+// implements the interface or casts to it names its destructor or its type, and these are in this one.
 #include "ipc/security_privacy_service_proxy.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "security_privacy/security_privacy_service_stub.h"
 
+#include <algorithm>
 #include <string>
 #include <unordered_set>
 #include <utility>
@@ -60,7 +61,9 @@ int32_t SecurityPrivacyServiceStub::OnRemoteRequest(uint32_t code, MessageParcel
                                                     MessageOption& /* option */)
 {
     LOG_DEBUG("called with messageCode=%s", Text(code).c_str());
-    if (data.ReadInterfaceToken() != GetDescriptor()) {
+    const std::u16string token = data.ReadInterfaceToken();
+    // Length and every unit, as a single memcmp, which the strings' own comparison is not.
+    if (!std::equal(token.begin(), token.end(), GetDescriptor().begin(), GetDescriptor().end())) {
         LOG_ERROR("ReadInterfaceToken not equal to GetDescriptor, someone is attacking you.");
         return STATUS_REFUSED;
     }

@@ -58,10 +58,13 @@ AppPermissionGroupInfo* AppPermissionGroupInfo::Unmarshalling(Parcel& parcel)
             return READ_ELEMENT(String, shownState);
         });
     };
-    const auto readDisabledState = [&] {
-        std::string disabledState;
-        return READ_ELEMENT(String, disabledState) && (info->disabledStates.insert(std::move(disabledState)),
-                                                       true);  // one that is there already is no failure
+    const auto readDisabledStates = [&] {
+        // Room for as many as are announced, at most the limit; of its own accord the set makes more for the first alone.
+        info->disabledStates.reserve(static_cast<size_t>(std::max(disabledStatesSizeRead, 0)));
+        return Repeat(disabledStatesSizeRead, [&] {
+            std::string disabledState;
+            return READ_ELEMENT(String, disabledState) && (info->disabledStates.insert(std::move(disabledState)), true);
+        });
     };
 
     // A negative count passes the check and reads as no states; meant.
@@ -70,8 +73,7 @@ AppPermissionGroupInfo* AppPermissionGroupInfo::Unmarshalling(Parcel& parcel)
         READ(String, info, checkedState) && READ_LOCAL(Int32, shownStatesSizeRead) &&
         CHECK_AT_MOST(shownStatesSizeRead, MAX_STATES_SIZE) && readShownStates() &&
         READ_LOCAL(Int32, disabledStatesSizeRead) && CHECK_AT_MOST(disabledStatesSizeRead, MAX_STATES_SIZE) &&
-        Repeat(disabledStatesSizeRead, readDisabledState) && READ(String, info, disabledReason) &&
-        READ(Int64, info, flags);
+        readDisabledStates() && READ(String, info, disabledReason) && READ(Int64, info, flags);
     return isWhole ? info.release() : nullptr;
 }
 
