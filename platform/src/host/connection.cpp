@@ -79,41 +79,35 @@ Connection::Next Connection::Serve(ServiceContext& context, WorkerBuffers& buffe
 // Most requests arrive whole and are handled where they were received.
 Connection::Next Connection::ReadFirst(ServiceContext& context, WorkerBuffers& buffers, bool hangUp)
 {
-    for (;;) {
-        size_t size = ahead_.size();
-        bool drained = false;
-        if (size != 0) {
-            std::memcpy(buffers.piece.data(), ahead_.data(), size);
-            std::vector<uint8_t>().swap(ahead_);
-        } else {
-            const Received received = Receive(fd_.Get(), buffers.piece.data(), buffers.piece.size(), size);
-            if (received != Received::SOME) {
-                return received == Received::END ? Next::CLOSE : Next::INPUT;
-            }
-            // A short read has emptied the socket, so there is no need to ask it again. After a hang-up there is.
-            drained = size < buffers.piece.size() && !hangUp;
+    size_t size = ahead_.size();
+    bool drained = false;
+    if (size != 0) {
+        std::memcpy(buffers.piece.data(), ahead_.data(), size);
+        std::vector<uint8_t>().swap(ahead_);
+    } else {
+        const Received received = Receive(fd_.Get(), buffers.piece.data(), buffers.piece.size(), size);
+        if (received != Received::SOME) {
+            return received == Received::END ? Next::CLOSE : Next::INPUT;
         }
-        FrameReader reader(context.options.maxRequestBytes);
-        const FrameReader::State state = reader.CheckHeader(buffers.piece.data(), size);
-        if (state != FrameReader::State::COMPLETE && state != FrameReader::State::PARTIAL) {
-            return Refuse(context, reader, state);
-        }
-        const FrameHeader& header = reader.GetHeader();
-        if (state == FrameReader::State::PARTIAL || size - FRAME_HEADER_SIZE < header.length) {
-            return BeginRest(context, buffers, size);
-        }
-        const size_t end = FRAME_HEADER_SIZE + header.length;
-        ahead_.assign(buffers.piece.begin() + static_cast<ptrdiff_t>(end),
-                      buffers.piece.begin() + static_cast<ptrdiff_t>(size));
-        ParcelBuffer::Lend(reader.GetBody(), buffers.piece.data() + FRAME_HEADER_SIZE, header.length);
-        const Next next = Dispatch(context, buffers, header, reader.GetBody());
-        if (next != Next::INPUT || drained) {
-            return next == Next::INPUT && !ahead_.empty() ? Next::TURN : next;
-        }
-        if (!ahead_.empty()) {
-            return Next::TURN;
-        }
+        // A short read has emptied the socket, so there is no need to ask it again. After a hang-up there is.
+        drained = size < buffers.piece.size() && !hangUp;
     }
+    FrameReader reader(context.options.maxRequestBytes);
+    const FrameReader::State state = reader.CheckHeader(buffers.piece.data(), size);
+    if (state != FrameReader::State::COMPLETE && state != FrameReader::State::PARTIAL) {
+        return Refuse(context, reader, state);
+    }
+    const FrameHeader& header = reader.GetHeader();
+    if (state == FrameReader::State::PARTIAL || size - FRAME_HEADER_SIZE < header.length) {
+        return BeginRest(context, buffers, size);
+    }
+    const size_t end = FRAME_HEADER_SIZE + header.length;
+    ahead_.assign(buffers.piece.begin() + static_cast<ptrdiff_t>(end),
+                  buffers.piece.begin() + static_cast<ptrdiff_t>(size));
+    ParcelBuffer::Lend(reader.GetBody(), buffers.piece.data() + FRAME_HEADER_SIZE, header.length);
+    const Next next = Dispatch(context, buffers, header, reader.GetBody());
+    // A peer who sends without end must not keep the worker to himself.
+    return next == Next::INPUT && !(drained && ahead_.empty()) ? Next::TURN : next;
 }
 
 Connection::Next Connection::BeginRest(ServiceContext& context, WorkerBuffers& buffers, size_t size)
