@@ -176,6 +176,8 @@ Connection::Next Connection::Dispatch(ServiceContext& context, WorkerBuffers& bu
     const Clock::time_point end = observed ? Clock::now() : Clock::time_point();
     answer.length = static_cast<uint32_t>(reply.GetDataSize());
     const Next next = Reply(context, buffers, answer);
+    // Now, since the worker's next request may be long in coming.
+    ParcelBuffer::Clear(*buffers.reply, KEPT_REPLY_CAPACITY);
     if (observed) {
         context.options.observer({header.code, caller_, header.length, answer.length, end - begin, answer.status});
     }
