@@ -37,6 +37,9 @@ constexpr int64_t NANOSECONDS_PER_MILLISECOND = 1'000'000;
 // A connection that is over its time but owned by a worker is looked at again after this.
 constexpr int64_t RECHECK_NANOSECONDS = 20 * NANOSECONDS_PER_MILLISECOND;
 
+// After so many the deadlines are looked at again: peers who connect without end must not keep the watch busy.
+constexpr int MAX_ACCEPTS_AT_ONCE = 64;
+
 // When descriptors or memory ran out, accepting is tried again after this, or when a connection ends.
 constexpr int ACCEPT_PAUSE_MILLISECONDS = 100;
 
@@ -292,9 +295,9 @@ void AbilityServer::Engine::Admit(UniqueFd fd)
     }
 }
 
-void AbilityServer::Engine::AcceptAll()
+void AbilityServer::Engine::AcceptSome()
 {
-    while (!stopping_.load(std::memory_order_relaxed)) {
+    for (int round = 0; round < MAX_ACCEPTS_AT_ONCE && !stopping_.load(std::memory_order_relaxed); ++round) {
         UniqueFd fd(::accept4(listener_.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         const int error = errno;
         if (fd) {
@@ -344,7 +347,7 @@ void AbilityServer::Engine::Watch()
         }
         acceptPaused_.store(false, std::memory_order_relaxed);
         if ((entries[1].revents != 0 || paused) && !stopping_.load(std::memory_order_relaxed)) {
-            AcceptAll();
+            AcceptSome();
         }
     }
 }

@@ -41,7 +41,7 @@ private:
     void Work();
     void Watch();
 
-    void AcceptAll();
+    void AcceptSome();
     void Admit(UniqueFd fd);
     UserAccount* Count(const Caller& caller, uint32_t& index);
     void Uncount(const Caller& caller, UserAccount& account, uint32_t index);
