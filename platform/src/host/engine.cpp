@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -52,6 +53,13 @@ int64_t Now()
 {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+}
+
+uint64_t CountAllowedDescriptors()
+{
+    rlimit limit = {};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    return limit.rlim_cur;
 }
 
 uint64_t MakeToken(uint32_t generation, uint32_t index)
@@ -312,7 +320,8 @@ void AbilityServer::Engine::AcceptSome()
             return;
         }
         if (error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS) {
-            context_.refusals.Report(Limit::DESCRIPTORS, CurrentCaller(), 0, 0, ErrorText(error).c_str());
+            const uint64_t allowed = error == EMFILE ? CountAllowedDescriptors() : 0;
+            context_.refusals.Report(Limit::DESCRIPTORS, CurrentCaller(), allowed, allowed, ErrorText(error).c_str());
             acceptPaused_.store(true, std::memory_order_relaxed);
             return;
         }
