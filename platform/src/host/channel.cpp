@@ -301,6 +301,7 @@ int Channel::Prepare(std::string& problem)
         if (link.fd.IsOurs() && IsAlive(link.fd.Get())) {
             link.checked = true;
             GiveBack(std::move(link));
+            dead_.store(false, std::memory_order_relaxed);
             return 0;
         }
     }
