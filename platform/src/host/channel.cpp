@@ -92,6 +92,9 @@ public:
     int Send(FrameHeader& header, const MessageParcel& data);
     int Receive(uint32_t code, MessageParcel& reply, int32_t& status);
 
+    // To be told when the connection's own time limit could not be set: nothing blocks then.
+    void NeverBlock() noexcept { waited_ = true; }
+
     // Why a step returned `error`.
     std::string GetReason(int error) const { return reason_ != nullptr ? reason_ : ErrorText(error); }
 
@@ -107,7 +110,7 @@ private:
 
     const int fd_;
     const Deadline deadline_;
-    bool waited_ = false;  // part of the time is gone, so that SO_RCVTIMEO would allow too much
+    bool waited_ = false;  // SO_RCVTIMEO would allow too much: part of the time is gone, or it is not set
     const char* reason_ = nullptr;
 };
 
@@ -340,8 +343,12 @@ int32_t Channel::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& 
     if (link.waitTimeSeconds != option.GetWaitTime()) {
         timeval limit = {};
         limit.tv_sec = option.GetWaitTime();
-        ::setsockopt(link.fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-        link.waitTimeSeconds = option.GetWaitTime();
+        if (::setsockopt(link.fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) == 0) {
+            link.waitTimeSeconds = option.GetWaitTime();
+        } else {
+            link.waitTimeSeconds = 0;
+            exchange.NeverBlock();
+        }
     }
     FrameHeader header;
     header.code = code;
