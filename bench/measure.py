@@ -13,7 +13,7 @@ import time
 from processes import Pair, cpu_nanoseconds, status
 import weight
 
-CONTENDERS = ["ours", "floor", "floor-codec", "sd-bus", "capnp", "grpc"]
+CONTENDERS = ["ours", "floor", "floor-codec", "floor-list", "sd-bus", "capnp", "grpc"]
 CASES = {"small": 8, "bulk": 10000, "least": 0, "usage": 10000, "token": 100}
 MANY_CLIENTS = 4
 GROWTH = [100, 1000, 10000]
@@ -120,7 +120,7 @@ class Bench:
         """Nanoseconds per record, for lists of several lengths."""
         results = {}
         for case in ("bulk", "usage"):
-            keys = [(name, records) for name in ("ours", "floor-codec") for records in GROWTH]
+            keys = [(name, records) for name in ("ours", "floor-codec", "floor-list") for records in GROWTH]
             measured = self.together({key: lambda key=key: self.pair(key[0], case, key[1], self.one_cpu)
                                       for key in keys})
             for name, records in keys:

@@ -151,7 +151,7 @@ def markdown(results):
     return "\n".join(lines)
 
 
-COLOURS = {"ours": "#c2410c", "floor": "#6b7280", "floor-codec": "#9ca3af"}
+COLOURS = {"ours": "#c2410c", "floor": "#6b7280", "floor-codec": "#9ca3af", "floor-list": "#9ca3af"}
 PEER_COLOUR = "#93b4d4"
 WIDTH, LABEL, BAR, ROW, GAP = 760, 100, 520, 18, 34
 
