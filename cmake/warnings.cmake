@@ -9,7 +9,8 @@ function(security_privacy_warnings target)
     target_compile_options(${target} PRIVATE -Werror)
   endif()
   if(SECURITY_PRIVACY_SANITIZE)
-    target_compile_options(${target} PRIVATE -fsanitize=${SECURITY_PRIVACY_SANITIZE} -fno-omit-frame-pointer)
+    target_compile_options(${target} PRIVATE
+      -fsanitize=${SECURITY_PRIVACY_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=${SECURITY_PRIVACY_SANITIZE})
   endif()
 endfunction()
@@ -20,6 +21,7 @@ function(private_library_options target)
   security_privacy_warnings(${target})
   set_target_properties(${target} PROPERTIES
     CXX_EXTENSIONS OFF
+    DEFINE_SYMBOL ""
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON
     POSITION_INDEPENDENT_CODE ON
