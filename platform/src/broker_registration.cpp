@@ -1,7 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varn/remote_broker.h"
 
+#include <algorithm>
+
 namespace VARN {
+
+namespace {
+
+template <class Entries>
+auto Find(Entries& entries, const std::u16string& descriptor)
+{
+    return std::find_if(entries.begin(), entries.end(), [&descriptor](const auto& entry) {
+        // Unlike the strings' own comparison, this one is a single memcmp.
+        return std::equal(entry.descriptor.begin(), entry.descriptor.end(), descriptor.begin(), descriptor.end());
+    });
+}
+
+}  // namespace
 
 IRemoteBroker::~IRemoteBroker() = default;
 
@@ -17,7 +32,7 @@ BrokerRegistration::~BrokerRegistration()
 {
     // A library that outlives the registry must not call it from its own static destruction.
     const std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& [descriptor, entry] : entries_) {
+    for (const Entry& entry : entries_) {
         if (entry.delegator != nullptr) {
             entry.delegator->SetUnloaded();
         }
@@ -31,13 +46,20 @@ bool BrokerRegistration::Register(const std::u16string& descriptor, const Creato
         return false;
     }
     const std::lock_guard<std::mutex> lock(mutex_);
-    return entries_.try_emplace(descriptor, Entry{creator, delegator}).second;
+    if (Find(entries_, descriptor) != entries_.end()) {
+        return false;
+    }
+    entries_.push_back({descriptor, creator, delegator});
+    return true;
 }
 
 void BrokerRegistration::Unregister(const std::u16string& descriptor)
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    entries_.erase(descriptor);
+    const auto entry = Find(entries_, descriptor);
+    if (entry != entries_.end()) {
+        entries_.erase(entry);
+    }
 }
 
 sptr<IRemoteBroker> BrokerRegistration::NewInstance(const std::u16string& descriptor, const sptr<IRemoteObject>& object)
@@ -46,8 +68,8 @@ sptr<IRemoteBroker> BrokerRegistration::NewInstance(const std::u16string& descri
         return nullptr;
     }
     const std::lock_guard<std::mutex> lock(mutex_);
-    const auto entry = entries_.find(descriptor);
-    return entry == entries_.end() ? sptr<IRemoteBroker>() : entry->second.creator(object);
+    const auto entry = Find(entries_, descriptor);
+    return entry == entries_.end() ? sptr<IRemoteBroker>() : entry->creator(object);
 }
 
 }  // namespace VARN

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <new>
 #include <string>
-#include <unordered_map>
+#include <vector>
 
 #include "varn/export.h"
 #include "varn/ref_base.h"
@@ -79,6 +79,7 @@ public:
 
 private:
     struct Entry {
+        std::u16string descriptor;
         Creator creator;
         BrokerDelegatorBase* delegator;
     };
@@ -87,7 +88,7 @@ private:
     ~BrokerRegistration();
 
     std::mutex mutex_;
-    std::unordered_map<std::u16string, Entry> entries_;  // guarded by mutex_
+    std::vector<Entry> entries_;  // guarded by mutex_; so few that looking at each beats hashing a long name
 };
 
 // Registers `Proxy` as the maker of proxies for its interface while it exists. Each proxy class has one as a static
