@@ -16,7 +16,6 @@ int main()
     VARN::Host::SetLogLevel(6);
     Testing::FakeServiceScope fake;
     Testing::FakeAnswer answer;
-    answer.result = -17;
     answer.appPermissionGroupInfos.resize(1);
     answer.appPermissionGroupInfos[0].bundleName = "org.example.camera";
     fake.Service().SetAnswer(Testing::MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP, answer);
@@ -24,7 +23,7 @@ int main()
     std::vector<Permission::AppPermissionGroupInfo> infos;
     const int32_t result =
         SecurityPrivacyClient::GetInstance().GetAppPermissionGroupInfosByApp("org.example.camera", 100, {}, infos);
-    if (result != -17 || infos.size() != 1 || infos[0].bundleName != "org.example.camera") {
+    if (result != 0 || infos.size() != 1 || infos[0].bundleName != "org.example.camera") {
         std::cerr << "the service's answer did not arrive: result " << result << ", " << infos.size() << " records\n";
         return 1;
     }
