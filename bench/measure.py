@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs the contenders in interleaved rounds."""
 import contextlib
+import json
 import os
 import pathlib
 import platform
@@ -53,6 +54,9 @@ class Bench:
             if part in parts:
                 say(part)
                 results[part] = getattr(self, part)()
+        if "micro" in parts and self.program("micro").exists():
+            say("micro")
+            results["micro"] = self.micro()
         if "weight" in parts:
             say("weight")
             results["weight"] = weight.measure(self)
@@ -136,6 +140,13 @@ class Bench:
             return pair
         return self.together({"0": lambda: self.pair("ours", "small", CASES["small"], self.one_cpu),
                               str(IDLE_CONNECTIONS): crowded})
+
+    def micro(self):
+        """CPU nanoseconds of the steps in bench-micro."""
+        seconds = 0.01 if self.quick else 0.2
+        text = subprocess.run([self.program("micro"), f"--benchmark_min_time={seconds}", "--benchmark_format=json"],
+                              check=True, text=True, capture_output=True).stdout
+        return {row["name"]: row["cpu_time"] for row in json.loads(text)["benchmarks"]}
 
     def machine(self):
         cpu = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
