@@ -26,6 +26,7 @@ public:
     // All fields on one line, for logs.
     std::string ToString() const;
 
+    // The fields, in the order in which they travel.
     std::string bundleName;
     int32_t uid = 0;
     std::string permissionGroup;

@@ -22,6 +22,7 @@ public:
     // All fields on one line, for logs.
     std::string ToString() const;
 
+    // The fields, in the order in which they travel.
     std::string policyName;
     int64_t policyValue = 0;
 };

@@ -22,6 +22,7 @@ public:
     // All fields on one line, for logs; "xxx" stands for the fingerprint.
     std::string ToString() const;
 
+    // The fields, in the order in which they travel.
     std::string bundleName;
     std::string fingerprint;  // sensitive: never logged or printed
     int64_t versionCode = 0;

@@ -25,8 +25,8 @@ public:
     // All fields on one line, for logs; "xxx" stands for each fingerprint.
     std::string ToString() const;
 
-    std::vector<GTokenResult> gTokenResults;
-    int64_t ret = 0;
+    std::vector<GTokenResult> gTokenResults;  // the rows, in the service's order
+    int64_t ret = 0;                          // the request's result; what it means is the service's business
 };
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer

@@ -14,6 +14,7 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record {
 // here.
 class SECURITY_PRIVACY_API PermissionUsageRecord : public Parcelable {
 public:
+    // The fields; empty and 0 in a new record, unless something else stands there.
     const std::string& GetBundleName() const { return bundleName_; }
     // -1 until it is set.
     int32_t GetUid() const { return uid_; }
@@ -26,6 +27,7 @@ public:
     int64_t GetBeginTimestamp() const { return beginTimestamp_; }
     int64_t GetEndTimestamp() const { return endTimestamp_; }
 
+    // Each takes whatever it is given.
     void SetBundleName(const std::string& bundleName) { bundleName_ = bundleName; }
     void SetUid(int32_t uid) { uid_ = uid; }
     void SetOperationGroup(const std::string& operationGroup) { operationGroup_ = operationGroup; }

@@ -14,6 +14,7 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record {
 // library carries it and bounds its lists; what the filters mean is the service's business.
 class SECURITY_PRIVACY_API PermissionUsageRecordQuery : public Parcelable {
 public:
+    // The fields, in the order in which they travel; empty and 0 in a new query.
     const std::vector<std::string>& GetBundleNames() const { return bundleNames_; }
     const std::vector<int>& GetUserIds() const { return userIds_; }
     const std::vector<std::string>& GetOperationGroups() const { return operationGroups_; }

@@ -43,8 +43,7 @@ public:
     // from inside it are let in.
     void WithSystemAbilityProxy(const std::function<void(const sptr<SecurityPrivacyServiceIntf>&)>& callback);
 
-    // Requests; each does what the operation of that name does.
-
+    // The requests. Each does what the operation of its name does, see SecurityPrivacyServiceIntf.
     int32_t GetAppPermissionGroupInfosByApp(const std::string& bundleName, int32_t userId,
                                             const std::unordered_set<std::string>& interestedPermissionGroups,
                                             std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos);
@@ -56,12 +55,10 @@ public:
                                               const std::string& permissionGroup,
                                               const Permission::CheckedStateParameter& checkedStateParameter,
                                               bool& returns);
-
     int32_t GetPermissionUsageSummary(const Record::PermissionUsageRecordQuery& query,
                                       std::vector<Record::PermissionUsageRecord>& records);
     int32_t GetPermissionUsageTimeline(const Record::PermissionUsageRecordQuery& query,
                                        std::vector<Record::PermissionUsageRecord>& records);
-
     int32_t GTokenPolicyAddPolicy(const std::vector<GTokenInfo>& gTokenInfos);
     // An unreachable service gives a result with `ret` 0 and no rows.
     GTokenResultWithRet GTokenPolicyGetPolicy(std::string policyName, const std::vector<std::string>& bundleNames);

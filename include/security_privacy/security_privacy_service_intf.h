@@ -34,9 +34,10 @@ class SECURITY_PRIVACY_API SecurityPrivacyServiceIntf : public IRemoteBroker {
 public:
     VARN_DECLARE_INTERFACE_DESCRIPTOR(u"varn.appsecurityprivacy.securityprivacyserver.SecurityPrivacyServiceIntf")
 
-    // The request codes. Never renumber and never reuse: they are a contract with processes that are already running.
+    // The request codes.
     class SECURITY_PRIVACY_API MessageCode {
     public:
+        // Never renumber and never reuse: they are a contract with processes that are already running.
         static constexpr uint32_t GET_APP_PERMISSION_GROUP_INFOS_BY_APP = 1;
         static constexpr uint32_t GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION = 2;
         static constexpr uint32_t SET_APP_PERMISSION_GROUP_CHECKED_STATE = 3;

@@ -37,6 +37,7 @@ public:
     {
     }
 
+    // As given.
     int32_t GetFlags() const noexcept { return flags_; }
     // Seconds, always positive.
     int32_t GetWaitTime() const noexcept { return waitTimeSeconds_; }

@@ -70,6 +70,7 @@ public:
     Parcel& operator=(const Parcel&) = delete;
     virtual ~Parcel();
 
+    // Each writes one value at the end.
     bool WriteBool(bool value) { return WriteInt32(value ? 1 : 0); }
     bool WriteInt32(int32_t value) { return WriteNumber(value); }
     bool WriteInt64(int64_t value) { return WriteNumber(value); }

@@ -64,11 +64,13 @@ template <class T>
 class sptr {
 public:
     constexpr sptr() noexcept = default;
+    // Null.
     constexpr sptr(std::nullptr_t) noexcept {}
 
     // Becomes an owner of `object`, which may be null. A freshly allocated object gets its first owner here.
     sptr(T* object) noexcept : object_(object) { Acquire(); }
 
+    // A copy is one owner more; a move leaves null behind.
     sptr(const sptr& other) noexcept : object_(other.object_) { Acquire(); }
     sptr(sptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
 
@@ -85,6 +87,7 @@ public:
 
     ~sptr() { Drop(object_); }
 
+    // Gives up the object owned before, if any.
     sptr& operator=(const sptr& other) noexcept
     {
         sptr(other).Swap(*this);
@@ -102,8 +105,10 @@ public:
     T* operator->() const noexcept { return object_; }
     T& operator*() const noexcept { return *object_; }
 
+    // Whether there is an object.
     explicit operator bool() const noexcept { return object_ != nullptr; }
 
+    // Changes no count.
     void Swap(sptr& other) noexcept { std::swap(object_, other.object_); }
 
     // Gives the ownership away without counting: the caller now owes one `DecStrongRef`.

@@ -15,6 +15,7 @@ public:
     PeerHolder& operator=(const PeerHolder&) = delete;
 
 protected:
+    // `object` may be null: then there is nobody to speak to.
     explicit PeerHolder(const sptr<IRemoteObject>& object) noexcept : object_(object) {}
     ~PeerHolder() = default;
 
@@ -29,6 +30,7 @@ private:
 template <class Intf>
 class IRemoteProxy : public PeerHolder, public Intf {
 public:
+    // `object` is what answers the requests.
     explicit IRemoteProxy(const sptr<IRemoteObject>& object) noexcept : PeerHolder(object) {}
     ~IRemoteProxy() override = default;
 

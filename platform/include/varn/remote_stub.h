@@ -44,6 +44,7 @@ private:
 template <class Intf>
 class IRemoteStub : public IPCObjectStub, public Intf {
 public:
+    // What `serialInvoke` does, see IPCObjectStub.
     explicit IRemoteStub(bool serialInvoke = false) : IPCObjectStub(Intf::GetDescriptor(), serialInvoke) {}
     ~IRemoteStub() override = default;
 

@@ -27,6 +27,7 @@ public:
 // Thread safety: every operation may be called from any thread.
 class VARN_API SystemAbilityManagerClient {
 public:
+    // The only instance of the process, made on first use.
     static SystemAbilityManagerClient& GetInstance();
 
     SystemAbilityManagerClient(const SystemAbilityManagerClient&) = delete;

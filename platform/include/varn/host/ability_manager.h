@@ -16,6 +16,7 @@ namespace VARN::Host {
 // Thread safety: every operation may be called from any thread.
 class VARN_API AbilityManager final : public ISystemAbilityManager {
 public:
+    // The only instance of the process, made on first use.
     static sptr<AbilityManager> Get();
 
     ~AbilityManager() override;

@@ -18,10 +18,10 @@ namespace VARN::Host {
 
 // One request that was answered, as an observer sees it. Nothing of what the messages say.
 struct Transaction {
-    uint32_t code;
-    Caller caller;
-    size_t requestBytes;
-    size_t replyBytes;
+    uint32_t code;                      // the request code
+    Caller caller;                      // who sent it
+    size_t requestBytes;                // length of the request's body
+    size_t replyBytes;                  // the same of the reply
     std::chrono::nanoseconds duration;  // inside the service, without the socket
     int32_t status;                     // what the service returned, or an IpcCode
 };
@@ -68,6 +68,7 @@ struct AbilityServerOptions {
 // Thread safety: `Start` and `Stop` may be called from any thread but the service's own operations.
 class VARN_API AbilityServer {
 public:
+    // Prepares to serve `stub` under the number `id`; nothing happens before `Start`.
     AbilityServer(int32_t id, sptr<IPCObjectStub> stub, AbilityServerOptions options = {});
     // Stops.
     ~AbilityServer();

@@ -10,6 +10,7 @@ namespace VARN::Host {
 // Who sent a request, as the kernel saw it when the connection was made. The numbers never come from the message and
 // are never refreshed. Decide on the user id: the process of that number may be another by now.
 struct Caller {
+    // Process, user and group.
     pid_t pid;
     uid_t uid;
     gid_t gid;

@@ -9,13 +9,16 @@
 
 namespace VARN::Host {
 
-// One line as it was logged. `text` is the formatted line, whole and verbatim: its own newline, control characters and
-// percent signs are kept, and no length is too long.
+// One line as it was logged.
 struct LogLine {
+    // As they were given to `VoLogPrint`.
     int type;
     int level;
     uint32_t domain;
     std::string tag;
+
+    // The formatted line, whole and verbatim: its own newline, control characters and percent signs are kept, and no
+    // length is too long.
     std::string text;
 };
 
