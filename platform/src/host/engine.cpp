@@ -168,10 +168,10 @@ void AbilityServer::Engine::HandleEvent(uint64_t token, uint32_t events, WorkerB
 {
     const auto index = static_cast<uint32_t>(token);
     Slot& slot = slots_[index];
-    if (!slot.Acquire(static_cast<uint32_t>(token >> 32))) {
+    bool hangUp = (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
+    if (!slot.Acquire(static_cast<uint32_t>(token >> 32), hangUp)) {
         return;
     }
-    bool hangUp = (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
     do {
         const Connection::Next next = ServeOnce(slot, buffers, hangUp);
         WatchFor(slot.deadline.load());
@@ -179,9 +179,7 @@ void AbilityServer::Engine::HandleEvent(uint64_t token, uint32_t events, WorkerB
             CloseConnection(index);
             return;
         }
-        // Whatever word was left may have been of a hang-up.
-        hangUp = true;
-    } while (!slot.Release());
+    } while (!slot.Release(hangUp));
 }
 
 Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buffers, bool hangUp)
@@ -415,7 +413,8 @@ void AbilityServer::Engine::DrainOutput()
             pollfd entry = {slot.connection->GetFd(), POLLOUT, 0};
             ::poll(&entry, 1, end.LeftMilliseconds());
         }
-        slot.Release();
+        bool hangUp = false;
+        slot.Release(hangUp);
     }
 }
 
@@ -423,9 +422,10 @@ void AbilityServer::Engine::DrainOutput()
 // again.
 void AbilityServer::Engine::LetGo(uint32_t index)
 {
+    bool hangUp = false;
     do {
         Arm(index, Connection::Next::TURN);
-    } while (!slots_[index].Release());
+    } while (!slots_[index].Release(hangUp));
 }
 
 uint32_t AbilityServer::Engine::CountUsedSlots()

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -24,21 +25,24 @@ public:
     }
 
     // Lets a new tenant in; the place must be free. From now on events may make their receivers owners.
-    void Open() noexcept { SetPhase(IDLE); }
+    // Release: whoever gets an event must see what was put there.
+    void Open() noexcept { state_.fetch_or(IDLE, std::memory_order_release); }
 
     // Makes the calling thread the owner. False when there is nothing to do for it: the event was for an earlier
-    // tenant, or another thread owns the place, which will now look again before it lets go.
-    bool Acquire(uint32_t generation) noexcept
+    // tenant, or another thread owns the place, which will now look again before it lets go. `hangUp`: the event says
+    // so.
+    bool Acquire(uint32_t generation, bool hangUp) noexcept
     {
         uint64_t state = state_.load(std::memory_order_relaxed);
         for (;;) {
             const uint64_t phase = state & PHASE_MASK;
-            if (static_cast<uint32_t>(state >> PHASE_BITS) != generation || phase == FREE || phase == OWNED_AGAIN) {
+            if (static_cast<uint32_t>(state >> PHASE_BITS) != generation || phase == FREE) {
                 return false;
             }
-            const uint64_t next = (state & ~PHASE_MASK) | (phase == IDLE ? OWNED : OWNED_AGAIN);
+            const uint64_t next = phase == IDLE ? OWNED : std::max(phase, hangUp ? OWNED_HUNG_UP : OWNED_AGAIN);
             // Release too: what is left as word must not move behind the owner's seeing it.
-            if (state_.compare_exchange_weak(state, next, std::memory_order_acq_rel, std::memory_order_relaxed)) {
+            if (state_.compare_exchange_weak(state, (state & ~PHASE_MASK) | next, std::memory_order_acq_rel,
+                                             std::memory_order_relaxed)) {
                 return phase == IDLE;
             }
         }
@@ -53,17 +57,20 @@ public:
                                               std::memory_order_relaxed);
     }
 
-    // Gives ownership up. False when there is word of more to do: the caller is still the owner and has to look again.
-    bool Release() noexcept
+    // Gives ownership up. False when there is word of more to do: the caller is still the owner and has to look again,
+    // and `hangUp` tells whether that was of a hang-up.
+    bool Release(bool& hangUp) noexcept
     {
         uint64_t state = state_.load(std::memory_order_relaxed);
-        if ((state & PHASE_MASK) == OWNED &&
-            state_.compare_exchange_strong(state, (state & ~PHASE_MASK) | IDLE, std::memory_order_acq_rel,
-                                           std::memory_order_relaxed)) {
-            return true;
+        for (;;) {
+            const uint64_t phase = state & PHASE_MASK;
+            const uint64_t next = phase == OWNED ? IDLE : OWNED;
+            if (state_.compare_exchange_weak(state, (state & ~PHASE_MASK) | next, std::memory_order_acq_rel,
+                                             std::memory_order_relaxed)) {
+                hangUp = phase == OWNED_HUNG_UP;
+                return phase == OWNED;
+            }
         }
-        SetPhase(OWNED);
-        return false;
     }
 
     // The owner's last step: the tenant is gone, and later events for it are stale.
@@ -77,21 +84,14 @@ public:
     std::unique_ptr<Connection> connection;  // touched by the owner only
 
 private:
-    static constexpr unsigned PHASE_BITS = 2;
-    static constexpr uint64_t PHASE_MASK = 3;
+    static constexpr unsigned PHASE_BITS = 3;
+    static constexpr uint64_t PHASE_MASK = 7;
     static constexpr uint64_t FREE = 0;
     static constexpr uint64_t IDLE = 1;
     static constexpr uint64_t OWNED = 2;
-    static constexpr uint64_t OWNED_AGAIN = 3;
+    static constexpr uint64_t OWNED_AGAIN = 3;    // an event came meanwhile
+    static constexpr uint64_t OWNED_HUNG_UP = 4;  // one that says that the peer has closed its end
     static constexpr uint64_t GENERATION_LIMIT = (uint64_t{1} << (32 + PHASE_BITS)) - 1;
-
-    void SetPhase(uint64_t phase) noexcept
-    {
-        uint64_t state = state_.load(std::memory_order_relaxed);
-        while (!state_.compare_exchange_weak(state, (state & ~PHASE_MASK) | phase, std::memory_order_acq_rel,
-                                             std::memory_order_relaxed)) {
-        }
-    }
 
     std::atomic<uint64_t> state_{FREE};
 };
