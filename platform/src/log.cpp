@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <utility>
 
 #include "platform_hooks.h"
 
@@ -86,7 +85,7 @@ extern "C" int(VoLogPrint)(int type, int level, uint32_t domain, const char* tag
         std::string text;
         if (VARN::Format(text, format, arguments)) {
             result = static_cast<int>(text.size());
-            VARN::DeliverLogLine(type, level, domain, tag != nullptr ? tag : "", std::move(text));
+            VARN::DeliverLogLine(type, level, domain, tag != nullptr ? tag : "", text);
         }
     } catch (...) {
         // Out of memory: the line is lost, the program is not.

@@ -15,6 +15,6 @@ namespace VARN {
 sptr<ISystemAbilityManager> DefaultSystemAbilityManager();
 
 // Takes a formatted line that has passed the level. Called by several threads at once.
-void DeliverLogLine(int type, int level, uint32_t domain, const char* tag, std::string text);
+void DeliverLogLine(int type, int level, uint32_t domain, const char* tag, const std::string& text);
 
 }  // namespace VARN

@@ -11,7 +11,7 @@ sptr<ISystemAbilityManager> DefaultSystemAbilityManager()
     return nullptr;
 }
 
-void DeliverLogLine(int /*type*/, int level, uint32_t /*domain*/, const char* tag, std::string text)
+void DeliverLogLine(int /*type*/, int level, uint32_t /*domain*/, const char* tag, const std::string& text)
 {
     std::fprintf(stderr, "%d %s: %s\n", level, tag, text.c_str());
 }

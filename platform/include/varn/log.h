@@ -13,9 +13,10 @@ namespace VARN {
 extern VARN_API std::atomic<int> logLevel;
 
 // Relaxed: a line that is written around a change of the level may fall on either side.
+// Expected to be false: the way past a dropped line should be the straight one.
 inline bool IsLogLineWanted(int level) noexcept
 {
-    return level >= logLevel.load(std::memory_order_relaxed);
+    return __builtin_expect(static_cast<long>(level >= logLevel.load(std::memory_order_relaxed)), 0L) != 0;
 }
 
 constexpr int DropLogLine() noexcept

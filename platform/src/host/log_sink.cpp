@@ -41,9 +41,9 @@ thread_local int sinkDepth = 0;
 
 }  // namespace
 
-void DeliverLogLine(int type, int level, uint32_t domain, const char* tag, std::string text)
+void DeliverLogLine(int type, int level, uint32_t domain, const char* tag, const std::string& text)
 {
-    const LogLine line{type, level, domain, tag, std::move(text)};
+    const LogLine line{type, level, domain, tag, text};
     Log& log = GetLog();
     std::unique_lock<std::mutex> lock(log.mutex);
     const std::shared_ptr<Sink> sink = log.sink;
