@@ -78,6 +78,7 @@ TEST_F(Client, HandlesRequestsOfSeveralThreadsOneAfterTheOther)
         return FakeAnswer();
     });
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] {
             for (int request = 0; request < 100; ++request) {

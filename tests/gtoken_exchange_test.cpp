@@ -17,9 +17,9 @@ constexpr uint32_t ADD = MessageCode::GTOKEN_POLICY_ADD_POLICY;
 constexpr uint32_t GET = MessageCode::GTOKEN_POLICY_GET_POLICY;
 constexpr uint32_t REMOVE = MessageCode::GTOKEN_POLICY_REMOVE_POLICY;
 
-const std::string HANDLE_ADD = "HandleGTokenPolicyAddPolicy";
-const std::string HANDLE_GET = "HandleGTokenPolicyGetPolicy";
-const std::string HANDLE_REMOVE = "HandleGTokenPolicyRemovePolicy";
+constexpr const char* HANDLE_ADD = "HandleGTokenPolicyAddPolicy";
+constexpr const char* HANDLE_GET = "HandleGTokenPolicyGetPolicy";
+constexpr const char* HANDLE_REMOVE = "HandleGTokenPolicyRemovePolicy";
 
 class GToken : public ExchangeTest {
 protected:
@@ -186,6 +186,7 @@ TEST_P(GToken, RequestsAtTheSameTimeDoNotMix)
     });
     const sptr<SecurityPrivacyServiceIntf> proxy = ProxyOver(Load());
     std::vector<std::thread> threads;
+    threads.reserve(8);
     for (int i = 0; i < 8; ++i) {
         threads.emplace_back([&proxy, name = "thread" + std::to_string(i)] {
             for (size_t request = 0; request < 50; ++request) {

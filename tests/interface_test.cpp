@@ -132,20 +132,6 @@ TEST_F(Dispatcher, HandlersStatusIsPassedOnAfterTheDoneLine)
               Joined(log.Lines()));
 }
 
-TEST_F(Dispatcher, EveryCodeCanBeRefused)
-{
-    for (const Operation& operation : Operations()) {
-        service->SetRefused({operation.code});
-        LogCapture log;
-        EXPECT_EQ(1, Dispatch(operation.code, token));
-        EXPECT_EQ(Line(ERROR, "OnRemoteRequest",
-                       "messageCode=" + std::to_string(operation.code) + " messageCodeStr='" + operation.codeName +
-                           "' forbidden access."),
-                  log.Lines().back());
-    }
-    EXPECT_TRUE(service->Calls().empty());
-}
-
 TEST(Stub, IsItsOwnObjectAndInterface)
 {
     const sptr<FakeService> service(new FakeService());

@@ -25,7 +25,7 @@ struct ListRequest {
     std::string limited;
     std::string name;
 };
-const std::vector<ListRequest> LIST_REQUESTS = {
+const std::vector<ListRequest> listRequests = {
     {BY_APP, 50, "GetAppPermissionGroupInfosByApp", "interestedPermissionGroupsSize", "ByApp"},
     {BY_PERMISSION, 10000, "GetAppPermissionGroupInfosByPermission", "interestedBundleNamesSize", "ByPermission"}};
 
@@ -43,7 +43,7 @@ INSTANTIATE_TEST_SUITE_P(Roads, PermissionGroups, ::testing::Values(Road::IN_PRO
 TEST_P(PermissionGroups, OnlyAsManyInterestsAsTheServiceAcceptsAreSent)
 {
     const LogCapture quiet(ERROR);
-    for (const ListRequest& request : LIST_REQUESTS) {
+    for (const ListRequest& request : listRequests) {
         for (const int32_t count : {0, 1, request.limit, request.limit + 1}) {
             const std::vector<std::string> names = MakeNames(static_cast<size_t>(count), "name");
             Infos infos;
@@ -61,7 +61,7 @@ TEST_P(PermissionGroups, OnlyAsManyInterestsAsTheServiceAcceptsAreSent)
 
 TEST_P(PermissionGroups, AnnouncedInterestsAreBoundedAndNegativeCountsAreNone)
 {
-    for (const ListRequest& request : LIST_REQUESTS) {
+    for (const ListRequest& request : listRequests) {
         LogCapture log(ERROR);
         const std::vector<std::string> names = MakeNames(static_cast<size_t>(request.limit), "name");
         EXPECT_EQ(0, Send(request.code, "x", 1, request.limit, names));
@@ -91,7 +91,7 @@ TEST_P(PermissionGroups, AnnouncedInterestsAreBoundedAndNegativeCountsAreNone)
 
 TEST_P(PermissionGroups, AtMostTenThousandRecordsAreAnswered)
 {
-    for (const ListRequest& request : LIST_REQUESTS) {
+    for (const ListRequest& request : listRequests) {
         for (const size_t count : {size_t{0}, size_t{1}, size_t{10000}, size_t{10002}}) {
             FakeAnswer answer;
             answer.appPermissionGroupInfos.resize(count);
@@ -161,7 +161,7 @@ TEST(PermissionGroupReplies, AreReadWithinTheirLimits)
     Parcel brokenForm;
     broken(brokenForm);
     const std::vector<int32_t> brokenWords = TakeWords(brokenForm);
-    for (const ListRequest& request : LIST_REQUESTS) {
+    for (const ListRequest& request : listRequests) {
         const std::string tooBig = request.name + " return size too big.";
         struct Case {
             sptr<ScriptedObject> object;

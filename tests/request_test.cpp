@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <future>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ipc/security_privacy_service_proxy.h"
@@ -15,7 +18,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-const Lines FOUND = {Line(DEBUG, "WithSystemAbilityProxy", "LoadSystemAbility succeed")};
+const Lines foundLines = {Line(DEBUG, "WithSystemAbilityProxy", "LoadSystemAbility succeed")};
 
 bool IsUsage(uint32_t code)
 {
@@ -41,7 +44,7 @@ Lines RecordLines(const Operation& operation, size_t count)
 // From the client's first line to the handler's.
 Lines LinesUntilSent(const Operation& operation)
 {
-    return operation.ClientLines() + FOUND + operation.ProxyLines() +
+    return operation.ClientLines() + foundLines + operation.ProxyLines() +
            RequestRecordLines(operation.code, &RecordCase::WriteLines);
 }
 
@@ -227,19 +230,35 @@ TEST_P(Request, FailedByTheServiceYieldsItsCodeOnlyWhereTheReplyCarriesIt)
     }
 }
 
-TEST_P(Request, MalformedOrForeignIsAnsweredByItsStatusAlone)
+TEST_P(Request, UnknownOrForeignIsAnsweredByItsStatusAlone)
 {
     EXPECT_EQ(4, Send(7));
     EXPECT_EQ(0U, reply->GetDataSize());
-    EXPECT_EQ(5, Send(3, "app", 1, "group", 0));
-    EXPECT_EQ(0U, reply->GetDataSize());
-    service->SetRefused({3});
-    EXPECT_EQ(1, Send(3));
-    EXPECT_EQ(0U, reply->GetDataSize());
-    MessageParcel empty;
+    MessageParcel foreign;
     MessageOption option;
-    EXPECT_EQ(1, Load()->SendRequest(1, empty, *reply, option));
+    ASSERT_TRUE(foreign.WriteInterfaceToken(u"another interface"));
+    EXPECT_EQ(1, Load()->SendRequest(1, foreign, *reply, option));
     EXPECT_EQ(0U, reply->GetDataSize());
+}
+
+TEST_P(Request, WhoseOperationThrowsYieldsMinusOneAndTheServiceLives)
+{
+    service->SetResponder(13, [](const FakeCall&) -> FakeAnswer { throw std::runtime_error("broken"); });
+    EXPECT_EQ(-1, CallOperation(client, 13).result);
+    service->FailAll(6);
+    EXPECT_EQ(6, CallOperation(client, 13).result);
+}
+
+// Were the stub to take one request at a time, the first would wait for the second for ever.
+TEST_P(Request, RunsInTheServiceAtTheSameTimeAsAnother)
+{
+    std::promise<void> second;
+    service->SetResponder(11, [&second](const FakeCall&) { return second.get_future().wait(), FakeAnswer(); });
+    service->SetResponder(13, [&second](const FakeCall&) { return second.set_value(), FakeAnswer(); });
+    const sptr<SecurityPrivacyServiceIntf> proxy = ProxyOver(Load());
+    std::thread first([&proxy] { EXPECT_EQ(0, CallOperation(*proxy, 11).result); });
+    EXPECT_EQ(0, CallOperation(*proxy, 13).result);
+    first.join();
 }
 
 TEST_P(Request, FindsARestartedService)

@@ -161,6 +161,7 @@ template <class T>
 std::vector<std::string> Texts(const std::vector<T>& records)
 {
     std::vector<std::string> texts;
+    texts.reserve(records.size());
     for (const T& record : records) {
         texts.push_back(record.ToString());
     }

@@ -125,7 +125,7 @@ public:
         call.bundleName = bundleName;
         call.userId = userId;
         call.interested = interestedPermissionGroups;
-        return AnswerGroups(std::move(call), appPermissionGroupInfos);
+        return AnswerGroups(call, appPermissionGroupInfos);
     }
 
     int32_t GetAppPermissionGroupInfosByPermission(
@@ -138,7 +138,7 @@ public:
         call.permissionGroup = permissionGroup;
         call.userId = userId;
         call.interested = interestedBundleNames;
-        return AnswerGroups(std::move(call), appPermissionGroupInfos);
+        return AnswerGroups(call, appPermissionGroupInfos);
     }
 
     int32_t SetAppPermissionGroupCheckedState(const std::string& bundleName, int32_t uid,
@@ -152,7 +152,7 @@ public:
         call.uid = uid;
         call.permissionGroup = permissionGroup;
         call.checkedStateParameter = checkedStateParameter;
-        const FakeAnswer answer = Answer(std::move(call));
+        const FakeAnswer answer = Answer(call);
         returns = answer.returns;
         return answer.result;
     }
@@ -174,7 +174,7 @@ public:
         FakeCall call;
         call.code = MessageCode::GTOKEN_POLICY_ADD_POLICY;
         call.gTokenInfos = gTokenInfos;
-        return Answer(std::move(call)).result;
+        return Answer(call).result;
     }
 
     GTokenResultWithRet GTokenPolicyGetPolicy(std::string policyName,
@@ -184,7 +184,7 @@ public:
         call.code = MessageCode::GTOKEN_POLICY_GET_POLICY;
         call.policyName = std::move(policyName);
         call.bundleNames = bundleNames;
-        return Answer(std::move(call)).gTokenResultWithRet;
+        return Answer(call).gTokenResultWithRet;
     }
 
     int32_t GTokenPolicyRemovePolicy(const std::vector<std::string>& bundleNames) override
@@ -192,11 +192,11 @@ public:
         FakeCall call;
         call.code = MessageCode::GTOKEN_POLICY_REMOVE_POLICY;
         call.bundleNames = bundleNames;
-        return Answer(std::move(call)).result;
+        return Answer(call).result;
     }
 
 private:
-    FakeAnswer Answer(FakeCall call)
+    FakeAnswer Answer(const FakeCall& call)
     {
         std::shared_ptr<const Responder> responder;
         FakeAnswer answer;
@@ -213,9 +213,9 @@ private:
         return responder ? (*responder)(call) : answer;
     }
 
-    int32_t AnswerGroups(FakeCall call, std::vector<Permission::AppPermissionGroupInfo>& infos)
+    int32_t AnswerGroups(const FakeCall& call, std::vector<Permission::AppPermissionGroupInfo>& infos)
     {
-        const FakeAnswer answer = Answer(std::move(call));
+        const FakeAnswer answer = Answer(call);
         infos.insert(infos.end(), answer.appPermissionGroupInfos.begin(), answer.appPermissionGroupInfos.end());
         return answer.result;
     }
@@ -226,7 +226,7 @@ private:
         FakeCall call;
         call.code = code;
         call.query = query;
-        const FakeAnswer answer = Answer(std::move(call));
+        const FakeAnswer answer = Answer(call);
         records.insert(records.end(), answer.records.begin(), answer.records.end());
         return answer.result;
     }
