@@ -25,8 +25,8 @@ mapfile -t packages < <(find build/packages/made -maxdepth 1 -name '*.deb' | sor
 ((${#packages[@]} == 4)) || fail "made ${#packages[@]} packages instead of 4: ${packages[*]}"
 
 for page in examples/man/*.[1-8]; do
-    quietly man --warnings -l "$page"
-    [[ ! -s $scratch/log ]] || grep -q NAME "$scratch/log" || fail "$page does not read as a manual page"
+    warnings=$(LC_ALL=C man --warnings --local-file "$page" 2>&1 >"$scratch/log" </dev/null)
+    [[ -z $warnings && -s $scratch/log ]] || fail "$page: $warnings"
 done
 
 # What each has to hold and to depend on.
