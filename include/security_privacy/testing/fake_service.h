@@ -30,6 +30,7 @@
 //     fake.Manager().SetPresence(FakePresence::ABSENT);             // now there is no service to be found
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 
+// Names the operations in what follows.
 using MessageCode = SecurityPrivacyServiceIntf::MessageCode;
 
 // The number under which clients look for the service.
@@ -252,7 +253,9 @@ enum class FakePresence {
 // Thread safety: everything may be called from several threads at once.
 class FakeServiceManager : public ISystemAbilityManager {
 public:
+    // One question for a service.
     struct Lookup {
+        // As they were asked.
         int32_t systemAbilityId;
         int32_t timeoutSeconds;
     };
@@ -260,6 +263,7 @@ public:
     // `object` is usually a `FakeService`; null is found as nothing.
     explicit FakeServiceManager(sptr<IRemoteObject> object) : object_(std::move(object)) {}
 
+    // How it is found from now on.
     void SetPresence(FakePresence presence)
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -311,6 +315,7 @@ private:
 // across threads: there is one manager in a process.
 class FakeServiceScope {
 public:
+    // Puts `service` in the place of the real one.
     explicit FakeServiceScope(sptr<FakeService> service = sptr<FakeService>(new FakeService()))
         : service_(std::move(service)),
           manager_(new FakeServiceManager(service_)),
@@ -318,11 +323,13 @@ public:
     {
         SystemAbilityManagerClient::GetInstance().SetSystemAbilityManager(manager_);
     }
+    // Puts back what was there before.
     ~FakeServiceScope() { SystemAbilityManagerClient::GetInstance().SetSystemAbilityManager(previous_); }
 
     FakeServiceScope(const FakeServiceScope&) = delete;
     FakeServiceScope& operator=(const FakeServiceScope&) = delete;
 
+    // What is found, and who finds it; both live as long as the scope.
     FakeService& Service() const { return *service_; }
     FakeServiceManager& Manager() const { return *manager_; }
 
