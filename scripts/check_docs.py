@@ -14,8 +14,9 @@ import sys
 
 FENCE = re.compile(r"^```(\S*)[^\n]*\n(.*?)^```$", re.M | re.S)
 MARK = re.compile(r"<!-- (run|file|whole|part|not run)(?:: (.+?))? -->\n\Z")
-FILE_TYPES = r"h|cpp|py|sh|md|svg|txt|json|cmake|in|map|socket|service"
-FILE_NAME = re.compile(rf"[\w.-]+(?:/[\w.-]+)*(?:\.(?:{FILE_TYPES})|/)")
+# What is taken for the name of a file or folder: it has a known ending, ends in a slash, or begins with a folder of ours.
+FILE_NAME = re.compile(r"[\w.-]+(/[\w.-]+)*(\.(h|cpp|py|sh|md|svg|txt|json|cmake|in|map|socket|service)|/)"
+                       r"|(\.ci|bench|cmake|docs|examples|fuzz|include|ipc|platform|records|scripts|tests|util)/[\w./-]+")
 # A limit is a constant with such a name in the library or the platform.
 LIMIT = re.compile(r"^ +size_t (max[A-Z][A-Za-z]+) =|^ +std::chrono::\w+ (\w+Timeout) ="
                    r"|^\s*(?:static )?constexpr [\w:]+ (MAX_\w+|kDefault\w+|\w+_TIMEOUT|WAIT_TIME|BACKLOG|\w*PAUSE\w*)\b",
@@ -70,9 +71,9 @@ def check_links(root, path, prose):
 
 
 def check_names(files, made, prose):
-    for name in re.findall(r"`([^`\n]+)`", prose):
+    for name in re.findall(r"`([^`\s]+)[^`\n]*`", prose):
         if FILE_NAME.fullmatch(name) and name not in made:
-            if not any(f"/{file}".endswith(f"/{name}") or f"/{name}" in f"/{file}" and name[-1] == "/" for file in files):
+            if not any(f"/{file}".endswith(f"/{name}") or f"/{name.rstrip('/')}/" in f"/{file}" for file in files):
                 yield f"there is no file {name}"
 
 
@@ -117,7 +118,7 @@ def check_limits(root, files):
 def check_static(root):
     files = tracked(root)
     problems = []
-    for path in [root / "README.md", *sorted((root / "docs").glob("*.md"))]:
+    for path in [*map(root.joinpath, ("README.md", "CONTRIBUTING.md", "examples/README.md")), *sorted((root / "docs").glob("*.md"))]:
         text = path.read_text()
         prose = FENCE.sub("", text)
         made = {argument for _, kind, argument, _, _ in blocks(text) if kind == "file"}

@@ -4,7 +4,7 @@
 
     remove_policy.py SOCKET BUNDLE...
 
-Prints the service's result and ends with 0 when that is 0, with 1 when it is another, with 2 when there was no answer.
+Prints the service's result and ends with 0 when that is 0, with 1 when it is another, with 2 when there is none.
 """
 import socket
 import struct
@@ -50,7 +50,8 @@ def call(path, code, arguments):
 
 def main():
     if len(sys.argv) < 3:
-        sys.exit(__doc__)
+        print(__doc__, file=sys.stderr)
+        sys.exit(2)
     path, bundles = sys.argv[1], sys.argv[2:]
     try:
         status, body = call(path, REMOVE_POLICY, struct.pack("=i", len(bundles)) + b"".join(map(text, bundles)))
