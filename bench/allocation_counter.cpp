@@ -10,11 +10,13 @@
 #include <cstdint>
 #include <cstdlib>
 
-// glibc's own names for what this file replaces.
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): glibc's own names for what this file
+// replaces
 extern "C" void* __libc_malloc(size_t bytes);
 extern "C" void* __libc_calloc(size_t count, size_t bytes);
 extern "C" void* __libc_realloc(void* memory, size_t bytes);
 extern "C" void* __libc_memalign(size_t alignment, size_t bytes);
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 

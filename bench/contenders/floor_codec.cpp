@@ -80,8 +80,7 @@ template <class Record>
 void PutAnswer(Writer& writer, const std::vector<Record>& kept)
 {
     if constexpr (kFillsList) {
-        const std::vector<Record> list = kept;
-        plain::PutMany(writer, list);
+        plain::PutMany(writer, std::vector<Record>(kept));
     } else {
         plain::PutMany(writer, kept);
     }

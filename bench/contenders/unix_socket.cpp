@@ -93,7 +93,7 @@ std::string_view MessageSocket::Receive()
     return {buffer_.data(), length};
 }
 
-bool MessageSocket::Send(std::string_view message)
+bool MessageSocket::Send(std::string_view message) const
 {
     while (!message.empty()) {
         const ssize_t bytes = send(descriptor_, message.data(), message.size(), MSG_NOSIGNAL);

@@ -33,10 +33,10 @@ public:
     std::string_view Receive();
 
     // False when the peer is gone.
-    bool Send(std::string_view message);
+    bool Send(std::string_view message) const;
 
 private:
-    static constexpr size_t kFirstBuffer = 64 * 1024;
+    static constexpr size_t kFirstBuffer = size_t{64} * 1024;
 
     const int descriptor_;
     std::vector<char> buffer_;  // never shrinks
