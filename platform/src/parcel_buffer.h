@@ -12,6 +12,7 @@ namespace VARN {
 class ParcelBuffer {
 public:
     static const uint8_t* Data(const Parcel& parcel) noexcept { return parcel.data_; }
+    static size_t Capacity(const Parcel& parcel) noexcept { return parcel.capacity_; }
     static size_t MaxCapacity(const Parcel& parcel) noexcept { return parcel.maxCapacity_; }
 
     // Empties the parcel. A heap buffer of up to `keptCapacity` bytes is kept for the next use.

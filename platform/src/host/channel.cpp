@@ -93,13 +93,13 @@ public:
     int Receive(uint32_t code, MessageParcel& reply, int32_t& status);
 
     // To be told when the connection's own time limit could not be set: nothing blocks then.
-    void NeverBlock() noexcept { waited_ = true; }
+    void NeverBlock() noexcept { neverBlock_ = true; }
 
     // Why a step returned `error`.
     std::string GetReason(int error) const { return reason_ != nullptr ? reason_ : ErrorText(error); }
 
 private:
-    int ReceiveSome(void* to, size_t room, size_t& got, int flags);
+    int ReceiveSome(void* to, size_t room, size_t& got);
     int ReceiveHeader(uint8_t* piece, size_t room, size_t& got);
     int ReceiveRest(MessageParcel& reply, size_t length);
     int Fail(int error, const char* what)
@@ -110,7 +110,7 @@ private:
 
     const int fd_;
     const Deadline deadline_;
-    bool waited_ = false;  // SO_RCVTIMEO would allow too much: part of the time is gone, or it is not set
+    bool neverBlock_ = false;
     const char* reason_ = nullptr;
 };
 
@@ -139,7 +139,6 @@ int Channel::Exchange::Send(FrameHeader& header, const MessageParcel& data)
             piece.iov_len -= part;
             done -= part;
         }
-        waited_ = true;
         const int error = full ? Wait(fd_, POLLOUT, deadline_) : (deadline_.IsOver() ? ETIMEDOUT : 0);
         if (error != 0) {
             return error;
@@ -148,8 +147,11 @@ int Channel::Exchange::Send(FrameHeader& header, const MessageParcel& data)
 }
 
 // Receives what is there, waiting for the first byte. End of file is an error here.
-int Channel::Exchange::ReceiveSome(void* to, size_t room, size_t& got, int flags)
+int Channel::Exchange::ReceiveSome(void* to, size_t room, size_t& got)
 {
+    // A receive that blocks saves a poll. SO_RCVTIMEO bounds it, by the whole of the wait time: so only at the
+    // beginning.
+    int flags = !neverBlock_ && deadline_.HasJustBegun() ? 0 : MSG_DONTWAIT;
     for (;;) {
         const ssize_t received = ::recv(fd_, to, room, flags);
         if (received > 0) {
@@ -173,11 +175,10 @@ int Channel::Exchange::ReceiveSome(void* to, size_t room, size_t& got, int flags
 
 int Channel::Exchange::ReceiveHeader(uint8_t* piece, size_t room, size_t& got)
 {
-    // The first receive blocks, which saves a poll; SO_RCVTIMEO bounds it.
-    int error = ReceiveSome(piece, room, got, waited_ ? MSG_DONTWAIT : 0);
+    int error = ReceiveSome(piece, room, got);
     while (error == 0 && got < FRAME_HEADER_SIZE) {
         size_t more = 0;
-        error = deadline_.IsOver() ? ETIMEDOUT : ReceiveSome(piece + got, room - got, more, MSG_DONTWAIT);
+        error = deadline_.IsOver() ? ETIMEDOUT : ReceiveSome(piece + got, room - got, more);
         got += more;
     }
     return error;
@@ -192,7 +193,7 @@ int Channel::Exchange::ReceiveRest(MessageParcel& reply, size_t length)
             return Fail(ENOMEM, "no memory for the reply");
         }
         size_t got = 0;
-        const int error = deadline_.IsOver() ? ETIMEDOUT : ReceiveSome(space, room, got, MSG_DONTWAIT);
+        const int error = deadline_.IsOver() ? ETIMEDOUT : ReceiveSome(space, room, got);
         if (error != 0) {
             return error;
         }

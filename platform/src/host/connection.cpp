@@ -20,9 +20,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// What a worker keeps of a reply's buffer for the next one: enough for nearly all, little enough for an idle service.
-constexpr size_t KEPT_REPLY_CAPACITY = 65536;
-
 enum class Received { SOME, NOTHING, END };
 
 // Plain recv, without room for control messages: the kernel closes descriptors that come along.
@@ -44,6 +41,16 @@ Received Receive(int fd, void* to, size_t room, size_t& size)
 }
 
 }  // namespace
+
+bool WorkerBuffers::HoldsMuch() const noexcept
+{
+    return ParcelBuffer::Capacity(*reply) > KEPT_IDLE_CAPACITY;
+}
+
+void WorkerBuffers::LetGo() noexcept
+{
+    ParcelBuffer::Clear(*reply, KEPT_IDLE_CAPACITY);
+}
 
 Connection::Connection(UniqueFd fd, const Caller& caller, UserAccount& account, std::atomic<int64_t>& deadline) noexcept
     : fd_(std::move(fd)), caller_(caller), account_(account), deadline_(deadline)
@@ -69,7 +76,7 @@ void Connection::SetDeadline(std::chrono::milliseconds fromNow) noexcept
 Connection::Next Connection::Serve(ServiceContext& context, WorkerBuffers& buffers, bool hangUp)
 {
     if (output_) {
-        const Next next = Flush();
+        const Next next = Flush(buffers);
         // Requests may have been waiting behind the reply: look again, after the others.
         return next == Next::INPUT ? Next::TURN : next;
     }
@@ -162,7 +169,9 @@ Connection::Next Connection::Dispatch(ServiceContext& context, WorkerBuffers& bu
                                       MessageParcel& data)
 {
     MessageParcel& reply = *buffers.reply;
-    ParcelBuffer::Clear(reply, KEPT_REPLY_CAPACITY);
+    ParcelBuffer::Clear(reply, WorkerBuffers::KEPT_CAPACITY);
+    // An operation before may have set a bound of its own.
+    reply.SetMaxCapacity(Parcel::kDefaultMaxCapacity);
     const bool observed = static_cast<bool>(context.options.observer);
     const Clock::time_point begin = observed ? Clock::now() : Clock::time_point();
     MessageOption option;
@@ -177,7 +186,7 @@ Connection::Next Connection::Dispatch(ServiceContext& context, WorkerBuffers& bu
     answer.length = static_cast<uint32_t>(reply.GetDataSize());
     const Next next = Reply(context, buffers, answer);
     // Now, since the worker's next request may be long in coming.
-    ParcelBuffer::Clear(*buffers.reply, KEPT_REPLY_CAPACITY);
+    ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
     if (observed) {
         context.options.observer({header.code, caller_, header.length, answer.length, end - begin, answer.status});
     }
@@ -187,27 +196,25 @@ Connection::Next Connection::Dispatch(ServiceContext& context, WorkerBuffers& bu
 // False when the connection is broken; else `sent` has moved as far as the socket takes it.
 bool Connection::SendSome(const FrameHeader& header, const MessageParcel& body, size_t& sent) const
 {
-    const size_t total = sizeof(header) + body.GetDataSize();
-    while (sent < total) {
-        FrameHeader copy = header;
-        const size_t headerSent = std::min(sent, sizeof(header));
-        const size_t bodySent = sent - headerSent;
-        // sendmsg takes what it only reads as non-const.
-        std::array<iovec, 2> pieces{
-            {{reinterpret_cast<uint8_t*>(&copy) + headerSent, sizeof(header) - headerSent},
-             {const_cast<uint8_t*>(ParcelBuffer::Data(body)) + bodySent, body.GetDataSize() - bodySent}}};
-        msghdr message = {};
-        message.msg_iov = pieces.data();
-        message.msg_iovlen = pieces.size();
-        const ssize_t done = ::sendmsg(fd_.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (done < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return errno == EAGAIN;
-        }
-        sent += static_cast<size_t>(done);
+    FrameHeader copy = header;
+    const size_t headerSent = std::min(sent, sizeof(header));
+    const size_t bodySent = sent - headerSent;
+    // sendmsg takes what it only reads as non-const.
+    std::array<iovec, 2> pieces{
+        {{reinterpret_cast<uint8_t*>(&copy) + headerSent, sizeof(header) - headerSent},
+         {const_cast<uint8_t*>(ParcelBuffer::Data(body)) + bodySent, body.GetDataSize() - bodySent}}};
+    msghdr message = {};
+    message.msg_iov = pieces.data();
+    message.msg_iovlen = pieces.size();
+    ssize_t done = 0;
+    do {
+        done = ::sendmsg(fd_.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    } while (done < 0 && errno == EINTR);
+    if (done < 0) {
+        return errno == EAGAIN;
     }
+    // A socket that did not take all is full: there is no need to ask it again.
+    sent += static_cast<size_t>(done);
     return true;
 }
 
@@ -235,7 +242,7 @@ Connection::Next Connection::Reply(ServiceContext& context, WorkerBuffers& buffe
     return Next::OUTPUT;
 }
 
-Connection::Next Connection::Flush()
+Connection::Next Connection::Flush(WorkerBuffers& buffers)
 {
     if (!output_) {
         return Next::INPUT;
@@ -247,6 +254,8 @@ Connection::Next Connection::Flush()
         return Next::OUTPUT;
     }
     account_.waitingReplyBytes.fetch_sub(output_->header.length, std::memory_order_relaxed);
+    buffers.reply.swap(output_->body);
+    ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
     output_.reset();
     deadline_.store(0);
     return Next::INPUT;

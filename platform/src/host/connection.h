@@ -33,6 +33,14 @@ struct ServiceContext {
 struct WorkerBuffers {
     static constexpr size_t PIECE_SIZE = 16384;
 
+    // What is kept of a reply's buffer for the next one: while requests come, as much as all but the longest take,
+    // since fresh memory costs as much as filling it; of an idle worker little.
+    static constexpr size_t KEPT_CAPACITY = size_t{4} * 1024 * 1024;
+    static constexpr size_t KEPT_IDLE_CAPACITY = 65536;
+
+    bool HoldsMuch() const noexcept;
+    void LetGo() noexcept;
+
     alignas(FrameHeader) std::array<uint8_t, PIECE_SIZE> piece;
     std::unique_ptr<MessageParcel> reply = std::make_unique<MessageParcel>();
 };
@@ -60,8 +68,8 @@ public:
     // Does what can be done without waiting, one request at the most. `hangUp`: the peer has closed its end.
     Next Serve(ServiceContext& context, WorkerBuffers& buffers, bool hangUp);
 
-    // Writes what waits. INPUT when nothing waits any more.
-    Next Flush();
+    // Writes what waits. INPUT when nothing waits any more; the reply's buffer then goes to `buffers`.
+    Next Flush(WorkerBuffers& buffers);
 
     int GetFd() const noexcept { return fd_.Get(); }
     const Caller& GetCaller() const noexcept { return caller_; }

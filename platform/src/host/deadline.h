@@ -12,7 +12,7 @@ class Deadline {
 public:
     using Clock = std::chrono::steady_clock;
 
-    explicit Deadline(Clock::duration fromNow) : end_(Clock::now() + fromNow) {}
+    explicit Deadline(Clock::duration fromNow) : begin_(Clock::now()), end_(begin_ + fromNow) {}
 
     // What is left, for poll(2): 0 when it is over, rounded up, so that waiting that long reaches it.
     int LeftMilliseconds() const
@@ -20,9 +20,12 @@ public:
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now()).count();
         return static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
     }
+    // Whether so little of the time is gone that a wait for the whole of it would not matter.
+    bool HasJustBegun() const { return Clock::now() - begin_ < std::chrono::milliseconds(50); }
     bool IsOver() const { return Clock::now() >= end_; }
 
 private:
+    Clock::time_point begin_;
     Clock::time_point end_;
 };
 

@@ -44,6 +44,9 @@ constexpr int MAX_ACCEPTS_AT_ONCE = 64;
 // When descriptors or memory ran out, accepting is tried again after this, or when a connection ends.
 constexpr int ACCEPT_PAUSE_MILLISECONDS = 100;
 
+// A worker that has had nothing to do for this long gives up what memory it holds for the next request.
+constexpr int IDLE_MILLISECONDS = 1000;
+
 // What a peer gets to read a reply that waits when the server stops.
 constexpr std::chrono::seconds DRAIN_TIME{2};
 
@@ -154,9 +157,11 @@ void AbilityServer::Engine::Work()
     while (!stopping_.load(std::memory_order_relaxed)) {
         // One event at a time: what waits behind a slow operation is there for the other workers to take.
         epoll_event event = {};
-        const int count = ::epoll_wait(epoll_.Get(), &event, 1, -1);
+        const int count = ::epoll_wait(epoll_.Get(), &event, 1, buffers.HoldsMuch() ? IDLE_MILLISECONDS : -1);
         if (count == 1 && event.data.u64 != STOP_TOKEN) {
             HandleEvent(event.data.u64, event.events, buffers);
+        } else if (count == 0) {
+            buffers.LetGo();
         } else if (count < 0 && errno != EINTR) {
             PLATFORM_ERROR("service %d: a worker ends: epoll_wait: %s", id_, ErrorText(errno).c_str());
             return;
@@ -403,13 +408,14 @@ int64_t AbilityServer::Engine::EndOverdue()
 void AbilityServer::Engine::DrainOutput()
 {
     const Deadline end(DRAIN_TIME);
+    WorkerBuffers buffers;
     const uint32_t used = CountUsedSlots();
     for (uint32_t index = 0; index < used; ++index) {
         Slot& slot = slots_[index];
         if (!slot.AcquireIdle()) {
             continue;
         }
-        while (slot.connection->Flush() == Connection::Next::OUTPUT && !end.IsOver()) {
+        while (slot.connection->Flush(buffers) == Connection::Next::OUTPUT && !end.IsOver()) {
             pollfd entry = {slot.connection->GetFd(), POLLOUT, 0};
             ::poll(&entry, 1, end.LeftMilliseconds());
         }
