@@ -40,11 +40,11 @@ template <class Container>
 std::string Join(char open, const Container& container, char close)
 {
     std::string text(1, open);
+    const char* separator = "";
     for (const auto& element : container) {
-        if (text.size() > 1) {
-            text += ", ";
-        }
+        text += separator;
         text += Text(element);
+        separator = ", ";
     }
     return text += close;
 }
