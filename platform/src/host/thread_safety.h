@@ -10,7 +10,6 @@
 #define VARN_THREAD_ANNOTATION(x)
 #endif
 #define GUARDED_BY(mutex) VARN_THREAD_ANNOTATION(guarded_by(mutex))
-#define REQUIRES(...) VARN_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 
 namespace VARN::Host {
 
