@@ -54,8 +54,7 @@ private:
 //           length is negative or longer than what is left, and when the terminator is missing. A length is compared
 //           with the bytes that are there before anything is allocated for it.
 //   write   The parcel is as it was. It fails when the parcel would outgrow its capacity, when a string is longer than
-//   an
-//           int32 can say, and when memory runs out.
+//           an int32 can say, and when memory runs out.
 //
 // The first bytes live inside the object, so a small message needs no heap; beyond that the buffer doubles.
 //

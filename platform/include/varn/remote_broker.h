@@ -24,8 +24,8 @@ public:
 };
 
 // Gives an interface its static `GetDescriptor()`: the name by which requests, stubs and the registry know it. It
-// stands in the public part of the class. The string is made on first use and outlives static destruction of its users'
-// files.
+// stands in the public part of the class. The string is made on first use, so a static object that asks for it in its
+// constructor may still use it in its destructor.
 #define VARN_DECLARE_INTERFACE_DESCRIPTOR(DESCRIPTOR)       \
     static const std::u16string& GetDescriptor()            \
     {                                                       \
