@@ -26,7 +26,8 @@ class GTokenResultWithRet;
 // deriving from `SecurityPrivacyServiceStub`.
 //
 // Results: 0 is success. A proxy adds -1 (the request could not be sent, was refused or malformed, or the service went
-// away) and, for usage requests, 401 (the query cannot be written). Every other value is the service's own.
+// away) and, for usage requests, 401 (the query cannot be written). Every other value is the service's own; but of the
+// operations that fill a list of records through a reference, a client sees any other result than 0 as -1.
 // Lists that are filled are appended to, never cleared.
 //
 // Thread safety: every operation may be called from several threads at once; a service has to see to that itself.
