@@ -83,6 +83,7 @@ void Print(const Program& program, std::vector<AppPermissionGroupInfo> infos)
         return;
     }
     std::vector<TableRow> rows;
+    rows.reserve(infos.size());
     for (const AppPermissionGroupInfo& info : infos) {
         rows.push_back({info.bundleName, std::to_string(info.uid), info.permissionGroup, info.checkedState,
                         FormatFlags(info.flags), FormatChoices(info), info.disabledReason});

@@ -59,6 +59,7 @@ std::vector<int> ParseUsageCodes(const char* option, const std::vector<UsageCode
                                  const std::vector<std::string>& texts)
 {
     std::vector<int> numbers;
+    numbers.reserve(texts.size());
     for (const std::string& text : texts) {
         numbers.push_back(ParseUsageCode(option, codes, text));
     }

@@ -78,7 +78,7 @@ DeviceStore::DeviceStore(DeviceData device, const std::string& path)
     if (saved) {
         DropStaleChoices(device_, *saved);
     }
-    state_ = std::make_shared<const DeviceState>(saved ? std::move(*saved) : device_.state);
+    state_ = std::make_shared<const DeviceState>(saved ? *saved : device_.state);
 }
 
 int32_t DeviceStore::ListGroupsOfApp(const std::string& bundleName, int32_t userId,
