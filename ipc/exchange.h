@@ -16,7 +16,8 @@
 // What the two halves of an exchange, the proxy's and the stub's, have in common. Private to ipc/.
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 
-// How many elements a list of a request or a reply may have.
+// How many elements a list of a request or a reply may have: a broken or hostile peer must not make the other side read
+// and keep elements without end. Both sides have to agree on them, so they are a contract with running processes too.
 constexpr int32_t MAX_INTERESTED_PERMISSION_GROUPS_SIZE = 50;
 constexpr int32_t MAX_INTERESTED_BUNDLE_NAMES_SIZE = 10000;
 constexpr int32_t MAX_APP_PERMISSION_GROUP_INFO_SIZE = 10000;

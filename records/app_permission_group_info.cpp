@@ -20,6 +20,7 @@ using Util::KelLog::Tag;
 
 const Tag LOG_TAG = Tag::Create("permission", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
 
+// Of the shown and of the disabled states each; a count is only a claim, and a hostile one must not be believed.
 constexpr int32_t MAX_STATES_SIZE = 50;
 
 }  // namespace

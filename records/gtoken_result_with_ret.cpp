@@ -19,6 +19,7 @@ using Util::KelLog::Tag;
 
 const Tag LOG_TAG = Tag::Create("GToken", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
 
+// A hostile message must not make its reader keep rows without end.
 constexpr int32_t MAX_RESULTS_SIZE = 10000;
 
 }  // namespace

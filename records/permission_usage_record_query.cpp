@@ -14,6 +14,7 @@ namespace {
 
 using Util::FormatUtils::Text;
 
+// A hostile query must not make the service keep filters without end.
 constexpr int32_t MAX_QUERY_LIST_SIZE = 99;
 
 bool Write(Parcel& parcel, const std::string& element)
