@@ -13,7 +13,7 @@ case "${1:-}" in
     "") ;;
     all)
         packages+=(abigail-tools ccache clang clang-format clang-tidy doxygen dpkg-dev file jq libbenchmark-dev
-            libclang-rt-dev llvm man-db pkg-config python3 shellcheck systemd)
+            libclang-rt-dev llvm make man-db pkg-config python3 shellcheck systemd)
         ;;
     *)
         echo "usage: scripts/setup.sh [all]" >&2
