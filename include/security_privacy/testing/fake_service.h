@@ -75,6 +75,7 @@ public:
     {
         SetResponder(code, [answer = std::move(answer)](const FakeCall&) { return answer; });
     }
+    // The same, for answers that depend on the call.
     void SetResponder(uint32_t code, Responder responder)
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -109,6 +110,7 @@ public:
         return accessChecks_;
     }
 
+    // What clients call through the stub; a test has no need to.
     bool IsMessageCodeAllowed(uint32_t messageCode) override
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -254,6 +256,7 @@ enum class FakePresence {
 class FakeServiceManager : public ISystemAbilityManager {
 public:
     // One question for a service.
+    // What one lookup asked for.
     struct Lookup {
         // As they were asked.
         int32_t systemAbilityId;
@@ -264,6 +267,7 @@ public:
     explicit FakeServiceManager(sptr<IRemoteObject> object) : object_(std::move(object)) {}
 
     // How it is found from now on.
+    // How the object is found from now on; at first it is here.
     void SetPresence(FakePresence presence)
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -330,6 +334,7 @@ public:
     FakeServiceScope& operator=(const FakeServiceScope&) = delete;
 
     // What is found, and who finds it; both live as long as the scope.
+    // Both live as long as the scope.
     FakeService& Service() const { return *service_; }
     FakeServiceManager& Manager() const { return *manager_; }
 
