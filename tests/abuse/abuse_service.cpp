@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "security_privacy/testing/fake_service.h"
+#include "varn/host/ability_server.h"
+#include "varn/host/caller.h"
+
+// A service with operations for tests: one says who asked, waits at a gate or answers at any length, one tells what was
+// executed.
+namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+namespace {
+
+// One write, so that what was printed survives a kill.
+void Print(const std::string& line)
+{
+    static_cast<void>(!::write(STDOUT_FILENO, (line + "\n").data(), line.size() + 1));
+}
+
+class AbusedService final : public FakeService {
+public:
+    explicit AbusedService(const std::string& directory) : gate_(directory + "/gate") {}
+
+    // Nothing is noted, so that nothing grows.
+    bool IsMessageCodeAllowed(uint32_t) override { return true; }
+
+    // App "gate": waits until somebody has opened the gate and closed it again. "bulk": `userId` bytes of answer.
+    int32_t GetAppPermissionGroupInfosByApp(const std::string& bundleName, int32_t userId,
+                                            const std::unordered_set<std::string>&,
+                                            std::vector<Permission::AppPermissionGroupInfo>& infos) override
+    {
+        if (bundleName == "gate") {
+            const int gate = ::open(gate_.c_str(), O_RDONLY | O_CLOEXEC);
+            char byte = 0;
+            while (::read(gate, &byte, 1) > 0) {
+            }
+            ::close(gate);
+        }
+        Permission::AppPermissionGroupInfo& info = infos.emplace_back();
+        info.bundleName = std::string(bundleName == "bulk" ? static_cast<size_t>(userId) : 1, 'x');
+        info.uid = static_cast<int32_t>(Host::CurrentCaller().uid);
+        return 0;
+    }
+
+    int32_t SetAppPermissionGroupCheckedState(const std::string&, int32_t uid, const std::string&,
+                                              const Permission::CheckedStateParameter&, bool& returns) override
+    {
+        Print("executed " + std::to_string(uid));
+        returns = true;
+        return 0;
+    }
+
+private:
+    const std::string gate_;
+};
+
+int Serve(std::map<std::string, std::string> given)
+{
+    const auto number = [&given](const char* name) { return std::strtoul(given[name].c_str(), nullptr, 10); };
+    // Nothing, like 0, stands for a default.
+    Host::AbilityServerOptions options;
+    options.directory = given["--directory"];
+    options.workers = number("--workers");
+    options.maxConnections = number("--max-connections");
+    options.maxConnectionsPerUser = number("--max-connections-per-user");
+    options.stallTimeout = std::chrono::milliseconds(number("--stall-timeout-ms"));
+    options.replyTimeout = std::chrono::milliseconds(number("--reply-timeout-ms"));
+    options.maxWaitingReplyBytesPerUser = number("--max-waiting-reply-bytes");
+
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    ::sigaddset(&signals, SIGTERM);
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    Host::AbilityServer server(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new AbusedService(options.directory)), options);
+    if (!server.Start()) {
+        return EXIT_FAILURE;
+    }
+    Print("ready");
+    int signal = 0;
+    ::sigwait(&signals, &signal);
+    return EXIT_SUCCESS;
+}
+
+}  // namespace
+}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
+
+int main(int argc, char** argv)
+{
+    std::map<std::string, std::string> options;
+    for (int index = 1; index + 1 < argc; index += 2) {
+        options[argv[index]] = argv[index + 1];
+    }
+    return VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing::Serve(std::move(options));
+}

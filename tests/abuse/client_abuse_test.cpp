@@ -1,0 +1,299 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <csignal>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "abuse/processes.h"
+#include "support/exchange.h"
+#include "varn/host/ability_manager.h"
+
+// What a service can do to its clients.
+namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+namespace {
+
+using Host::BytesOf;
+using Host::MakeFrame;
+
+constexpr uint32_t CODE = 3;
+constexpr size_t HEADER_SIZE = 20;
+
+// Answers one request on the connection; false: the connection is to end.
+using Answer = std::function<bool(int connection)>;
+
+bool Write(int connection, const std::string& bytes)
+{
+    return ::send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+}
+
+bool Read(int connection, void* to, size_t size)
+{
+    return size == 0 || ::recv(connection, to, size, MSG_WAITALL) == static_cast<ssize_t>(size);
+}
+
+Answer Writing(const std::string& bytes, bool staysOpen = true)
+{
+    return [=](int connection) { return Write(connection, bytes) && staysOpen; };
+}
+
+const Answer HONEST = Writing(MakeFrame(CODE, "", 2));
+
+// Whether the client goes within that time; -1: within any.
+bool IsClientGone(int connection, int milliseconds)
+{
+    pollfd entry = {connection, POLLRDHUP, 0};
+    return ::poll(&entry, 1, milliseconds) == 1;
+}
+
+// A service that does with each request what the test wants.
+class HostileService {
+public:
+    explicit HostileService(const std::string& path) : listener_(path), accepting_([this] { Accept(); }) {}
+    ~HostileService()
+    {
+        ::shutdown(listener_.GetFd(), SHUT_RDWR);
+        accepting_.join();
+        // Only now, so that each connection keeps its number to the end.
+        for (auto& [connection, thread] : connections_) {
+            ::shutdown(connection, SHUT_RDWR);
+            thread.join();
+            ::close(connection);
+        }
+    }
+
+    // What is done with the requests from now on.
+    void Become(Answer answer)
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        answer_ = std::move(answer);
+    }
+
+    int Requests() const { return requests_; }
+    int Connections() const { return accepted_; }
+
+private:
+    void Accept()
+    {
+        for (int fd = 0; (fd = ::accept4(listener_.GetFd(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+            ++accepted_;
+            connections_.emplace_back(fd, [this, fd] {
+                while (Serve(fd)) {
+                }
+                ::shutdown(fd, SHUT_RDWR);
+            });
+        }
+    }
+
+    bool Serve(int connection)
+    {
+        uint32_t header[5];
+        if (!Read(connection, header, sizeof(header))) {
+            return false;
+        }
+        ++requests_;
+        // A long body stays where it is.
+        std::string body(header[4] < 65536 ? header[4] : 0, '\0');
+        std::unique_lock<std::mutex> lock(mutex_);
+        const Answer answer = answer_;
+        lock.unlock();
+        return Read(connection, body.data(), body.size()) && answer(connection);
+    }
+
+    const Host::RawServer listener_;
+    std::mutex mutex_;
+    Answer answer_ = HONEST;  // guarded by mutex_
+    std::atomic<int> requests_{0};
+    std::atomic<int> accepted_{0};
+    std::vector<std::pair<int, std::thread>> connections_;
+    std::thread accepting_;
+};
+
+std::string Reply(uint32_t length, const std::string& body = "")
+{
+    return MakeFrame(CODE, "", 2).replace(16, 4, BytesOf(length)) + body;
+}
+
+std::string Changed(size_t position, const std::string& bytes)
+{
+    return MakeFrame(CODE, "body", 2).replace(position, bytes.size(), bytes);
+}
+
+class ClientAbuseTest : public ::testing::Test {
+protected:
+    static sptr<IRemoteObject> Load() { return Host::AbilityManager::Get()->LoadSystemAbility(FAKE_SERVICE_ID, 4); }
+
+    int32_t Ask(int32_t waitTime = 1, size_t bytes = 4)
+    {
+        MessageParcel data;
+        MessageParcel reply;
+        MessageOption option(MessageOption::TF_SYNC, waitTime);
+        ++asked_;
+        return data.WriteString(std::string(bytes, 'x')) ? Load()->SendRequest(CODE, data, reply, option) : 4711;
+    }
+
+    // The next request is answered, on a connection of its own, and nothing was sent twice.
+    void ExpectRecovery(HostileService& service)
+    {
+        service.Become(HONEST);
+        const int before = service.Connections();
+        EXPECT_EQ(Ask(), 0) << log_.Everything();
+        EXPECT_EQ(service.Connections(), before + 1);
+        EXPECT_EQ(service.Requests(), asked_);
+    }
+
+    void ExpectLogged(const std::string& text)
+    {
+        EXPECT_NE(log_.Everything().find(text), std::string::npos) << text << "\n" << log_.Everything();
+        log_.Clear();
+    }
+
+    const SocketFolder folder_;
+    int asked_ = 0;
+
+private:
+    LogCapture log_;
+};
+
+TEST_F(ClientAbuseTest, WrongReplies)
+{
+    const struct {
+        Answer answer;
+        int32_t expected;
+        std::string reason;
+    } cases[] = {
+        {Writing(Changed(0, "v")), IPC_PROTOCOL_ERROR, "the magic is wrong"},
+        {Writing(Changed(4, BytesOf(uint16_t{2}))), IPC_PROTOCOL_ERROR, "the version is unknown"},
+        {Writing(Changed(6, BytesOf(uint16_t{1}))), IPC_PROTOCOL_ERROR, "it is not a reply"},
+        {Writing(Changed(8, BytesOf(CODE + 1))), IPC_PROTOCOL_ERROR, "it answers another request"},
+        {Writing(Reply(0, "x")), IPC_PROTOCOL_ERROR, "there are bytes behind it"},
+        {Writing(MakeFrame(CODE, "", 2) + MakeFrame(CODE, "", 2)), IPC_PROTOCOL_ERROR, "there are bytes behind it"},
+        {Writing(std::string(4096, '\xff')), IPC_PROTOCOL_ERROR, "the magic is wrong"},
+        {Writing(Reply(INT32_MAX)), IPC_TOO_LARGE, "the reply is longer than a parcel may be"},
+        {Writing(Reply(UINT32_MAX)), IPC_TOO_LARGE, "the reply is longer than a parcel may be"},
+        {Writing(Reply(Parcel::kDefaultMaxCapacity + 1)), IPC_TOO_LARGE, "the reply is longer than a parcel may be"},
+        {Writing(Reply(Parcel::kDefaultMaxCapacity, "body"), false), IPC_DEAD_OBJECT, "the service closed the conn"},
+    };
+    HostileService service(folder_.SocketPath());
+    EXPECT_EQ(Ask(), 0);
+    ResetPeak(::getpid());
+    const size_t peak = ReadSize(::getpid(), "VmHWM");
+    for (const auto& hostile : cases) {
+        SCOPED_TRACE(hostile.reason);
+        service.Become(hostile.answer);
+        EXPECT_EQ(Ask(), hostile.expected);
+        ExpectLogged("request 3 to " + folder_.SocketPath() + " failed while receiving: " + hostile.reason);
+        ExpectRecovery(service);
+        service.Become(hostile.answer);
+        ++asked_;
+        EXPECT_EQ(CallOperation(SecurityPrivacyClient::GetInstance(), 3).result, -1);
+        ExpectRecovery(service);
+    }
+    if (IS_SIZE_TELLING) {
+        EXPECT_LT(ReadSize(::getpid(), "VmHWM"), peak + 8192) << "an announced length took memory";
+    }
+}
+
+TEST_F(ClientAbuseTest, EndAtEveryByteOfTheReply)
+{
+    HostileService service(folder_.SocketPath());
+    const std::string reply = MakeFrame(CODE, "12345678", 2);
+    for (size_t size = 0; size < reply.size(); ++size) {
+        service.Become(Writing(reply.substr(0, size), false));
+        EXPECT_EQ(Ask(), IPC_DEAD_OBJECT) << size;
+    }
+    ExpectRecovery(service);
+}
+
+TEST_F(ClientAbuseTest, NothingLastsLongerThanTheWaitTime)
+{
+    HostileService service(folder_.SocketPath());
+    service.Become([](int connection) { return !IsClientGone(connection, -1); });
+    EXPECT_EQ(Ask(), IPC_TIMED_OUT) << "silence";
+    EXPECT_EQ(Ask(1, 20000000), IPC_TIMED_OUT) << "a request that is not read";
+    service.Become([](int connection) {
+        constexpr int PACE_MILLISECONDS = 20;
+        const std::string reply = Reply(100000, std::string(100000, 'x'));
+        for (size_t sent = 0; !IsClientGone(connection, PACE_MILLISECONDS); ++sent) {
+            Write(connection, reply.substr(sent, 1));
+        }
+        return false;
+    });
+    EXPECT_EQ(Ask(), IPC_TIMED_OUT) << "a trickle";
+    ExpectLogged("failed while receiving: Connection timed out (errno 110)");
+    ExpectRecovery(service);
+}
+
+TEST_F(ClientAbuseTest, BytesThatNobodyAskedFor)
+{
+    HostileService service(folder_.SocketPath());
+    std::atomic<int> idle{-1};
+    service.Become([&idle](int connection) {
+        Write(connection, MakeFrame(CODE, "", 2));
+        idle = connection;
+        return true;
+    });
+    EXPECT_EQ(Ask(), 0);
+    EXPECT_TRUE(Eventually([&] { return idle >= 0; }));
+    EXPECT_TRUE(Write(idle, MakeFrame(CODE, "not asked for", 2)));
+    ExpectRecovery(service);
+    ExpectLogged("a service sent bytes that nobody had asked for; the connection is dropped");
+}
+
+TEST_F(ClientAbuseTest, StoppedServiceIsGivenUpAndFoundAgain)
+{
+    ServiceProcess service(folder_, {ABUSE_SERVICE, "--directory", folder_.Path()});
+    ASSERT_TRUE(service.IsReady());
+    EXPECT_EQ(Ask(), 1) << "not a request that it knows";
+    ::kill(service.Pid(), SIGSTOP);
+    int status = 0;
+    ::waitpid(service.Pid(), &status, WUNTRACED);
+    // On the connection that is there, then on a new one.
+    EXPECT_EQ(Ask(), IPC_TIMED_OUT);
+    EXPECT_EQ(Ask(), IPC_TIMED_OUT);
+    ::kill(service.Pid(), SIGCONT);
+    EXPECT_EQ(Ask(60), 1);
+}
+
+TEST_F(ClientAbuseTest, ForkedChildHasAConnectionOfItsOwn)
+{
+    HostileService service(folder_.SocketPath());
+    EXPECT_EQ(Ask(), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(Ask(60) == 0 && Ask(60) == 0 ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(Ask(), 0);
+    EXPECT_EQ(service.Connections(), 2) << "the parent's went on, the child made one";
+    EXPECT_EQ(service.Requests(), 4);
+}
+
+TEST_F(ClientAbuseTest, OneDeadConnectionDoesNotMakeTheServiceDead)
+{
+    HostileService service(folder_.SocketPath());
+    // Two requests at a time need two connections, and both stay.
+    std::atomic<int> waiting{0};
+    service.Become([&waiting](int connection) {
+        ++waiting;
+        return Eventually([&] { return waiting == 2; }) && Write(connection, MakeFrame(CODE, "", 2));
+    });
+    const sptr<IRemoteObject> object = Load();
+    std::thread other([this] { EXPECT_EQ(Ask(60), 0); });
+    EXPECT_EQ(Ask(60), 0);
+    other.join();
+    service.Become(Writing("", false));
+    EXPECT_EQ(Ask(), IPC_DEAD_OBJECT);
+    EXPECT_TRUE(object->IsObjectDead());
+    service.Become(HONEST);
+    EXPECT_FALSE(Load()->IsObjectDead());
+}
+
+}  // namespace
+}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing

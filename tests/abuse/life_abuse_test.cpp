@@ -1,0 +1,289 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <map>
+#include <thread>
+
+#include "abuse/processes.h"
+#include "support/exchange.h"
+#include "varn/host/log_sink.h"
+
+// Starting, stopping and dying, with clients about.
+namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+namespace {
+
+// Asks the service once to do the thing number `id`. Whether it was done for sure, for sure not, or perhaps.
+enum class Result { DONE, NOT_DONE, UNKNOWN };
+
+Result Do(int32_t id)
+{
+    bool returns = false;
+    const int32_t result = SecurityPrivacyClient::GetInstance().SetAppPermissionGroupCheckedState(
+        "app", id, "group", MakeCheckedStateParameter(), returns);
+    return result != 0 ? Result::UNKNOWN : (returns ? Result::DONE : Result::NOT_DONE);
+}
+
+// What the service says it has done: how often, by number, until it ends or has done so much. Returns how often it said
+// that it is ready, which may come behind the first of them.
+int CountExecuted(ServiceProcess& service, std::map<int32_t, int>& executed, size_t atMost = SIZE_MAX)
+{
+    const std::string prefix = "executed ";
+    int ready = 0;
+    for (std::string line = service.ReadLine(); !line.empty(); line = atMost > 0 ? service.ReadLine() : "") {
+        const bool isDone = line.rfind(prefix, 0) == 0;
+        executed[isDone ? std::stoi(line.substr(prefix.size())) : -1] += isDone ? 1 : 0;
+        ready += isDone ? 0 : 1;
+        atMost -= isDone ? 1 : 0;
+    }
+    executed.erase(-1);
+    return ready;
+}
+
+// Runs in a process of its own; exits with 0 when the function returns true.
+template <class Function>
+pid_t Fork(Function function)
+{
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::_exit(function() ? 0 : 1);
+    }
+    return pid;
+}
+
+int WaitFor(pid_t pid)
+{
+    int status = -1;
+    EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+    return status;
+}
+
+class LifeTest : public ::testing::Test {
+protected:
+    LifeTest() { Host::SetLogLevel(7); }
+
+    const SocketFolder folder_;
+    const std::vector<std::string> command_ = {ABUSE_SERVICE, "--directory", folder_.Path()};
+};
+
+TEST_F(LifeTest, StopFinishesWhatRunsAndRefusesTheRest)
+{
+    class Slow : public IPCObjectStub {
+    public:
+        int32_t OnRemoteRequest(uint32_t code, MessageParcel&, MessageParcel& reply, MessageOption&) override
+        {
+            ++executed;
+            begun.set_value();
+            released.wait();
+            return reply.WriteInt32(static_cast<int32_t>(code)) ? 0 : 1;
+        }
+        std::atomic<int> executed{0};
+        std::promise<void> begun;
+        std::promise<void> release;
+        std::shared_future<void> released = release.get_future().share();
+    };
+    const sptr<Slow> slow(new Slow());
+    Host::AbilityServerOptions options;
+    options.workers = 1;
+    Host::AbilityServer server(FAKE_SERVICE_ID, slow, options);
+    ASSERT_TRUE(server.Start());
+    const Peer running(folder_.SocketPath());
+    const Peer waiting(folder_.SocketPath());
+    EXPECT_TRUE(running.Send(Host::MakeFrame(1, "")));
+    slow->begun.get_future().wait();
+    EXPECT_TRUE(waiting.Send(Host::MakeFrame(2, "")));
+    std::thread stopper([&server] { server.Stop(); });
+    EXPECT_TRUE(Eventually([this] { return !std::filesystem::exists(folder_.SocketPath()); }));
+    slow->release.set_value();
+    EXPECT_EQ(running.ReadReply(), Host::MakeFrame(1, Host::BytesOf(int32_t{1}), 2));
+    EXPECT_TRUE(running.IsClosed());
+    EXPECT_TRUE(waiting.IsClosed());
+    stopper.join();
+    EXPECT_EQ(slow->executed, 1);
+}
+
+TEST_F(LifeTest, ThousandLivesLeaveNothing)
+{
+    Host::AbilityServerOptions options;
+    options.workers = 2;
+    Host::AbilityServer server(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new FakeService()), options);
+    size_t descriptors = 0;
+    size_t threads = 0;
+    for (int life = 0; life <= 1000; ++life) {
+        ASSERT_TRUE(server.Start());
+        {
+            const Peer peer(folder_.SocketPath());
+            EXPECT_TRUE(peer.Send(Host::MakeFrame(1, "")));
+            EXPECT_TRUE(life % 2 == 0 || !peer.ReadReply().empty());
+        }
+        server.Stop();
+        if (life == 0) {
+            descriptors = CountEntries(::getpid(), "fd");
+            threads = CountEntries(::getpid(), "task");
+        }
+    }
+    EXPECT_EQ(CountEntries(::getpid(), "fd"), descriptors);
+    EXPECT_TRUE(Eventually([threads] { return CountEntries(::getpid(), "task") == threads; }));
+    EXPECT_TRUE(std::filesystem::is_empty(folder_.Path()));
+}
+
+TEST_F(LifeTest, KilledAgainAndAgainUnderLoad)
+{
+    constexpr int CLIENTS = 3;
+    constexpr int KILLS = 20;
+    constexpr int32_t MOST_CALLS = 10000000;
+    int stop[2] = {};
+    ASSERT_EQ(::pipe2(stop, O_CLOEXEC), 0);
+    std::vector<pid_t> clients;
+    for (int32_t client = 0; client < CLIENTS; ++client) {
+        clients.push_back(Fork([&] {
+            ::close(stop[1]);
+            std::ofstream results(folder_.Path() + "/results" + std::to_string(client));
+            pollfd entry = {stop[0], POLLIN, 0};
+            int32_t id = client * MOST_CALLS;
+            for (; ::poll(&entry, 1, 0) == 0; ++id) {
+                results << id << ' ' << static_cast<int>(Do(id)) << '\n';
+            }
+            // By now there is a service that nobody kills.
+            return Do(id) == Result::DONE;
+        }));
+    }
+    std::map<int32_t, int> executed;
+    for (int life = 0; life <= KILLS; ++life) {
+        ServiceProcess service(folder_, command_);
+        CountExecuted(service, executed, 100);
+        if (life < KILLS) {
+            service.End(SIGKILL);
+        } else {
+            ::close(stop[1]);
+            for (const pid_t client : clients) {
+                EXPECT_EQ(WaitFor(client), 0) << "the first request after the restart was not done";
+            }
+            EXPECT_EQ(service.End(SIGTERM), 0);
+        }
+        CountExecuted(service, executed);
+    }
+    ::close(stop[0]);
+    for (int client = 0; client < CLIENTS; ++client) {
+        std::ifstream results(folder_.Path() + "/results" + std::to_string(client));
+        int32_t id = 0;
+        int result = 0;
+        while (results >> id >> result) {
+            const int times = executed[id];
+            EXPECT_TRUE(result == static_cast<int>(Result::UNKNOWN) ||
+                        times == (result == static_cast<int>(Result::DONE) ? 1 : 0))
+                << id << ' ' << result << ' ' << times;
+        }
+    }
+    for (const auto& [id, times] : executed) {
+        EXPECT_LE(times, 1) << id;
+    }
+}
+
+TEST_F(LifeTest, FirstRequestsOfManyClientsStartOneService)
+{
+    const std::string activate = "/usr/bin/systemd-socket-activate";
+    if (!std::filesystem::exists(activate)) {
+        GTEST_SKIP() << activate << " is missing";
+    }
+    constexpr int CLIENTS = 8;
+    // It hands on no part of its environment but what it is told to.
+    ServiceProcess service(
+        folder_, std::vector<std::string>{activate, "-l", folder_.SocketPath(), "-E", "LSAN_OPTIONS"} + command_);
+    std::vector<pid_t> clients;
+    for (int32_t id = 0; id < CLIENTS; ++id) {
+        clients.push_back(Fork([id] { return Do(id) == Result::DONE; }));
+    }
+    for (const pid_t client : clients) {
+        EXPECT_EQ(WaitFor(client), 0) << service.Log();
+    }
+    EXPECT_EQ(service.End(SIGTERM), 0) << service.Log();
+    std::map<int32_t, int> executed;
+    EXPECT_EQ(CountExecuted(service, executed), 1);
+    EXPECT_EQ(executed.size(), size_t{CLIENTS});
+    EXPECT_TRUE(std::filesystem::exists(folder_.SocketPath())) << "the file is the init system's";
+}
+
+TEST_F(LifeTest, VariablesOfActivationThatAreNotMeantAreIgnored)
+{
+    const struct {
+        const char* pid;  // null: the service's own
+        const char* count;
+    } cases[] = {{"1", "1"},       {"x", "1"},      {"", ""},           {nullptr, "0"},
+                 {nullptr, "-1"},  {nullptr, "1x"}, {nullptr, "99999"}, {nullptr, "2147483648"},
+                 {nullptr, "200"}, {nullptr, ""}};
+    for (const auto& variables : cases) {
+        ServiceProcess service(folder_, command_, [&variables] {
+            ::setenv("LISTEN_PID", variables.pid != nullptr ? variables.pid : std::to_string(::getpid()).c_str(), 1);
+            ::setenv("LISTEN_FDS", variables.count, 1);
+        });
+        EXPECT_TRUE(service.IsReady()) << variables.count << service.Log();
+        EXPECT_EQ(Do(1), Result::DONE);
+        EXPECT_EQ(service.End(SIGTERM), 0);
+    }
+}
+
+TEST_F(LifeTest, OneOfTwoStartersWins)
+{
+    for (int round = 0; round < 20; ++round) {
+        ServiceProcess one(folder_, command_);
+        ServiceProcess other(folder_, command_);
+        const bool isOne = one.IsReady();
+        EXPECT_NE(isOne, other.IsReady()) << one.Log();
+        EXPECT_EQ(Do(round), Result::DONE);
+        ServiceProcess& loser = isOne ? other : one;
+        EXPECT_TRUE(WIFEXITED(loser.End(0)));
+        EXPECT_EQ((isOne ? one : other).End(SIGTERM), 0);
+    }
+    EXPECT_FALSE(std::filesystem::exists(folder_.SocketPath()));
+}
+
+TEST_F(LifeTest, UnsafeFoldersAreRefusedOnBothSides)
+{
+    const std::string deep = folder_.Path() + "/" + std::string(100, 'd');
+    ASSERT_EQ(::mkdir(deep.c_str(), 0700), 0);
+    const struct {
+        std::string path;
+        mode_t mode;
+        uid_t owner;
+        std::string problem;
+    } cases[] = {{folder_.Path(), 0777, 0, "may be written by others than its owner (chmod go-w would do)"},
+                 {folder_.Path(), 01777, 0, "may be written by others than its owner"},
+                 {folder_.Path(), 0770, 0, "may be written by others than its owner"},
+                 {folder_.Path(), 0700, 54321, "belongs to user 54321, not to root or to user 0"},
+                 {deep, 0700, 0, " bytes long, a socket's may be 107"}};
+    LogCapture log;
+    for (const auto& unsafe : cases) {
+        if (unsafe.owner != 0 && ::geteuid() != 0) {
+            continue;
+        }
+        ASSERT_EQ(::chmod(unsafe.path.c_str(), unsafe.mode), 0);
+        ASSERT_EQ(::chown(unsafe.path.c_str(), unsafe.owner == 0 ? ::geteuid() : unsafe.owner, -1U), 0);
+        ::setenv("VARN_ABILITY_DIR", unsafe.path.c_str(), 1);
+        const std::string messages[] = {"service 65993 cannot be started: ", "service 65993 cannot be found: "};
+        for (const std::string& message : messages) {
+            log.Clear();
+            if (&message == &messages[0]) {
+                EXPECT_FALSE(Host::AbilityServer(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new FakeService())).Start());
+            } else {
+                // At once: waiting would not mend it.
+                EXPECT_EQ(SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager()->LoadSystemAbility(
+                              FAKE_SERVICE_ID, INT32_MAX),
+                          nullptr);
+            }
+            EXPECT_NE(log.Everything().find(message), std::string::npos) << log.Everything();
+            EXPECT_NE(log.Everything().find(unsafe.problem), std::string::npos) << log.Everything();
+        }
+    }
+}
+
+}  // namespace
+}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+
+#include "platform/raw_client.h"
+#include "support/exchange.h"
+
+// Requests as bytes, to be sent as they are or spoilt.
+namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+
+constexpr size_t HEADER_SIZE = 20;
+
+inline std::string BytesLeftIn(Parcel& parcel)
+{
+    std::string bytes;
+    for (const int32_t word : TakeWords(parcel)) {
+        bytes += Host::BytesOf(word);
+    }
+    return bytes;
+}
+
+template <class... T>
+std::string MakeRequest(const T&... values)
+{
+    MessageParcel parcel;
+    PutAll(parcel, SecurityPrivacyServiceIntf::GetDescriptor(), values...);
+    return BytesLeftIn(parcel);
+}
+
+// What an honest client sends.
+inline std::string MakeHonestRequest(uint32_t code)
+{
+    std::string body;
+    const sptr<IRemoteObject> listener(new ScriptedObject([&body](uint32_t, MessageParcel& data, MessageParcel&) {
+        body = BytesLeftIn(data);
+        return 0;
+    }));
+    CallOperation(*ProxyOver(listener), code);
+    return body;
+}
+
+}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
