@@ -129,11 +129,11 @@ TEST_F(LogTest, StandardErrorGetsOneEscapedLine)
 {
     SetLogSink(nullptr);
     const std::string text = CaptureStandardError([] {
-        VoLogPrint(0, 5, 0, "TAG", "a\x1b[2J\nb\x7f'\xC3\xA4'");
+        VoLogPrint(0, 5, 0, "TAG", "a\x1b[2J\nb\x7f'\xC3\xA4\xC2\x9B'");
         VoLogPrint(0, 3, 0, "TAG", "next");
     });
     const std::string head = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )" + std::to_string(::getpid()) + R"( \d+ )";
-    const std::string wanted = head + R"(W TAG: a\\x1b\[2J\\nb\\x7f'\xC3\xA4'\n)" + head + R"(D TAG: next\n)";
+    const std::string wanted = head + R"(W TAG: a\\x1b\[2J\\nb\\x7f'\xC3\xA4\\xc2\\x9b'\n)" + head + R"(D TAG: next\n)";
     EXPECT_TRUE(std::regex_match(text, std::regex(wanted))) << text;
 }
 

@@ -21,19 +21,31 @@ char LevelLetter(int level)
     return index >= 0 && index < static_cast<int>(sizeof(LETTERS)) - 1 ? LETTERS[index] : '?';
 }
 
+// Whether the byte is a control character or belongs to one: U+0080 to U+009F are such too, and UTF-8 writes them as
+// 0xC2 and one byte more.
+bool IsControl(const std::string& text, size_t at)
+{
+    const auto byteAt = [&text](size_t place) {
+        return place < text.size() ? static_cast<unsigned char>(text[place]) : 0U;
+    };
+    const auto isSecond = [](unsigned byte) { return byte >= 0x80 && byte <= 0x9f; };
+    const unsigned byte = byteAt(at);
+    return byte < 0x20 || byte == 0x7f || (byte == 0xc2 && isSecond(byteAt(at + 1))) ||
+           (isSecond(byte) && at > 0 && byteAt(at - 1) == 0xc2);
+}
+
 // A service's name may come from an app: what a terminal would obey is shown, not sent.
 void AppendVisible(std::string& out, const std::string& text)
 {
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (character == '\n') {
+    for (size_t at = 0; at < text.size(); ++at) {
+        if (text[at] == '\n') {
             out += "\\n";
-        } else if (byte < 0x20 || byte == 0x7f) {
+        } else if (IsControl(text, at)) {
             char escaped[8];
-            std::snprintf(escaped, sizeof(escaped), "\\x%02x", byte);
+            std::snprintf(escaped, sizeof(escaped), "\\x%02x", static_cast<unsigned char>(text[at]));
             out += escaped;
         } else {
-            out += character;
+            out += text[at];
         }
     }
 }
