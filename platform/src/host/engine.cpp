@@ -14,8 +14,8 @@
 #include <chrono>
 #include <climits>
 #include <csignal>
+#include <exception>
 #include <new>
-#include <system_error>
 #include <utility>
 
 #include "host/deadline.h"
@@ -114,8 +114,9 @@ std::string AbilityServer::Engine::Start()
         for (size_t worker = 0; worker < context_.options.workers; ++worker) {
             threads_.emplace_back(&Engine::RunThread, this, &Engine::Work);
         }
-    } catch (const std::system_error& error) {
-        problem = std::string("a thread cannot be started: ") + error.what();
+    } catch (const std::exception& exception) {
+        // The system refuses, or memory runs out; either way the signals are ours to give back.
+        problem = std::string("a thread cannot be started: ") + exception.what();
     }
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     return problem;
