@@ -20,11 +20,13 @@ public:
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now()).count();
         return static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
     }
-    // Whether so little of the time is gone that a wait for the whole of it would not matter.
-    bool HasJustBegun() const { return Clock::now() - begin_ < std::chrono::milliseconds(50); }
+    // Whether so little of the time is gone that to wait once more for the whole of it does not matter.
+    bool HasJustBegun() const { return Clock::now() - begin_ < BEGINNING; }
     bool IsOver() const { return Clock::now() >= end_; }
 
 private:
+    static constexpr std::chrono::milliseconds BEGINNING{50};
+
     Clock::time_point begin_;
     Clock::time_point end_;
 };
