@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Fuzzes everything that reads a peer's bytes, with the address and undefined-behaviour sanitizers.
+#
+#   scripts/fuzz.sh [SECONDS]    for each target; 30 when none are named
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+seconds=${1:-30}
+build=build/fuzz
+targets=(parcel record stub proxy connection)
+
+scripts/setup.sh
+launcher=()
+command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+# The code under test has to count its branches for the fuzzer as well.
+cmake -S . -B "$build" -G Ninja "${launcher[@]}" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DBUILD_SHARED_LIBS=OFF -DSECURITY_PRIVACY_SANITIZE=address,undefined,fuzzer-no-link \
+    -DSECURITY_PRIVACY_BUILD_FUZZ=ON -DSECURITY_PRIVACY_BUILD_TESTS=ON -DSECURITY_PRIVACY_BUILD_EXAMPLES=OFF \
+    -DSECURITY_PRIVACY_INSTALL=OFF
+cmake --build "$build" --target fuzz_seeds "${targets[@]/#/fuzz_}"
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+export LSAN_OPTIONS=suppressions=$PWD/tests/support/lsan.supp:print_suppressions=0
+"$build/fuzz/fuzz_seeds" "$work/seeds"
+
+# Two at a time. What a target finds is shown, and kept where it says.
+run() {
+    if ! "$build/fuzz/fuzz_$1" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=4096 -print_final_stats=1 \
+        -artifact_prefix="$build/finding-$1-" "$work/seeds/$1" >"$work/$1.log" 2>&1; then
+        tail -n 60 "$work/$1.log"
+        return 1
+    fi
+    echo "$1: $(sed -n 's/^stat::number_of_executed_units: *//p' "$work/$1.log") runs in $seconds s, no finding"
+}
+failed=0
+for ((index = 0; index < ${#targets[@]}; index += 2)); do
+    pids=()
+    for target in "${targets[@]:index:2}"; do
+        run "$target" &
+        pids+=($!)
+    done
+    for pid in "${pids[@]}"; do
+        wait "$pid" || failed=1
+    done
+done
+exit "$failed"
