@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "host/caller_scope.h"
@@ -50,6 +51,23 @@ bool WorkerBuffers::HoldsMuch() const noexcept
 void WorkerBuffers::LetGo() noexcept
 {
     ParcelBuffer::Clear(*reply, KEPT_IDLE_CAPACITY);
+}
+
+std::unique_ptr<MessageParcel> WorkerBuffers::TakeReply()
+{
+    auto other = std::make_unique<MessageParcel>();
+    const size_t size = reply->GetDataSize();
+    if (ParcelBuffer::Capacity(*reply) <= 2 * std::max(size, KEPT_IDLE_CAPACITY)) {
+        reply.swap(other);
+        return other;
+    }
+    uint8_t* space = ParcelBuffer::Space(*other, size);
+    if (space == nullptr) {
+        throw std::bad_alloc();
+    }
+    std::memcpy(space, ParcelBuffer::Data(*reply), size);
+    ParcelBuffer::Commit(*other, size);
+    return other;
 }
 
 Connection::Connection(UniqueFd fd, const Caller& caller, UserAccount& account, std::atomic<int64_t>& deadline) noexcept
@@ -227,11 +245,11 @@ Connection::Next Connection::Reply(ServiceContext& context, WorkerBuffers& buffe
     if (sent == sizeof(header) + header.length) {
         return Next::INPUT;
     }
-    auto next = std::make_unique<MessageParcel>();
+    auto body = buffers.TakeReply();
     output_ = std::make_unique<Output>();
     output_->header = header;
     output_->sent = sent;
-    output_->body = std::exchange(buffers.reply, std::move(next));
+    output_->body = std::move(body);
     const size_t waiting =
         account_.waitingReplyBytes.fetch_add(header.length, std::memory_order_relaxed) + header.length;
     if (waiting > context.options.maxWaitingReplyBytesPerUser) {

@@ -41,6 +41,10 @@ struct WorkerBuffers {
     bool HoldsMuch() const noexcept;
     void LetGo() noexcept;
 
+    // The reply, to be kept for a peer who has not read all of it yet. A short one in a long buffer is copied out of
+    // it: what waits is counted by its bytes, and must not hold much more memory than that.
+    std::unique_ptr<MessageParcel> TakeReply();
+
     alignas(FrameHeader) std::array<uint8_t, PIECE_SIZE> piece;
     std::unique_ptr<MessageParcel> reply = std::make_unique<MessageParcel>();
 };
