@@ -258,13 +258,13 @@ int Channel::Connect(Link& link, std::string& problem) const
     if (unsafe != 0) {
         return unsafe;
     }
-    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    LinkFd fd = LinkFd::MakeSocket();
     if (!fd) {
         const int error = errno;
         problem = "a socket cannot be made: " + ErrorText(error);
         return error;
     }
-    // Non-blocking, since a service that accepts nothing would hold a blocking connect for ever.
+    // It does not block, since a service that accepts nothing would hold a connect that does for ever.
     int result = 0;
     do {
         result = ::connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
@@ -275,7 +275,7 @@ int Channel::Connect(Link& link, std::string& problem) const
         return error;
     }
     link = Link();
-    link.fd = LinkFd(std::move(fd));
+    link.fd = std::move(fd);
     return 0;
 }
 

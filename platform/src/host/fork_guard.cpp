@@ -2,6 +2,7 @@
 #include "host/fork_guard.h"
 
 #include <pthread.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
@@ -67,14 +68,20 @@ void WatchForks()
 
 Mutex clientMutex;
 
-LinkFd::LinkFd(UniqueFd fd)
+LinkFd LinkFd::MakeSocket()
 {
     WatchForks();
+    LinkFd link;
     OpenLinks& links = GetOpenLinks();
+    // Made under the lock, so that no fork comes before it is noted.
     const MutexLock lock(links.mutex);
-    links.fds.push_back(fd.Get());
-    fd_ = std::move(fd);
-    generation_ = processGeneration.load(std::memory_order_relaxed);
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (fd) {
+        links.fds.push_back(fd.Get());
+        link.fd_ = std::move(fd);
+        link.generation_ = processGeneration.load(std::memory_order_relaxed);
+    }
+    return link;
 }
 
 LinkFd::LinkFd(LinkFd&& other) noexcept : fd_(std::move(other.fd_)), generation_(other.generation_) {}

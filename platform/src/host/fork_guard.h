@@ -19,13 +19,15 @@ extern Mutex clientMutex;
 class LinkFd {
 public:
     LinkFd() noexcept = default;
-    // Takes over the descriptor. The first one makes the process watch its forks.
-    explicit LinkFd(UniqueFd fd);
+    // A Unix stream socket that does not block; holds nothing, with the reason in errno, when the system refuses. The
+    // first one makes the process watch its forks.
+    static LinkFd MakeSocket();
     LinkFd(LinkFd&& other) noexcept;
     LinkFd& operator=(LinkFd&& other) noexcept;
     ~LinkFd() { Close(); }
 
     int Get() const noexcept { return fd_.Get(); }
+    explicit operator bool() const noexcept { return static_cast<bool>(fd_); }
     // Whether it was made by this process, and not by the one that this was forked from.
     bool IsOurs() const noexcept;
 
