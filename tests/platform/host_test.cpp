@@ -272,6 +272,10 @@ TEST_F(HostTest, RestartIsMetWithAFreshConnection)
     EXPECT_EQ(Ask(kept, 1, "after"), (Answer{0, "after"}));
     EXPECT_FALSE(kept->IsObjectDead());
     EXPECT_EQ(Ask(manager_->LoadSystemAbility(ID, 0), 1, "found"), (Answer{0, "found"}));
+    EXPECT_EQ(manager_->LoadSystemAbility(ID, 0), kept);
+    server.Stop();
+    ASSERT_TRUE(server.Start());
+    EXPECT_EQ(Ask(kept, 1, "restarted since it was found"), (Answer{0, "restarted since it was found"}));
 }
 
 TEST_F(HostTest, OnlyAStaleSocketIsReplaced)

@@ -92,6 +92,9 @@ public:
     int Send(FrameHeader& header, const MessageParcel& data);
     int Receive(uint32_t code, MessageParcel& reply, int32_t& status);
 
+    // Whether `Send` returned `error` because the service had closed the connection before it could get a byte.
+    bool WasClosedBefore(int error) const noexcept { return !hasSent_ && (error == EPIPE || error == ECONNRESET); }
+
     // To be told when the connection's own time limit could not be set: nothing blocks then.
     void NeverBlock() noexcept { neverBlock_ = true; }
 
@@ -110,6 +113,7 @@ private:
 
     const int fd_;
     const Deadline deadline_;
+    bool hasSent_ = false;
     bool neverBlock_ = false;
     const char* reason_ = nullptr;
 };
@@ -129,6 +133,7 @@ int Channel::Exchange::Send(FrameHeader& header, const MessageParcel& data)
         }
         const bool full = sent < 0 && errno == EAGAIN;
         size_t done = sent < 0 ? 0 : static_cast<size_t>(sent);
+        hasSent_ = hasSent_ || done != 0;
         left -= done;
         if (left == 0) {
             return 0;
@@ -325,49 +330,72 @@ int32_t Channel::Report(uint32_t code, const char* step, int32_t ipcCode, const 
     return ipcCode;
 }
 
+// Takes an idle connection that is alive, or was when `Prepare` looked.
+bool Channel::TakeAlive(Link& link)
+{
+    while (TakeIdle(link)) {
+        if (link.fd.IsOurs() && (std::exchange(link.checked, false) || IsAlive(link.fd.Get()))) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Has the socket itself bound what the exchange waits for.
+void Channel::LimitWait(Link& link, Exchange& exchange, int32_t seconds)
+{
+    if (link.waitTimeSeconds == seconds) {
+        return;
+    }
+    timeval limit = {};
+    limit.tv_sec = seconds;
+    if (::setsockopt(link.fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) == 0) {
+        link.waitTimeSeconds = seconds;
+    } else {
+        link.waitTimeSeconds = 0;
+        exchange.NeverBlock();
+    }
+}
+
 int32_t Channel::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
 {
     const Deadline deadline(std::chrono::seconds(option.GetWaitTime()));
-    Link link;
-    bool taken = TakeIdle(link);
-    while (taken && !(link.fd.IsOurs() && (std::exchange(link.checked, false) || IsAlive(link.fd.Get())))) {
-        taken = TakeIdle(link);
-    }
-    if (!taken) {
-        std::string problem;
-        const int error = Connect(link, problem);
-        if (error != 0) {
-            return Report(code, "connecting", ToIpcCode(error), problem);
-        }
-    }
-    Exchange exchange(link.fd.Get(), deadline);
-    if (link.waitTimeSeconds != option.GetWaitTime()) {
-        timeval limit = {};
-        limit.tv_sec = option.GetWaitTime();
-        if (::setsockopt(link.fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) == 0) {
-            link.waitTimeSeconds = option.GetWaitTime();
-        } else {
-            link.waitTimeSeconds = 0;
-            exchange.NeverBlock();
-        }
-    }
     FrameHeader header;
     header.code = code;
     header.length = static_cast<uint32_t>(data.GetDataSize());
-    const char* step = "sending";
-    int error = header.length == data.GetDataSize() ? exchange.Send(header, data) : EMSGSIZE;
-    int32_t status = 0;
-    if (error == 0) {
-        step = "receiving";
-        error = exchange.Receive(code, reply, status);
+    if (header.length != data.GetDataSize()) {
+        return Report(code, "sending", IPC_TOO_LARGE, ErrorText(EMSGSIZE));
     }
-    if (error != 0) {
-        ParcelBuffer::Clear(reply, 0);
-        return Report(code, step, ToIpcCode(error), exchange.GetReason(error));
+    for (;;) {
+        Link link;
+        const bool isKept = TakeAlive(link);
+        std::string problem;
+        int error = isKept ? 0 : Connect(link, problem);
+        if (error != 0) {
+            return Report(code, "connecting", ToIpcCode(error), problem);
+        }
+        Exchange exchange(link.fd.Get(), deadline);
+        LimitWait(link, exchange, option.GetWaitTime());
+        const char* step = "sending";
+        error = exchange.Send(header, data);
+        if (isKept && exchange.WasClosedBefore(error)) {
+            // The service was restarted since somebody looked. Nothing of the request has left, so it may be tried on
+            // the next connection; there are fewer each time, and a new one is not tried again.
+            continue;
+        }
+        int32_t status = 0;
+        if (error == 0) {
+            step = "receiving";
+            error = exchange.Receive(code, reply, status);
+        }
+        if (error != 0) {
+            ParcelBuffer::Clear(reply, 0);
+            return Report(code, step, ToIpcCode(error), exchange.GetReason(error));
+        }
+        dead_.store(false, std::memory_order_relaxed);
+        GiveBack(std::move(link));
+        return status;
     }
-    dead_.store(false, std::memory_order_relaxed);
-    GiveBack(std::move(link));
-    return status;
 }
 
 }  // namespace VARN::Host

@@ -44,7 +44,9 @@ private:
 
     int Connect(Link& link, std::string& problem) const;
     bool TakeIdle(Link& link);
+    bool TakeAlive(Link& link);
     void GiveBack(Link&& link);
+    static void LimitWait(Link& link, Exchange& exchange, int32_t seconds);
     int32_t Report(uint32_t code, const char* step, int32_t ipcCode, const std::string& reason);
 
     const std::string directory_;
