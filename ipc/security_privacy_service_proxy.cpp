@@ -25,16 +25,23 @@ const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFA
 
 constexpr int32_t WAIT_TIME = 8;  // seconds
 
-// Reads what follows the result 0 of a usage request: the number of records and the records.
-void ReadUsageRecords(MessageParcel& reply, const char* operation, std::vector<Record::PermissionUsageRecord>& records)
+// Reads the reply to a usage request: the result, which it returns, and if that is 0 the records. `operation` is whom
+// the lines name.
+int32_t ReadUsageReply(MessageParcel& reply, const char* operation, std::vector<Record::PermissionUsageRecord>& records)
 {
+    const int32_t result = reply.ReadInt32();
+    if (result != RESULT_OK) {
+        LOG_ERROR_AS(operation, "result is %d.", result);
+        return result;
+    }
     const int32_t size = reply.ReadInt32();
     // An answer without records is found abnormal too, and a negative number is taken for none without a word; meant.
     if (size == 0 || size > MAX_USAGE_RECORD_SIZE) {
         LOG_WARN_AS(operation, "record size is abnormal.");
-        return;
+        return RESULT_OK;
     }
     ReadRecords(reply, size, records);
+    return RESULT_OK;
 }
 
 }  // namespace
@@ -160,14 +167,7 @@ int32_t SecurityPrivacyServiceProxy::GetPermissionUsageSummary(const Record::Per
         LOG_ERROR("SendRequest failed.");
         return RESULT_TRANSPORT_FAILED;
     }
-
-    const int32_t result = reply.ReadInt32();
-    if (result != RESULT_OK) {
-        LOG_ERROR("result is %d.", result);
-        return result;
-    }
-    ReadUsageRecords(reply, __func__, records);
-    return RESULT_OK;
+    return ReadUsageReply(reply, __func__, records);
 }
 
 int32_t SecurityPrivacyServiceProxy::GetPermissionUsageTimeline(const Record::PermissionUsageRecordQuery& query,
@@ -185,14 +185,7 @@ int32_t SecurityPrivacyServiceProxy::GetPermissionUsageTimeline(const Record::Pe
         LOG_ERROR("SendRequest is failed.");
         return RESULT_TRANSPORT_FAILED;
     }
-
-    const int32_t result = reply.ReadInt32();
-    if (result != RESULT_OK) {
-        LOG_ERROR("result is %d.", result);
-        return result;
-    }
-    ReadUsageRecords(reply, __func__, records);
-    return RESULT_OK;
+    return ReadUsageReply(reply, __func__, records);
 }
 
 int32_t SecurityPrivacyServiceProxy::GTokenPolicyAddPolicy(const std::vector<GTokenInfo>& gTokenInfos)
