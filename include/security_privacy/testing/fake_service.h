@@ -255,7 +255,6 @@ enum class FakePresence {
 // Thread safety: everything may be called from several threads at once.
 class FakeServiceManager : public ISystemAbilityManager {
 public:
-    // One question for a service.
     // What one lookup asked for.
     struct Lookup {
         // As they were asked.
@@ -266,7 +265,6 @@ public:
     // `object` is usually a `FakeService`; null is found as nothing.
     explicit FakeServiceManager(sptr<IRemoteObject> object) : object_(std::move(object)) {}
 
-    // How it is found from now on.
     // How the object is found from now on; at first it is here.
     void SetPresence(FakePresence presence)
     {
@@ -333,7 +331,6 @@ public:
     FakeServiceScope(const FakeServiceScope&) = delete;
     FakeServiceScope& operator=(const FakeServiceScope&) = delete;
 
-    // What is found, and who finds it; both live as long as the scope.
     // Both live as long as the scope.
     FakeService& Service() const { return *service_; }
     FakeServiceManager& Manager() const { return *manager_; }
