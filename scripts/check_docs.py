@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Keeps README.md and docs/ true. Called by check-docs.sh, which says what the marks in a document mean.
+"""Keeps the documents true. Called by check-docs.sh, which says what the marks in a document mean.
 
     check_docs.py static ROOT             links, file names and limits; prints what is wrong
     check_docs.py script ROOT DOCUMENT    the shell script that does what the document says
@@ -12,6 +12,7 @@ import shlex
 import subprocess
 import sys
 
+DOCUMENTS = ("README.md", "CONTRIBUTING.md", "examples/README.md")  # and all of docs/
 FENCE = re.compile(r"^```(\S*)[^\n]*\n(.*?)^```$", re.M | re.S)
 MARK = re.compile(r"<!-- (run|file|whole|part|not run)(?:: (.+?))? -->\n\Z")
 # What is taken for the name of a file or folder: it has a known ending, ends in a slash, or begins with a folder of ours.
@@ -22,8 +23,8 @@ LIMIT = re.compile(r"^ +size_t (max[A-Z][A-Za-z]+) =|^ +std::chrono::\w+ (\w+Tim
                    r"|^\s*(?:static )?constexpr [\w:]+ (MAX_\w+|kDefault\w+|\w+_TIMEOUT|WAIT_TIME|BACKLOG|\w*PAUSE\w*)\b",
                    re.M)
 # What a unit multiplies by, and how a source says that it means it.
-UNITS = {"": (1, ""), "MiB": (1 << 20, "1024 \\* 1024"), "s": (1, "(?<!milli)(?<!nano)seconds"), "ms": (1, "milliseconds"),
-         "ns": (1, "nanoseconds")}
+UNITS = {"": (1, ""), "MiB": (1 << 20, "1024 \\* 1024"), "s": (1, "(?<!milli)(?<!nano)seconds"),
+         "ms": (1, "milliseconds"), "ns": (1, "nanoseconds")}
 # What a part of a program may rely on, see check-docs.sh.
 PREAMBLE = """
 #include <cstdio>
@@ -92,7 +93,10 @@ def stated(cell):
 
 def real(source, name):
     """The number that a source gives to a constant, with the line: the product of the numbers in its initialiser."""
-    line, value = re.search(rf"^(.*\b{name}\b *(?:=|(?={{))(.+?);.*)$", source, re.M).groups()
+    found = re.search(rf"^(.*\b{name}\b *(?:=|(?={{))(.+?);.*)$", source, re.M)
+    if not found:
+        return None, "it is not there"
+    line, value = found.groups()
     return math.prod(map(int, re.findall(r"\b\d+\b", value.replace("'", "")))), line
 
 
@@ -118,7 +122,7 @@ def check_limits(root, files):
 def check_static(root):
     files = tracked(root)
     problems = []
-    for path in [*map(root.joinpath, ("README.md", "CONTRIBUTING.md", "examples/README.md")), *sorted((root / "docs").glob("*.md"))]:
+    for path in [*map(root.joinpath, DOCUMENTS), *sorted((root / "docs").glob("*.md"))]:
         text = path.read_text()
         prose = FENCE.sub("", text)
         made = {argument for _, kind, argument, _, _ in blocks(text) if kind == "file"}
