@@ -64,9 +64,6 @@ void BrokerRegistration::Unregister(const std::u16string& descriptor)
 
 sptr<IRemoteBroker> BrokerRegistration::NewInstance(const std::u16string& descriptor, const sptr<IRemoteObject>& object)
 {
-    if (!object) {
-        return nullptr;
-    }
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto entry = Find(entries_, descriptor);
     return entry == entries_.end() ? sptr<IRemoteBroker>() : entry->creator(object);

@@ -11,6 +11,12 @@ ISystemAbilityManager::~ISystemAbilityManager() = default;
 
 SystemAbilityManagerClient::SystemAbilityManagerClient() : manager_(DefaultSystemAbilityManager()) {}
 
+// A thread that is still at work while the process ends finds no manager rather than a dead one.
+SystemAbilityManagerClient::~SystemAbilityManagerClient()
+{
+    SetSystemAbilityManager(nullptr);
+}
+
 SystemAbilityManagerClient& SystemAbilityManagerClient::GetInstance()
 {
     static SystemAbilityManagerClient client;

@@ -42,7 +42,7 @@ TEST(BrokerTest, DelegatorRegistersWhileItExists)
         // A proxy even for an object of this process.
         EXPECT_NE(dynamic_cast<GreeterProxy*>(broker.Get()), nullptr);
         EXPECT_EQ(broker->AsObject(), stub);
-        EXPECT_EQ(registry.NewInstance(Greeter::GetDescriptor(), nullptr), nullptr);
+        EXPECT_EQ(registry.NewInstance(Greeter::GetDescriptor(), nullptr)->AsObject(), nullptr);
     }
     EXPECT_EQ(registry.NewInstance(Greeter::GetDescriptor(), stub), nullptr);
     EXPECT_EQ(stub->StrongCount(), 1);

@@ -32,7 +32,7 @@ public:
 
     // `waitTimeSeconds` bounds connecting, sending and receiving together. What is not positive means the default,
     // since an endless wait is never what a caller wants.
-    explicit MessageOption(int32_t flags = TF_SYNC, int32_t waitTimeSeconds = kDefaultWaitTimeSeconds) noexcept
+    MessageOption(int32_t flags = TF_SYNC, int32_t waitTimeSeconds = kDefaultWaitTimeSeconds) noexcept
         : flags_(flags), waitTimeSeconds_(waitTimeSeconds > 0 ? waitTimeSeconds : kDefaultWaitTimeSeconds)
     {
     }

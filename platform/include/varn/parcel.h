@@ -80,7 +80,8 @@ public:
     // for null it writes presence 0.
     bool WriteParcelable(const Parcelable* value);
 
-    // The filling forms: true and `value` set, or false with `value` and the cursor untouched.
+    // The filling forms: true and `value` set, or false with `value` and the cursor untouched. A string for which there
+    // is no memory throws std::bad_alloc, like any string.
     bool ReadBool(bool& value);
     bool ReadInt32(int32_t& value) { return ReadNumber(value); }
     bool ReadInt64(int64_t& value) { return ReadNumber(value); }

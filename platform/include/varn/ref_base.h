@@ -142,15 +142,25 @@ bool operator!=(const sptr<T>& left, const sptr<U>& right) noexcept
 {
     return left.Get() != right.Get();
 }
-template <class T>
-bool operator==(const sptr<T>& left, const T* right) noexcept
+template <class T, class U>
+bool operator==(const sptr<T>& left, const U* right) noexcept
 {
     return left.Get() == right;
 }
-template <class T>
-bool operator!=(const sptr<T>& left, const T* right) noexcept
+template <class T, class U>
+bool operator!=(const sptr<T>& left, const U* right) noexcept
 {
     return left.Get() != right;
+}
+template <class T, class U>
+bool operator==(const U* left, const sptr<T>& right) noexcept
+{
+    return left == right.Get();
+}
+template <class T, class U>
+bool operator!=(const U* left, const sptr<T>& right) noexcept
+{
+    return left != right.Get();
 }
 template <class T>
 bool operator==(const sptr<T>& left, std::nullptr_t) noexcept

@@ -73,8 +73,8 @@ public:
     void Unregister(const std::u16string& descriptor);
 
     // Runs the creator that is registered for `descriptor`, for an object of this process just as for a remote one, so
-    // that a request takes the same road through proxy and stub. Null when the object is null, nothing is registered,
-    // or the creator gives null.
+    // that a request takes the same road through proxy and stub; also for a null one, whose proxy reports that it has
+    // none. Null when nothing is registered or the creator gives null.
     sptr<IRemoteBroker> NewInstance(const std::u16string& descriptor, const sptr<IRemoteObject>& object);
 
 private:

@@ -42,7 +42,7 @@ public:
 
 private:
     SystemAbilityManagerClient();
-    ~SystemAbilityManagerClient() = default;
+    ~SystemAbilityManagerClient();
 
     std::mutex mutex_;
     sptr<ISystemAbilityManager> manager_;  // guarded by mutex_

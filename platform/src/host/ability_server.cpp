@@ -52,7 +52,7 @@ bool AbilityServer::Start()
     } else if (!stub_) {
         problem = "the object is null";
     } else {
-        engine_ = std::make_unique<Engine>(id_, stub_, options_);
+        engine_ = std::make_unique<Engine>(*this);
         problem = engine_->Start();
         if (!problem.empty()) {
             engine_.reset();
@@ -66,7 +66,7 @@ bool AbilityServer::Start()
 
 void AbilityServer::Stop()
 {
-    if (Engine::IsWorker()) {
+    if (Engine::IsThreadOf(*this)) {
         PLATFORM_ERROR("service %d cannot be stopped from inside one of its own operations", id_);
         return;
     }

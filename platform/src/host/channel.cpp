@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 #include "host/socket_folder.h"
@@ -30,6 +31,9 @@ constexpr size_t FIRST_PIECE_SIZE = 16384;
 // Room for what is still to come of a reply: memory grows with what was received, not with what was announced, so that
 // a hostile service cannot make the client allocate more than it sends.
 constexpr size_t FIRST_ROOM_SIZE = 65536;
+
+// How long to let a service work on its queue of new connections before trying to join it again.
+constexpr std::chrono::milliseconds QUEUE_PAUSE{5};
 
 // Waits for the socket. 0, ETIMEDOUT or another errno.
 int Wait(int fd, short events, const Deadline& deadline)
@@ -284,6 +288,17 @@ int Channel::Connect(Link& link, std::string& problem) const
     return 0;
 }
 
+// The same, but as long as nothing is wrong except that too many wait to be accepted it waits too.
+int Channel::ConnectInTime(Link& link, std::string& problem, const Deadline& deadline) const
+{
+    int error = Connect(link, problem);
+    while (error == EAGAIN && !deadline.IsOver()) {
+        std::this_thread::sleep_for(QUEUE_PAUSE);
+        error = Connect(link, problem);
+    }
+    return error == EAGAIN ? ETIMEDOUT : error;
+}
+
 bool Channel::TakeIdle(Link& link)
 {
     const MutexLock lock(clientMutex);
@@ -370,7 +385,7 @@ int32_t Channel::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& 
         Link link;
         const bool isKept = TakeAlive(link);
         std::string problem;
-        int error = isKept ? 0 : Connect(link, problem);
+        int error = isKept ? 0 : ConnectInTime(link, problem, deadline);
         if (error != 0) {
             return Report(code, "connecting", ToIpcCode(error), problem);
         }

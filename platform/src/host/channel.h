@@ -43,6 +43,7 @@ private:
     class Exchange;
 
     int Connect(Link& link, std::string& problem) const;
+    int ConnectInTime(Link& link, std::string& problem, const Deadline& deadline) const;
     bool TakeIdle(Link& link);
     bool TakeAlive(Link& link);
     void GiveBack(Link&& link);

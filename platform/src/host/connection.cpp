@@ -114,7 +114,8 @@ Connection::Next Connection::ReadFirst(ServiceContext& context, WorkerBuffers& b
         if (received != Received::SOME) {
             return received == Received::END ? Next::CLOSE : Next::INPUT;
         }
-        // A short read has emptied the socket, so there is no need to ask it again. After a hang-up there is.
+        // A short read has emptied the socket, so there is no need to ask it again. After a hang-up there is. (It may
+        // also end where a peer sent descriptors along; what he sent behind them then waits until he sends more.)
         drained = size < buffers.piece.size() && !hangUp;
     }
     FrameReader reader(context.options.maxRequestBytes);

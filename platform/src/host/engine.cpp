@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "host/deadline.h"
+#include "host/fork_guard.h"
 #include "host/socket_folder.h"
 #include "platform_log.h"
 
@@ -50,7 +51,7 @@ constexpr int IDLE_MILLISECONDS = 1000;
 // What a peer gets to read a reply that waits when the server stops.
 constexpr std::chrono::seconds DRAIN_TIME{2};
 
-thread_local bool isEngineThread = false;
+thread_local const AbilityServer* currentServer = nullptr;
 
 int64_t Now()
 {
@@ -72,10 +73,13 @@ uint64_t MakeToken(uint32_t generation, uint32_t index)
 
 }  // namespace
 
-AbilityServer::Engine::Engine(int32_t id, const sptr<IPCObjectStub>& stub, const AbilityServerOptions& options)
-    : id_(id), context_{stub, options, RefusalLog(id)}, slots_(new Slot[options.maxConnections])
+AbilityServer::Engine::Engine(const AbilityServer& server)
+    : server_(server),
+      id_(server.id_),
+      context_{server.stub_, server.options_, RefusalLog(server.id_)},
+      slots_(new Slot[server.options_.maxConnections])
 {
-    freeSlots_.reserve(options.maxConnections);
+    freeSlots_.reserve(server.options_.maxConnections);
 }
 
 AbilityServer::Engine::~Engine()
@@ -83,13 +87,14 @@ AbilityServer::Engine::~Engine()
     Stop();
 }
 
-bool AbilityServer::Engine::IsWorker() noexcept
+bool AbilityServer::Engine::IsThreadOf(const AbilityServer& server) noexcept
 {
-    return isEngineThread;
+    return currentServer == &server;
 }
 
 std::string AbilityServer::Engine::Start()
 {
+    WatchForks();
     std::string problem = listener_.Open(context_.options.directory, id_);
     if (!problem.empty()) {
         return problem;
@@ -148,8 +153,12 @@ void AbilityServer::Engine::Stop()
 
 void AbilityServer::Engine::RunThread(void (Engine::*loop)())
 {
-    isEngineThread = true;
-    (this->*loop)();
+    currentServer = &server_;
+    try {
+        (this->*loop)();
+    } catch (const std::exception& exception) {
+        PLATFORM_ERROR("service %d: a thread of the server ends: %s", id_, exception.what());
+    }
 }
 
 void AbilityServer::Engine::Work()

@@ -24,7 +24,8 @@ namespace VARN::Host {
 // threads.
 class __attribute__((visibility("hidden"))) AbilityServer::Engine {
 public:
-    Engine(int32_t id, const sptr<IPCObjectStub>& stub, const AbilityServerOptions& options);
+    // For `server`, which outlives it.
+    explicit Engine(const AbilityServer& server);
     ~Engine();
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
@@ -33,8 +34,8 @@ public:
     std::string Start();
     void Stop();
 
-    // Whether the calling thread belongs to an engine: it cannot wait for itself to end.
-    static bool IsWorker() noexcept;
+    // Whether the calling thread is one of that server's: it cannot wait for itself to end.
+    static bool IsThreadOf(const AbilityServer& server) noexcept;
 
 private:
     void RunThread(void (Engine::*loop)());
@@ -56,6 +57,7 @@ private:
     void DrainOutput();
     void Wake() const;
 
+    const AbilityServer& server_;
     const int32_t id_;
     ServiceContext context_;
     Listener listener_;

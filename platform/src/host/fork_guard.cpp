@@ -55,16 +55,17 @@ void AfterForkInChild() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
     links.fds.clear();
     // Relaxed: the child has one thread.
     processGeneration.fetch_add(1, std::memory_order_relaxed);
+    ForgetOtherThreads();
     AfterForkInParent();
 }
+
+}  // namespace
 
 void WatchForks()
 {
     static const int registered = ::pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
     static_cast<void>(registered);
 }
-
-}  // namespace
 
 Mutex clientMutex;
 

@@ -23,7 +23,10 @@ public:
         NO_MEMORY,
     };
 
-    explicit FrameReader(size_t maxBodyBytes) noexcept : maxBodyBytes_(maxBodyBytes) {}
+    explicit FrameReader(size_t maxBodyBytes) noexcept : maxBodyBytes_(maxBodyBytes)
+    {
+        body_.SetMaxCapacity(maxBodyBytes);
+    }
 
     // What the bytes of a header, `size` of them so far, allow to say. Complete here means that the header is whole and
     // acceptable; a wrong one is recognised as soon as it is whole, before a byte of the body is stored.

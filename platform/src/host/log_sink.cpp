@@ -79,6 +79,14 @@ void UnlockLog()
     GetLog().mutex.unlock();
 }
 
+void ForgetOtherThreads()
+{
+    Log& log = GetLog();
+    if (log.sink) {
+        log.sink->running = sinkDepth;
+    }
+}
+
 void SetLogSink(std::function<void(const LogLine&)> sink)
 {
     std::shared_ptr<Sink> next;

@@ -12,4 +12,7 @@ void WriteLogLine(const LogLine& line) noexcept;
 void LockLog();
 void UnlockLog();
 
+// To be called in the child, with the lock held: the sink calls of the parent's other threads will never end here.
+void ForgetOtherThreads();
+
 }  // namespace VARN::Host
