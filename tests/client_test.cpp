@@ -2,15 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "security_privacy/security_privacy_client.h"
-#include "security_privacy/testing/fake_service.h"
 #include "support/exchange.h"
-#include "varn/host/log_sink.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
@@ -71,23 +67,19 @@ TEST_F(Client, LetsRequestsInFromInsideARequest)
 TEST_F(Client, HandlesRequestsOfSeveralThreadsOneAfterTheOther)
 {
     std::atomic<int> inside{0};
-    fake.Service().SetResponder(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, [&inside](const FakeCall&) {
+    const auto beAlone = [&inside](const auto&) {
         EXPECT_EQ(1, ++inside);
         std::this_thread::yield();
         EXPECT_EQ(0, --inside);
         return FakeAnswer();
-    });
+    };
+    fake.Service().SetResponder(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, beAlone);
     std::vector<std::thread> threads;
-    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] {
             for (int request = 0; request < 100; ++request) {
                 client.GTokenPolicyRemovePolicy({"app"});
-                client.WithSystemAbilityProxy([&inside](const sptr<SecurityPrivacyServiceIntf>&) {
-                    EXPECT_EQ(1, ++inside);
-                    std::this_thread::yield();
-                    EXPECT_EQ(0, --inside);
-                });
+                client.WithSystemAbilityProxy(beAlone);
             }
         });
     }

@@ -12,7 +12,6 @@ namespace {
 
 using Record::PermissionUsageRecordQuery;
 using Records = std::vector<Record::PermissionUsageRecord>;
-using Lines = std::vector<std::string>;
 
 constexpr uint32_t SUMMARY = MessageCode::GET_PERMISSION_USAGE_RECORD_SUMMARY;
 constexpr uint32_t TIMELINE = MessageCode::GET_PERMISSION_USAGE_RECORD_TIMELINE;
@@ -33,11 +32,6 @@ Records MakeRecords(size_t count)
     return records;
 }
 
-std::string Method(uint32_t code)
-{
-    return OperationOf(code).method;
-}
-
 class Usage : public ExchangeTest {};
 INSTANTIATE_TEST_SUITE_P(Roads, Usage, ::testing::Values(Road::IN_PROCESS, Road::SOCKET), RoadName);
 
@@ -56,9 +50,9 @@ TEST_P(Usage, TooLongQueriesAreNotSent)
     EXPECT_EQ(401, Ask(client, TIMELINE, records, query));
     EXPECT_EQ(2U, records.size());
     EXPECT_EQ(2U, service->AccessChecks().size());
-    EXPECT_EQ((Lines{Line(ERROR, "GetPermissionUsageSummary", "permissionUsageRecordQuery is invalid."),
-                     // With a blank of its own in front.
-                     Line(ERROR, "GetPermissionUsageTimeline", " permissionUsageRecordQuery is invalid.")}),
+    EXPECT_EQ(Line(ERROR, "GetPermissionUsageSummary", "permissionUsageRecordQuery is invalid.") +
+                  // With a blank of its own in front.
+                  Line(ERROR, "GetPermissionUsageTimeline", " permissionUsageRecordQuery is invalid."),
               log.Lines());
 }
 
@@ -72,10 +66,9 @@ TEST_P(Usage, MissingQueriesAreRefusedInTheReplyOfTheTimelineOnly)
         EXPECT_EQ(std::vector<int32_t>(), TakeWords(*reply));
         EXPECT_EQ(5, Send(TIMELINE, query));
         EXPECT_EQ(std::vector<int32_t>{5}, TakeWords(*reply));
-        EXPECT_EQ(
-            (Lines{Line(ERROR, "HandleGetPermissionUsageSummary", "permissionUsageRecordQuery is nullptr."),
-                   Line(ERROR, "HandleGetPermissionUsageTimeline", "permissionUsageRecordTimelineQuery is nullptr.")}),
-            log.Lines());
+        EXPECT_EQ(Line(ERROR, "HandleGetPermissionUsageSummary", "permissionUsageRecordQuery is nullptr.") +
+                      Line(ERROR, "HandleGetPermissionUsageTimeline", "permissionUsageRecordTimelineQuery is nullptr."),
+                  log.Lines());
     }
     EXPECT_TRUE(service->Calls().empty());
 }
@@ -91,7 +84,7 @@ TEST_P(Usage, AnswersOfManyRecordsAreBoundedByTheTimelineAndByTheClient)
             LogCapture log(INFO);
             EXPECT_EQ(isRefused ? 5 : 0, Send(code, PermissionUsageRecordQuery()));
             const std::string sent = "result: 0, size: " + std::to_string(count);
-            EXPECT_EQ(isRefused ? Lines() : Lines{Line(INFO, "Handle" + Method(code), sent)}, log.Lines());
+            EXPECT_EQ(isRefused ? "" : Line(INFO, "Handle" + OperationOf(code).method, sent), log.Lines());
             const std::vector<int32_t> words = TakeWords(*reply);
             if (isRefused) {
                 EXPECT_EQ(std::vector<int32_t>{5}, words);
@@ -108,8 +101,7 @@ TEST_P(Usage, AnswersOfManyRecordsAreBoundedByTheTimelineAndByTheClient)
             ASSERT_EQ(isAccepted ? 2 + count : 2, records.size());
             EXPECT_EQ(isAccepted ? static_cast<int32_t>(count) - 1 : 1, records.back().GetTimes());
             if (!isRefused) {
-                const Lines abnormal = {Line(WARN, Method(code), "record size is abnormal.")};
-                EXPECT_EQ(isAccepted ? Lines() : abnormal, log.Lines(WARN));
+                EXPECT_EQ(OperationOf(code).Says(WARN, isAccepted ? "" : "record size is abnormal."), log.Lines(WARN));
             }
         }
     }
@@ -155,8 +147,8 @@ TEST(UsageReplies, AreReadWithinTheirLimits)
             for (size_t i = 0; i < test.times.size(); ++i) {
                 EXPECT_EQ(test.times[i], read[i + 1].GetTimes());
             }
-            const Lines called = {Line(INFO, Method(code), Method(code) + " called\n")};
-            EXPECT_EQ(test.line.empty() ? called : called + Lines{Line(test.level, Method(code), test.line)},
+            EXPECT_EQ(OperationOf(code).Says(INFO, OperationOf(code).startedByProxy) +
+                          OperationOf(code).Says(test.level, test.line),
                       log.Lines());
         }
     }

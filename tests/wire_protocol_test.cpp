@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -38,27 +37,19 @@ std::string ReadExample(const std::string& name)
 
 class WireProtocol : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_NE(nullptr, ::mkdtemp(folder_.data())); }
-    void TearDown() override { std::filesystem::remove_all(folder_); }
+    void TearDown() override { std::filesystem::remove(socketPath); }
 
-    std::string Folder() const { return folder_; }
-    std::string SocketPath() const { return folder_ + "/65993.sock"; }
-
+    const std::string socketPath = AbilityFolder() + "/65993.sock";
     const std::string request = ReadExample("request");
     const std::string reply = ReadExample("reply");
-
-private:
-    std::string folder_ = (std::filesystem::temp_directory_path() / "wire.XXXXXX").string();
 };
 
 TEST_F(WireProtocol, ServiceAnswersTheExampleAsDocumented)
 {
     const sptr<FakeService> service(new FakeService());
-    Host::AbilityServerOptions options;
-    options.directory = Folder();
-    Host::AbilityServer server(FAKE_SERVICE_ID, service, options);
+    Host::AbilityServer server(FAKE_SERVICE_ID, service);
     ASSERT_TRUE(server.Start());
-    const Host::RawClient peer(SocketPath());
+    const Host::RawClient peer(socketPath);
     // Twice: the second one shows that the first ended where it should.
     ASSERT_TRUE(peer.Send(request + request));
     EXPECT_EQ(reply + reply, peer.Receive(2 * reply.size()));
@@ -69,8 +60,7 @@ TEST_F(WireProtocol, ServiceAnswersTheExampleAsDocumented)
 
 TEST_F(WireProtocol, ClientSendsTheExampleAndTakesItsReply)
 {
-    ::setenv("VARN_ABILITY_DIR", Folder().c_str(), 1);
-    const Host::RawServer service(SocketPath());
+    const Host::RawServer service(socketPath);
     ASSERT_TRUE(service.IsListening());
     auto result = std::async(std::launch::async, [] {
         return SecurityPrivacyClient::GetInstance().GTokenPolicyRemovePolicy({"com.example.maps"});

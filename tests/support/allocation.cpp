@@ -11,12 +11,6 @@ thread_local bool isFailing = false;
 thread_local void* lastNothrowNew = nullptr;
 thread_local bool isLastDeleted = false;
 
-void Free(void* memory) noexcept
-{
-    isLastDeleted = isLastDeleted || (memory != nullptr && memory == lastNothrowNew);
-    std::free(memory);
-}
-
 }  // namespace
 
 void* operator new(size_t size)
@@ -40,28 +34,21 @@ void* operator new(size_t size, const std::nothrow_t&) noexcept
 
 void operator delete(void* memory) noexcept
 {
-    Free(memory);
+    isLastDeleted = isLastDeleted || (memory != nullptr && memory == lastNothrowNew);
+    std::free(memory);
 }
 void operator delete(void* memory, size_t) noexcept
 {
-    Free(memory);
+    ::operator delete(memory);
 }
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 
-NothrowNewFails::NothrowNewFails()
+void SetNothrowNewFails(bool isFailingFromNowOn)
 {
-    isFailing = true;
-}
-NothrowNewFails::~NothrowNewFails()
-{
-    isFailing = false;
+    isFailing = isFailingFromNowOn;
 }
 
-void* LastNothrowNew()
-{
-    return lastNothrowNew;
-}
 bool IsLastNothrowNewDeleted()
 {
     return isLastDeleted;

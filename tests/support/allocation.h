@@ -5,17 +5,10 @@
 // allocation.cpp is linked into.
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 
-// While it exists, every `new (std::nothrow)` of this thread yields null.
-class NothrowNewFails {
-public:
-    NothrowNewFails();
-    ~NothrowNewFails();
-    NothrowNewFails(const NothrowNewFails&) = delete;
-    NothrowNewFails& operator=(const NothrowNewFails&) = delete;
-};
+// While it is true, every `new (std::nothrow)` of this thread yields null.
+void SetNothrowNewFails(bool isFailing);
 
-// What `new (std::nothrow)` gave to this thread last, and whether that has been deleted since.
-void* LastNothrowNew();
+// Whether what `new (std::nothrow)` gave to this thread last has been deleted since.
 bool IsLastNothrowNewDeleted();
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing

@@ -12,9 +12,9 @@
 
 #include "security_privacy/security_privacy_client.h"
 #include "security_privacy/testing/fake_service.h"
+#include "support/call_operation.h"
 #include "support/log_capture.h"
 #include "support/parcels.h"
-#include "support/records.h"
 #include "varn/host/ability_server.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
@@ -23,71 +23,24 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 struct Operation {
     uint32_t code;
     std::string codeName;
-    std::string method;           // of client and proxy
-    std::string nullProxyMethod;  // the name under which the client reports that it has no proxy
-    std::string calledByClient;   // the client's own first line, if any
-    std::string startedByProxy;   // the proxy's first line, for the arguments of `CallOperation`
-    int startLevel;               // of that line
-    std::string sendFailed;       // the proxy's own line after the frame's, if any
+    std::string method;          // of client and proxy
+    std::string calledByClient;  // the client's own first message, if any
+    int startLevel;              // of the proxy's first line
+    std::string startedByProxy;  // its message, for the arguments of `CallOperation`
+    std::string sendFailed;      // the proxy's own message after the frame's, if any
 
-    // Their lines.
-    std::vector<std::string> ClientLines() const;
-    std::vector<std::string> ProxyLines() const;
-    std::vector<std::string> SendFailedLines() const;
+    // The line with that message; none when it is empty.
+    std::string Says(int level, const std::string& message) const
+    {
+        return message.empty() ? "" : Line(level, method, message);
+    }
 };
 const std::vector<Operation>& Operations();
 const Operation& OperationOf(uint32_t code);
 
 // The dispatcher's lines before and after the handler ran.
-std::vector<std::string> DispatchLines(uint32_t code);
+std::string DispatchLines(uint32_t code);
 std::string DoneLine(uint32_t code, int32_t status);
-
-// What a request gave back. It starts with contents, so that "untouched" and "appended" can be told.
-struct Outcome {
-    int64_t result = 4711;
-    std::vector<Permission::AppPermissionGroupInfo> groups = {MakeAppPermissionGroupInfo()};
-    bool returns = true;
-    std::vector<Record::PermissionUsageRecord> records = {MakePermissionUsageRecord()};
-    std::vector<GTokenResult> rows;
-};
-
-// Sends the request of `code` through a client or a proxy, with the arguments of its family that MakeX() gives.
-template <class Target>
-Outcome CallOperation(Target& target, uint32_t code)
-{
-    Outcome outcome;
-    switch (code) {
-        case 1:
-            outcome.result = target.GetAppPermissionGroupInfosByApp("app", -100, {"it's"}, outcome.groups);
-            break;
-        case 2:
-            outcome.result = target.GetAppPermissionGroupInfosByPermission("group", 101, {"app"}, outcome.groups);
-            break;
-        case 3:
-            outcome.result = target.SetAppPermissionGroupCheckedState("app", 20, "group", MakeCheckedStateParameter(),
-                                                                      outcome.returns);
-            break;
-        case 4:
-            outcome.result = target.GetPermissionUsageSummary(MakePermissionUsageRecordQuery(), outcome.records);
-            break;
-        case 5:
-            outcome.result = target.GetPermissionUsageTimeline(MakePermissionUsageRecordQuery(), outcome.records);
-            break;
-        case 11:
-            outcome.result = target.GTokenPolicyAddPolicy({MakeGTokenInfo()});
-            break;
-        case 12: {
-            const GTokenResultWithRet results = target.GTokenPolicyGetPolicy("policy", {"app", "other"});
-            outcome.result = results.ret;
-            outcome.rows = results.gTokenResults;
-            break;
-        }
-        default:
-            outcome.result = target.GTokenPolicyRemovePolicy({"app", "other"});
-            break;
-    }
-    return outcome;
-}
 
 // A remote object that plays a script and remembers how it was spoken to.
 class ScriptedObject : public IRemoteObject {
@@ -95,7 +48,11 @@ public:
     using Script = std::function<int32_t(uint32_t code, MessageParcel& data, MessageParcel& reply)>;
     explicit ScriptedObject(Script script) : script_(std::move(script)) {}
 
-    int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override;
+    int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override
+    {
+        sent.push_back({code, option.GetFlags(), option.GetWaitTime()});
+        return script_(code, data, reply);
+    }
 
     struct Sent {
         uint32_t code;
@@ -120,6 +77,10 @@ sptr<ScriptedObject> Replying(const T&... values)
 
 // The proxy that the library has registered, over any object.
 sptr<SecurityPrivacyServiceIntf> ProxyOver(const sptr<IRemoteObject>& object);
+
+// Where services of this process put their sockets and its client finds them: only we may enter it, until the program
+// ends.
+const std::string& AbilityFolder();
 
 // Runs each test twice: with the service in this process, and with the service behind a socket.
 enum class Road { IN_PROCESS, SOCKET };

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "varn/host/log_sink.h"
+
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 
 constexpr int DEBUG = 3;
@@ -21,31 +23,21 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
 
     // The library's own lines so far (those of the tag ASP) that are at least of `level`, as `Line` shows them.
-    std::vector<std::string> Lines(int level = DEBUG) const;
+    std::string Lines(int level = DEBUG) const;
 
-    // Everything that was logged, by whomever, in one text.
+    // Everything that was logged, by whomever.
     std::string Everything() const;
 
     void Clear();
 
 private:
-    struct Entry {
-        int level;
-        std::string tag;
-        std::string text;
-    };
-
     const int previousLevel_;
     mutable std::mutex mutex_;
-    std::vector<Entry> entries_;  // guarded by mutex_
+    std::vector<Host::LogLine> lines_;  // guarded by mutex_
 };
 
-// A line as it must look: "6 [ASP] [SPS][service]SendRequest: remote service null.". A newline inside shows as "\n".
+// A line as it must look, and its end: "6 [ASP] [SPS][service]SendRequest: remote service null.".
 std::string Line(int level, const std::string& function, const std::string& message,
                  const std::string& module = "service");
-
-// Lists one after the other; and in one text, so that a mismatch is shown as a difference of lines.
-std::vector<std::string> operator+(std::vector<std::string> first, const std::vector<std::string>& second);
-std::string Joined(const std::vector<std::string>& lines);
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing

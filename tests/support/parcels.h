@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <type_traits>
@@ -9,7 +10,7 @@
 
 #include "varn/parcel.h"
 
-namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+namespace VARN {
 
 // One value as it stands in a parcel.
 using Value = std::variant<std::string, int32_t, int64_t>;
@@ -39,35 +40,13 @@ bool Put(Parcel& parcel, const T& value)
 template <class T>
 bool Put(Parcel& parcel, const std::vector<T>& values)
 {
-    bool isWhole = true;
-    for (const T& value : values) {
-        isWhole = isWhole && Put(parcel, value);
-    }
-    return isWhole;
+    return std::all_of(values.begin(), values.end(), [&parcel](const T& value) { return Put(parcel, value); });
 }
 
 template <class... T>
 bool PutAll(Parcel& parcel, const T&... values)
 {
     return (Put(parcel, values) && ...);
-}
-
-// Reads one value of the type that `like` has, by the typed read for it. False when it fails.
-inline bool TakeLike(Parcel& parcel, const Value& like, Value& value)
-{
-    value = like;
-    return std::visit(
-        [&parcel](auto& held) {
-            using T = std::decay_t<decltype(held)>;
-            if constexpr (std::is_same_v<T, int32_t>) {
-                return parcel.ReadInt32(held);
-            } else if constexpr (std::is_same_v<T, int64_t>) {
-                return parcel.ReadInt64(held);
-            } else {
-                return parcel.ReadString(held);
-            }
-        },
-        value);
 }
 
 // What is left in the parcel, as the 4-byte words of which every parcel consists. Consumes it.
@@ -80,4 +59,4 @@ inline std::vector<int32_t> TakeWords(Parcel& parcel)
     return words;
 }
 
-}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
+}  // namespace VARN

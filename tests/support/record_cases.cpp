@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/record_cases.h"
 
-#include <stdexcept>
+#include <algorithm>
 
 #include "support/log_capture.h"
 #include "support/records.h"
@@ -38,9 +38,13 @@ FieldStep Masked(const std::string& value)
     return {value, {"WriteString fingerprint succeed."}, {"ReadString to fingerprint succeed."}};
 }
 
-FieldStep Silent(const Value& value)
+std::vector<FieldStep> Silent(const std::vector<Value>& values)
 {
-    return {value, {}, {}};
+    std::vector<FieldStep> steps;
+    for (const Value& value : values) {
+        steps.push_back({value, {}, {}});
+    }
+    return steps;
 }
 
 template <class T>
@@ -55,7 +59,6 @@ RecordCase MakeCase(const std::string& name, const std::string& module, const T&
             [](const Parcelable& any) { return dynamic_cast<const T&>(any).ToString(); },
             text,
             defaultText,
-            !module.empty(),
             std::move(steps)};
 }
 
@@ -108,8 +111,7 @@ std::vector<RecordCase> MakeRecordCases()
                      minimum + ", endTimestamp=9223372036854775807}",
                  "PermissionUsageRecord{bundleName='', uid=-1, times=0, operationGroup='', operationMode=0, "
                  "appState=0, screenState=0, beginTimestamp=0, endTimestamp=0}",
-                 {Silent("com.example.maps"), Silent(INT32_MIN), Silent("op's %n group"), Silent(INT32_MAX), Silent(-3),
-                  Silent(4), Silent(-5), Silent(INT64_MIN), Silent(INT64_MAX)}),
+                 Silent({"com.example.maps", INT32_MIN, "op's %n group", INT32_MAX, -3, 4, -5, INT64_MIN, INT64_MAX})),
         MakeCase("PermissionUsageRecordQuery", "", MakePermissionUsageRecordQuery(),
                  "PermissionUsageRecordQuery{bundleNames=['com.example.maps', '', 'com.example.maps'], userIds=[100, "
                  "100, 0], operationGroups=['LOCATION'], operationModes=[-2147483648, 2147483647], appStates=[], "
@@ -117,27 +119,27 @@ std::vector<RecordCase> MakeRecordCases()
                  "order=2147483645}",
                  "PermissionUsageRecordQuery{bundleNames=[], userIds=[], operationGroups=[], operationModes=[], "
                  "appStates=[], screenStates=[], beginTimestamp=0, endTimestamp=0, limit=0, order=0}",
-                 {Silent(3),
-                  Silent("com.example.maps"),
-                  Silent(""),
-                  Silent("com.example.maps"),
-                  Silent(3),
-                  Silent(100),
-                  Silent(100),
-                  Silent(0),
-                  Silent(1),
-                  Silent("LOCATION"),
-                  Silent(2),
-                  Silent(INT32_MIN),
-                  Silent(INT32_MAX),
-                  Silent(0),
-                  Silent(2),
-                  Silent(-7),
-                  Silent(8),
-                  Silent(INT64_MIN + 1),
-                  Silent(int64_t{1700000000123}),
-                  Silent(-50),
-                  Silent(INT32_MAX - 2)}),
+                 Silent({3,
+                         "com.example.maps",
+                         "",
+                         "com.example.maps",
+                         3,
+                         100,
+                         100,
+                         0,
+                         1,
+                         "LOCATION",
+                         2,
+                         INT32_MIN,
+                         INT32_MAX,
+                         0,
+                         2,
+                         -7,
+                         8,
+                         INT64_MIN + 1,
+                         int64_t{1700000000123},
+                         -50,
+                         INT32_MAX - 2})),
         MakeCase("GTokenPolicy", "GToken", MakeGTokenPolicy(), "GTokenPolicy{policyName='camera', policyValue=-3}",
                  "GTokenPolicy{policyName='', policyValue=0}",
                  {String("policyName", "camera"), Int64("policyValue", -3)}),
@@ -166,31 +168,17 @@ std::vector<RecordCase> MakeRecordCases()
     };
 }
 
-std::vector<std::string> Lines(const RecordCase& record, int count, const std::string& function,
-                               std::vector<std::string> FieldStep::*messages)
+}  // namespace
+
+std::string RecordCase::Lines(size_t count, const char* function, std::vector<std::string> FieldStep::*messages) const
 {
-    std::vector<std::string> lines;
-    for (const FieldStep& step : record.steps) {
-        if (count-- == 0) {
-            break;
-        }
-        for (const std::string& message : step.*messages) {
-            lines.push_back(Line(DEBUG, function, message, record.module));
+    std::string lines;
+    for (size_t i = 0; i < std::min(count, steps.size()); ++i) {
+        for (const std::string& message : steps[i].*messages) {
+            lines += Line(DEBUG, function, message, module);
         }
     }
     return lines;
-}
-
-}  // namespace
-
-std::vector<std::string> RecordCase::WriteLines(int count) const
-{
-    return Lines(*this, count, "Marshalling", &FieldStep::written);
-}
-
-std::vector<std::string> RecordCase::ReadLines(int count) const
-{
-    return Lines(*this, count, "Unmarshalling", &FieldStep::read);
 }
 
 const std::vector<RecordCase>& RecordCases()
@@ -201,12 +189,8 @@ const std::vector<RecordCase>& RecordCases()
 
 const RecordCase& CaseOf(const std::string& name)
 {
-    for (const RecordCase& record : RecordCases()) {
-        if (record.name == name) {
-            return record;
-        }
-    }
-    throw std::invalid_argument("no record " + name);
+    return *std::find_if(RecordCases().begin(), RecordCases().end(),
+                         [&name](const RecordCase& record) { return record.name == name; });
 }
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing

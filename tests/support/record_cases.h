@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -20,19 +21,21 @@ struct FieldStep {
 // Everything that is fixed about one kind of record, for the record that its MakeX() gives.
 struct RecordCase {
     std::string name;
-    std::string module;  // of its log lines
+    std::string module;  // of its log lines; a record without one logs nothing
     sptr<Parcelable> record;
     sptr<Parcelable> defaultRecord;
     std::function<sptr<Parcelable>(Parcel&)> unmarshal;
     std::function<std::string(const Parcelable&)> toString;
     std::string text;
     std::string defaultText;
-    bool isAllocationFailureLogged;
     std::vector<FieldStep> steps;  // in wire order
 
-    // The log lines of the first `count` steps; of all when it is negative.
-    std::vector<std::string> WriteLines(int count = -1) const;
-    std::vector<std::string> ReadLines(int count = -1) const;
+    // The log lines of the first `count` steps.
+    std::string WriteLines(size_t count = SIZE_MAX) const { return Lines(count, "Marshalling", &FieldStep::written); }
+    std::string ReadLines(size_t count = SIZE_MAX) const { return Lines(count, "Unmarshalling", &FieldStep::read); }
+
+private:
+    std::string Lines(size_t count, const char* function, std::vector<std::string> FieldStep::*messages) const;
 };
 
 // The eight records, by the name of their class.

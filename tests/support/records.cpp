@@ -2,15 +2,9 @@
 #include "support/records.h"
 
 #include <cstdint>
-#include <limits>
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
-
-constexpr int32_t MIN32 = std::numeric_limits<int32_t>::min();
-constexpr int32_t MAX32 = std::numeric_limits<int32_t>::max();
-constexpr int64_t MIN64 = std::numeric_limits<int64_t>::min();
-constexpr int64_t MAX64 = std::numeric_limits<int64_t>::max();
 
 GTokenPolicy MakePolicy(const std::string& name, int64_t value)
 {
@@ -33,7 +27,7 @@ Permission::AppPermissionGroupInfo MakeAppPermissionGroupInfo()
     // One element: the text form follows the set's own order, which reading may change.
     info.disabledStates = {"never"};
     info.disabledReason = "set by %d admins";
-    info.flags = MIN64;
+    info.flags = INT64_MIN;
     return info;
 }
 
@@ -42,7 +36,7 @@ Permission::CheckedStateParameter MakeCheckedStateParameter()
     Permission::CheckedStateParameter parameter;
     parameter.checkedState = "while in use";
     parameter.flagsMask = -1;
-    parameter.flagsValue = MAX64 - 1;
+    parameter.flagsValue = INT64_MAX - 1;
     return parameter;
 }
 
@@ -50,14 +44,14 @@ Record::PermissionUsageRecord MakePermissionUsageRecord()
 {
     Record::PermissionUsageRecord record;
     record.SetBundleName("com.example.maps");
-    record.SetUid(MIN32);
+    record.SetUid(INT32_MIN);
     record.SetOperationGroup("op's %n group");
-    record.SetTimes(MAX32);
+    record.SetTimes(INT32_MAX);
     record.SetOperationMode(-3);
     record.SetAppState(4);
     record.SetScreenState(-5);
-    record.SetBeginTimestamp(MIN64);
-    record.SetEndTimestamp(MAX64);
+    record.SetBeginTimestamp(INT64_MIN);
+    record.SetEndTimestamp(INT64_MAX);
     return record;
 }
 
@@ -67,13 +61,13 @@ Record::PermissionUsageRecordQuery MakePermissionUsageRecordQuery()
     query.SetBundleNames({"com.example.maps", "", "com.example.maps"});
     query.SetUserIds({100, 100, 0});
     query.SetOperationGroups({"LOCATION"});
-    query.SetOperationModes({MIN32, MAX32});
+    query.SetOperationModes({INT32_MIN, INT32_MAX});
     query.SetAppStates({});
     query.SetScreenStates({-7, 8});
-    query.SetBeginTimestamp(MIN64 + 1);
+    query.SetBeginTimestamp(INT64_MIN + 1);
     query.SetEndTimestamp(1700000000123);
     query.SetLimit(-50);
-    query.SetOrder(MAX32 - 2);
+    query.SetOrder(INT32_MAX - 2);
     return query;
 }
 
@@ -87,8 +81,8 @@ GTokenInfo MakeGTokenInfo()
     GTokenInfo info;
     info.bundleName = "com.example.bank";
     info.fingerprint = std::string(SECRET) + ":11";
-    info.versionCode = MIN64 + 2;
-    info.policies = {MakePolicy("screenshot", 1), MakePolicy("", MAX64), MakePolicy("over%slay", -2)};
+    info.versionCode = INT64_MIN + 2;
+    info.policies = {MakePolicy("screenshot", 1), MakePolicy("", INT64_MAX), MakePolicy("over%slay", -2)};
     return info;
 }
 
@@ -97,7 +91,7 @@ GTokenResult MakeGTokenResult()
     GTokenResult result;
     result.bundleName = "com.example.wallet";
     result.fingerprint = std::string(SECRET) + ":22";
-    result.versionCode = MAX64 - 3;
+    result.versionCode = INT64_MAX - 3;
     result.policyValue = -4;
     return result;
 }
@@ -108,7 +102,7 @@ GTokenResultWithRet MakeGTokenResultWithRet()
     results.ret = -5000000000;
     results.gTokenResults = {MakeGTokenResult(), GTokenResult()};
     results.gTokenResults[1].bundleName = "com.example.other";
-    results.gTokenResults[1].policyValue = MIN64;
+    results.gTokenResults[1].policyValue = INT64_MIN;
     return results;
 }
 
