@@ -10,6 +10,7 @@
 #include "cli/program.h"
 #include "common/json_input.h"
 #include "common/result_codes.h"
+#include "common/standard_files.h"
 
 namespace {
 
@@ -105,6 +106,7 @@ int Run(const Program& program)
 
 int main(int argc, char** argv)
 {
+    OccupyStandardDescriptors();
     try {
         Program program;
         CLI::App app(

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <pthread.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
@@ -10,6 +11,7 @@
 #include <utility>
 
 #include "common/json_input.h"
+#include "common/standard_files.h"
 #include "service/device_data.h"
 #include "service/device_store.h"
 #include "service/options.h"
@@ -58,9 +60,14 @@ DeviceData LoadDevice(const Options& options)
     return device;
 }
 
-// Where clients find the service, as AbilityServer decides it.
+// Where clients find the service, as AbilityServer decides it. To be asked before that starts: it consumes the
+// variables of socket activation.
 std::string SocketName(const Options& options)
 {
+    const char* listenPid = std::getenv("LISTEN_PID");
+    if (listenPid != nullptr && listenPid == std::to_string(::getpid())) {
+        return "(socket from the init system)";
+    }
     std::string directory = options.server.directory;
     if (directory.empty()) {
         const char* fromEnvironment = secure_getenv("VARN_ABILITY_DIR");
@@ -71,8 +78,7 @@ std::string SocketName(const Options& options)
 
 int Serve(Options options, const sigset_t& signals)
 {
-    // The server consumes the variables of socket activation.
-    const bool isActivated = std::getenv("LISTEN_FDS") != nullptr;
+    const std::string socketName = SocketName(options);
     DeviceStore store(LoadDevice(options), options.statePath);
     const VARN::sptr<SecurityPrivacyService> service(
         new SecurityPrivacyService(store, AccessPolicy(options.changers, options.isReadOnly)));
@@ -83,7 +89,7 @@ int Serve(Options options, const sigset_t& signals)
         std::fprintf(stderr, "security-privacy-service: cannot serve, see the error line above\n");
         return CANNOT_START;
     }
-    std::printf("ready %s\n", isActivated ? "(socket from the init system)" : SocketName(options).c_str());
+    std::printf("ready %s\n", socketName.c_str());
     std::fflush(stdout);
     WaitForTheEnd(signals, counters);
     server.Stop();
@@ -95,6 +101,7 @@ int Serve(Options options, const sigset_t& signals)
 
 int main(int argc, char** argv)
 {
+    OccupyStandardDescriptors();
     const sigset_t signals = BlockSignals();
     int exitCode = 0;
     std::optional<Options> options = ReadOptions(argc, argv, exitCode);
