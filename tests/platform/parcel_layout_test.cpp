@@ -3,36 +3,16 @@
 
 #include <cstdint>
 #include <functional>
-#include <limits>
 #include <string>
 #include <vector>
 
-#include "varn/parcel.h"
+#include "support/parcels.h"
 
 // The bytes of this platform's parcels; another platform may lay its own out differently.
 namespace VARN {
 namespace {
 
 using namespace std::string_literals;
-
-// The words of a parcel from its cursor on, which is left at the end.
-std::vector<int32_t> Words(Parcel& parcel)
-{
-    std::vector<int32_t> words;
-    int32_t word = 0;
-    while (parcel.ReadInt32(word)) {
-        words.push_back(word);
-    }
-    EXPECT_EQ(parcel.GetReadableBytes(), 0U);
-    return words;
-}
-
-void WriteWords(Parcel& parcel, const std::vector<int32_t>& words)
-{
-    for (const int32_t word : words) {
-        ASSERT_TRUE(parcel.WriteInt32(word));
-    }
-}
 
 struct Point : Parcelable {
     bool Marshalling(Parcel& parcel) const override { return parcel.WriteInt32(7) && parcel.WriteInt32(-8); }
@@ -64,55 +44,48 @@ TEST(ParcelLayoutTest, EveryTypeHasItsLayout)
         Parcel parcel;
         ASSERT_TRUE(write(parcel));
         EXPECT_EQ(parcel.GetDataSize(), words.size() * 4);
-        EXPECT_EQ(Words(parcel), words);
+        EXPECT_EQ(TakeWords(parcel), words);
+    }
+}
+
+// From none of these words a value can be read: its target and the cursor stay.
+template <class T, class Read>
+void ExpectUnread(const T& kept, Read read, const std::vector<std::vector<int32_t>>& cases)
+{
+    for (size_t i = 0; i < cases.size(); ++i) {
+        SCOPED_TRACE(i);
+        Parcel parcel;
+        Put(parcel, cases[i]);
+        T value = kept;
+        EXPECT_FALSE(read(parcel, value));
+        EXPECT_EQ(value, kept);
+        EXPECT_EQ(TakeWords(parcel), cases[i]);
     }
 }
 
 TEST(ParcelLayoutTest, HostileBytesAreNotRead)
 {
-    constexpr int32_t MOST = std::numeric_limits<int32_t>::max();
-    constexpr int32_t LEAST = std::numeric_limits<int32_t>::min();
-    const auto string = [](Parcel& p) {
-        std::string value = "kept";
-        return p.ReadString(value) || value != "kept";
-    };
-    const auto string16 = [](Parcel& p) {
-        std::u16string value = u"kept";
-        return p.ReadString16(value) || value != u"kept";
-    };
-    const auto number = [](Parcel& p) {
-        int64_t value = 5;
-        return p.ReadInt64(value) || value != 5;
-    };
-    const struct {
-        const char* name;
-        std::function<bool(Parcel&)> read;
-        std::vector<int32_t> words;
-    } cases[] = {
-        {"nothing there", string, {}},
-        {"half a number", number, {1}},
-        {"length alone", string, {0}},
-        {"negative length", string, {-1, 0}},
-        {"least length", string, {LEAST, 0}},
-        {"greatest length", string, {MOST, 0, 0}},
-        {"one byte too long", string, {4, 0x64636261}},
-        {"no terminator", string, {3, 0x64636261}},
-        {"no terminator where padding follows", string, {1, 0x00006261}},
-        {"length alone, 16", string16, {0}},
-        {"negative length, 16", string16, {-1, 0, 0}},
-        {"greatest length, 16", string16, {MOST, 0, 0}},
-        {"half of greatest, 16", string16, {0x40000000, 0, 0}},
-        {"one unit too long, 16", string16, {2, 0x00620061}},
-        {"no terminator, 16", string16, {1, 0x00620061}},
-    };
-    for (const auto& [name, read, words] : cases) {
-        SCOPED_TRACE(name);
-        Parcel parcel;
-        WriteWords(parcel, words);
-        EXPECT_FALSE(read(parcel));
-        EXPECT_EQ(parcel.GetReadableBytes(), words.size() * 4);
-        EXPECT_EQ(Words(parcel), words);
-    }
+    ExpectUnread(int64_t{5}, [](Parcel& p, int64_t& value) { return p.ReadInt64(value); }, {{}, {1}});
+    ExpectUnread("kept"s, [](Parcel& p, std::string& value) { return p.ReadString(value); },
+                 {
+                     {},                 // nothing there
+                     {0},                // length alone
+                     {-1, 0},            // negative length
+                     {INT32_MIN, 0},     // least length
+                     {INT32_MAX, 0, 0},  // greatest length
+                     {4, 0x64636261},    // one byte too long
+                     {3, 0x64636261},    // no terminator
+                     {1, 0x00006261},    // no terminator where padding follows
+                 });
+    ExpectUnread(u"kept"s, [](Parcel& p, std::u16string& value) { return p.ReadString16(value); },
+                 {
+                     {0},                 // length alone
+                     {-1, 0, 0},          // negative length
+                     {INT32_MAX, 0, 0},   // greatest length
+                     {0x40000000, 0, 0},  // half of it
+                     {2, 0x00620061},     // one unit too long
+                     {1, 0x00620061},     // no terminator
+                 });
 }
 
 TEST(ParcelLayoutTest, WriteStopsAtTheCapacityAndLeavesTheParcel)
@@ -133,7 +106,7 @@ TEST(ParcelLayoutTest, WriteStopsAtTheCapacityAndLeavesTheParcel)
         SCOPED_TRACE(name);
         for (const size_t before : {size_t{0}, size_t{508}, size_t{2000}}) {
             Parcel parcel;
-            WriteWords(parcel, std::vector<int32_t>(before / 4, 9));
+            Put(parcel, std::vector<int32_t>(before / 4, 9));
             ASSERT_TRUE(parcel.SetMaxCapacity(before + bytes - 1));
             EXPECT_FALSE(write(parcel));
             EXPECT_EQ(parcel.GetDataSize(), before);

@@ -1,9 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstdint>
+#include <vector>
+
 #include "support/records.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+
+// The codes of all requests.
+constexpr uint32_t CODES[] = {1, 2, 3, 4, 5, 11, 12, 13};
 
 // What a request gave back. It starts with contents, so that "untouched" and "appended" can be told.
 struct Outcome {

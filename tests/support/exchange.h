@@ -129,4 +129,11 @@ std::vector<std::string> Texts(const std::vector<T>& records)
     return texts;
 }
 
+// One list after the other.
+inline std::vector<std::string> operator+(std::vector<std::string> first, const std::vector<std::string>& second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
