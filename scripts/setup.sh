@@ -8,12 +8,12 @@
 # Runs as root or with sudo. Says nothing when nothing is missing.
 set -euo pipefail
 
-packages=(cmake g++ libcli11-dev libgmock-dev libgtest-dev ninja-build nlohmann-json3-dev)
+packages=(cmake g++ libcli11-dev libgmock-dev libgtest-dev ninja-build nlohmann-json3-dev python3)
 case "${1:-}" in
     "") ;;
     all)
         packages+=(abigail-tools ccache clang clang-format clang-tidy doxygen dpkg-dev file jq libbenchmark-dev
-            libclang-rt-dev llvm make man-db pkg-config python3 shellcheck systemd)
+            libclang-rt-dev llvm make man-db pkg-config shellcheck systemd)
         ;;
     *)
         echo "usage: scripts/setup.sh [all]" >&2
