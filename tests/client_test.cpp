@@ -17,19 +17,6 @@ protected:
     const FakeServiceScope fake;
 };
 
-TEST_F(Client, LooksTheServiceUpForEveryRequest)
-{
-    for (const Operation& operation : Operations()) {
-        CallOperation(client, operation.code);
-    }
-    const std::vector<FakeServiceManager::Lookup> lookups = fake.Manager().Lookups();
-    ASSERT_EQ(Operations().size(), lookups.size());
-    for (const FakeServiceManager::Lookup& lookup : lookups) {
-        EXPECT_EQ(65993, lookup.systemAbilityId);
-        EXPECT_EQ(4, lookup.timeoutSeconds);
-    }
-}
-
 TEST_F(Client, CallsBackOnceAndKeepsNothingAfterwards)
 {
     const int32_t owners = fake.Service().StrongCount();

@@ -13,16 +13,6 @@ namespace {
 
 using Intf = SecurityPrivacyServiceIntf;
 
-TEST(Interface, CodesHaveTheirNamesAndOthersNone)
-{
-    for (const Operation& operation : Operations()) {
-        EXPECT_EQ(operation.codeName, MessageCode::ToString(operation.code));
-    }
-    for (const uint32_t code : {0U, 6U, 7U, 10U, 14U, 4294967295U}) {
-        EXPECT_EQ("UNKNOWN", MessageCode::ToString(code)) << code;
-    }
-}
-
 TEST(Interface, DescriptorIsTheOneThatRunningProcessesUse)
 {
     EXPECT_EQ(u"varn.appsecurityprivacy.securityprivacyserver.SecurityPrivacyServiceIntf", Intf::GetDescriptor());

@@ -114,25 +114,6 @@ TEST_P(PermissionGroups, AtMostTenThousandRecordsAreAnswered)
     }
 }
 
-TEST_P(PermissionGroups, ServicesFailureIsTheStatusOfAListAndTheResultOfASet)
-{
-    FakeAnswer answer;
-    answer.result = 12;
-    answer.appPermissionGroupInfos.resize(2);
-    answer.returns = true;
-    for (const uint32_t code : {BY_APP, BY_PERMISSION}) {
-        service->SetAnswer(code, answer);
-        EXPECT_EQ(12, Send(code, "x", 1, 0));
-        EXPECT_EQ(std::vector{12}, TakeWords(*reply));
-    }
-    service->SetAnswer(SET, answer);
-    EXPECT_EQ(0, Send(SET, "app", 1, "group", Permission::CheckedStateParameter()));
-    EXPECT_EQ((std::vector{12, 1}), TakeWords(*reply));
-    bool returns = false;
-    EXPECT_EQ(12, client.SetAppPermissionGroupCheckedState("app", 1, "group", {}, returns));
-    EXPECT_TRUE(returns);
-}
-
 TEST_P(PermissionGroups, SetWithoutAWholeParameterIsRefused)
 {
     LogCapture log;

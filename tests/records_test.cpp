@@ -140,7 +140,7 @@ TEST(AppPermissionGroupInfo, AtMostFiftyStatesAreWritten)
     EXPECT_EQ(4 + 51 + 51 + 2, std::count(lines.begin(), lines.end(), '\n')) << "what is dropped is dropped silently";
 }
 
-TEST(AppPermissionGroupInfo, CountsOfStatesAreBoundedAndNegativeOnesAreNone)
+TEST(AppPermissionGroupInfo, CountsOfStatesAreBoundedAndRepeatedStatesCollapse)
 {
     struct Case {
         int32_t shown;
@@ -158,7 +158,8 @@ TEST(AppPermissionGroupInfo, CountsOfStatesAreBoundedAndNegativeOnesAreNone)
     for (const Case& test : cases) {
         SCOPED_TRACE(test.lastMessage);
         const std::vector<std::string> shown = MakeNames(static_cast<size_t>(std::clamp(test.shown, 0, 51)), "s");
-        const std::vector<std::string> disabled = MakeNames(static_cast<size_t>(std::clamp(test.disabled, 0, 51)), "d");
+        std::vector<std::string> disabled(static_cast<size_t>(std::clamp(test.disabled, 0, 51)), "repeated");
+        std::fill_n(disabled.begin(), disabled.size() / 2, "other");
         Parcel parcel;
         PutAll(parcel, "bundle", 1, "group", "state", test.shown, shown);
         PutAll(parcel, test.disabled, disabled, "reason", int64_t{-7});
@@ -174,16 +175,6 @@ TEST(AppPermissionGroupInfo, CountsOfStatesAreBoundedAndNegativeOnesAreNone)
             EXPECT_TRUE(IsLastNothrowNewDeleted());
         }
     }
-}
-
-TEST(AppPermissionGroupInfo, RepeatedDisabledStatesCollapse)
-{
-    Parcel parcel;
-    PutAll(parcel, "bundle", 1, "group", "state", 0, 2, "never", "never", "reason", int64_t{9});
-    const sptr<AppPermissionGroupInfo> info(AppPermissionGroupInfo::Unmarshalling(parcel));
-    ASSERT_NE(nullptr, info);
-    EXPECT_EQ(std::unordered_set<std::string>{"never"}, info->disabledStates);
-    EXPECT_EQ(9, info->flags);
 }
 
 // The six lists of a query in wire order, set to that many elements.

@@ -107,15 +107,6 @@ TEST_P(Usage, AnswersOfManyRecordsAreBoundedByTheTimelineAndByTheClient)
     }
 }
 
-TEST_P(Usage, ServicesFailureIsTheStatusAndTheReply)
-{
-    service->FailAll(-77);
-    for (const uint32_t code : {SUMMARY, TIMELINE}) {
-        EXPECT_EQ(-77, Send(code, PermissionUsageRecordQuery()));
-        EXPECT_EQ(std::vector<int32_t>{-77}, TakeWords(*reply));
-    }
-}
-
 TEST(UsageReplies, AreReadWithinTheirLimits)
 {
     const Records records = MakeRecords(3);

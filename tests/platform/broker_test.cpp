@@ -7,7 +7,6 @@
 
 #include "varn/remote_proxy.h"
 #include "varn/remote_stub.h"
-#include "varn/system_ability_manager.h"
 
 namespace VARN {
 namespace {
@@ -72,16 +71,6 @@ TEST(BrokerTest, StubIsObjectAndInterface)
     MessageParcel reply;
     MessageOption option;
     EXPECT_EQ(stub->SendRequest(1, data, reply, option), IPC_UNKNOWN_REQUEST);
-}
-
-TEST(BrokerTest, ManagerIsWhateverWasSetLast)
-{
-    SystemAbilityManagerClient& client = SystemAbilityManagerClient::GetInstance();
-    const sptr<ISystemAbilityManager> own = client.GetSystemAbilityManager();
-    client.SetSystemAbilityManager(nullptr);
-    EXPECT_EQ(client.GetSystemAbilityManager(), nullptr);
-    client.SetSystemAbilityManager(own);
-    EXPECT_EQ(client.GetSystemAbilityManager(), own);
 }
 
 }  // namespace

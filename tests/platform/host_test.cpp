@@ -193,22 +193,6 @@ TEST_F(HostTest, SerialInvocationRunsOneAtATime)
     }
 }
 
-TEST_F(HostTest, HalfARequestHoldsNoWorker)
-{
-    AbilityServerOptions options;
-    options.workers = 1;
-    AbilityServer server(ID, echo_, options);
-    ASSERT_TRUE(server.Start());
-    const RawClient slow(Path());
-    // Byte by byte; whoever is complete in between is answered.
-    for (const char byte : MakeFrame(1, MakeBody("pieces"))) {
-        ASSERT_TRUE(slow.Send(std::string(1, byte)));
-        ASSERT_EQ(Ask(manager_->LoadSystemAbility(ID, 0), 1, "whole"), (Answer{0, "whole"}));
-    }
-    const std::string reply = MakeFrame(1, MakeBody("pieces"), 2);
-    EXPECT_EQ(slow.Receive(reply.size()), reply);
-}
-
 TEST_F(HostTest, RequestsSentAheadAreAnsweredInOrder)
 {
     AbilityServer server(ID, echo_);

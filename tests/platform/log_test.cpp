@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
-#include <cstdio>
 #include <future>
 #include <mutex>
 #include <regex>
@@ -104,34 +102,13 @@ TEST_F(LogTest, ReplacedSinkIsNotCalledAnyMore)
     releaser.join();
 }
 
-// Runs `write` with standard error in a pipe and gives what came out.
-template <class Write>
-std::string CaptureStandardError(Write write)
-{
-    std::array<int, 2> ends{};
-    EXPECT_EQ(::pipe(ends.data()), 0);
-    const int before = ::dup(STDERR_FILENO);
-    ::dup2(ends[1], STDERR_FILENO);
-    write();
-    ::dup2(before, STDERR_FILENO);
-    ::close(before);
-    ::close(ends[1]);
-    std::string text;
-    std::array<char, 4096> piece{};
-    for (ssize_t size = 0; (size = ::read(ends[0], piece.data(), piece.size())) > 0;) {
-        text.append(piece.data(), static_cast<size_t>(size));
-    }
-    ::close(ends[0]);
-    return text;
-}
-
 TEST_F(LogTest, StandardErrorGetsOneEscapedLine)
 {
     SetLogSink(nullptr);
-    const std::string text = CaptureStandardError([] {
-        VoLogPrint(0, 5, 0, "TAG", "a\x1b[2J\nb\x7f'\xC3\xA4\xC2\x9B'");
-        VoLogPrint(0, 3, 0, "TAG", "next");
-    });
+    ::testing::internal::CaptureStderr();
+    VoLogPrint(0, 5, 0, "TAG", "a\x1b[2J\nb\x7f'\xC3\xA4\xC2\x9B'");
+    VoLogPrint(0, 3, 0, "TAG", "next");
+    const std::string text = ::testing::internal::GetCapturedStderr();
     const std::string head = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )" + std::to_string(::getpid()) + R"( \d+ )";
     const std::string wanted = head + R"(W TAG: a\\x1b\[2J\\nb\\x7f'\xC3\xA4\\xc2\\x9b'\n)" + head + R"(D TAG: next\n)";
     EXPECT_TRUE(std::regex_match(text, std::regex(wanted))) << text;

@@ -34,35 +34,39 @@ inline std::string MakeBody(const std::string& text)
     return body;
 }
 
-inline sockaddr_un MakeAddress(const std::string& path)
-{
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.c_str(), path.size());
-    return address;
-}
+class RawSocket {
+public:
+    explicit RawSocket(const std::string& path) { std::memcpy(address_.sun_path, path.c_str(), path.size()); }
+    ~RawSocket() { ::close(fd_); }
+    RawSocket(const RawSocket&) = delete;
+    RawSocket& operator=(const RawSocket&) = delete;
+
+    int GetFd() const { return fd_; }
+
+protected:
+    const sockaddr* Address() const { return reinterpret_cast<const sockaddr*>(&address_); }
+
+private:
+    const int fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address_ = {AF_UNIX, {}};
+};
 
 // A peer that speaks bytes, for what an honest client would never send.
-class RawClient {
+class RawClient : public RawSocket {
 public:
-    explicit RawClient(const std::string& path) : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    explicit RawClient(const std::string& path)
+        : RawSocket(path), isConnected_(::connect(GetFd(), Address(), sizeof(sockaddr_un)) == 0)
     {
-        const sockaddr_un address = MakeAddress(path);
-        isConnected_ = ::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
     }
-    ~RawClient() { ::close(fd_); }
-    RawClient(const RawClient&) = delete;
-    RawClient& operator=(const RawClient&) = delete;
 
     bool IsConnected() const { return isConnected_; }
-    int GetFd() const { return fd_; }
 
     // Whether all of it could be sent.
     bool Send(const std::string& bytes) const
     {
         size_t sent = 0;
         while (sent < bytes.size()) {
-            const ssize_t part = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+            const ssize_t part = ::send(GetFd(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
             if (part <= 0) {
                 return false;
             }
@@ -77,7 +81,7 @@ public:
         std::string bytes(size, '\0');
         size_t received = 0;
         while (received < size) {
-            const ssize_t part = ::recv(fd_, bytes.data() + received, size - received, 0);
+            const ssize_t part = ::recv(GetFd(), bytes.data() + received, size - received, 0);
             if (part <= 0) {
                 break;
             }
@@ -88,29 +92,22 @@ public:
     }
 
 private:
-    const int fd_;
-    bool isConnected_ = false;
+    const bool isConnected_;
 };
 
 // A socket that listens, and whose file stays behind as that of a crashed service would.
-class RawServer {
+class RawServer : public RawSocket {
 public:
-    explicit RawServer(const std::string& path) : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    explicit RawServer(const std::string& path)
+        : RawSocket(path),
+          isListening_(::bind(GetFd(), Address(), sizeof(sockaddr_un)) == 0 && ::listen(GetFd(), 8) == 0)
     {
-        const sockaddr_un address = MakeAddress(path);
-        isListening_ =
-            ::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 && ::listen(fd_, 8) == 0;
     }
-    ~RawServer() { ::close(fd_); }
-    RawServer(const RawServer&) = delete;
-    RawServer& operator=(const RawServer&) = delete;
 
     bool IsListening() const { return isListening_; }
-    int GetFd() const { return fd_; }
 
 private:
-    const int fd_;
-    bool isListening_ = false;
+    const bool isListening_;
 };
 
 }  // namespace VARN::Host

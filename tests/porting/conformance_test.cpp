@@ -31,6 +31,9 @@ TEST(ConformanceTest, EveryRequestReachesTheService)
     }
     EXPECT_EQ(fake.Service().AccessChecks(), std::vector<uint32_t>(std::begin(CODES), std::end(CODES)));
     EXPECT_EQ(fake.Manager().Lookups().size(), std::size(CODES)) << "every request looks the service up";
+    for (const FakeServiceManager::Lookup& lookup : fake.Manager().Lookups()) {
+        EXPECT_TRUE(lookup.systemAbilityId == 65993 && lookup.timeoutSeconds == 4);
+    }
 }
 
 TEST(ConformanceTest, AnswerComesBackWhole)
