@@ -12,7 +12,7 @@ packages=(cmake g++ libcli11-dev libgmock-dev libgtest-dev ninja-build nlohmann-
 case "${1:-}" in
     "") ;;
     all)
-        packages+=(abigail-tools ccache clang clang-format clang-tidy doxygen dpkg-dev file jq libbenchmark-dev
+        packages+=(abigail-tools ccache clang clang-format clang-tidy doxygen dpkg-dev file git jq libbenchmark-dev
             libclang-rt-dev llvm make man-db pkg-config shellcheck systemd)
         ;;
     *)
