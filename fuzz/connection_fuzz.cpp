@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <vector>
 
 #include "fuzz/input.h"
 #include "host/connection.h"
@@ -11,85 +11,87 @@
 
 namespace {
 
-using VARN::MessageParcel;
+using namespace VARN;
 using namespace VARN::Host;
 
+constexpr size_t MAX_REQUEST_BYTES = 20000;
+
 // Answers with as many words as the request asks for, so that long replies come up as well.
-class Echo : public VARN::IPCObjectStub {
+class Echo : public IPCObjectStub {
 public:
-    int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, VARN::MessageOption&) override
+    int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption&) override
     {
-        const std::string text = data.ReadString();
-        const int32_t words = data.ReadInt32() & 0x3FFFF;
-        reply.WriteString(text);
-        for (int32_t word = 0; word < words; ++word) {
-            reply.WriteInt32(word);
+        executed.push_back(code);
+        reply.WriteString(data.ReadString());
+        for (int32_t words = data.ReadInt32() & 0x3FFFF; words > 0; --words) {
+            reply.WriteInt32(words);
         }
         return static_cast<int32_t>(code);
     }
+
+    std::vector<uint32_t> executed;
 };
 
-// However a frame is cut, the reader ends in the same state.
-void CheckPieces(const uint8_t* bytes, size_t size)
+// What is to come of the bytes, however they were cut: the requests before the first that is none or is not whole.
+std::vector<uint32_t> Expected(const std::vector<uint8_t>& bytes)
 {
-    constexpr size_t LIMIT = 4096;
-    FrameReader whole(LIMIT);
-    FrameReader pieces(LIMIT);
-    size_t taken = 0;
-    const FrameReader::State state = whole.Feed(bytes, size, taken);
-    size_t position = 0;
-    FrameReader::State last = FrameReader::State::PARTIAL;
-    while (position < size && last == FrameReader::State::PARTIAL) {
-        size_t part = 0;
-        last = pieces.Feed(bytes + position, size - position < 3 ? 1 : 3, part);
-        position += part;
+    std::vector<uint32_t> codes;
+    FrameHeader header;
+    for (size_t at = 0; bytes.size() - at >= sizeof(header); at += sizeof(header) + header.length) {
+        std::memcpy(&header, &bytes[at], sizeof(header));
+        if (header.Check(FrameKind::REQUEST) != nullptr || header.length > MAX_REQUEST_BYTES ||
+            bytes.size() - at - sizeof(header) < header.length) {
+            break;
+        }
+        codes.push_back(header.code);
     }
-    fuzz::Require(last == state && position == taken);
-    fuzz::Require(whole.GetBody().GetDataSize() == pieces.GetBody().GetDataSize());
+    return codes;
 }
 
 }  // namespace
 
-// The first byte of the input says whether the peer reads; then follow pieces, each behind a byte with its length.
+// The first byte of the input says whether the peer reads; then follow pieces, each behind a word with its length.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
     static const bool isQuiet = (SetLogSink([](const LogLine&) {}), true);
-    CheckPieces(bytes, size);
+    fuzz::Input input(bytes, size);
+    const bool doesRead = input.TakeByte() % 2 == 0;
     std::array<int, 2> ends{};
     fuzz::Require(isQuiet && ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()) == 0);
     const UniqueFd peer(ends[1]);
+    const sptr<Echo> echo(new Echo);
     AbilityServerOptions options;
-    options.maxRequestBytes = 4096;
-    options.maxWaitingReplyBytesPerUser = size_t{1} << 20;
-    ServiceContext context{VARN::sptr<VARN::IPCObjectStub>(new Echo), options, RefusalLog(1)};
+    options.maxRequestBytes = MAX_REQUEST_BYTES;
+    // Bites on the longest replies when they are not read.
+    options.maxWaitingReplyBytesPerUser = size_t{doesRead ? 2U : 1U} << 20;
+    ServiceContext context{echo, options, RefusalLog(1)};
     WorkerBuffers buffers;
     UserAccount account;
     std::atomic<int64_t> deadline{0};
+    std::vector<uint8_t> sent;
     {
         Connection connection(UniqueFd{ends[0]}, Caller{1, 1, 1}, account, deadline);
-        fuzz::Input input(bytes, size);
-        const bool doesRead = input.TakeByte() % 2 == 0;
         auto next = Connection::Next::INPUT;
         while (next != Connection::Next::CLOSE && input.GetSize() != 0) {
-            fuzz::Input piece = input;
-            const size_t length = piece.TakeByte();
-            const uint8_t* from = piece.GetBytes();
-            const size_t there = piece.Skip(length);
-            input = piece;
-            if (::send(peer.Get(), from, there, MSG_NOSIGNAL) < 0) {
-                break;
-            }
-            next = Connection::Next::TURN;
-            for (int turn = 0; turn < 1000 && next == Connection::Next::TURN; ++turn) {
+            size_t length = input.TakeByte();
+            length += 256U * input.TakeByte();
+            const uint8_t* piece = input.GetBytes();
+            const ssize_t part = ::send(peer.Get(), piece, input.Skip(length), MSG_NOSIGNAL);
+            sent.insert(sent.end(), piece, piece + std::max<ssize_t>(part, 0));
+            do {
+                const size_t before = echo->executed.size();
                 next = connection.Serve(context, buffers, input.GetSize() == 0);
+                fuzz::Require(echo->executed.size() <= before + 1);
                 std::array<char, 65536> sink{};
                 while (doesRead && ::recv(peer.Get(), sink.data(), sink.size(), 0) > 0) {
                 }
-            }
-            // Whatever it waits for in a hurry has its deadline, and nothing else has one.
+            } while (next == Connection::Next::TURN || (doesRead && next == Connection::Next::OUTPUT));
             fuzz::Require(next == Connection::Next::CLOSE || !connection.HasOutput() || deadline != 0);
         }
     }
+    const std::vector<uint32_t> expected = Expected(sent);
+    fuzz::Require(echo->executed.size() <= expected.size() && (!doesRead || echo->executed.size() == expected.size()));
+    fuzz::Require(std::equal(echo->executed.begin(), echo->executed.end(), expected.begin()));
     fuzz::Require(account.waitingReplyBytes == 0 && deadline == 0);
     return 0;
 }

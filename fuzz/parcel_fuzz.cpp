@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <string>
+#include <vector>
 
 #include "fuzz/input.h"
-#include "varn/parcel.h"
+#include "parcel_buffer.h"
 
 namespace {
 
@@ -28,8 +29,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
     const size_t reads = input.TakeByte();
     fuzz::Input choices = input;
     input.Skip(reads);
+    // Lent, since what arrives need not be a multiple of a word.
+    std::vector<uint8_t> contents(input.GetBytes(), input.GetBytes() + input.GetSize());
     VARN::Parcel parcel;
-    input.TakeParcel(parcel);
+    VARN::ParcelBuffer::Lend(parcel, contents.data(), contents.size());
     for (size_t index = 0; index < reads; ++index) {
         switch (choices.TakeByte() % 5) {
             case 0:
