@@ -196,8 +196,8 @@ TEST_F(LifeTest, FirstRequestsOfManyClientsStartOneService)
     }
     constexpr int CLIENTS = 8;
     // It hands on no part of its environment but what it is told to.
-    ServiceProcess service(
-        folder_, std::vector<std::string>{activate, "-l", folder_.SocketPath(), "-E", "LSAN_OPTIONS"} + command_);
+    ServiceProcess service(folder_, {activate, "-l", folder_.SocketPath(), "-E", "LSAN_OPTIONS", ABUSE_SERVICE,
+                                     "--directory", folder_.Path()});
     std::vector<pid_t> clients;
     for (int32_t id = 0; id < CLIENTS; ++id) {
         clients.push_back(Fork([id] { return Do(id) == Result::DONE; }));

@@ -87,7 +87,7 @@ public:
     {
         ASSERT_TRUE(service.IsReady()) << service.Log();
         answer_ = Ask();
-        ASSERT_GT(answer_.size(), 1U) << "the client is to be answered with something";
+        ASSERT_NE(answer_, "0") << "the client is to be answered with something";
         descriptors_ = CountEntries(service.Pid(), "fd");
         {
             constexpr size_t PEERS = 8;
@@ -140,18 +140,23 @@ public:
 private:
     std::vector<std::string> Extend(std::vector<std::string> command, const std::vector<std::string>& options) const
     {
-        return std::move(command) + std::vector<std::string>{"--directory", folder.Path()} + options;
+        command.insert(command.end(), {"--directory", folder.Path()});
+        command.insert(command.end(), options.begin(), options.end());
+        return command;
     }
 
-    static std::vector<std::string> Ask()
+    static std::string Ask()
     {
         std::vector<Permission::AppPermissionGroupInfo> groups;
-        const int32_t result =
-            SecurityPrivacyClient::GetInstance().GetAppPermissionGroupInfosByApp("com.example.bank", 100, {}, groups);
-        return std::vector<std::string>{std::to_string(result)} + Texts(groups);
+        std::string answer = std::to_string(
+            SecurityPrivacyClient::GetInstance().GetAppPermissionGroupInfosByApp("com.example.bank", 100, {}, groups));
+        for (const Permission::AppPermissionGroupInfo& group : groups) {
+            answer += group.ToString();
+        }
+        return answer;
     }
 
-    std::vector<std::string> answer_;
+    std::string answer_;
     size_t descriptors_ = 0;
     size_t kilobytes_ = 0;
 };
