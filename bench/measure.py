@@ -121,15 +121,16 @@ class Bench:
                                                                 clients=MANY_CLIENTS) for name in self.contenders})
 
     def growth(self):
-        """Nanoseconds per record, for lists of several lengths."""
+        """Nanoseconds per record, for lists of several lengths: of the call, and of the processor on both sides."""
         results = {}
         for case in ("bulk", "usage"):
             keys = [(name, records) for name in ("ours", "floor-codec", "floor-list") for records in GROWTH]
             measured = self.together({key: lambda key=key: self.pair(key[0], case, key[1], self.one_cpu)
                                       for key in keys})
-            for name, records in keys:
-                results.setdefault(case, {}).setdefault(name, {})[str(records)] = (
-                    measured[name, records]["median"] / records)
+            for (name, records), row in measured.items():
+                lengths = results.setdefault(case, {}).setdefault(name, {"time": {}, "CPU time": {}})
+                lengths["time"][str(records)] = row["median"] / records
+                lengths["CPU time"][str(records)] = (row["client cpu"] + row["server cpu"]) / records
         return results
 
     def idle(self):
