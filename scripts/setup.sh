@@ -13,7 +13,7 @@ case "${1:-}" in
     "") ;;
     all)
         packages+=(abigail-tools ccache clang clang-format clang-tidy doxygen dpkg-dev file git jq libbenchmark-dev
-            libclang-rt-dev llvm make man-db pkg-config shellcheck systemd)
+            libclang-rt-dev llvm make man-db pkg-config shellcheck systemd valgrind)
         ;;
     *)
         echo "usage: scripts/setup.sh [all]" >&2
