@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/raw_client.h"
@@ -30,7 +31,8 @@ constexpr int32_t ID = 4242;
 class Service : public IPCObjectStub {
 public:
     using Operation = std::function<int32_t(uint32_t code, MessageParcel& data, MessageParcel& reply)>;
-    explicit Service(Operation operation, bool serial = false) : IPCObjectStub(u"test", serial), operation_(operation)
+    explicit Service(Operation operation, bool serial = false)
+        : IPCObjectStub(u"test", serial), operation_(std::move(operation))
     {
     }
     int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption&) override
