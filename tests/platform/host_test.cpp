@@ -195,23 +195,6 @@ TEST_F(HostTest, SerialInvocationRunsOneAtATime)
     }
 }
 
-TEST_F(HostTest, RequestsSentAheadAreAnsweredInOrder)
-{
-    AbilityServer server(ID, echo_);
-    ASSERT_TRUE(server.Start());
-    RawClient client(Path());
-    std::string requests;
-    std::string replies;
-    for (int number = 0; number < 500; ++number) {
-        const std::string body = MakeBody(std::string(static_cast<size_t>(number) * 37, 'x') + std::to_string(number));
-        requests += MakeFrame(1, body);
-        replies += MakeFrame(1, body, 2);
-    }
-    std::thread sender([&] { EXPECT_TRUE(client.Send(requests)); });
-    EXPECT_EQ(client.Receive(replies.size()), replies);
-    sender.join();
-}
-
 TEST_F(HostTest, RestartIsMetWithAFreshConnection)
 {
     AbilityServer server(ID, echo_);

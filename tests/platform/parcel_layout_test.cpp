@@ -88,36 +88,5 @@ TEST(ParcelLayoutTest, HostileBytesAreNotRead)
                  });
 }
 
-TEST(ParcelLayoutTest, WriteStopsAtTheCapacityAndLeavesTheParcel)
-{
-    const struct {
-        const char* name;
-        std::function<bool(Parcel&)> write;
-        size_t bytes;
-    } cases[] = {
-        {"bool", [](Parcel& p) { return p.WriteBool(true); }, 4},
-        {"int32", [](Parcel& p) { return p.WriteInt32(1); }, 4},
-        {"int64", [](Parcel& p) { return p.WriteInt64(1); }, 8},
-        {"string", [](Parcel& p) { return p.WriteString("abcd"); }, 12},
-        {"long string", [](Parcel& p) { return p.WriteString(std::string(1000, 'x')); }, 1008},
-        {"string16", [](Parcel& p) { return p.WriteString16(u"ab"); }, 12},
-    };
-    for (const auto& [name, write, bytes] : cases) {
-        SCOPED_TRACE(name);
-        for (const size_t before : {size_t{0}, size_t{508}, size_t{2000}}) {
-            Parcel parcel;
-            Put(parcel, std::vector<int32_t>(before / 4, 9));
-            ASSERT_TRUE(parcel.SetMaxCapacity(before + bytes - 1));
-            EXPECT_FALSE(write(parcel));
-            EXPECT_EQ(parcel.GetDataSize(), before);
-            ASSERT_TRUE(parcel.SetMaxCapacity(before + bytes));
-            EXPECT_TRUE(write(parcel));
-            EXPECT_EQ(parcel.GetDataSize(), before + bytes);
-            EXPECT_FALSE(parcel.WriteInt32(1));
-            EXPECT_FALSE(parcel.SetMaxCapacity(before + bytes - 1));
-        }
-    }
-}
-
 }  // namespace
 }  // namespace VARN

@@ -78,6 +78,21 @@ TEST(ParcelTest, FailedWriteLeavesTheParcelAndWhatAMarshallingWroteBefore)
     EXPECT_TRUE(parcel.ReadInt32() == 1 && parcel.ReadInt32() == 7 && parcel.GetReadableBytes() == 0);
 }
 
+TEST(ParcelTest, WriteThatEndsAtTheCapacitySucceeds)
+{
+    for (const size_t before : {size_t{0}, size_t{3000}}) {
+        Parcel parcel;
+        ASSERT_TRUE(parcel.WriteString(std::string(before, 'x')));
+        const size_t size = parcel.GetDataSize();
+        ASSERT_TRUE(parcel.SetMaxCapacity(size + 11));
+        EXPECT_FALSE(parcel.WriteString("abcd") || parcel.SetMaxCapacity(size - 1));
+        EXPECT_EQ(parcel.GetDataSize(), size);
+        ASSERT_TRUE(parcel.SetMaxCapacity(size + 12));
+        EXPECT_TRUE(parcel.WriteString("abcd"));
+        EXPECT_FALSE(parcel.WriteBool(true));
+    }
+}
+
 TEST(ParcelTest, PresenceOtherThanZeroReadsAValue)
 {
     Parcel parcel;

@@ -36,20 +36,6 @@ TEST(ConformanceTest, EveryRequestReachesTheService)
     }
 }
 
-TEST(ConformanceTest, AnswerComesBackWhole)
-{
-    const FakeServiceScope fake;
-    FakeAnswer answer;
-    answer.appPermissionGroupInfos.resize(10000, MakeAppPermissionGroupInfo());
-    answer.appPermissionGroupInfos.back().bundleName = "last";
-    fake.Service().SetAnswer(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP, answer);
-    std::vector<Permission::AppPermissionGroupInfo> infos;
-    EXPECT_EQ(Client().GetAppPermissionGroupInfosByApp("app", 1, {}, infos), 0);
-    ASSERT_EQ(infos.size(), 10000U);
-    EXPECT_EQ(infos[0].ToString(), MakeAppPermissionGroupInfo().ToString());
-    EXPECT_EQ(infos.back().ToString(), answer.appPermissionGroupInfos.back().ToString());
-}
-
 TEST(ConformanceTest, FailuresKeepTheirResults)
 {
     const FakeServiceScope fake;
