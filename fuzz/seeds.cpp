@@ -93,8 +93,8 @@ std::string Cut(const std::string& frames, size_t size)
 void AddConnections(Seeds& seeds)
 {
     constexpr size_t RECEIVED_AT_ONCE = 16384;
-    for (const int32_t words : {0, 1000, 0x3FFFF}) {
-        const std::string frame = MakeFrame(7, Host::MakeBody("text") + BytesOf(words));
+    for (const int32_t bytes : {0, 1000, 0xFFFFF}) {
+        const std::string frame = MakeFrame(7, Host::MakeBody("text") + BytesOf(bytes));
         const std::string longer = MakeFrame(8, std::string(3000, '\0'));
         const std::string full = MakeFrame(9, std::string(RECEIVED_AT_ONCE - HEADER_SIZE, '\0'));
         for (const char reads : {'\0', '\1'}) {
