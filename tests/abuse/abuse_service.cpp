@@ -29,7 +29,7 @@ class AbusedService final : public FakeService {
 public:
     explicit AbusedService(const std::string& directory) : gate_(directory + "/gate") {}
 
-    // Nothing is noted, so that nothing grows.
+    // Not noted, as neither are the two below, so that nothing grows.
     bool IsMessageCodeAllowed(uint32_t) override { return true; }
 
     // App "gate": waits until somebody has opened the gate and closed it again. "bulk": `userId` bytes of answer.

@@ -64,8 +64,8 @@ size_t ReadSize(pid_t pid, const std::string& field)
     size_t size = 0;
     while (status >> name && name != field + ":") {
     }
-    status >> size;
-    return size;
+    constexpr size_t KIBIBYTE = 1024;
+    return status >> size && IS_SIZE_TELLING ? size * KIBIBYTE : 0;
 }
 
 void ResetPeak(pid_t pid)

@@ -9,15 +9,6 @@
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 
-// The sanitizers keep freed memory and shadow all of it, so that a process's size says nothing.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool IS_SIZE_TELLING = false;
-#elif defined(__has_feature)
-constexpr bool IS_SIZE_TELLING = !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer);
-#else
-constexpr bool IS_SIZE_TELLING = true;
-#endif
-
 // A folder for one socket, where the clients of this process look for it while it exists.
 class SocketFolder {
 public:
@@ -36,7 +27,8 @@ private:
 // Waits until the condition holds, or gives up after a time that no healthy system needs.
 bool Eventually(const std::function<bool()>& condition);
 
-// What the kernel tells of a process: entries of a folder ("fd", "task"), and sizes in KiB ("VmRSS", "VmHWM").
+// What the kernel tells of a process: how many entries a folder has ("fd", "task"), and sizes in bytes ("VmRSS",
+// "VmHWM"). The sanitizers keep freed memory and shadow all of it, so with them every size is 0.
 size_t CountEntries(pid_t pid, const std::string& folder);
 size_t ReadSize(pid_t pid, const std::string& field);
 void ResetPeak(pid_t pid);  // "VmHWM" begins anew

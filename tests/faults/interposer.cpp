@@ -144,14 +144,4 @@ void* operator new(size_t size)
     void* memory = __libc_malloc(std::max<size_t>(size, 1));
     return memory != nullptr ? memory : throw std::bad_alloc();
 }
-
-void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete(void* memory, size_t) noexcept
-{
-    std::free(memory);
-}
 #endif
