@@ -53,19 +53,6 @@ TEST(RefBaseTest, CopyAndAssignmentHaveOwnersOfTheirOwn)
     EXPECT_EQ(inPlace.StrongCount(), 0);
 }
 
-TEST(RefBaseTest, MoveAndSelfAssignmentDoNotCount)
-{
-    int deaths = 0;
-    sptr<Counted> object(new Counted(&deaths));
-    sptr<Counted> moved(std::move(object));
-    EXPECT_TRUE(object == nullptr && moved->StrongCount() == 1);  // NOLINT(bugprone-use-after-move): it is null then
-    sptr<Counted>& self = moved;
-    moved = self;
-    moved = std::move(self);
-    EXPECT_EQ(moved->StrongCount(), 1);
-    EXPECT_EQ(deaths, 0);
-}
-
 TEST(RefBaseTest, ManyThreadsDestroyItOnce)
 {
     int deaths = 0;

@@ -5,7 +5,6 @@
 #include <iterator>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "security_privacy/security_privacy_client.h"
@@ -53,26 +52,6 @@ TEST(ConformanceTest, FailuresKeepTheirResults)
         fake.Service().SetResponder(code, [](const FakeCall&) -> FakeAnswer { throw std::runtime_error("broken"); });
         EXPECT_EQ(request(), -1) << "an exception must not leave the platform";
     }
-}
-
-TEST(ConformanceTest, RequestsMayComeFromManyThreadsAndFromInsideACallback)
-{
-    const FakeServiceScope fake;
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < 4; ++thread) {
-        threads.emplace_back([] {
-            for (int round = 0; round < 50; ++round) {
-                Client().WithSystemAbilityProxy([](const sptr<SecurityPrivacyServiceIntf>& proxy) {
-                    EXPECT_EQ(proxy->GTokenPolicyRemovePolicy({"app"}), 0);
-                    EXPECT_EQ(Client().GTokenPolicyRemovePolicy({"app"}), 0);
-                });
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(fake.Service().Calls().size(), 4U * 50U * 2U);
 }
 
 TEST(ConformanceTest, LogCallTakesMarkersAndTemporaries)
