@@ -21,7 +21,6 @@ using Host::BytesOf;
 using Host::MakeFrame;
 
 constexpr uint32_t CODE = 3;
-constexpr size_t HEADER_SIZE = 20;
 
 // Answers one request on the connection; false: the connection is to end.
 using Answer = std::function<bool(int connection)>;
