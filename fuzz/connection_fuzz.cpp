@@ -73,7 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
         auto next = Connection::Next::INPUT;
         while (next != Connection::Next::CLOSE && input.GetSize() != 0) {
             size_t length = input.TakeByte();
-            length += 256U * input.TakeByte();
+            length += size_t{256} * input.TakeByte();
             const uint8_t* piece = input.GetBytes();
             const ssize_t part = ::send(peer.Get(), piece, input.Skip(length), MSG_NOSIGNAL);
             sent.insert(sent.end(), piece, piece + std::max<ssize_t>(part, 0));

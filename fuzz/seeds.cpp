@@ -5,7 +5,10 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <map>
+#include <numeric>
+#include <string>
 
 #include "abuse/requests.h"
 #include "support/record_cases.h"
@@ -79,12 +82,13 @@ void AddExchanges(Seeds& seeds)
     }
 }
 
-// Frames in pieces of `size` bytes, each behind its length.
-std::string Cut(const std::string& frames, size_t size)
+// The frames, one behind the other, in pieces of `size` bytes, each behind its length.
+std::string Cut(std::initializer_list<std::string> frames, size_t size)
 {
+    const std::string all = std::accumulate(frames.begin(), frames.end(), std::string());
     std::string pieces;
-    for (size_t at = 0; at < frames.size(); at += size) {
-        const std::string piece = frames.substr(at, size);
+    for (size_t at = 0; at < all.size(); at += size) {
+        const std::string piece = all.substr(at, size);
         pieces += BytesOf(static_cast<uint16_t>(piece.size())) + piece;
     }
     return pieces;
@@ -99,14 +103,14 @@ void AddConnections(Seeds& seeds)
         const std::string full = MakeFrame(9, std::string(RECEIVED_AT_ONCE - HEADER_SIZE, '\0'));
         for (const char reads : {'\0', '\1'}) {
             for (const size_t size : {size_t{1}, size_t{7}, size_t{300}, 3 * RECEIVED_AT_ONCE}) {
-                seeds.Save("connection", reads + Cut(frame + frame + longer + frame, size));
-                seeds.Save("connection", reads + Cut(frame + longer.substr(0, 2000), size));
-                seeds.Save("connection", reads + Cut(full + full + full, size));
+                seeds.Save("connection", reads + Cut({frame, frame, longer, frame}, size));
+                seeds.Save("connection", reads + Cut({frame, longer.substr(0, 2000)}, size));
+                seeds.Save("connection", reads + Cut({full, full, full}, size));
             }
             for (size_t at = 0; at < frame.size(); ++at) {
                 std::string changed = frame;
                 changed[at] = static_cast<char>(~changed[at]);
-                seeds.Save("connection", reads + Cut(frame + changed, 64));
+                seeds.Save("connection", reads + Cut({frame, changed}, 64));
             }
         }
     }

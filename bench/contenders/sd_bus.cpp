@@ -297,7 +297,7 @@ int HandleGetPolicy(sd_bus_message* call, void* answers, sd_bus_error*)
     });
 }
 
-const sd_bus_vtable kTable[] = {
+const sd_bus_vtable table[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD("ByApp", "sias", "ia(sissasassx)", HandleInfos, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD("ByPermission", "sias", "ia(sissasassx)", HandleInfos, SD_BUS_VTABLE_UNPRIVILEGED),
@@ -315,7 +315,7 @@ void ServeConnection(int descriptor, const Answers& answers)
     Check(sd_id128_randomize(&id));
     Check(sd_bus_set_fd(bus, descriptor, descriptor));
     Check(sd_bus_set_server(bus, 1, id));
-    Check(sd_bus_add_object_vtable(bus, nullptr, kPath, kInterface, kTable, const_cast<Answers*>(&answers)));
+    Check(sd_bus_add_object_vtable(bus, nullptr, kPath, kInterface, table, const_cast<Answers*>(&answers)));
     Check(sd_bus_start(bus));
     for (;;) {
         const int processed = sd_bus_process(bus, nullptr);

@@ -40,7 +40,7 @@ Answer Writing(const std::string& bytes, bool staysOpen = true)
     return [=](int connection) { return Write(connection, bytes) && staysOpen; };
 }
 
-const Answer HONEST = Writing(MakeFrame(CODE, "", 2));
+const Answer honestAnswer = Writing(MakeFrame(CODE, "", 2));
 
 // Whether the client goes within that time; -1: in the end.
 bool IsClientGone(int connection, int milliseconds)
@@ -105,7 +105,7 @@ private:
 
     const Host::RawServer listener_;
     std::mutex mutex_;
-    Answer answer_ = HONEST;  // guarded by mutex_
+    Answer answer_ = honestAnswer;  // guarded by mutex_
     std::atomic<int> requests_{0};
     std::atomic<int> accepted_{0};
     std::vector<std::pair<int, std::thread>> connections_;
@@ -138,7 +138,7 @@ protected:
     // The next request is answered, on a connection of its own, and nothing was sent twice.
     void ExpectRecovery(HostileService& service)
     {
-        service.Become(HONEST);
+        service.Become(honestAnswer);
         const int before = service.Connections();
         EXPECT_EQ(Ask(), 0) << log_.Everything();
         EXPECT_EQ(service.Connections(), before + 1);
@@ -192,7 +192,7 @@ TEST_F(ClientAbuseTest, WrongReplies)
         EXPECT_EQ(CallOperation(SecurityPrivacyClient::GetInstance(), 3).result, -1);
         ExpectRecovery(service);
     }
-    EXPECT_LT(ReadSize(::getpid(), "VmHWM"), peak + 8 * 1024 * 1024) << "an announced length took memory";
+    EXPECT_LT(ReadSize(::getpid(), "VmHWM"), peak + size_t{8} * 1024 * 1024) << "an announced length took memory";
 }
 
 TEST_F(ClientAbuseTest, EndAtEveryByteOfTheReply)
@@ -288,7 +288,7 @@ TEST_F(ClientAbuseTest, OneDeadConnectionDoesNotMakeTheServiceDead)
     service.Become(Writing("", false));
     EXPECT_EQ(Ask(), IPC_DEAD_OBJECT);
     EXPECT_TRUE(object->IsObjectDead());
-    service.Become(HONEST);
+    service.Become(honestAnswer);
     EXPECT_FALSE(Load()->IsObjectDead());
 }
 

@@ -100,7 +100,7 @@ TEST_P(FaultsTest, RightAnswerOrDefiniteFailureThenRightAnswer)
     }
 }
 
-const Fault FAULTS[] = {
+const Fault allFaults[] = {
     {"accept4", EINTR},     {"accept4", EAGAIN},       {"accept4", EMFILE},     {"accept4", ENOMEM},
     {"accept4", ENFILE},    {"accept4", ECONNABORTED}, {"accept4", EPERM},      {"bind", ENOMEM},
     {"chmod", EPERM},       {"connect", EINTR},        {"connect", EAGAIN},     {"connect", ECONNREFUSED},
@@ -119,7 +119,7 @@ const Fault FAULTS[] = {
 #endif
 };
 
-INSTANTIATE_TEST_SUITE_P(Calls, FaultsTest, ::testing::ValuesIn(FAULTS), [](const auto& fault) {
+INSTANTIATE_TEST_SUITE_P(Calls, FaultsTest, ::testing::ValuesIn(allFaults), [](const auto& fault) {
     const bool isShort = fault.param.error == COMES_SHORT;
     return std::string(fault.param.call) + "_" + (isShort ? "short" : ::strerrorname_np(fault.param.error));
 });

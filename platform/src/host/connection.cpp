@@ -48,6 +48,7 @@ bool WorkerBuffers::HoldsMuch() const noexcept
     return ParcelBuffer::Capacity(*reply) > KEPT_IDLE_CAPACITY;
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): what it changes is its own, if behind a pointer
 void WorkerBuffers::LetGo() noexcept
 {
     ParcelBuffer::Clear(*reply, KEPT_IDLE_CAPACITY);
