@@ -8,9 +8,21 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <system_error>
 
 namespace VARN::Host {
+namespace {
+
+// strerror_r, the only one that threads may share everywhere, is of one of two kinds: GNU's tells where the text is.
+[[maybe_unused]] const char* TextOf(const char* text, const char* /*buffer*/)
+{
+    return text;
+}
+[[maybe_unused]] const char* TextOf(int result, const char* buffer)
+{
+    return result == 0 ? buffer : "unknown error";
+}
+
+}  // namespace
 
 const char* DefaultSocketDirectory() noexcept
 {
@@ -63,7 +75,8 @@ int CheckSocketFolder(const std::string& directory, std::string& problem)
 
 std::string ErrorText(int error)
 {
-    return std::generic_category().message(error) + " (errno " + std::to_string(error) + ")";
+    char buffer[128];
+    return TextOf(::strerror_r(error, buffer, sizeof(buffer)), buffer) + (" (errno " + std::to_string(error) + ")");
 }
 
 }  // namespace VARN::Host
