@@ -45,14 +45,6 @@ TEST(ParcelTest, ValuesComeBackInTheirOrder)
     EXPECT_EQ(parcel.GetReadableBytes(), 0U);
 }
 
-TEST(ParcelTest, ExhaustedParcelGivesNothing)
-{
-    Parcel parcel;
-    EXPECT_TRUE(!parcel.ReadBool() && parcel.ReadInt32() == 0 && parcel.ReadInt64() == 0 &&
-                parcel.ReadString().empty() && parcel.ReadString16().empty());
-    EXPECT_EQ(parcel.ReadParcelable<Point>(), nullptr);
-}
-
 TEST(ParcelTest, FailedWriteLeavesTheParcelAndWhatAMarshallingWroteBefore)
 {
     Parcel parcel;
@@ -90,9 +82,10 @@ TEST(ParcelTest, PresenceOtherThanZeroReadsAValue)
     EXPECT_EQ(point->StrongCount(), 1);
     EXPECT_TRUE(point->x == 1 && point->y == 2);
     EXPECT_EQ(parcel.ReadParcelable<Point>(), nullptr);
-    // The value is announced but not whole: null, and what could be read is consumed.
+    // The value is announced but not whole: null, and what could be read is consumed. Then there is nothing.
     EXPECT_EQ(parcel.ReadParcelable<Point>(), nullptr);
-    EXPECT_EQ(parcel.GetReadableBytes(), 0U);
+    EXPECT_TRUE(parcel.GetReadableBytes() == 0 && !parcel.ReadBool() && parcel.ReadInt32() == 0);
+    EXPECT_EQ(parcel.ReadParcelable<Point>(), nullptr);
 }
 
 TEST(ParcelTest, TokenAndOptionKeepTheirValues)
