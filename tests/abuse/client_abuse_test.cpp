@@ -142,7 +142,7 @@ protected:
         const int before = service.Connections();
         EXPECT_EQ(Ask(), 0) << log_.Everything();
         EXPECT_EQ(service.Connections(), before + 1);
-        EXPECT_EQ(service.Requests(), asked_);
+        EXPECT_EQ(service.Requests(), asked_.load());
     }
 
     void ExpectLogged(const std::string& text)
@@ -152,7 +152,7 @@ protected:
     }
 
     const SocketFolder folder_;
-    int asked_ = 0;
+    std::atomic<int> asked_{0};
 
 private:
     LogCapture log_;

@@ -44,10 +44,13 @@ SocketFolder::~SocketFolder()
 bool Eventually(const std::function<bool()>& condition)
 {
     const auto end = std::chrono::steady_clock::now() + PATIENCE;
-    while (!condition() && std::chrono::steady_clock::now() < end) {
+    // Asked once for each answer: what held a moment ago may not hold any more, and need not.
+    bool isTrue = condition();
+    while (!isTrue && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        isTrue = condition();
     }
-    return condition();
+    return isTrue;
 }
 
 size_t CountEntries(pid_t pid, const std::string& folder)
