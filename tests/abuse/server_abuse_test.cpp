@@ -316,15 +316,17 @@ void HostileNumbersInEveryPlace(Abuse& abuse)
 void DisconnectWhileTheOperationRuns(Abuse& abuse)
 {
     const std::string gate = abuse.folder.Path() + "/gate";
-    ASSERT_EQ(::mkfifo(gate.c_str(), 0600), 0);
     for (const std::string& ahead : {std::string(), honestFrame + honestFrame}) {
         int open = -1;
+        ASSERT_EQ(::mkfifo(gate.c_str(), 0600), 0);
         {
             const Peer peer(abuse.Path());
             EXPECT_TRUE(peer.Send(MakeByAppFrame("gate", 0) + ahead));
             // Waits until the operation is there.
             open = ::open(gate.c_str(), O_WRONLY | O_CLOEXEC);
         }
+        // The next round's operation is not to be met by what this one has still open.
+        EXPECT_EQ(::unlink(gate.c_str()), 0);
         abuse.ExpectServed();
         ::close(open);
     }
