@@ -143,8 +143,8 @@ def markdown(results):
     lines = [f"{machine['cpu']}, {machine['cpus']} CPUs, Linux {machine['kernel']}, {machine['libc']}, "
              f"{machine['compiler']}, libsystemd {machine['libsystemd']}, Cap'n Proto {machine['capnp']}, "
              f"gRPC {machine['grpc']}; commit {machine['commit']}; load {results['load before'][0]:.1f} before and "
-             f"{results['load after'][0]:.1f} after. Medians of {settings['rounds']} rounds of "
-             f"{settings['milliseconds']} ms.", ""]
+             f"{results['load after'][0]:.1f} after. Medians of {settings['starts']} starts with {settings['rounds']} rounds of "
+             f"{settings['milliseconds']} ms each.", ""]
     if settings["left out"]:
         lines += [f"Left out, for want of a package: {', '.join(settings['left out'])}.", ""]
     lines += goal_table(results)
