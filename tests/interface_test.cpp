@@ -13,11 +13,6 @@ namespace {
 
 using Intf = SecurityPrivacyServiceIntf;
 
-TEST(Interface, DescriptorIsTheOneThatRunningProcessesUse)
-{
-    EXPECT_EQ(u"varn.appsecurityprivacy.securityprivacyserver.SecurityPrivacyServiceIntf", Intf::GetDescriptor());
-}
-
 // The place of a virtual function in its table, as the C++ ABI of Linux keeps it in a member pointer.
 template <class Member>
 intptr_t Slot(Member member)

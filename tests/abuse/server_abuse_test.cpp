@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
+#include <algorithm>
 #include <csignal>
 #include <deque>
 #include <random>
@@ -349,6 +350,10 @@ void RepliesThatWaitForOneUser(Abuse& abuse)
     // Those that were there before get theirs.
     EXPECT_GT(peers[0].ReadReply().size(), 3 * MEBIBYTE);
     EXPECT_GT(peers[1].ReadReply().size(), 3 * MEBIBYTE);
+    // So does one with a shorter reply, which is kept in less than the long buffer that it was written to.
+    const Peer last(abuse.Path());
+    const std::string reply = last.Send(MakeByAppFrame("bulk", MEBIBYTE)) ? last.ReadReply() : "";
+    EXPECT_EQ(std::count(reply.begin(), reply.end(), 'x'), int64_t{MEBIBYTE});
 }
 
 void RequestsAheadThatAreNotRead(Abuse& abuse)
