@@ -79,8 +79,6 @@ Connection::Connection(UniqueFd fd, const Caller& caller, UserAccount& account, 
 Connection::~Connection()
 {
     deadline_.store(0);
-    // A child that the service has forked may hold a copy of the descriptor; the peer should see the end all the same.
-    ::shutdown(fd_.Get(), SHUT_RDWR);
     if (output_) {
         account_.waitingReplyBytes.fetch_sub(output_->body->GetDataSize(), std::memory_order_relaxed);
     }

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "host/frame_reader.h"
@@ -76,6 +77,10 @@ public:
     Next Flush(WorkerBuffers& buffers);
 
     int GetFd() const noexcept { return fd_.Get(); }
+
+    // The socket, to be closed when everything else of the connection is gone.
+    UniqueFd TakeFd() noexcept { return std::move(fd_); }
+
     const Caller& GetCaller() const noexcept { return caller_; }
     UserAccount& GetAccount() const noexcept { return account_; }
     bool HasOutput() const noexcept { return output_ != nullptr; }

@@ -232,9 +232,14 @@ void AbilityServer::Engine::CloseConnection(uint32_t index)
     Slot& slot = slots_[index];
     const Caller caller = slot.connection->GetCaller();
     UserAccount& account = slot.connection->GetAccount();
+    UniqueFd fd = slot.connection->TakeFd();
     slot.connection.reset();
     slot.Free();
     Uncount(caller, account, index);
+    // Last, so that a peer who sees the end and comes back at once finds the place free. A child that the service has
+    // forked may hold a copy of the descriptor; the peer should see the end all the same.
+    ::shutdown(fd.Get(), SHUT_RDWR);
+    fd.Reset();
     if (acceptPaused_.load(std::memory_order_relaxed)) {
         Wake();
     }
