@@ -29,7 +29,7 @@ constexpr int32_t RESULT_OK = 0;
 constexpr int32_t RESULT_TRANSPORT_FAILED = -1;
 constexpr int32_t STATUS_REFUSED = 1;       // another interface's token, or the access check said no
 constexpr int32_t STATUS_UNKNOWN_CODE = 4;  // nothing handles the request code
-constexpr int32_t STATUS_MALFORMED = 5;     // a permission-group or usage request that cannot be read
+constexpr int32_t STATUS_MALFORMED = 5;     // an unreadable request (permission groups, usage), or too long a timeline
 constexpr int32_t INVALID_ARGUMENTS = 401;  // a query that cannot be written, a GToken request that cannot be read
 
 // A list's size as a message states it.

@@ -192,7 +192,7 @@ int32_t SecurityPrivacyServiceStub::HandleGetPermissionUsageTimeline(MessageParc
     std::vector<Record::PermissionUsageRecord> records;
     const int32_t result = GetPermissionUsageTimeline(*query, records);
     if (result == RESULT_OK && SizeOf(records) > MAX_USAGE_RECORD_SIZE) {
-        reply.WriteInt32(STATUS_MALFORMED);
+        reply.WriteInt32(STATUS_MALFORMED);  // refused without a line, where the summary would be sent whole; meant
         return STATUS_MALFORMED;
     }
     reply.WriteInt32(result);

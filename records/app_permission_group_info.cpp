@@ -60,8 +60,8 @@ AppPermissionGroupInfo* AppPermissionGroupInfo::Unmarshalling(Parcel& parcel)
         });
     };
     const auto readDisabledStates = [&] {
-        // Room for as many as are announced, at most the limit; of its own accord the set makes more for the first
-        // alone.
+        // Room for as many as are announced, at most the limit: most often it is one, and of its own accord the set
+        // makes more for that.
         info->disabledStates.reserve(static_cast<size_t>(std::max(disabledStatesSizeRead, 0)));
         return Repeat(disabledStatesSizeRead, [&] {
             std::string disabledState;

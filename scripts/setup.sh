@@ -3,7 +3,8 @@
 # Installs the Debian packages that the project needs and this machine lacks.
 #
 #   scripts/setup.sh        what building, testing and the demo need
-#   scripts/setup.sh all    also what CI needs: Clang and its tools, shellcheck, abigail, Doxygen, Google Benchmark
+#   scripts/setup.sh all    also what CI needs: Clang and its tools, shellcheck, abigail, Doxygen, the benchmarks'
+#                           contenders
 #
 # Runs as root or with sudo. Says nothing when nothing is missing.
 set -euo pipefail
@@ -12,8 +13,9 @@ packages=(cmake g++ libcli11-dev libgmock-dev libgtest-dev ninja-build nlohmann-
 case "${1:-}" in
     "") ;;
     all)
-        packages+=(abigail-tools ccache clang clang-format clang-tidy doxygen dpkg-dev file git jq libbenchmark-dev
-            libclang-rt-dev llvm make man-db pkg-config shellcheck systemd valgrind)
+        packages+=(abigail-tools capnproto ccache clang clang-format clang-tidy doxygen dpkg-dev file git jq
+            libbenchmark-dev libcapnp-dev libclang-rt-dev libgrpc++-dev libsystemd-dev llvm make man-db pkg-config
+            protobuf-compiler protobuf-compiler-grpc shellcheck strace systemd valgrind)
         ;;
     *)
         echo "usage: scripts/setup.sh [all]" >&2

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "support/exchange.h"
 
@@ -35,45 +34,6 @@ TEST_F(Client, CallsBackOnceAndKeepsNothingAfterwards)
         EXPECT_EQ(nullptr, proxy);
     });
     EXPECT_EQ(2, calls);
-}
-
-TEST_F(Client, LetsRequestsInFromInsideARequest)
-{
-    FakeAnswer answer;
-    answer.result = 9;
-    fake.Service().SetAnswer(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, answer);
-    fake.Service().SetResponder(MessageCode::GTOKEN_POLICY_ADD_POLICY, [this](const FakeCall&) {
-        FakeAnswer inner;
-        client.WithSystemAbilityProxy(
-            [&](const sptr<SecurityPrivacyServiceIntf>&) { inner.result = client.GTokenPolicyRemovePolicy({"app"}); });
-        return inner;
-    });
-    EXPECT_EQ(9, client.GTokenPolicyAddPolicy({MakeGTokenInfo()}));
-}
-
-TEST_F(Client, HandlesRequestsOfSeveralThreadsOneAfterTheOther)
-{
-    std::atomic<int> inside{0};
-    const auto beAlone = [&inside](const auto&) {
-        EXPECT_EQ(1, ++inside);
-        std::this_thread::yield();
-        EXPECT_EQ(0, --inside);
-        return FakeAnswer();
-    };
-    fake.Service().SetResponder(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, beAlone);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            for (int request = 0; request < 100; ++request) {
-                client.GTokenPolicyRemovePolicy({"app"});
-                client.WithSystemAbilityProxy(beAlone);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(400U, fake.Service().Calls().size());
 }
 
 // Were the lock still held, the other thread's request and this one would wait for each other for ever.

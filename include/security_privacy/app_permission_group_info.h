@@ -32,7 +32,7 @@ public:
     std::string permissionGroup;
     std::string checkedState;                        // the current state
     std::vector<std::string> shownStates;            // offered for display, in this order
-    std::unordered_set<std::string> disabledStates;  // shown but not to be chosen
+    std::unordered_set<std::string> disabledStates;  // not to be chosen at present
     std::string disabledReason;                      // why states are disabled
     int64_t flags = 0;
 };

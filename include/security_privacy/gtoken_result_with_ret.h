@@ -11,7 +11,7 @@
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 
-// The answer to the get request: a return code and a row for each bundle that has the policy. A plain value.
+// The answer to the get request: a return code and the service's rows, each of one bundle. A plain value.
 class SECURITY_PRIVACY_API GTokenResultWithRet : public Parcelable {
 public:
     // Writes all fields, however many rows there are. False at the first write that fails; the parcel is then to be

@@ -69,7 +69,7 @@ public:
         std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos) = 0;
 
     // Changes the checked state of one app's permission group. `returns` is the service's second answer, and is filled
-    // whatever the result is, unless that is -1.
+    // whatever the service's result is; it stays as it was when the request could not be sent.
     virtual int32_t SetAppPermissionGroupCheckedState(const std::string& bundleName, int32_t uid,
                                                       const std::string& permissionGroup,
                                                       const Permission::CheckedStateParameter& checkedStateParameter,

@@ -29,12 +29,14 @@ public:
     ~SecurityPrivacyServiceStub() override;
 
     // Handles one request. Returns 1 when it is meant for another interface or the access check refuses it, 4 when the
-    // code is not known, 5 (permission groups, usage) or 401 (GToken) when the request is malformed, and otherwise 0 or
-    // the operation's own non-zero result where that ends the request. Any other status than 0 reaches a client as -1.
+    // code is not known, 5 (permission groups, usage) or 401 (GToken) when the request is malformed, 5 also when a
+    // timeline has more than 10000 records, and otherwise 0 or the operation's own non-zero result where that ends the
+    // request. Any other status than 0 reaches a client as -1.
     int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override;
 
     // The access check: whether whoever sent the request that this thread is handling may use `messageCode`. Called for
-    // every request before anything but the interface token is read, for codes that do not exist as well.
+    // every request with the right interface token, before anything else of it is read, for codes that do not exist as
+    // well.
     virtual bool IsMessageCodeAllowed(uint32_t messageCode) = 0;
 
 private:

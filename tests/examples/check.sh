@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # The two example programs as processes of their own: every exit code of the client, clients that change the same things
-# at once, and a search through everything that both print, at every log level, for a fingerprint.
+# at once, and a search through everything that both print, by default and at the most talkative level, for a
+# fingerprint.
 #
 #   check.sh SERVICE CLIENT DATA
 set -euo pipefail

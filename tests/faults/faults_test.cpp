@@ -9,7 +9,7 @@
 #include "varn/host/ability_server.h"
 #include "varn/host/log_sink.h"
 
-// Each system call of the transport, and each allocation that does not throw, fails once in turn, on either side.
+// Each system call that carries a request, and each allocation that does not throw, fails once in turn, on either side.
 namespace VARN::Testing {
 namespace {
 

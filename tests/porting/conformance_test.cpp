@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "security_privacy/security_privacy_client.h"
@@ -52,6 +54,46 @@ TEST(ConformanceTest, FailuresKeepTheirResults)
         fake.Service().SetResponder(code, [](const FakeCall&) -> FakeAnswer { throw std::runtime_error("broken"); });
         EXPECT_EQ(request(), -1) << "an exception must not leave the platform";
     }
+}
+
+TEST(ConformanceTest, LetsRequestsInFromInsideARequest)
+{
+    const FakeServiceScope fake;
+    FakeAnswer answer;
+    answer.result = 9;
+    fake.Service().SetAnswer(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, answer);
+    fake.Service().SetResponder(MessageCode::GTOKEN_POLICY_ADD_POLICY, [](const FakeCall&) {
+        FakeAnswer inner;
+        Client().WithSystemAbilityProxy([&](auto&) { inner.result = Client().GTokenPolicyRemovePolicy({"app"}); });
+        return inner;
+    });
+    EXPECT_EQ(9, Client().GTokenPolicyAddPolicy({MakeGTokenInfo()}));
+}
+
+TEST(ConformanceTest, HandlesRequestsOfSeveralThreadsOneAfterTheOther)
+{
+    const FakeServiceScope fake;
+    std::atomic<int> inside{0};
+    const auto beAlone = [&inside](const auto&) {
+        EXPECT_EQ(1, ++inside);
+        std::this_thread::yield();
+        EXPECT_EQ(0, --inside);
+        return FakeAnswer();
+    };
+    fake.Service().SetResponder(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, beAlone);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            for (int request = 0; request < 100; ++request) {
+                Client().GTokenPolicyRemovePolicy({"app"});
+                Client().WithSystemAbilityProxy(beAlone);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(400U, fake.Service().Calls().size());
 }
 
 TEST(ConformanceTest, LogCallTakesMarkersAndTemporaries)

@@ -33,8 +33,7 @@ constexpr int DropLogLine() noexcept
 // Thread safety: may be called from any thread, also during static initialisation and destruction.
 extern "C" VARN_API int VoLogPrint(int type, int level, uint32_t domain, const char* tag, const char* format, ...);
 
-// The level is tested before the arguments are evaluated, so that a line that nobody reads costs a comparison; it is
-// itself evaluated twice. Wherever
-// the name is not called, and in `(VoLogPrint)(...)`, it is the function above.
+// The level is tested before the arguments are evaluated, so that a line that nobody reads costs a comparison; the
+// level itself is evaluated twice. Where the name is not called, and in `(VoLogPrint)(...)`, it is the function above.
 #define VoLogPrint(type, level, ...) \
     (::VARN::IsLogLineWanted(level) ? (VoLogPrint)(type, level, __VA_ARGS__) : ::VARN::DropLogLine())
