@@ -18,7 +18,7 @@ namespace VARN::Host {
 
 // What one user id takes of a server.
 struct UserAccount {
-    size_t connections = 0;  // guarded by the engine's lock
+    size_t connections = 0;  // guarded by the slot table's lock
     // Relaxed: a sum that is compared with a limit; nothing else hangs on it.
     std::atomic<size_t> waitingReplyBytes{0};
 };

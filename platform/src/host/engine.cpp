@@ -77,9 +77,8 @@ AbilityServer::Engine::Engine(const AbilityServer& server)
     : server_(server),
       id_(server.id_),
       context_{server.stub_, server.options_, RefusalLog(server.id_)},
-      slots_(new Slot[server.options_.maxConnections])
+      slots_(server.options_)
 {
-    freeSlots_.reserve(server.options_.maxConnections);
 }
 
 AbilityServer::Engine::~Engine()
@@ -143,7 +142,7 @@ void AbilityServer::Engine::Stop()
     threads_.clear();
     DrainOutput();
     listener_.Close();
-    const uint32_t used = CountUsedSlots();
+    const uint32_t used = slots_.CountUsed();
     for (uint32_t index = 0; index < used; ++index) {
         if (slots_[index].AcquireIdle()) {
             CloseConnection(index);
@@ -235,56 +234,13 @@ void AbilityServer::Engine::CloseConnection(uint32_t index)
     UniqueFd fd = slot.connection->TakeFd();
     slot.connection.reset();
     slot.Free();
-    Uncount(caller, account, index);
+    slots_.Leave(caller, account, index);
     // Last, so that a peer who sees the end and comes back at once finds the place free. A child that the service has
     // forked may hold a copy of the descriptor; the peer should see the end all the same.
     ::shutdown(fd.Get(), SHUT_RDWR);
     fd.Reset();
     if (acceptPaused_.load(std::memory_order_relaxed)) {
         Wake();
-    }
-}
-
-// Where the connection is counted and which place it gets; nothing, after a line, when there is no place for it.
-UserAccount* AbilityServer::Engine::Count(const Caller& caller, uint32_t& index)
-{
-    const AbilityServerOptions& options = context_.options;
-    size_t ofUser = 0;
-    {
-        const MutexLock lock(mutex_);
-        std::unique_ptr<UserAccount>& account = accounts_[caller.uid];
-        if (!account) {
-            account = std::make_unique<UserAccount>();
-        }
-        ofUser = account->connections;
-        const bool full = freeSlots_.empty() && usedSlots_ == options.maxConnections;
-        if (!full && ofUser < options.maxConnectionsPerUser) {
-            ++account->connections;
-            if (freeSlots_.empty()) {
-                freeSlots_.push_back(usedSlots_++);
-            }
-            index = freeSlots_.back();
-            freeSlots_.pop_back();
-            return account.get();
-        }
-        if (ofUser == 0) {
-            accounts_.erase(caller.uid);
-        }
-    }
-    if (ofUser >= options.maxConnectionsPerUser) {
-        context_.refusals.Report(Limit::CONNECTIONS_PER_USER, caller, ofUser, options.maxConnectionsPerUser);
-    } else {
-        context_.refusals.Report(Limit::CONNECTIONS, caller, options.maxConnections, options.maxConnections);
-    }
-    return nullptr;
-}
-
-void AbilityServer::Engine::Uncount(const Caller& caller, UserAccount& account, uint32_t index)
-{
-    const MutexLock lock(mutex_);
-    freeSlots_.push_back(index);
-    if (--account.connections == 0) {
-        accounts_.erase(caller.uid);
     }
 }
 
@@ -298,7 +254,7 @@ void AbilityServer::Engine::Admit(UniqueFd fd)
     }
     const Caller caller{peer.pid, peer.uid, peer.gid};
     uint32_t index = 0;
-    UserAccount* account = Count(caller, index);
+    UserAccount* account = slots_.Enter(caller, context_.refusals, index);
     if (account == nullptr) {
         return;
     }
@@ -310,7 +266,7 @@ void AbilityServer::Engine::Admit(UniqueFd fd)
     slot.connection.reset(new (std::nothrow) Connection(std::move(fd), caller, *account, slot.deadline));
     if (!slot.connection) {
         PLATFORM_ERROR("service %d: no memory for a connection of uid %u", id_, caller.uid);
-        Uncount(caller, *account, index);
+        slots_.Leave(caller, *account, index);
         return;
     }
     slot.connection->armedEvents = INPUT_EVENTS;
@@ -389,7 +345,7 @@ void AbilityServer::Engine::WatchFor(int64_t deadline)
 int64_t AbilityServer::Engine::EndOverdue()
 {
     nextLook_.store(NEVER);
-    const uint32_t used = CountUsedSlots();
+    const uint32_t used = slots_.CountUsed();
     const int64_t now = Now();
     int64_t next = NEVER;
     for (uint32_t index = 0; index < used; ++index) {
@@ -424,7 +380,7 @@ void AbilityServer::Engine::DrainOutput()
 {
     const Deadline end(DRAIN_TIME);
     WorkerBuffers buffers;
-    const uint32_t used = CountUsedSlots();
+    const uint32_t used = slots_.CountUsed();
     for (uint32_t index = 0; index < used; ++index) {
         Slot& slot = slots_[index];
         if (!slot.AcquireIdle()) {
@@ -447,12 +403,6 @@ void AbilityServer::Engine::LetGo(uint32_t index)
     do {
         Arm(index, Connection::Next::TURN);
     } while (!slots_[index].Release(hangUp));
-}
-
-uint32_t AbilityServer::Engine::CountUsedSlots()
-{
-    const MutexLock lock(mutex_);
-    return usedSlots_;
 }
 
 void AbilityServer::Engine::Wake() const

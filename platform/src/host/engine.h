@@ -4,16 +4,13 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <thread>
-#include <unordered_map>
 #include <vector>
 
 #include "host/connection.h"
 #include "host/listener.h"
-#include "host/slot.h"
-#include "host/thread_safety.h"
+#include "host/slot_table.h"
 #include "host/unique_fd.h"
 
 namespace VARN::Host {
@@ -44,14 +41,11 @@ private:
 
     void AcceptSome();
     void Admit(UniqueFd fd);
-    UserAccount* Count(const Caller& caller, uint32_t& index);
-    void Uncount(const Caller& caller, UserAccount& account, uint32_t index);
     void HandleEvent(uint64_t token, uint32_t events, WorkerBuffers& buffers);
     Connection::Next ServeOnce(Slot& slot, WorkerBuffers& buffers, bool hangUp);
     bool Arm(uint32_t index, Connection::Next next);
     void CloseConnection(uint32_t index);
     void LetGo(uint32_t index);
-    uint32_t CountUsedSlots();
     void WatchFor(int64_t deadline);
     int64_t EndOverdue();
     void DrainOutput();
@@ -73,12 +67,7 @@ private:
     std::atomic<int64_t> nextLook_{0};
     std::atomic<bool> acceptPaused_{false};
 
-    const std::unique_ptr<Slot[]> slots_;
-
-    Mutex mutex_;
-    std::vector<uint32_t> freeSlots_ GUARDED_BY(mutex_);
-    uint32_t usedSlots_ GUARDED_BY(mutex_) = 0;  // slots that were ever taken; the rest was never touched
-    std::unordered_map<uid_t, std::unique_ptr<UserAccount>> accounts_ GUARDED_BY(mutex_);
+    SlotTable slots_;
 };
 
 }  // namespace VARN::Host
