@@ -56,7 +56,7 @@ void AddOptions(CLI::App& app, Options& options, int64_t& stallTimeoutMs)
     app.add_flag("--read-only", options.isReadOnly, "Refuse every change, whoever asks")->group(access);
 
     const char* limits = "Limits";
-    app.add_option("--workers", options.server.workers, "Threads that run requests [one a processor, at least 4]")
+    app.add_option("--workers", options.server.workers, "Threads that run requests [one a processor, at least 8]")
         ->option_text("N")
         ->check(CLI::Range(1, MAX_WORKERS))
         ->group(limits);

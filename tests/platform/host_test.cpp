@@ -4,6 +4,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <fstream>
@@ -192,6 +193,49 @@ TEST_F(HostTest, SerialInvocationRunsOneAtATime)
         for (std::thread& caller : callers) {
             caller.join();
         }
+    }
+}
+
+// Workers stay with connections that are busy: those must not be missed when the others need them.
+TEST_F(HostTest, ConnectionsThatFallSilentHoldNoWorker)
+{
+    std::array<std::promise<void>, 2> begun;
+    std::promise<void> release;
+    const std::shared_future<void> released = release.get_future().share();
+    const sptr<IPCObjectStub> service(new Service([&](uint32_t code, MessageParcel& data, MessageParcel& reply) {
+        if (code != 1) {
+            begun[code - 2].set_value();
+            released.wait();
+        }
+        return Echo(1, data, reply);
+    }));
+    AbilityServerOptions options;
+    options.workers = 3;
+    AbilityServer server(ID, service, options);
+    ASSERT_TRUE(server.Start());
+    const std::string body = MakeBody("text");
+    const std::string request = MakeFrame(1, body);
+    const std::string reply = MakeFrame(1, body, 2);
+    const auto asks = [&](const RawClient& client, const std::string& bytes) {
+        return client.Send(bytes) && client.Receive(reply.size()) == reply;
+    };
+    const std::array<RawClient, 4> clients{RawClient(Path()), RawClient(Path()), RawClient(Path()), RawClient(Path())};
+    for (int round = 0; round < 100; ++round) {
+        EXPECT_TRUE(asks(clients[0], request) && asks(clients[1], request));
+    }
+    for (uint32_t slow = 0; slow < begun.size(); ++slow) {
+        EXPECT_TRUE(clients[2 + slow].Send(MakeFrame(2 + slow, body)));
+        begun[slow].get_future().wait();
+        EXPECT_TRUE(asks(RawClient(Path()), request) && asks(clients[slow], request));
+    }
+    // What they go on with arrives in parts, several at once, and before an end.
+    EXPECT_TRUE(asks(clients[0], request + request.substr(0, 9)) && asks(clients[0], request.substr(9)));
+    EXPECT_TRUE(asks(clients[1], request + request) && clients[1].Receive(reply.size()) == reply);
+    EXPECT_TRUE(clients[1].Send(request) && ::shutdown(clients[1].GetFd(), SHUT_WR) == 0);
+    EXPECT_EQ(clients[1].Receive(2 * reply.size()), reply);
+    release.set_value();
+    for (uint32_t slow = 0; slow < begun.size(); ++slow) {
+        EXPECT_EQ(clients[2 + slow].Receive(reply.size()), MakeFrame(2 + slow, body, 2));
     }
 }
 

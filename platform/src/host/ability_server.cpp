@@ -14,7 +14,7 @@ namespace VARN::Host {
 namespace {
 
 // So that a few slow operations do not stop the others, however few processors there are.
-constexpr size_t LEAST_WORKERS = 4;
+constexpr size_t LEAST_WORKERS = 8;
 
 AbilityServerOptions FillDefaults(AbilityServerOptions options)
 {

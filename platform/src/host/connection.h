@@ -85,8 +85,11 @@ public:
     UserAccount& GetAccount() const noexcept { return account_; }
     bool HasOutput() const noexcept { return output_ != nullptr; }
 
-    // The events that the connection is registered for; the engine's note.
+    // The engine's notes: the events that the connection is registered for; when a worker last came to it, in
+    // milliseconds; how often in a row that was soon after the time before.
     uint32_t armedEvents = 0;
+    uint32_t quickVisits = 0;
+    int64_t lastVisit = 0;
 
 private:
     struct Output {

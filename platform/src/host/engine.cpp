@@ -16,6 +16,7 @@
 #include <csignal>
 #include <exception>
 #include <new>
+#include <optional>
 #include <utility>
 
 #include "host/deadline.h"
@@ -32,6 +33,13 @@ constexpr uint32_t INPUT_EVENTS = EPOLLIN | EPOLLRDHUP | EPOLLET;
 constexpr uint32_t OUTPUT_EVENTS = EPOLLOUT | EPOLLRDHUP | EPOLLET;
 // A socket is nearly always writable, so arming for both brings the next turn at once.
 constexpr uint32_t TURN_EVENTS = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+
+// For a worker that stays: what cannot be turned off, a hang-up, is then told only once.
+constexpr uint32_t STAY_EVENTS = EPOLLET;
+
+// A worker stays when so many visits in a row each came so soon after the one before: then the next will too.
+constexpr uint32_t QUICK_VISITS = 8;
+constexpr int64_t QUICK_MILLISECONDS = 10;
 
 constexpr int64_t NEVER = INT64_MAX;
 constexpr int64_t NANOSECONDS_PER_MILLISECOND = 1'000'000;
@@ -57,6 +65,30 @@ int64_t Now()
 {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+}
+
+// Good to some milliseconds, for a few nanoseconds.
+int64_t CoarseMilliseconds()
+{
+    timespec now = {};
+    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / NANOSECONDS_PER_MILLISECOND;
+}
+
+uint32_t EventsFor(Connection::Next next)
+{
+    return next == Connection::Next::OUTPUT ? OUTPUT_EVENTS
+           : next == Connection::Next::TURN ? TURN_EVENTS
+                                            : INPUT_EVENTS;
+}
+
+bool IsBusy(Connection& connection)
+{
+    const int64_t now = CoarseMilliseconds();
+    const bool isQuick = now - connection.lastVisit <= QUICK_MILLISECONDS;
+    connection.lastVisit = now;
+    connection.quickVisits = isQuick ? connection.quickVisits + 1 : 0;
+    return connection.quickVisits >= QUICK_VISITS;
 }
 
 uint64_t CountAllowedDescriptors()
@@ -101,45 +133,81 @@ std::string AbilityServer::Engine::Start()
     epoll_ = UniqueFd(::epoll_create1(EPOLL_CLOEXEC));
     stopEvent_ = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     wakeEvent_ = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    recall_ = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     epoll_event stop = {};
     stop.events = EPOLLIN;
     stop.data.u64 = STOP_TOKEN;
-    if (!epoll_ || !stopEvent_ || !wakeEvent_ ||
+    if (!epoll_ || !stopEvent_ || !wakeEvent_ || !recall_ ||
         ::epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, stopEvent_.Get(), &stop) != 0) {
         return "the descriptors of the server cannot be made: " + ErrorText(errno);
     }
-    // Signals are the program's own threads' business.
+    // Signals are the program's own threads' business. Workers that are started later inherit this.
     sigset_t all;
     sigset_t before;
     ::sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, &before);
-    try {
-        threads_.emplace_back(&Engine::RunThread, this, &Engine::Watch);
-        for (size_t worker = 0; worker < context_.options.workers; ++worker) {
-            threads_.emplace_back(&Engine::RunThread, this, &Engine::Work);
+    {
+        const MutexLock lock(mutex_);
+        problem = AddThread(&Engine::Watch);
+        if (problem.empty()) {
+            problem = AddThread(&Engine::Work);
         }
-    } catch (const std::exception& exception) {
-        // The system refuses, or memory runs out; either way the signals are ours to give back.
-        problem = std::string("a thread cannot be started: ") + exception.what();
     }
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     return problem;
+}
+
+// Empty on success, else what is wrong.
+std::string AbilityServer::Engine::AddThread(void (Engine::*loop)())
+{
+    try {
+        threads_.emplace_back(&Engine::RunThread, this, loop);
+        return {};
+    } catch (const std::exception& exception) {
+        // The system refuses, or memory runs out.
+        return std::string("a thread cannot be started: ") + exception.what();
+    }
+}
+
+// False when there are to be no more, or for now, after a line, cannot be.
+bool AbilityServer::Engine::AddWorker()
+{
+    size_t workers = 0;
+    std::string problem;
+    {
+        const MutexLock lock(mutex_);
+        if (stopping_.load(std::memory_order_relaxed) || threads_.size() > context_.options.workers) {
+            hasAllWorkers_.store(true, std::memory_order_relaxed);
+            return false;
+        }
+        workers = threads_.size() - 1;
+        problem = AddThread(&Engine::Work);
+    }
+    if (!problem.empty()) {
+        context_.refusals.Report(Limit::WORKERS, CurrentCaller(), workers, context_.options.workers, problem.c_str());
+    }
+    return problem.empty();
 }
 
 void AbilityServer::Engine::Stop()
 {
     // The files go first, so that nobody finds a server that is about to go; the socket when nobody polls it any more.
     listener_.Withdraw();
-    // Relaxed: the write to the event orders it.
-    stopping_.store(true, std::memory_order_relaxed);
+    std::vector<std::thread> threads;
+    {
+        const MutexLock lock(mutex_);
+        // Relaxed: the lock orders it for who would start a thread, the write to the event for all others.
+        stopping_.store(true, std::memory_order_relaxed);
+        threads.swap(threads_);
+    }
     if (stopEvent_) {
         ::eventfd_write(stopEvent_.Get(), 1);
+        ::eventfd_write(recall_.Get(), 1);
         Wake();
     }
-    for (std::thread& thread : threads_) {
+    for (std::thread& thread : threads) {
         thread.join();
     }
-    threads_.clear();
     DrainOutput();
     listener_.Close();
     const uint32_t used = slots_.CountUsed();
@@ -162,15 +230,21 @@ void AbilityServer::Engine::RunThread(void (Engine::*loop)())
 
 void AbilityServer::Engine::Work()
 {
-    WorkerBuffers buffers;
+    std::optional<WorkerBuffers> buffers;
     while (!stopping_.load(std::memory_order_relaxed)) {
         // One event at a time: what waits behind a slow operation is there for the other workers to take.
         epoll_event event = {};
-        const int count = ::epoll_wait(epoll_.Get(), &event, 1, buffers.HoldsMuch() ? IDLE_MILLISECONDS : -1);
+        waiting_.fetch_add(1);
+        const int count =
+            ::epoll_wait(epoll_.Get(), &event, 1, buffers && buffers->HoldsMuch() ? IDLE_MILLISECONDS : -1);
+        BeginWork();
         if (count == 1 && event.data.u64 != STOP_TOKEN) {
-            HandleEvent(event.data.u64, event.events, buffers);
+            if (!buffers) {
+                buffers.emplace();
+            }
+            HandleEvent(event.data.u64, event.events, *buffers);
         } else if (count == 0) {
-            buffers.LetGo();
+            buffers->LetGo();
         } else if (count < 0 && errno != EINTR) {
             PLATFORM_ERROR("service %d: a worker ends: epoll_wait: %s", id_, ErrorText(errno).c_str());
             return;
@@ -187,9 +261,12 @@ void AbilityServer::Engine::HandleEvent(uint64_t token, uint32_t events, WorkerB
         return;
     }
     do {
-        const Connection::Next next = ServeOnce(slot, buffers, hangUp);
+        Connection::Next next = ServeOnce(slot, buffers, hangUp);
+        if (IsBusy(*slot.connection)) {
+            next = Stay(index, next, buffers);
+        }
         WatchFor(slot.deadline.load());
-        if (next == Connection::Next::CLOSE || !Arm(index, next)) {
+        if (next == Connection::Next::CLOSE || !Arm(index, EventsFor(next))) {
             CloseConnection(index);
             return;
         }
@@ -211,17 +288,63 @@ Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buf
     return Connection::Next::CLOSE;
 }
 
-bool AbilityServer::Engine::Arm(uint32_t index, Connection::Next next)
+// Serves a connection on and on, while it has no deadline (those are for the watcher, who takes no owned connection).
+Connection::Next AbilityServer::Engine::Stay(uint32_t index, Connection::Next next, WorkerBuffers& buffers)
+{
+    Slot& slot = slots_[index];
+    const auto mayStay = [&] {
+        const bool goesOn = next == Connection::Next::INPUT || next == Connection::Next::TURN;
+        return goesOn && slot.deadline.load() == 0 && waiting_.load() != 0 &&
+               !stopping_.load(std::memory_order_relaxed);
+    };
+    if (!mayStay() || !Arm(index, STAY_EVENTS)) {
+        return next;
+    }
+    staying_.fetch_add(1);
+    while (mayStay() && (next == Connection::Next::TURN || AwaitNext(*slot.connection, buffers))) {
+        next = ServeOnce(slot, buffers, false);
+    }
+    staying_.fetch_sub(1);
+    slot.connection->quickVisits = 0;
+    return next;
+}
+
+// False when the peer sends nothing and the worker is called back, or has been idle for long.
+bool AbilityServer::Engine::AwaitNext(const Connection& connection, WorkerBuffers& buffers) const
+{
+    std::array<pollfd, 2> entries{{{connection.GetFd(), POLLIN, 0}, {recall_.Get(), POLLIN, 0}}};
+    const int count = ::poll(entries.data(), entries.size(), buffers.HoldsMuch() ? IDLE_MILLISECONDS : -1);
+    if (count == 0) {
+        buffers.LetGo();
+    }
+    if (entries[1].revents != 0) {
+        eventfd_t ignored = 0;
+        ::eventfd_read(recall_.Get(), &ignored);
+        // At the end all are called back: each passes it on.
+        if (stopping_.load(std::memory_order_relaxed)) {
+            ::eventfd_write(recall_.Get(), 1);
+        }
+    }
+    return entries[0].revents != 0;
+}
+
+void AbilityServer::Engine::BeginWork()
+{
+    const bool isLast = waiting_.fetch_sub(1) == 1;
+    if (isLast && (hasAllWorkers_.load(std::memory_order_relaxed) || !AddWorker()) && staying_.load() != 0) {
+        ::eventfd_write(recall_.Get(), 1);
+    }
+}
+
+bool AbilityServer::Engine::Arm(uint32_t index, uint32_t events)
 {
     Connection& connection = *slots_[index].connection;
-    epoll_event event = {};
-    event.events = next == Connection::Next::INPUT    ? INPUT_EVENTS
-                   : next == Connection::Next::OUTPUT ? OUTPUT_EVENTS
-                                                      : TURN_EVENTS;
-    if (event.events == connection.armedEvents && next != Connection::Next::TURN) {
+    if (events == connection.armedEvents && events != TURN_EVENTS) {
         return true;
     }
-    connection.armedEvents = event.events;
+    connection.armedEvents = events;
+    epoll_event event = {};
+    event.events = events;
     event.data.u64 = MakeToken(slots_[index].GetGeneration(), index);
     return ::epoll_ctl(epoll_.Get(), EPOLL_CTL_MOD, connection.GetFd(), &event) == 0;
 }
@@ -401,7 +524,7 @@ void AbilityServer::Engine::LetGo(uint32_t index)
 {
     bool hangUp = false;
     do {
-        Arm(index, Connection::Next::TURN);
+        Arm(index, TURN_EVENTS);
     } while (!slots_[index].Release(hangUp));
 }
 

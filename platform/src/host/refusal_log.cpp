@@ -11,9 +11,10 @@ namespace VARN::Host {
 namespace {
 
 // In the order of Limit.
-constexpr std::array<const char*, 8> NAMES = {
-    "connections",      "connections per user",         "request bytes", "request time in ms",
-    "reply time in ms", "waiting reply bytes per user", "protocol",      "descriptors of the process",
+constexpr std::array<const char*, 9> NAMES = {
+    "connections",        "connections per user",       "request bytes",
+    "request time in ms", "reply time in ms",           "waiting reply bytes per user",
+    "protocol",           "descriptors of the process", "workers",
 };
 
 constexpr int64_t PAUSE_NANOSECONDS = 1'000'000'000;

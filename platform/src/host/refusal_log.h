@@ -10,7 +10,7 @@
 
 namespace VARN::Host {
 
-// What a server ends a connection for.
+// What a server ends a connection for, or, the last two, what keeps it from having more.
 enum class Limit {
     CONNECTIONS,
     CONNECTIONS_PER_USER,
@@ -19,7 +19,8 @@ enum class Limit {
     REPLY_TIME,
     REPLY_BYTES,
     PROTOCOL,
-    DESCRIPTORS
+    DESCRIPTORS,
+    WORKERS
 };
 
 // Writes a warn line when a limit bites, at most one a second for each limit: a peer that is refused in a loop must not
@@ -42,7 +43,7 @@ private:
         int64_t lastNanoseconds = 0;  // 0: never
         uint64_t suppressed = 0;
     };
-    static constexpr size_t LIMITS = static_cast<size_t>(Limit::DESCRIPTORS) + 1;
+    static constexpr size_t LIMITS = static_cast<size_t>(Limit::WORKERS) + 1;
 
     const int32_t id_;
     Mutex mutex_;

@@ -10,6 +10,7 @@
 #define VARN_THREAD_ANNOTATION(x)
 #endif
 #define GUARDED_BY(mutex) VARN_THREAD_ANNOTATION(guarded_by(mutex))
+#define REQUIRES(mutex) VARN_THREAD_ANNOTATION(requires_capability(mutex))
 
 namespace VARN::Host {
 
