@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
@@ -94,6 +95,14 @@ extern "C" int fcntl(int fd, int command, ...)
     void* argument = va_arg(arguments, void*);
     va_end(arguments);
     return Strike("fcntl") ? -1 : real(fd, command, argument);
+}
+
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
+                              void* argument) __THROWNL
+{
+    REAL(pthread_create);
+    const int error = Strike("pthread_create");
+    return error != 0 ? error : real(thread, attributes, run, argument);
 }
 
 extern "C" ssize_t recv(int fd, void* to, size_t room, int flags)
