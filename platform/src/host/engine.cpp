@@ -109,7 +109,8 @@ AbilityServer::Engine::Engine(const AbilityServer& server)
     : server_(server),
       id_(server.id_),
       context_{server.stub_, server.options_, RefusalLog(server.id_)},
-      slots_(server.options_)
+      slots_(server.options_),
+      workers_(server.options_.workers, context_.refusals, [this] { RunThread(&Engine::Work); })
 {
 }
 
@@ -133,11 +134,10 @@ std::string AbilityServer::Engine::Start()
     epoll_ = UniqueFd(::epoll_create1(EPOLL_CLOEXEC));
     stopEvent_ = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     wakeEvent_ = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    recall_ = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     epoll_event stop = {};
     stop.events = EPOLLIN;
     stop.data.u64 = STOP_TOKEN;
-    if (!epoll_ || !stopEvent_ || !wakeEvent_ || !recall_ ||
+    if (!epoll_ || !stopEvent_ || !wakeEvent_ ||
         ::epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, stopEvent_.Get(), &stop) != 0) {
         return "the descriptors of the server cannot be made: " + ErrorText(errno);
     }
@@ -146,67 +146,30 @@ std::string AbilityServer::Engine::Start()
     sigset_t before;
     ::sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, &before);
-    {
-        const MutexLock lock(mutex_);
-        problem = AddThread(&Engine::Watch);
-        if (problem.empty()) {
-            problem = AddThread(&Engine::Work);
-        }
+    try {
+        watcher_ = std::thread(&Engine::RunThread, this, &Engine::Watch);
+        problem = workers_.Start();
+    } catch (const std::exception& exception) {
+        // The system refuses, or memory runs out.
+        problem = std::string("a thread cannot be started: ") + exception.what();
     }
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     return problem;
-}
-
-// Empty on success, else what is wrong.
-std::string AbilityServer::Engine::AddThread(void (Engine::*loop)())
-{
-    try {
-        threads_.emplace_back(&Engine::RunThread, this, loop);
-        return {};
-    } catch (const std::exception& exception) {
-        // The system refuses, or memory runs out.
-        return std::string("a thread cannot be started: ") + exception.what();
-    }
-}
-
-// False when there are to be no more, or for now, after a line, cannot be.
-bool AbilityServer::Engine::AddWorker()
-{
-    size_t workers = 0;
-    std::string problem;
-    {
-        const MutexLock lock(mutex_);
-        if (stopping_.load(std::memory_order_relaxed) || threads_.size() > context_.options.workers) {
-            hasAllWorkers_.store(true, std::memory_order_relaxed);
-            return false;
-        }
-        workers = threads_.size() - 1;
-        problem = AddThread(&Engine::Work);
-    }
-    if (!problem.empty()) {
-        context_.refusals.Report(Limit::WORKERS, CurrentCaller(), workers, context_.options.workers, problem.c_str());
-    }
-    return problem.empty();
 }
 
 void AbilityServer::Engine::Stop()
 {
     // The files go first, so that nobody finds a server that is about to go; the socket when nobody polls it any more.
     listener_.Withdraw();
-    std::vector<std::thread> threads;
-    {
-        const MutexLock lock(mutex_);
-        // Relaxed: the lock orders it for who would start a thread, the write to the event for all others.
-        stopping_.store(true, std::memory_order_relaxed);
-        threads.swap(threads_);
-    }
+    // Relaxed: the write to the event orders it.
+    stopping_.store(true, std::memory_order_relaxed);
     if (stopEvent_) {
         ::eventfd_write(stopEvent_.Get(), 1);
-        ::eventfd_write(recall_.Get(), 1);
         Wake();
     }
-    for (std::thread& thread : threads) {
-        thread.join();
+    workers_.Stop();
+    if (watcher_.joinable()) {
+        watcher_.join();
     }
     DrainOutput();
     listener_.Close();
@@ -234,10 +197,11 @@ void AbilityServer::Engine::Work()
     while (!stopping_.load(std::memory_order_relaxed)) {
         // One event at a time: what waits behind a slow operation is there for the other workers to take.
         epoll_event event = {};
-        waiting_.fetch_add(1);
+        workers_.BeginWait();
         const int count =
             ::epoll_wait(epoll_.Get(), &event, 1, buffers && buffers->HoldsMuch() ? IDLE_MILLISECONDS : -1);
-        BeginWork();
+        const int error = errno;
+        workers_.EndWait();
         if (count == 1 && event.data.u64 != STOP_TOKEN) {
             if (!buffers) {
                 buffers.emplace();
@@ -245,8 +209,8 @@ void AbilityServer::Engine::Work()
             HandleEvent(event.data.u64, event.events, *buffers);
         } else if (count == 0) {
             buffers->LetGo();
-        } else if (count < 0 && errno != EINTR) {
-            PLATFORM_ERROR("service %d: a worker ends: epoll_wait: %s", id_, ErrorText(errno).c_str());
+        } else if (count < 0 && error != EINTR) {
+            PLATFORM_ERROR("service %d: a worker ends: epoll_wait: %s", id_, ErrorText(error).c_str());
             return;
         }
     }
@@ -294,46 +258,23 @@ Connection::Next AbilityServer::Engine::Stay(uint32_t index, Connection::Next ne
     Slot& slot = slots_[index];
     const auto mayStay = [&] {
         const bool goesOn = next == Connection::Next::INPUT || next == Connection::Next::TURN;
-        return goesOn && slot.deadline.load() == 0 && waiting_.load() != 0 &&
-               !stopping_.load(std::memory_order_relaxed);
+        return goesOn && slot.deadline.load() == 0 && workers_.MayStay();
     };
     if (!mayStay() || !Arm(index, STAY_EVENTS)) {
         return next;
     }
-    staying_.fetch_add(1);
-    while (mayStay() && (next == Connection::Next::TURN || AwaitNext(*slot.connection, buffers))) {
+    workers_.BeginStay();
+    while (mayStay()) {
+        if (next == Connection::Next::INPUT &&
+            !workers_.AwaitInput(slot.connection->GetFd(), buffers.HoldsMuch() ? IDLE_MILLISECONDS : -1)) {
+            buffers.LetGo();
+            break;
+        }
         next = ServeOnce(slot, buffers, false);
     }
-    staying_.fetch_sub(1);
+    workers_.EndStay();
     slot.connection->quickVisits = 0;
     return next;
-}
-
-// False when the peer sends nothing and the worker is called back, or has been idle for long.
-bool AbilityServer::Engine::AwaitNext(const Connection& connection, WorkerBuffers& buffers) const
-{
-    std::array<pollfd, 2> entries{{{connection.GetFd(), POLLIN, 0}, {recall_.Get(), POLLIN, 0}}};
-    const int count = ::poll(entries.data(), entries.size(), buffers.HoldsMuch() ? IDLE_MILLISECONDS : -1);
-    if (count == 0) {
-        buffers.LetGo();
-    }
-    if (entries[1].revents != 0) {
-        eventfd_t ignored = 0;
-        ::eventfd_read(recall_.Get(), &ignored);
-        // At the end all are called back: each passes it on.
-        if (stopping_.load(std::memory_order_relaxed)) {
-            ::eventfd_write(recall_.Get(), 1);
-        }
-    }
-    return entries[0].revents != 0;
-}
-
-void AbilityServer::Engine::BeginWork()
-{
-    const bool isLast = waiting_.fetch_sub(1) == 1;
-    if (isLast && (hasAllWorkers_.load(std::memory_order_relaxed) || !AddWorker()) && staying_.load() != 0) {
-        ::eventfd_write(recall_.Get(), 1);
-    }
 }
 
 bool AbilityServer::Engine::Arm(uint32_t index, uint32_t events)
