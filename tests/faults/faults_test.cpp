@@ -101,21 +101,21 @@ TEST_P(FaultsTest, RightAnswerOrDefiniteFailureThenRightAnswer)
 }
 
 const Fault allFaults[] = {
-    {"accept4", EINTR},       {"accept4", EAGAIN},        {"accept4", EMFILE},   {"accept4", ENOMEM},
-    {"accept4", ENFILE},      {"accept4", ECONNABORTED},  {"accept4", EPERM},    {"bind", ENOMEM},
-    {"chmod", EPERM},         {"connect", EINTR},         {"connect", EAGAIN},   {"connect", ECONNREFUSED},
-    {"connect", ENOMEM},      {"epoll_create1", EMFILE},  {"epoll_ctl", ENOMEM}, {"epoll_ctl", ENOSPC},
-    {"epoll_wait", EINTR},    {"eventfd", EMFILE},        {"eventfd", ENOMEM},   {"fcntl", EINVAL},
-    {"flock", ENOLCK},        {"getsockopt", ENOBUFS},    {"listen", ENOMEM},    {"poll", EINTR},
-    {"poll", ENOMEM},         {"pthread_create", EAGAIN}, {"recv", EINTR},       {"recv", EAGAIN},
-    {"recv", ECONNRESET},     {"recv", ENOMEM},           {"recv", COMES_SHORT}, {"sendmsg", EINTR},
-    {"sendmsg", EAGAIN},      {"sendmsg", EPIPE},         {"sendmsg", ENOMEM},   {"sendmsg", ECONNRESET},
-    {"sendmsg", COMES_SHORT}, {"setsockopt", ENOMEM},     {"socket", EMFILE},    {"stat", EACCES},
-#if defined(INTERPOSES_NEW)
-    {"new", ENOMEM},
+    {"accept4", EINTR},         {"accept4", EAGAIN},       {"accept4", EMFILE},     {"accept4", ENOMEM},
+    {"accept4", ENFILE},        {"accept4", ECONNABORTED}, {"accept4", EPERM},      {"bind", ENOMEM},
+    {"chmod", EPERM},           {"connect", EINTR},        {"connect", EAGAIN},     {"connect", ECONNREFUSED},
+    {"connect", ENOMEM},        {"epoll_create1", EMFILE}, {"epoll_ctl", ENOMEM},   {"epoll_ctl", ENOSPC},
+    {"epoll_wait", EINTR},      {"eventfd", EMFILE},       {"eventfd", ENOMEM},     {"fcntl", EINVAL},
+    {"flock", ENOLCK},          {"getsockopt", ENOBUFS},   {"listen", ENOMEM},      {"poll", EINTR},
+    {"poll", ENOMEM},           {"recv", EINTR},           {"recv", EAGAIN},        {"recv", ECONNRESET},
+    {"recv", ENOMEM},           {"recv", COMES_SHORT},     {"sendmsg", EINTR},      {"sendmsg", EAGAIN},
+    {"sendmsg", EPIPE},         {"sendmsg", ENOMEM},       {"sendmsg", ECONNRESET}, {"sendmsg", COMES_SHORT},
+    {"setsockopt", ENOMEM},     {"socket", EMFILE},        {"socket", ENOMEM},      {"stat", EACCES},
+#if defined(INTERPOSES_NEW_AND_THREADS)
+    {"pthread_create", EAGAIN}, {"new", ENOMEM},
 #endif
 #if defined(INTERPOSES_MALLOC)
-    {"malloc", ENOMEM},       {"realloc", ENOMEM},
+    {"malloc", ENOMEM},         {"realloc", ENOMEM},
 #endif
 };
 

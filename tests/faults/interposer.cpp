@@ -97,14 +97,6 @@ extern "C" int fcntl(int fd, int command, ...)
     return Strike("fcntl") ? -1 : real(fd, command, argument);
 }
 
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
-                              void* argument) __THROWNL
-{
-    REAL(pthread_create);
-    const int error = Strike("pthread_create");
-    return error != 0 ? error : real(thread, attributes, run, argument);
-}
-
 extern "C" ssize_t recv(int fd, void* to, size_t room, int flags)
 {
     REAL(recv);
@@ -126,7 +118,15 @@ extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags)
     return strike > 0 ? -1 : real(fd, &copy, flags);
 }
 
-#if defined(INTERPOSES_NEW)
+#if defined(INTERPOSES_NEW_AND_THREADS)
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
+                              void* argument) __THROWNL
+{
+    REAL(pthread_create);
+    const int error = Strike("pthread_create");
+    return error != 0 ? error : real(thread, attributes, run, argument);
+}
+
 void* operator new(size_t size, const std::nothrow_t&) noexcept
 {
     return Strike("new") ? nullptr : ::operator new(size);
