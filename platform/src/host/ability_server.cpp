@@ -52,10 +52,10 @@ bool AbilityServer::Start()
     } else if (!stub_) {
         problem = "the object is null";
     } else {
-        engine_ = std::make_unique<Engine>(*this);
-        problem = engine_->Start();
-        if (!problem.empty()) {
-            engine_.reset();
+        auto engine = std::make_unique<Engine>(*this);
+        problem = engine->Start();
+        if (problem.empty()) {
+            engine_ = std::move(engine);
         }
     }
     if (!problem.empty()) {

@@ -45,13 +45,15 @@ Received Receive(int fd, void* to, size_t room, size_t& size)
 
 bool WorkerBuffers::HoldsMuch() const noexcept
 {
-    return ParcelBuffer::Capacity(*reply) > KEPT_IDLE_CAPACITY;
+    return reply && ParcelBuffer::Capacity(*reply) > KEPT_IDLE_CAPACITY;
 }
 
 // NOLINTNEXTLINE(readability-make-member-function-const): what it changes is its own, if behind a pointer
 void WorkerBuffers::LetGo() noexcept
 {
-    ParcelBuffer::Clear(*reply, KEPT_IDLE_CAPACITY);
+    if (reply) {
+        ParcelBuffer::Clear(*reply, KEPT_IDLE_CAPACITY);
+    }
 }
 
 std::unique_ptr<MessageParcel> WorkerBuffers::TakeReply()
@@ -186,6 +188,9 @@ Connection::Next Connection::Refuse(ServiceContext& context, const FrameReader& 
 Connection::Next Connection::Dispatch(ServiceContext& context, WorkerBuffers& buffers, const FrameHeader& header,
                                       MessageParcel& data)
 {
+    if (!buffers.reply) {
+        buffers.reply = std::make_unique<MessageParcel>();
+    }
     MessageParcel& reply = *buffers.reply;
     ParcelBuffer::Clear(reply, WorkerBuffers::KEPT_CAPACITY);
     // An operation before may have set a bound of its own.

@@ -47,7 +47,7 @@ struct WorkerBuffers {
     std::unique_ptr<MessageParcel> TakeReply();
 
     alignas(FrameHeader) std::array<uint8_t, PIECE_SIZE> piece;
-    std::unique_ptr<MessageParcel> reply = std::make_unique<MessageParcel>();
+    std::unique_ptr<MessageParcel> reply;  // null until it is first needed
 };
 
 // One accepted connection: reads requests, has them handled, writes replies, and never waits. It reads nothing while a
@@ -85,7 +85,7 @@ public:
     UserAccount& GetAccount() const noexcept { return account_; }
     bool HasOutput() const noexcept { return output_ != nullptr; }
 
-    // The engine's notes: the events that the connection is registered for; when a worker last came to it, in
+    // The engine's notes: the events that the connection is registered for; when a worker last had done with it, in
     // milliseconds; how often in a row that was soon after the time before.
     uint32_t armedEvents = 0;
     uint32_t quickVisits = 0;

@@ -16,7 +16,6 @@
 #include <csignal>
 #include <exception>
 #include <new>
-#include <optional>
 #include <utility>
 
 #include "host/deadline.h"
@@ -146,15 +145,16 @@ std::string AbilityServer::Engine::Start()
     sigset_t before;
     ::sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    bool isRunning = false;
     try {
         watcher_ = std::thread(&Engine::RunThread, this, &Engine::Watch);
-        problem = workers_.Start();
+        workers_.Start();
+        isRunning = true;
     } catch (const std::exception& exception) {
-        // The system refuses, or memory runs out.
-        problem = std::string("a thread cannot be started: ") + exception.what();
+        PLATFORM_ERROR("service %d: a thread cannot be started: %s", id_, exception.what());
     }
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return problem;
+    return isRunning ? "" : "it has no threads";
 }
 
 void AbilityServer::Engine::Stop()
@@ -193,22 +193,19 @@ void AbilityServer::Engine::RunThread(void (Engine::*loop)())
 
 void AbilityServer::Engine::Work()
 {
-    std::optional<WorkerBuffers> buffers;
+    WorkerBuffers buffers;
     while (!stopping_.load(std::memory_order_relaxed)) {
         // One event at a time: what waits behind a slow operation is there for the other workers to take.
         epoll_event event = {};
         workers_.BeginWait();
-        const int count =
-            ::epoll_wait(epoll_.Get(), &event, 1, buffers && buffers->HoldsMuch() ? IDLE_MILLISECONDS : -1);
+        const int count = ::epoll_wait(epoll_.Get(), &event, 1, buffers.HoldsMuch() ? IDLE_MILLISECONDS : -1);
         const int error = errno;
-        workers_.EndWait();
-        if (count == 1 && event.data.u64 != STOP_TOKEN) {
-            if (!buffers) {
-                buffers.emplace();
-            }
-            HandleEvent(event.data.u64, event.events, *buffers);
+        const bool hasWork = count == 1 && event.data.u64 != STOP_TOKEN;
+        workers_.EndWait(hasWork);
+        if (hasWork) {
+            HandleEvent(event.data.u64, event.events, buffers);
         } else if (count == 0) {
-            buffers->LetGo();
+            buffers.LetGo();
         } else if (count < 0 && error != EINTR) {
             PLATFORM_ERROR("service %d: a worker ends: epoll_wait: %s", id_, ErrorText(error).c_str());
             return;

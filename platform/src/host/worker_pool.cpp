@@ -7,9 +7,9 @@
 #include <array>
 #include <cerrno>
 #include <exception>
+#include <system_error>
 #include <utility>
 
-#include "host/socket_folder.h"
 #include "varn/host/caller.h"
 
 namespace VARN::Host {
@@ -24,14 +24,14 @@ WorkerPool::~WorkerPool()
     Stop();
 }
 
-std::string WorkerPool::Start()
+void WorkerPool::Start()
 {
     recall_ = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!recall_) {
-        return "the workers cannot be called back: " + ErrorText(errno);
+        throw std::system_error(errno, std::generic_category(), "eventfd");
     }
     const MutexLock lock(mutex_);
-    return AddThread();
+    threads_.emplace_back(work_);
 }
 
 void WorkerPool::Stop()
@@ -43,66 +43,71 @@ void WorkerPool::Stop()
         threads.swap(threads_);
     }
     if (recall_) {
-        ::eventfd_write(recall_.Get(), 1);
+        CallBack();
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
 }
 
-void WorkerPool::EndWait()
+void WorkerPool::EndWait(bool hasWork) noexcept
 {
     const bool isLast = waiting_.fetch_sub(1) == 1;
-    if (isLast && (hasAll_.load(std::memory_order_relaxed) || !AddWorker()) && staying_.load() != 0) {
-        ::eventfd_write(recall_.Get(), 1);
+    if (isLast && hasWork && !AddWorker() && staying_.load() != 0) {
+        CallBack();
     }
 }
 
-bool WorkerPool::AwaitInput(int fd, int milliseconds) const
+// Who was called back may find something to do before it waits: then the next one has to.
+void WorkerPool::EndStay() noexcept
+{
+    const bool othersStay = staying_.fetch_sub(1) > 1;
+    if (othersStay && waiting_.load() == 0) {
+        CallBack();
+    }
+}
+
+bool WorkerPool::AwaitInput(int fd, int milliseconds) const noexcept
 {
     std::array<pollfd, 2> entries{{{fd, POLLIN, 0}, {recall_.Get(), POLLIN, 0}}};
     ::poll(entries.data(), entries.size(), milliseconds);
+    if (entries[0].revents != 0) {
+        // The call, if there is one too, is for somebody who has nothing to do.
+        return true;
+    }
     if (entries[1].revents != 0) {
         eventfd_t ignored = 0;
         ::eventfd_read(recall_.Get(), &ignored);
         // At the end all are called back: each passes it on.
         if (stopping_.load(std::memory_order_relaxed)) {
-            ::eventfd_write(recall_.Get(), 1);
+            CallBack();
         }
     }
-    return entries[0].revents != 0;
+    return false;
 }
 
-// Empty on success, else what is wrong.
-std::string WorkerPool::AddThread()
+void WorkerPool::CallBack() const noexcept
 {
-    try {
-        threads_.emplace_back(work_);
-        return {};
-    } catch (const std::exception& exception) {
-        // The system refuses, or memory runs out.
-        return std::string("a thread cannot be started: ") + exception.what();
-    }
+    ::eventfd_write(recall_.Get(), 1);
 }
 
 // False when there are to be no more, or for now, after a line, cannot be.
-bool WorkerPool::AddWorker()
+bool WorkerPool::AddWorker() noexcept
 {
     size_t workers = 0;
-    std::string problem;
-    {
+    try {
         const MutexLock lock(mutex_);
         workers = threads_.size();
         if (stopping_.load(std::memory_order_relaxed) || workers >= limit_) {
-            hasAll_.store(true, std::memory_order_relaxed);
             return false;
         }
-        problem = AddThread();
+        threads_.emplace_back(work_);
+        return true;
+    } catch (const std::exception& exception) {
+        // The system refuses, or memory runs out: those that there are go on.
+        refusals_.Report(Limit::WORKERS, CurrentCaller(), workers, limit_, exception.what());
+        return false;
     }
-    if (!problem.empty()) {
-        refusals_.Report(Limit::WORKERS, CurrentCaller(), workers, limit_, problem.c_str());
-    }
-    return problem.empty();
 }
 
 }  // namespace VARN::Host

@@ -28,7 +28,7 @@ struct Transaction {
 
 // How a server protects itself. Each limit that bites writes one warn line (who, which limit, used, allowed; at most
 // one a second for each limit, with a count of those left out) and ends the connection, which the client sees as
-// IPC_DEAD_OBJECT. A 0 in a number means its default.
+// IPC_DEAD_OBJECT. Not so for workers: when all are at work, requests wait. A 0 in a number means its default.
 struct AbilityServerOptions {
     // Where the socket `<id>.sock` stands. Empty: as the client looks for it, see AbilityManager.
     std::string directory;
