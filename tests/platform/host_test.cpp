@@ -221,7 +221,8 @@ TEST_F(HostTest, ConnectionsThatFallSilentHoldNoWorker)
     };
     const std::array<RawClient, 4> clients{RawClient(Path()), RawClient(Path()), RawClient(Path()), RawClient(Path())};
     for (int round = 0; round < 100; ++round) {
-        EXPECT_TRUE(asks(clients[0], request) && asks(clients[1], request));
+        EXPECT_TRUE(clients[0].Send(request) && asks(clients[1], request));
+        EXPECT_EQ(clients[0].Receive(reply.size()), reply);
     }
     for (uint32_t slow = 0; slow < begun.size(); ++slow) {
         EXPECT_TRUE(clients[2 + slow].Send(MakeFrame(2 + slow, body)));

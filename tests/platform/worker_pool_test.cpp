@@ -49,6 +49,33 @@ TEST_F(WorkerPoolTest, CallIsPassedOnUntilSomebodyWaits)
     EXPECT_FALSE(pool.AwaitInput(silent_.Get(), -1));
 }
 
+TEST_F(WorkerPoolTest, OneWhoIsBusyAloneDoesNotStay)
+{
+    WorkerPool pool(3, refusals_, [] {});
+    pool.Start();
+    TakeLastAway(pool);
+    TakeLastAway(pool);
+    pool.BeginWait();
+    EXPECT_TRUE(pool.MayStay());
+    pool.BeginWait();
+    EXPECT_FALSE(pool.MayStay());
+}
+
+TEST_F(WorkerPoolTest, AnotherIsCalledBackOnceASecond)
+{
+    constexpr int64_t NOW = 5000;
+    WorkerPool pool(1, refusals_, [] {});
+    pool.Start();
+    pool.BeginStay();
+    EXPECT_FALSE(pool.CallIdleBack(NOW));
+    pool.BeginStay();
+    for (const int64_t now : {NOW, NOW + 1000}) {
+        EXPECT_TRUE(pool.CallIdleBack(now));
+        EXPECT_FALSE(pool.AwaitInput(silent_.Get(), -1));
+        EXPECT_FALSE(pool.CallIdleBack(now + 999));
+    }
+}
+
 TEST_F(WorkerPoolTest, EndCallsBackAll)
 {
     WorkerPool pool(1, refusals_, [] {});

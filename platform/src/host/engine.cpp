@@ -268,6 +268,9 @@ Connection::Next AbilityServer::Engine::Stay(uint32_t index, Connection::Next ne
             break;
         }
         next = ServeOnce(slot, buffers, false);
+        if (workers_.CallIdleBack(CoarseMilliseconds())) {
+            break;
+        }
     }
     workers_.EndStay();
     slot.connection->quickVisits = 0;

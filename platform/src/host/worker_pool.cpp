@@ -14,6 +14,12 @@
 
 namespace VARN::Host {
 
+namespace {
+
+constexpr int64_t CALL_MILLISECONDS = 1000;
+
+}  // namespace
+
 WorkerPool::WorkerPool(size_t limit, RefusalLog& refusals, std::function<void()> work)
     : limit_(limit), refusals_(refusals), work_(std::move(work))
 {
@@ -32,6 +38,7 @@ void WorkerPool::Start()
     }
     const MutexLock lock(mutex_);
     threads_.emplace_back(work_);
+    workers_.store(1, std::memory_order_relaxed);
 }
 
 void WorkerPool::Stop()
@@ -86,6 +93,17 @@ bool WorkerPool::AwaitInput(int fd, int milliseconds) const noexcept
     return false;
 }
 
+bool WorkerPool::CallIdleBack(int64_t now) noexcept
+{
+    int64_t last = lastCall_.load(std::memory_order_relaxed);
+    const bool isTime = now - last >= CALL_MILLISECONDS && staying_.load() > 1 &&
+                        lastCall_.compare_exchange_strong(last, now, std::memory_order_relaxed);
+    if (isTime) {
+        CallBack();
+    }
+    return isTime;
+}
+
 void WorkerPool::CallBack() const noexcept
 {
     ::eventfd_write(recall_.Get(), 1);
@@ -102,6 +120,7 @@ bool WorkerPool::AddWorker() noexcept
             return false;
         }
         threads_.emplace_back(work_);
+        workers_.store(workers + 1, std::memory_order_relaxed);
         return true;
     } catch (const std::exception& exception) {
         // The system refuses, or memory runs out: those that there are go on.

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -18,8 +19,9 @@ namespace VARN::Host {
 //
 // A worker may stay with a connection whose requests keep coming, and wait for that one alone, as long as others wait
 // for the rest. So with a few busy clients each has a thread, which the scheduler brings to its client's processor,
-// instead of meeting whichever comes. When there are no more workers to start, the last who waits calls back those that
-// stay, until one of them waits: no connection waits behind a worker that has nothing to do.
+// instead of meeting whichever comes. (A single one fares better with whichever comes.) When there are no more workers
+// to start, the last who waits calls back those that stay, until one of them waits: no connection waits behind a worker
+// that has nothing to do. Once a second somebody who is busy calls one back too, lest those count as busy who are not.
 //
 // Thread safety: `Start` and `Stop` are for the owner, one after the other; the rest is for the workers.
 class WorkerPool {
@@ -42,10 +44,19 @@ public:
     void BeginWait() noexcept { waiting_.fetch_add(1); }
     void EndWait(bool hasWork) noexcept;
 
-    // Around a stay with one connection, which has to end when `MayStay` says no.
+    // Around a stay with one connection, which has to end when `MayStay` says no: to be asked before each wait.
     void BeginStay() noexcept { staying_.fetch_add(1); }
     void EndStay() noexcept;
-    bool MayStay() const noexcept { return waiting_.load() != 0 && !stopping_.load(std::memory_order_relaxed); }
+    bool MayStay() const noexcept
+    {
+        const size_t waiting = waiting_.load();
+        return waiting != 0 && waiting + 2 <= workers_.load(std::memory_order_relaxed) &&
+               !stopping_.load(std::memory_order_relaxed);
+    }
+
+    // To be asked now and then while staying, with the time in milliseconds. True: another one was called back; the
+    // stay has to end, or its next wait would take the call.
+    bool CallIdleBack(int64_t now) noexcept;
 
     // Waits while staying. False when there was nothing to read, for `milliseconds` (-1: no limit) or until the worker
     // was called back.
@@ -67,6 +78,10 @@ private:
 
     // Relaxed: whoever misses the change finds out under the lock, or is called back.
     std::atomic<bool> stopping_{false};
+    // Relaxed: to go by an old number is to stay a moment too long or too short.
+    std::atomic<size_t> workers_{0};
+    // Relaxed: who wins the exchange calls, and nothing hangs on it.
+    std::atomic<int64_t> lastCall_{0};
 
     Mutex mutex_;
     std::vector<std::thread> threads_ GUARDED_BY(mutex_);
