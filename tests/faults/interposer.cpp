@@ -119,12 +119,11 @@ extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags)
 }
 
 #if defined(INTERPOSES_NEW_AND_THREADS)
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
-                              void* argument) __THROWNL
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* how, void* (*run)(void*), void* with) __THROWNL
 {
     REAL(pthread_create);
     const int error = Strike("pthread_create");
-    return error != 0 ? error : real(thread, attributes, run, argument);
+    return error != 0 ? error : real(thread, how, run, with);
 }
 
 void* operator new(size_t size, const std::nothrow_t&) noexcept

@@ -6,109 +6,79 @@
 
 #include <atomic>
 
-// The pool's own steps, in the order that two or three workers could take them. What is wrong shows as a wait without
-// end.
+// The pool's own steps, in the order that workers could take them. A call that is missed is a wait without end.
 namespace VARN::Host {
 namespace {
 
 class WorkerPoolTest : public ::testing::Test {
 protected:
-    // The last who waits gets something to do.
-    static void TakeLastAway(WorkerPool& pool)
+    void SetUp() override
     {
-        pool.BeginWait();
-        pool.EndWait(true);
-        EXPECT_FALSE(pool.MayStay());
+        pool_.Start();
+        pool_.BeginStay();
+        pool_.BeginStay();
     }
+    // The last who waits gets something to do, or nothing after all.
+    void TakeLastAway(bool hasWork = true)
+    {
+        pool_.BeginWait();
+        pool_.EndWait(hasWork);
+        EXPECT_FALSE(pool_.MayStay());
+    }
+    void ExpectCall() { EXPECT_FALSE(pool_.AwaitInput(silent_.Get(), -1)); }
 
+    std::atomic<int> started_{0};
     RefusalLog refusals_{1};
+    WorkerPool pool_{3, refusals_, [this] { ++started_; }};
     const UniqueFd silent_{::eventfd(0, EFD_CLOEXEC)};
-    const UniqueFd asking_{::eventfd(1, EFD_CLOEXEC)};
 };
 
-TEST_F(WorkerPoolTest, CallIsForOneWhoHasNothingToDo)
+TEST_F(WorkerPoolTest, CallIsForOneWhoHasNothingToDoAndPassedOnUntilSomebodyWaits)
 {
-    WorkerPool pool(1, refusals_, [] {});
-    pool.Start();
-    pool.BeginStay();
-    pool.BeginStay();
-    TakeLastAway(pool);
-    EXPECT_TRUE(pool.AwaitInput(asking_.Get(), -1));
-    EXPECT_FALSE(pool.AwaitInput(silent_.Get(), -1));
-}
-
-TEST_F(WorkerPoolTest, CallIsPassedOnUntilSomebodyWaits)
-{
-    WorkerPool pool(1, refusals_, [] {});
-    pool.Start();
-    pool.BeginStay();
-    pool.BeginStay();
-    TakeLastAway(pool);
-    EXPECT_FALSE(pool.AwaitInput(silent_.Get(), -1));
-    pool.EndStay();
-    EXPECT_FALSE(pool.AwaitInput(silent_.Get(), -1));
-}
-
-TEST_F(WorkerPoolTest, OneWhoIsBusyAloneDoesNotStay)
-{
-    WorkerPool pool(3, refusals_, [] {});
-    pool.Start();
-    TakeLastAway(pool);
-    TakeLastAway(pool);
-    pool.BeginWait();
-    EXPECT_TRUE(pool.MayStay());
-    pool.BeginWait();
-    EXPECT_FALSE(pool.MayStay());
-}
-
-TEST_F(WorkerPoolTest, AnotherIsCalledBackOnceASecond)
-{
-    constexpr int64_t NOW = 5000;
-    WorkerPool pool(1, refusals_, [] {});
-    pool.Start();
-    pool.BeginStay();
-    EXPECT_FALSE(pool.CallIdleBack(NOW));
-    pool.BeginStay();
-    for (const int64_t now : {NOW, NOW + 1000}) {
-        EXPECT_TRUE(pool.CallIdleBack(now));
-        EXPECT_FALSE(pool.AwaitInput(silent_.Get(), -1));
-        EXPECT_FALSE(pool.CallIdleBack(now + 999));
+    for (int started = 1; started <= 3; ++started) {
+        TakeLastAway();
     }
+    EXPECT_TRUE(pool_.AwaitInput(UniqueFd(::eventfd(1, EFD_CLOEXEC)).Get(), -1));
+    ExpectCall();
+    pool_.EndStay();
+    ExpectCall();
+}
+
+TEST_F(WorkerPoolTest, OneWhoIsBusyAloneDoesNotStayButCallsTheOtherBackOnceASecond)
+{
+    for (const int64_t now : {5000, 6000}) {
+        EXPECT_TRUE(pool_.CallIdleBack(now));
+        ExpectCall();
+        EXPECT_FALSE(pool_.CallIdleBack(now + 999));
+    }
+    pool_.EndStay();
+    EXPECT_FALSE(pool_.CallIdleBack(9000));
+    TakeLastAway();
+    TakeLastAway();
+    pool_.BeginWait();
+    EXPECT_TRUE(pool_.MayStay());
+    pool_.BeginWait();
+    EXPECT_FALSE(pool_.MayStay());
 }
 
 TEST_F(WorkerPoolTest, EndCallsBackAll)
 {
-    WorkerPool pool(1, refusals_, [] {});
-    pool.Start();
-    pool.BeginWait();
-    pool.BeginStay();
-    pool.BeginStay();
-    pool.Stop();
-    EXPECT_FALSE(pool.MayStay());
-    EXPECT_FALSE(pool.AwaitInput(silent_.Get(), -1));
-    EXPECT_FALSE(pool.AwaitInput(silent_.Get(), -1));
+    pool_.BeginWait();
+    pool_.Stop();
+    ExpectCall();
+    ExpectCall();
 }
 
-TEST_F(WorkerPoolTest, GrowsWhenTheLastGetsWorkAndOnlyThen)
+TEST_F(WorkerPoolTest, GrowsWhenTheLastGetsWorkUpToTheLimitUntilTheEnd)
 {
-    for (const size_t limit : {size_t{2}, size_t{9}}) {
-        std::atomic<int> started{0};
-        WorkerPool pool(limit, refusals_, [&] { ++started; });
-        pool.Start();
-        pool.BeginWait();
-        pool.EndWait(false);
-        pool.BeginWait();
-        pool.BeginWait();
-        pool.EndWait(true);
-        pool.EndWait(true);
-        if (limit == 2) {
-            TakeLastAway(pool);
-        }
-        pool.Stop();
-        TakeLastAway(pool);
-        pool.Stop();
-        EXPECT_EQ(started, 2) << limit;
-    }
+    TakeLastAway(false);
+    pool_.BeginWait();
+    TakeLastAway();
+    pool_.EndWait(false);
+    pool_.Stop();
+    TakeLastAway();
+    pool_.Stop();
+    EXPECT_EQ(started_, 1);
 }
 
 }  // namespace
