@@ -23,19 +23,18 @@ protected:
     {
         pool_.BeginWait();
         pool_.EndWait(hasWork);
-        EXPECT_FALSE(pool_.MayStay());
     }
     void ExpectCall() { EXPECT_FALSE(pool_.AwaitInput(silent_.Get(), -1)); }
 
     std::atomic<int> started_{0};
     RefusalLog refusals_{1};
-    WorkerPool pool_{3, refusals_, [this] { ++started_; }};
+    WorkerPool pool_{6, refusals_, [this] { ++started_; }};
     const UniqueFd silent_{::eventfd(0, EFD_CLOEXEC)};
 };
 
 TEST_F(WorkerPoolTest, CallIsForOneWhoHasNothingToDoAndPassedOnUntilSomebodyWaits)
 {
-    for (int started = 1; started <= 3; ++started) {
+    for (int started = 4; started <= 6; ++started) {
         TakeLastAway();
     }
     EXPECT_TRUE(pool_.AwaitInput(UniqueFd(::eventfd(1, EFD_CLOEXEC)).Get(), -1));
@@ -53,12 +52,10 @@ TEST_F(WorkerPoolTest, OneWhoIsBusyAloneDoesNotStayButCallsTheOtherBackOnceASeco
     }
     pool_.EndStay();
     EXPECT_FALSE(pool_.CallIdleBack(9000));
-    TakeLastAway();
-    TakeLastAway();
-    pool_.BeginWait();
-    EXPECT_TRUE(pool_.MayStay());
-    pool_.BeginWait();
-    EXPECT_FALSE(pool_.MayStay());
+    for (const bool mayStay : {false, true, true, false}) {
+        EXPECT_EQ(pool_.MayStay(), mayStay);
+        pool_.BeginWait();
+    }
 }
 
 TEST_F(WorkerPoolTest, EndCallsBackAll)
@@ -78,7 +75,7 @@ TEST_F(WorkerPoolTest, GrowsWhenTheLastGetsWorkUpToTheLimitUntilTheEnd)
     pool_.Stop();
     TakeLastAway();
     pool_.Stop();
-    EXPECT_EQ(started_, 1);
+    EXPECT_EQ(started_, 4);
 }
 
 }  // namespace

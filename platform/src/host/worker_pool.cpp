@@ -16,6 +16,10 @@ namespace VARN::Host {
 
 namespace {
 
+// Each costs some KiB. With one or two, a call of a single client that may run anywhere takes a third longer: more
+// often it has to wake another processor.
+constexpr size_t FIRST_WORKERS = 4;
+
 constexpr int64_t CALL_MILLISECONDS = 1000;
 
 }  // namespace
@@ -36,9 +40,13 @@ void WorkerPool::Start()
     if (!recall_) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
     }
-    const MutexLock lock(mutex_);
-    threads_.emplace_back(work_);
-    workers_.store(1, std::memory_order_relaxed);
+    {
+        const MutexLock lock(mutex_);
+        threads_.emplace_back(work_);
+        workers_.store(1, std::memory_order_relaxed);
+    }
+    for (size_t workers = 1; workers < FIRST_WORKERS && AddWorker(); ++workers) {
+    }
 }
 
 void WorkerPool::Stop()

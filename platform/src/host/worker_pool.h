@@ -14,7 +14,7 @@
 
 namespace VARN::Host {
 
-// The threads that run a server's requests. There is one worker to begin with. The last who waits, when it gets
+// The threads that run a server's requests. There are a few to begin with. The last who waits, when it gets
 // something to do, sees to it that somebody waits after it: it starts another worker, up to a limit.
 //
 // A worker may stay with a connection whose requests keep coming, and wait for that one alone, as long as others wait
@@ -33,8 +33,8 @@ public:
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
 
-    // Throws what std::thread does when the system refuses what it takes. Workers that are started later inherit the
-    // first one's signal mask.
+    // Throws what std::thread does when the system refuses the first one; for want of others it only writes a line. All
+    // workers, also later ones, inherit the caller's signal mask.
     void Start();
 
     // Waits until all have returned from `work`: those that stay are called back, the owner sees to the others.

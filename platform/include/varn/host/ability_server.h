@@ -33,8 +33,8 @@ struct AbilityServerOptions {
     // Where the socket `<id>.sock` stands. Empty: as the client looks for it, see AbilityManager.
     std::string directory;
 
-    // Threads that run requests, at most; each is started when all before it have something to do. Default: one for
-    // each processor, at least 8, so that a few slow operations do not stop the others.
+    // Threads that run requests, at most; each but the first few is started when all before it have something to do.
+    // Default: one for each processor, at least 8, so that a few slow operations do not stop the others.
     size_t workers = 0;
 
     // Connections at a time. Each costs a descriptor and a little memory; without a bound a peer takes all descriptors.
