@@ -62,6 +62,7 @@ TEST_F(WorkerPoolTest, EndCallsBackAll)
 {
     pool_.BeginWait();
     pool_.Stop();
+    EXPECT_FALSE(pool_.MayStay());
     ExpectCall();
     ExpectCall();
 }
