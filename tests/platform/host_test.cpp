@@ -232,14 +232,12 @@ TEST_F(HostTest, WorkerThatStaysMissesNothing)
     EXPECT_EQ(clients[2].Receive(2 * reply.size()), reply);
     EXPECT_TRUE(asks(clients[3], 100) && clients[3].Send(request) && ::shutdown(clients[3].GetFd(), SHUT_WR) == 0);
     EXPECT_EQ(clients[3].Receive(2 * reply.size()), reply);
-    EXPECT_TRUE(asks(clients[4], 100));
-    EXPECT_TRUE(clients[1].Send(MakeFrame(3, body)));
+    EXPECT_TRUE(asks(clients[4], 100) && clients[1].Send(MakeFrame(3, body)));
     begun[1].get_future().wait();
     EXPECT_TRUE(asks(RawClient(Path()), 1) && asks(clients[4], 1));
     release.set_value();
-    for (uint32_t slow = 0; slow < begun.size(); ++slow) {
-        EXPECT_EQ(clients[slow].Receive(reply.size()), MakeFrame(2 + slow, body, 2));
-    }
+    EXPECT_EQ(clients[0].Receive(reply.size()), MakeFrame(2, body, 2));
+    EXPECT_EQ(clients[1].Receive(reply.size()), MakeFrame(3, body, 2));
 }
 
 TEST_F(HostTest, RestartIsMetWithAFreshConnection)

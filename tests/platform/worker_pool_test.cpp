@@ -32,7 +32,7 @@ protected:
     const UniqueFd silent_{::eventfd(0, EFD_CLOEXEC)};
 };
 
-TEST_F(WorkerPoolTest, CallIsForOneWhoHasNothingToDoAndPassedOnUntilSomebodyWaits)
+TEST_F(WorkerPoolTest, AtTheLimitCallIsForOneWhoHasNothingToDoAndPassedOnUntilSomebodyWaits)
 {
     for (int started = 4; started <= 6; ++started) {
         TakeLastAway();
@@ -41,6 +41,8 @@ TEST_F(WorkerPoolTest, CallIsForOneWhoHasNothingToDoAndPassedOnUntilSomebodyWait
     ExpectCall();
     pool_.EndStay();
     ExpectCall();
+    pool_.Stop();
+    EXPECT_EQ(started_, 6);
 }
 
 TEST_F(WorkerPoolTest, OneWhoIsBusyAloneDoesNotStayButCallsTheOtherBackOnceASecond)
@@ -67,7 +69,7 @@ TEST_F(WorkerPoolTest, EndCallsBackAll)
     ExpectCall();
 }
 
-TEST_F(WorkerPoolTest, GrowsWhenTheLastGetsWorkUpToTheLimitUntilTheEnd)
+TEST_F(WorkerPoolTest, GrowsOnlyWhenTheLastGetsWorkAndNotAfterTheEnd)
 {
     TakeLastAway(false);
     pool_.BeginWait();

@@ -16,8 +16,8 @@ namespace VARN::Host {
 
 namespace {
 
-// Each costs some KiB. With one or two, a call of a single client that may run anywhere takes a third longer: more
-// often it has to wake another processor.
+// Each costs some KiB. With one or two, a single client that may run anywhere more often finds its worker on another
+// processor, which has to wake up first.
 constexpr size_t FIRST_WORKERS = 4;
 
 constexpr int64_t CALL_MILLISECONDS = 1000;
