@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "fuzz/input.h"
-#include "host/connection.h"
+#include "host/server/connection.h"
 #include "varn/host/log_sink.h"
 
 namespace {

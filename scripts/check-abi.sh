@@ -19,7 +19,7 @@ build()
 {
     {
         cmake -S "$1" -B "$2" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSECURITY_PRIVACY_BUILD_TESTS=OFF \
-            -DSECURITY_PRIVACY_BUILD_EXAMPLES=OFF && cmake --build "$2"
+            -DSECURITY_PRIVACY_BUILD_TOOLS=OFF && cmake --build "$2"
     } >"$scratch/log" 2>&1 || { cat "$scratch/log" >&2; fail "$1 does not build"; }
 }
 

@@ -57,7 +57,7 @@ declare -f compile_block >"$scratch/functions"
 
 documents=("$@")
 if (($# == 0)); then
-    documents=(README.md CONTRIBUTING.md examples/README.md docs/*.md)
+    documents=(README.md CONTRIBUTING.md tools/README.md docs/*.md)
 fi
 first=docs/guide-client.md
 for document in "$first" "${documents[@]}"; do

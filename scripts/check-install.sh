@@ -95,7 +95,7 @@ quietly cmake --install "$scratch/build/add_subdirectory" --prefix "$scratch/gue
 
 # A platform from elsewhere: the library takes the package by that name and brings none of its own.
 quietly cmake -S . -B "$scratch/build/ported" -G Ninja -DSECURITY_PRIVACY_PLATFORM=varn \
-    -DCMAKE_PREFIX_PATH="$scratch/moved" -DSECURITY_PRIVACY_BUILD_TESTS=OFF -DSECURITY_PRIVACY_BUILD_EXAMPLES=OFF
+    -DCMAKE_PREFIX_PATH="$scratch/moved" -DSECURITY_PRIVACY_BUILD_TESTS=OFF -DSECURITY_PRIVACY_BUILD_TOOLS=OFF
 quietly cmake --build "$scratch/build/ported"
 quietly cmake --install "$scratch/build/ported" --prefix "$scratch/ported"
 if find "$scratch/ported" -name '*varn*' | grep .; then

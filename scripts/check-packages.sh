@@ -26,7 +26,7 @@ quietly cpack --config build/packages/CPackConfig.cmake -B "$PWD/build/packages/
 mapfile -t packages < <(find build/packages/made -maxdepth 1 -name '*.deb' | sort)
 ((${#packages[@]} == 4)) || fail "made ${#packages[@]} packages instead of 4: ${packages[*]}"
 
-for page in examples/man/*.[1-8]; do
+for page in tools/man/*.[1-8]; do
     warnings=$(LC_ALL=C man --warnings --local-file "$page" 2>&1 >"$scratch/log" </dev/null)
     [[ -z $warnings && -s $scratch/log ]] || fail "$page: $warnings"
 done

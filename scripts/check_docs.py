@@ -12,12 +12,12 @@ import shlex
 import subprocess
 import sys
 
-DOCUMENTS = ("README.md", "CONTRIBUTING.md", "examples/README.md")  # and all of docs/
+DOCUMENTS = ("README.md", "CONTRIBUTING.md", "tools/README.md")  # and all of docs/
 FENCE = re.compile(r"^```(\S*)[^\n]*\n(.*?)^```$", re.M | re.S)
 MARK = re.compile(r"<!-- (run|file|whole|part|not run)(?:: (.+?))? -->\n\Z")
 # What is taken for the name of a file or folder: it has a known ending, ends in a slash, or begins with a folder of ours.
 FILE_NAME = re.compile(r"[\w.-]+(/[\w.-]+)*(\.(h|cpp|py|sh|md|svg|txt|json|cmake|in|map|socket|service)|/)"
-                       r"|(\.ci|bench|cmake|docs|examples|fuzz|include|ipc|platform|records|scripts|tests|util)/[\w./-]+")
+                       r"|(\.ci|bench|cmake|docs|examples|fuzz|include|ipc|platform|records|scripts|tests|tools|util)/[\w./-]+")
 # A limit is a constant with such a name in the library or the platform.
 LIMIT = re.compile(r"^ +size_t (max[A-Z][A-Za-z]+) =|^ +std::chrono::\w+ (\w+Timeout) ="
                    r"|^\s*(?:static )?constexpr [\w:]+ (MAX_\w+|kDefault\w+|\w+_TIMEOUT|WAIT_TIME|BACKLOG|\w*PAUSE\w*)\b",

@@ -10,8 +10,8 @@ cd "$(dirname "$0")/.."
 least=95
 build=$PWD/build/coverage
 readers=(
-    platform/include/varn/parcel.h platform/src/parcel.cpp platform/src/host/frame.h platform/src/host/frame_reader.cpp
-    platform/src/host/connection.cpp platform/src/host/channel.cpp ipc/exchange.h
+    platform/include/varn/parcel.h platform/src/parcel.cpp platform/src/host/wire/frame.h platform/src/host/wire/frame_reader.cpp
+    platform/src/host/server/connection.cpp platform/src/host/client/channel.cpp ipc/exchange.h
     ipc/security_privacy_service_stub.cpp ipc/security_privacy_service_proxy.cpp records/*.cpp)
 
 scripts/setup.sh

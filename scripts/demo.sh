@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Builds the example service and the command-line client and shows every request between the two processes: what is asked,
+# Builds the service program and the command-line client and shows every request between the two processes: what is asked,
 # what is answered, a change that takes effect, one that is refused, and what stays after a restart.
 #
 #   scripts/demo.sh
@@ -79,8 +79,8 @@ if ! { cmake -S . -B build/demo -DCMAKE_BUILD_TYPE=Release -DSECURITY_PRIVACY_BU
     cat "$folder/build.log" >&2
     exit 1
 fi
-service=build/demo/examples/security-privacy-service
-client=build/demo/examples/security-privacy-cli
+service=build/demo/tools/security-privacy-service
+client=build/demo/tools/security-privacy-cli
 echo "built $service and $client"
 
 export VARN_ABILITY_DIR=$folder

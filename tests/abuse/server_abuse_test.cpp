@@ -475,9 +475,9 @@ class ServerAbuseTest : public ::testing::TestWithParam<AbuseCase> {};
 TEST_P(ServerAbuseTest, LeavesTheServiceUnharmed)
 {
     std::vector<std::vector<std::string>> services = {{ABUSE_SERVICE}};
-#if defined(EXAMPLE_SERVICE)
+#if defined(SERVICE_PROGRAM)
     if (GetParam().services == On::BOTH) {
-        services.push_back({EXAMPLE_SERVICE, "--data", EXAMPLE_DATA});
+        services.push_back({SERVICE_PROGRAM, "--data", DEVICE_DATA});
     }
 #endif
     for (const std::vector<std::string>& command : services) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "host/worker_pool.h"
+#include "host/server/worker_pool.h"
 
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>

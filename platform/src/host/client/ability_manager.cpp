@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varn/host/ability_manager.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+
+#include "host/base/deadline.h"
+#include "host/client/channel.h"
+#include "host/client/fork_guard.h"
+#include "host/wire/socket_folder.h"
+#include "platform_log.h"
+
+namespace VARN::Host {
+
+namespace {
+
+// How long to wait before looking for a socket again: at first for a service that is just starting, later for one that
+// may never come.
+constexpr std::chrono::milliseconds FIRST_PAUSE{1};
+constexpr std::chrono::milliseconds LAST_PAUSE{50};
+
+// Whether the service may still appear: there is no socket yet, nobody listens on it, or its queue is full. Anything
+// else (a folder that is unsafe or closed to us, a path too long) will not get better by waiting.
+bool MayAppear(int error)
+{
+    return error == ENOENT || error == ECONNREFUSED || error == EAGAIN;
+}
+
+}  // namespace
+
+struct __attribute__((visibility("hidden"))) AbilityManager::State {
+    std::unordered_map<int32_t, sptr<IRemoteObject>> added GUARDED_BY(clientMutex);
+    std::unordered_map<int32_t, sptr<Channel>> channels GUARDED_BY(clientMutex);
+
+    sptr<IRemoteObject> FindAdded(int32_t id)
+    {
+        const MutexLock lock(clientMutex);
+        const auto found = added.find(id);
+        return found == added.end() ? nullptr : found->second;
+    }
+
+    // The channel of a service, made when there is none yet or the folder is another by now.
+    sptr<Channel> GetChannel(int32_t id)
+    {
+        const char* directory = DefaultSocketDirectory();
+        sptr<Channel> channel;
+        const MutexLock lock(clientMutex);
+        sptr<Channel>& known = channels[id];
+        if (!known || known->GetDirectory() != directory) {
+            channel.Swap(known);
+            known = sptr<Channel>(new Channel(directory, id));
+        }
+        return known;
+    }
+};
+
+AbilityManager::AbilityManager() : state_(std::make_unique<State>()) {}
+
+AbilityManager::~AbilityManager() = default;
+
+sptr<AbilityManager> AbilityManager::Get()
+{
+    static const sptr<AbilityManager> manager(new AbilityManager);
+    return manager;
+}
+
+bool AbilityManager::AddSystemAbility(int32_t id, sptr<IRemoteObject> object)
+{
+    if (!object) {
+        PLATFORM_ERROR("service %d cannot be added: the object is null", id);
+        return false;
+    }
+    const MutexLock lock(clientMutex);
+    return state_->added.try_emplace(id, std::move(object)).second;
+}
+
+bool AbilityManager::RemoveSystemAbility(int32_t id)
+{
+    // The object's own destructor runs after the lock is released.
+    sptr<IRemoteObject> object;
+    const MutexLock lock(clientMutex);
+    const auto found = state_->added.find(id);
+    if (found == state_->added.end()) {
+        return false;
+    }
+    object.Swap(found->second);
+    state_->added.erase(found);
+    return true;
+}
+
+sptr<IRemoteObject> AbilityManager::LoadSystemAbility(int32_t systemAbilityId, int32_t timeoutSeconds)
+{
+    const Deadline deadline(std::chrono::seconds(std::max(timeoutSeconds, 0)));
+    auto pause = FIRST_PAUSE;
+    for (;;) {
+        if (sptr<IRemoteObject> object = state_->FindAdded(systemAbilityId)) {
+            return object;
+        }
+        const sptr<Channel> channel = state_->GetChannel(systemAbilityId);
+        std::string problem;
+        const int error = channel->Prepare(problem);
+        if (error == 0) {
+            return channel;
+        }
+        const int left = deadline.LeftMilliseconds();
+        if (!MayAppear(error) || left == 0) {
+            PLATFORM_ERROR("service %d cannot be found: %s%s", systemAbilityId, problem.c_str(),
+                           MayAppear(error) ? "; is the service running?" : "");
+            return nullptr;
+        }
+        std::this_thread::sleep_for(std::min(pause, std::chrono::milliseconds(left)));
+        pause = std::min(pause * 2, LAST_PAUSE);
+    }
+}
+
+}  // namespace VARN::Host

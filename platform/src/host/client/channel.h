@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host/base/deadline.h"
+#include "host/client/fork_guard.h"
+#include "host/wire/frame.h"
+#include "varn/remote_object.h"
+
+namespace VARN::Host {
+
+// The stand-in for a service that listens on a socket. It owns the connections to it: each request takes an idle one,
+// or makes one, and gives it back when the reply was whole. After any failure the connection is closed, so the next
+// request never meets the rest of an earlier one, and nothing is ever sent twice.
+//
+// Thread safety: every operation may be called from any thread; requests that run at the same time have a connection
+// each.
+class Channel final : public IRemoteObject {
+public:
+    Channel(std::string directory, int32_t id);
+
+    int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override;
+
+    // Whether the last attempt to reach the service failed.
+    bool IsObjectDead() const override;
+
+    // Makes sure that an idle connection is there that was alive just now. Returns 0 or the errno of what failed, with
+    // `problem` saying what was tried and where. Does not wait for a service to appear.
+    int Prepare(std::string& problem);
+
+    const std::string& GetDirectory() const noexcept { return directory_; }
+
+private:
+    struct Link {
+        LinkFd fd;
+        int32_t waitTimeSeconds = 0;  // what SO_RCVTIMEO is set to
+        bool checked = false;         // found alive by Prepare and not used since
+    };
+    class Exchange;
+
+    int Connect(Link& link, std::string& problem) const;
+    int ConnectInTime(Link& link, std::string& problem, const Deadline& deadline) const;
+    bool TakeIdle(Link& link);
+    bool TakeAlive(Link& link);
+    void GiveBack(Link&& link);
+    static void LimitWait(Link& link, Exchange& exchange, int32_t seconds);
+    int32_t Report(uint32_t code, const char* step, int32_t ipcCode, const std::string& reason);
+
+    const std::string directory_;
+    const std::string path_;
+    // Relaxed: a hint with nothing attached.
+    std::atomic<bool> dead_{false};
+    std::vector<Link> idle_ GUARDED_BY(clientMutex);  // the last used at the end
+};
+
+}  // namespace VARN::Host

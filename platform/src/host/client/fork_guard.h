@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+
+#include "host/base/thread_safety.h"
+#include "host/base/unique_fd.h"
+
+namespace VARN::Host {
+
+// Guards all that the client side of the process shares: which services it knows and which connections are idle. One
+// lock for all of it, held for a few instructions at a time, so that a fork can wait for it and the child finds it
+// free.
+extern Mutex clientMutex;
+
+// From now on a fork waits for this lock and the log's, and the child begins without what belongs to the parent.
+void WatchForks();
+
+// A client's connected socket that only the process that made it ever uses. A fork would leave the child with a copy:
+// two processes that write on one connection would take each other's replies, and the service would not see the parent
+// go. So the child closes all copies before `fork` returns, and its `LinkFd`s know that they hold nothing any more.
+class LinkFd {
+public:
+    LinkFd() noexcept = default;
+    // A Unix stream socket that does not block; holds nothing, with the reason in errno, when the system refuses. The
+    // first one makes the process watch its forks.
+    static LinkFd MakeSocket();
+    LinkFd(LinkFd&& other) noexcept;
+    LinkFd& operator=(LinkFd&& other) noexcept;
+    ~LinkFd() { Close(); }
+
+    int Get() const noexcept { return fd_.Get(); }
+    explicit operator bool() const noexcept { return static_cast<bool>(fd_); }
+    // Whether it was made by this process, and not by the one that this was forked from.
+    bool IsOurs() const noexcept;
+
+private:
+    void Close() noexcept;
+
+    UniqueFd fd_;
+    uint32_t generation_ = 0;
+};
+
+}  // namespace VARN::Host

@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the Linux host gives the portable half; standalone.cpp is the same for a build without a host.
+#include "platform_hooks.h"
+
+#include "host/log/log_writer.h"
+#include "varn/host/ability_manager.h"
+
+namespace VARN {
+
+sptr<ISystemAbilityManager> DefaultSystemAbilityManager()
+{
+    return Host::AbilityManager::Get();
+}
+
+void DeliverLogLine(int type, int level, uint32_t domain, const char* tag, const std::string& text)
+{
+    Host::DeliverToSink({type, level, domain, tag, text});
+}
+
+}  // namespace VARN

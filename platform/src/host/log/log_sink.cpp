@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varn/host/log_sink.h"
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include "host/log/log_writer.h"
+#include "varn/log.h"
+
+namespace VARN::Host {
+
+namespace {
+
+struct Sink {
+    std::function<void(const LogLine&)> write;
+    int running = 0;  // calls of `write` under way; guarded by Log::mutex
+};
+
+struct Log {
+    std::mutex mutex;
+    std::shared_ptr<Sink> sink;    // null: standard error; guarded by mutex
+    std::condition_variable idle;  // a sink's last call has ended
+};
+
+// Never destroyed: lines are written during static destruction as well.
+Log& GetLog()
+{
+    alignas(Log) static unsigned char storage[sizeof(Log)];
+    static Log& log = *new (storage) Log;
+    return log;
+}
+
+// How many sink calls this thread is inside of: a sink may log, and may set another sink.
+thread_local int sinkDepth = 0;
+
+}  // namespace
+
+void DeliverToSink(const LogLine& line)
+{
+    Log& log = GetLog();
+    std::unique_lock<std::mutex> lock(log.mutex);
+    const std::shared_ptr<Sink> sink = log.sink;
+    if (!sink) {
+        lock.unlock();
+        WriteLogLine(line);
+        return;
+    }
+    ++sink->running;
+    lock.unlock();
+    ++sinkDepth;
+    try {
+        sink->write(line);
+    } catch (...) {
+        // Nobody who logs is prepared for an exception, and there is nowhere left to report it.
+    }
+    --sinkDepth;
+    lock.lock();
+    if (--sink->running == 0) {
+        log.idle.notify_all();
+    }
+}
+
+void LockLog()
+{
+    GetLog().mutex.lock();
+}
+
+void UnlockLog()
+{
+    GetLog().mutex.unlock();
+}
+
+void ForgetOtherThreads()
+{
+    Log& log = GetLog();
+    if (log.sink) {
+        log.sink->running = sinkDepth;
+    }
+}
+
+void SetLogSink(std::function<void(const LogLine&)> sink)
+{
+    std::shared_ptr<Sink> next;
+    if (sink) {
+        next = std::make_shared<Sink>();
+        next->write = std::move(sink);
+    }
+    Log& log = GetLog();
+    std::unique_lock<std::mutex> lock(log.mutex);
+    next.swap(log.sink);
+    if (next && sinkDepth == 0) {
+        log.idle.wait(lock, [&next] { return next->running == 0; });
+    }
+}
+
+void SetLogLevel(int level)
+{
+    logLevel.store(level, std::memory_order_relaxed);
+}
+
+}  // namespace VARN::Host

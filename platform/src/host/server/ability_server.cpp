@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varn/host/ability_server.h"
+
+#include <algorithm>
+#include <thread>
+#include <utility>
+
+#include "host/server/engine.h"
+#include "host/wire/socket_folder.h"
+#include "platform_log.h"
+
+namespace VARN::Host {
+
+namespace {
+
+// So that a few slow operations do not stop the others, however few processors there are.
+constexpr size_t LEAST_WORKERS = 8;
+
+AbilityServerOptions FillDefaults(AbilityServerOptions options)
+{
+    const AbilityServerOptions defaults;
+    const auto fill = [](auto& value, auto fallback) { value = value == decltype(fallback){} ? fallback : value; };
+    fill(options.directory, std::string(DefaultSocketDirectory()));
+    fill(options.workers, std::max<size_t>(std::thread::hardware_concurrency(), LEAST_WORKERS));
+    fill(options.maxConnections, defaults.maxConnections);
+    fill(options.maxConnectionsPerUser, defaults.maxConnectionsPerUser);
+    fill(options.maxRequestBytes, defaults.maxRequestBytes);
+    fill(options.stallTimeout, defaults.stallTimeout);
+    fill(options.replyTimeout, defaults.replyTimeout);
+    fill(options.maxWaitingReplyBytesPerUser, defaults.maxWaitingReplyBytesPerUser);
+    return options;
+}
+
+}  // namespace
+
+AbilityServer::AbilityServer(int32_t id, sptr<IPCObjectStub> stub, AbilityServerOptions options)
+    : id_(id), stub_(std::move(stub)), options_(FillDefaults(std::move(options)))
+{
+}
+
+AbilityServer::~AbilityServer()
+{
+    Stop();
+}
+
+bool AbilityServer::Start()
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::string problem;
+    if (engine_) {
+        problem = "it is already running";
+    } else if (!stub_) {
+        problem = "the object is null";
+    } else {
+        auto engine = std::make_unique<Engine>(*this);
+        problem = engine->Start();
+        if (problem.empty()) {
+            engine_ = std::move(engine);
+        }
+    }
+    if (!problem.empty()) {
+        PLATFORM_ERROR("service %d cannot be started: %s", id_, problem.c_str());
+    }
+    return problem.empty();
+}
+
+void AbilityServer::Stop()
+{
+    if (Engine::IsThreadOf(*this)) {
+        PLATFORM_ERROR("service %d cannot be stopped from inside one of its own operations", id_);
+        return;
+    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    engine_.reset();
+}
+
+}  // namespace VARN::Host

@@ -1,0 +1,287 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/server/connection.h"
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "host/server/caller_scope.h"
+#include "parcel_buffer.h"
+#include "platform_log.h"
+
+namespace VARN::Host {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+enum class Received { SOME, NOTHING, END };
+
+// Plain recv, without room for control messages: the kernel closes descriptors that come along.
+Received Receive(int fd, void* to, size_t room, size_t& size)
+{
+    for (;;) {
+        const ssize_t got = ::recv(fd, to, room, MSG_DONTWAIT);
+        if (got > 0) {
+            size = static_cast<size_t>(got);
+            return Received::SOME;
+        }
+        if (got == 0) {
+            return Received::END;
+        }
+        if (errno != EINTR) {
+            return errno == EAGAIN ? Received::NOTHING : Received::END;
+        }
+    }
+}
+
+}  // namespace
+
+bool WorkerBuffers::HoldsMuch() const noexcept
+{
+    return reply && ParcelBuffer::Capacity(*reply) > KEPT_IDLE_CAPACITY;
+}
+
+// NOLINTNEXTLINE(readability-make-member-function-const): what it changes is its own, if behind a pointer
+void WorkerBuffers::LetGo() noexcept
+{
+    if (reply) {
+        ParcelBuffer::Clear(*reply, KEPT_IDLE_CAPACITY);
+    }
+}
+
+std::unique_ptr<MessageParcel> WorkerBuffers::TakeReply()
+{
+    auto other = std::make_unique<MessageParcel>();
+    const size_t size = reply->GetDataSize();
+    if (ParcelBuffer::Capacity(*reply) <= 2 * std::max(size, KEPT_IDLE_CAPACITY)) {
+        reply.swap(other);
+        return other;
+    }
+    uint8_t* space = ParcelBuffer::Space(*other, size);
+    if (space == nullptr) {
+        throw std::bad_alloc();
+    }
+    std::memcpy(space, ParcelBuffer::Data(*reply), size);
+    ParcelBuffer::Commit(*other, size);
+    return other;
+}
+
+Connection::Connection(UniqueFd fd, const Caller& caller, UserAccount& account, std::atomic<int64_t>& deadline) noexcept
+    : fd_(std::move(fd)), caller_(caller), account_(account), deadline_(deadline)
+{
+}
+
+Connection::~Connection()
+{
+    deadline_.store(0);
+    if (output_) {
+        account_.waitingReplyBytes.fetch_sub(output_->body->GetDataSize(), std::memory_order_relaxed);
+    }
+}
+
+void Connection::SetDeadline(std::chrono::milliseconds fromNow) noexcept
+{
+    const auto end = Clock::now().time_since_epoch() + fromNow;
+    deadline_.store(std::chrono::duration_cast<std::chrono::nanoseconds>(end).count());
+}
+
+Connection::Next Connection::Serve(ServiceContext& context, WorkerBuffers& buffers, bool hangUp)
+{
+    if (output_) {
+        const Next next = Flush(buffers);
+        // Requests may have been waiting behind the reply: look again, after the others.
+        return next == Next::INPUT ? Next::TURN : next;
+    }
+    return input_ ? ReadRest(context, buffers) : ReadFirst(context, buffers, hangUp);
+}
+
+// Most requests arrive whole and are handled where they were received.
+Connection::Next Connection::ReadFirst(ServiceContext& context, WorkerBuffers& buffers, bool hangUp)
+{
+    size_t size = ahead_.size();
+    bool drained = false;
+    if (size != 0) {
+        std::memcpy(buffers.piece.data(), ahead_.data(), size);
+        std::vector<uint8_t>().swap(ahead_);
+    } else {
+        const Received received = Receive(fd_.Get(), buffers.piece.data(), buffers.piece.size(), size);
+        if (received != Received::SOME) {
+            return received == Received::END ? Next::CLOSE : Next::INPUT;
+        }
+        // A short read has emptied the socket, so there is no need to ask it again. After a hang-up there is. (It may
+        // also end where a peer sent descriptors along; what he sent behind them then waits until he sends more.)
+        drained = size < buffers.piece.size() && !hangUp;
+    }
+    FrameReader reader(context.options.maxRequestBytes);
+    const FrameReader::State state = reader.CheckHeader(buffers.piece.data(), size);
+    if (state != FrameReader::State::COMPLETE && state != FrameReader::State::PARTIAL) {
+        return Refuse(context, reader, state);
+    }
+    const FrameHeader& header = reader.GetHeader();
+    if (state == FrameReader::State::PARTIAL || size - FRAME_HEADER_SIZE < header.length) {
+        return BeginRest(context, buffers, size);
+    }
+    const size_t end = FRAME_HEADER_SIZE + header.length;
+    ahead_.assign(buffers.piece.begin() + static_cast<ptrdiff_t>(end),
+                  buffers.piece.begin() + static_cast<ptrdiff_t>(size));
+    ParcelBuffer::Lend(reader.GetBody(), buffers.piece.data() + FRAME_HEADER_SIZE, header.length);
+    const Next next = Dispatch(context, buffers, header, reader.GetBody());
+    // A peer who sends without end must not keep the worker to himself.
+    return next == Next::INPUT && !(drained && ahead_.empty()) ? Next::TURN : next;
+}
+
+Connection::Next Connection::BeginRest(ServiceContext& context, WorkerBuffers& buffers, size_t size)
+{
+    input_ = std::make_unique<FrameReader>(context.options.maxRequestBytes);
+    SetDeadline(context.options.stallTimeout);
+    size_t taken = 0;
+    const FrameReader::State state = input_->Feed(buffers.piece.data(), size, taken);
+    return state == FrameReader::State::PARTIAL ? ReadRest(context, buffers) : Refuse(context, *input_, state);
+}
+
+Connection::Next Connection::ReadRest(ServiceContext& context, WorkerBuffers& buffers)
+{
+    FrameReader::State state = FrameReader::State::PARTIAL;
+    while (state == FrameReader::State::PARTIAL) {
+        size_t room = 0;
+        uint8_t* space = input_->Space(room);
+        if (space == nullptr) {
+            return Refuse(context, *input_, FrameReader::State::NO_MEMORY);
+        }
+        size_t size = 0;
+        const Received received = Receive(fd_.Get(), space, room, size);
+        if (received != Received::SOME) {
+            return received == Received::END ? Next::CLOSE : Next::INPUT;
+        }
+        state = input_->Commit(size);
+    }
+    if (state != FrameReader::State::COMPLETE) {
+        return Refuse(context, *input_, state);
+    }
+    const std::unique_ptr<FrameReader> input = std::move(input_);
+    deadline_.store(0);
+    const Next next = Dispatch(context, buffers, input->GetHeader(), input->GetBody());
+    return next == Next::INPUT ? Next::TURN : next;
+}
+
+Connection::Next Connection::Refuse(ServiceContext& context, const FrameReader& reader, FrameReader::State state)
+{
+    const uint64_t length = reader.GetHeader().length;
+    if (state == FrameReader::State::TOO_LONG) {
+        context.refusals.Report(Limit::REQUEST_BYTES, caller_, length, context.options.maxRequestBytes);
+    } else if (state == FrameReader::State::INVALID) {
+        context.refusals.Report(Limit::PROTOCOL, caller_, 1, 0, reader.GetProblem());
+    } else {
+        PLATFORM_ERROR("no memory for a request of %u bytes from uid %u pid %d", reader.GetHeader().length, caller_.uid,
+                       caller_.pid);
+    }
+    return Next::CLOSE;
+}
+
+Connection::Next Connection::Dispatch(ServiceContext& context, WorkerBuffers& buffers, const FrameHeader& header,
+                                      MessageParcel& data)
+{
+    if (!buffers.reply) {
+        buffers.reply = std::make_unique<MessageParcel>();
+    }
+    MessageParcel& reply = *buffers.reply;
+    ParcelBuffer::Clear(reply, WorkerBuffers::KEPT_CAPACITY);
+    // An operation before may have set a bound of its own.
+    reply.SetMaxCapacity(Parcel::kDefaultMaxCapacity);
+    const bool observed = static_cast<bool>(context.options.observer);
+    const Clock::time_point begin = observed ? Clock::now() : Clock::time_point();
+    MessageOption option;
+    FrameHeader answer;
+    answer.kind = FrameKind::REPLY;
+    answer.code = header.code;
+    {
+        const CallerScope scope(caller_);
+        answer.status = context.stub->SendRequest(header.code, data, reply, option);
+    }
+    const Clock::time_point end = observed ? Clock::now() : Clock::time_point();
+    answer.length = static_cast<uint32_t>(reply.GetDataSize());
+    const Next next = Reply(context, buffers, answer);
+    // Now, since the worker's next request may be long in coming.
+    ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
+    if (observed) {
+        context.options.observer({header.code, caller_, header.length, answer.length, end - begin, answer.status});
+    }
+    return next;
+}
+
+// False when the connection is broken; else `sent` has moved as far as the socket takes it.
+bool Connection::SendSome(const FrameHeader& header, const MessageParcel& body, size_t& sent) const
+{
+    FrameHeader copy = header;
+    const size_t headerSent = std::min(sent, sizeof(header));
+    const size_t bodySent = sent - headerSent;
+    // sendmsg takes what it only reads as non-const.
+    std::array<iovec, 2> pieces{
+        {{reinterpret_cast<uint8_t*>(&copy) + headerSent, sizeof(header) - headerSent},
+         {const_cast<uint8_t*>(ParcelBuffer::Data(body)) + bodySent, body.GetDataSize() - bodySent}}};
+    msghdr message = {};
+    message.msg_iov = pieces.data();
+    message.msg_iovlen = pieces.size();
+    ssize_t done = 0;
+    do {
+        done = ::sendmsg(fd_.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    } while (done < 0 && errno == EINTR);
+    if (done < 0) {
+        return errno == EAGAIN;
+    }
+    // A socket that did not take all is full: there is no need to ask it again.
+    sent += static_cast<size_t>(done);
+    return true;
+}
+
+Connection::Next Connection::Reply(ServiceContext& context, WorkerBuffers& buffers, const FrameHeader& header)
+{
+    size_t sent = 0;
+    if (!SendSome(header, *buffers.reply, sent)) {
+        return Next::CLOSE;
+    }
+    if (sent == sizeof(header) + header.length) {
+        return Next::INPUT;
+    }
+    auto body = buffers.TakeReply();
+    output_ = std::make_unique<Output>();
+    output_->header = header;
+    output_->sent = sent;
+    output_->body = std::move(body);
+    const size_t waiting =
+        account_.waitingReplyBytes.fetch_add(header.length, std::memory_order_relaxed) + header.length;
+    if (waiting > context.options.maxWaitingReplyBytesPerUser) {
+        context.refusals.Report(Limit::REPLY_BYTES, caller_, waiting, context.options.maxWaitingReplyBytesPerUser);
+        return Next::CLOSE;
+    }
+    SetDeadline(context.options.replyTimeout);
+    return Next::OUTPUT;
+}
+
+Connection::Next Connection::Flush(WorkerBuffers& buffers)
+{
+    if (!output_) {
+        return Next::INPUT;
+    }
+    if (!SendSome(output_->header, *output_->body, output_->sent)) {
+        return Next::CLOSE;
+    }
+    if (output_->sent < sizeof(output_->header) + output_->header.length) {
+        return Next::OUTPUT;
+    }
+    account_.waitingReplyBytes.fetch_sub(output_->header.length, std::memory_order_relaxed);
+    buffers.reply.swap(output_->body);
+    ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
+    output_.reset();
+    deadline_.store(0);
+    return Next::INPUT;
+}
+
+}  // namespace VARN::Host

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "host/base/thread_safety.h"
+#include "varn/host/caller.h"
+
+namespace VARN::Host {
+
+// What a server ends a connection for, or, the last two, what keeps it from having more.
+enum class Limit {
+    CONNECTIONS,
+    CONNECTIONS_PER_USER,
+    REQUEST_BYTES,
+    REQUEST_TIME,
+    REPLY_TIME,
+    REPLY_BYTES,
+    PROTOCOL,
+    DESCRIPTORS,
+    WORKERS
+};
+
+// Writes a warn line when a limit bites, at most one a second for each limit: a peer that is refused in a loop must not
+// fill the log. The next line of the limit, or the end of the server, says how many were left out.
+//
+// Thread safety: every operation may be called from any thread.
+class RefusalLog {
+public:
+    explicit RefusalLog(int32_t id) : id_(id) {}
+    // Tells of what was left out since the last lines.
+    ~RefusalLog();
+
+    RefusalLog(const RefusalLog&) = delete;
+    RefusalLog& operator=(const RefusalLog&) = delete;
+
+    void Report(Limit limit, const Caller& caller, uint64_t used, uint64_t allowed, const char* detail = "");
+
+private:
+    struct Entry {
+        int64_t lastNanoseconds = 0;  // 0: never
+        uint64_t suppressed = 0;
+    };
+    static constexpr size_t LIMITS = static_cast<size_t>(Limit::WORKERS) + 1;
+
+    const int32_t id_;
+    Mutex mutex_;
+    std::array<Entry, LIMITS> entries_ GUARDED_BY(mutex_);
+};
+
+}  // namespace VARN::Host

@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/wire/socket_folder.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "host/base/error_text.h"
+
+namespace VARN::Host {
+
+const char* DefaultSocketDirectory() noexcept
+{
+    const char* directory = ::secure_getenv("VARN_ABILITY_DIR");
+    return directory != nullptr && directory[0] != '\0' ? directory : "/run/varn";
+}
+
+std::string SocketPath(const std::string& directory, int32_t id)
+{
+    return directory + "/" + std::to_string(id) + ".sock";
+}
+
+std::string MakeSocketAddress(const std::string& path, sockaddr_un& address)
+{
+    // One byte stays for the terminator.
+    constexpr size_t LIMIT = sizeof(address.sun_path) - 1;
+    if (path.size() > LIMIT) {
+        return "the path " + path + " is " + std::to_string(path.size()) + " bytes long, a socket's may be " +
+               std::to_string(LIMIT);
+    }
+    address = {};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.data(), path.size());
+    return {};
+}
+
+int CheckSocketFolder(const std::string& directory, std::string& problem)
+{
+    struct stat folder = {};
+    if (::stat(directory.c_str(), &folder) != 0) {
+        const int error = errno;
+        problem = "the socket folder " + directory + " cannot be used: " + ErrorText(error);
+        return error;
+    }
+    if (!S_ISDIR(folder.st_mode)) {
+        problem = "the socket folder " + directory + " is not a directory";
+        return ENOTDIR;
+    }
+    if (folder.st_uid != 0 && folder.st_uid != ::geteuid()) {
+        problem = "the socket folder " + directory + " belongs to user " + std::to_string(folder.st_uid) +
+                  ", not to root or to user " + std::to_string(::geteuid());
+        return EPERM;
+    }
+    if ((folder.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        problem = "the socket folder " + directory + " may be written by others than its owner (chmod go-w would do)";
+        return EPERM;
+    }
+    return 0;
+}
+
+}  // namespace VARN::Host
