@@ -4,6 +4,10 @@
 include(CMakePackageConfigHelpers)
 
 set(libraries security_privacy)
+set(compatibility SameMajorVersion)
+if(PROJECT_VERSION_MAJOR EQUAL 0)
+  set(compatibility SameMinorVersion)
+endif()
 if(NOT SECURITY_PRIVACY_PLATFORM)
   list(APPEND libraries varn_platform)
 endif()
@@ -33,7 +37,7 @@ function(security_privacy_install_package package target pkgconfig)
   configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/${package}-config.cmake.in
     ${generated}/${package}-config.cmake
     INSTALL_DESTINATION ${folder} NO_SET_AND_CHECK_MACRO)
-  write_basic_package_version_file(${generated}/${package}-config-version.cmake COMPATIBILITY SameMajorVersion)
+  write_basic_package_version_file(${generated}/${package}-config-version.cmake COMPATIBILITY ${compatibility})
   install(FILES ${generated}/${package}-config.cmake ${generated}/${package}-config-version.cmake
     DESTINATION ${folder} COMPONENT development)
 
@@ -44,6 +48,8 @@ endfunction()
 security_privacy_install_package(security_privacy security_privacy security_privacy)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/security_privacy
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development FILES_MATCHING PATTERN "*.h")
+install(FILES ${PROJECT_BINARY_DIR}/generated/security_privacy/version.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/security_privacy COMPONENT development)
 if(NOT SECURITY_PRIVACY_PLATFORM)
   security_privacy_install_package(varn varn_platform varn-platform)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/include/varn
@@ -53,7 +59,8 @@ endif()
 install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}
-  COMPONENT documents FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
+  COMPONENT documents FILES_MATCHING PATTERN "*.md" PATTERN "*.svg"
+  PATTERN abi EXCLUDE PATTERN examples EXCLUDE)
 
 # Below a prefix of their own, programs and libraries find each other without help from the loader's configuration.
 if(NOT CMAKE_INSTALL_PREFIX MATCHES "^/usr/?$")

@@ -15,6 +15,13 @@ function(security_privacy_warnings target)
   endif()
 endfunction()
 
+# As long as the major version is 0, a new minor version may break programs (docs/abi.md).
+if(PROJECT_VERSION_MAJOR EQUAL 0)
+  set(SECURITY_PRIVACY_SOVERSION 0.${PROJECT_VERSION_MINOR})
+else()
+  set(SECURITY_PRIVACY_SOVERSION ${SECURITY_PRIVACY_SOVERSION})
+endif()
+
 # For the two libraries: hidden visibility, and no unique symbols, which would keep a shared library from ever being
 # unloaded.
 function(private_library_options target)
@@ -27,7 +34,7 @@ function(private_library_options target)
     POSITION_INDEPENDENT_CODE ON
     LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map
     VERSION ${PROJECT_VERSION}
-    SOVERSION ${PROJECT_VERSION_MAJOR})
+    SOVERSION ${SECURITY_PRIVACY_SOVERSION})
   target_link_options(${target} PRIVATE LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(${target} PRIVATE -fno-gnu-unique)

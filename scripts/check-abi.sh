@@ -1,73 +1,82 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Compares the binary interface of both libraries with that of the last release (docs/abi.md) and fails when programs
-# that were linked against that one would break, unless the major version has changed since. Then it proves on a
-# copy that the comparison notices a virtual function added in the middle of the interface.
+# Compares the binary interface of both libraries with the last description in docs/abi/ and fails when programs that
+# were linked against that version would break, unless the shared objects have another version now. Then it proves on
+# a copy that the comparison notices a virtual function added in the middle of the interface.
+#
+#   scripts/check-abi.sh           compares
+#   scripts/check-abi.sh --keep    writes the description of this version, which a release leaves for the next one
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
+libraries=(libsecurity_privacy.so platform/libvarn_platform.so)
 
 fail()
 {
     echo "check-abi: $*" >&2
     exit 1
 }
-
-# build TREE BUILD: both libraries, with the debug information that the comparison reads.
-build()
+quietly()
 {
-    {
-        cmake -S "$1" -B "$2" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSECURITY_PRIVACY_BUILD_TESTS=OFF \
-            -DSECURITY_PRIVACY_BUILD_TOOLS=OFF && cmake --build "$2"
-    } >"$scratch/log" 2>&1 || { cat "$scratch/log" >&2; fail "$1 does not build"; }
+    "$@" >"$scratch/log" 2>&1 || { cat "$scratch/log" >&2; fail "failed: $*"; }
 }
 
-# compare OLD_TREE OLD_BUILD NEW_TREE NEW_BUILD: 0 when nothing that was there has changed. Additions are no change.
+# The version that the shared objects of a release carry, see docs/abi.md.
+soversion()
+{
+    if [[ $1 == 0.* ]]; then cut -d. -f1,2 <<<"$1"; else cut -d. -f1 <<<"$1"; fi
+}
+
+# compare OLD NEW OPTION...: 0 when nothing that was there has changed. Additions are no change.
 compare()
 {
-    local library same=0
-    for library in libsecurity_privacy.so platform/libvarn_platform.so; do
-        abidiff --no-added-syms --headers-dir1 "$1/include" --headers-dir1 "$1/platform/include" \
-            --headers-dir2 "$3/include" --headers-dir2 "$3/platform/include" "$2/$library" "$4/$library" || same=1
-    done
-    return "$same"
+    abidiff --no-added-syms --drop-private-types "${@:3}" "$1" "$2"
 }
 
-major_version()
-{
-    sed -n 's/^project(.* VERSION \([0-9]*\)\..*/\1/p' "$1/CMakeLists.txt"
-}
-
+version=$(sed -n 's/^project(.* VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)
 now=build/dev
-{ cmake --preset dev && cmake --build --preset dev --target security_privacy varn_platform; } >"$scratch/log" 2>&1 ||
-    { cat "$scratch/log" >&2; fail "the tree does not build"; }
+headers=(--headers-dir2 include --headers-dir2 platform/include --headers-dir2 "$now/generated")
+quietly cmake --preset dev
+quietly cmake --build --preset dev --target security_privacy varn_platform
 
-if last=$(git describe --tags --abbrev=0 --match 'v[0-9]*' 2>/dev/null); then
-    mkdir "$scratch/last-tree"
-    git archive "$last" | tar -x -C "$scratch/last-tree"
-    if [[ $(major_version "$scratch/last-tree") != "$(major_version .)" ]]; then
-        echo "check-abi: the major version has changed since $last, so the binary interface may have"
-    else
-        build "$scratch/last-tree" "$scratch/last"
-        compare "$scratch/last-tree" "$scratch/last" "$PWD" "$now" ||
-            fail "programs linked against $last would break; see docs/abi.md"
-        echo "check-abi: compatible with $last"
-    fi
-else
-    echo "check-abi: no release yet to compare with"
+if [[ ${1:-} == --keep ]]; then
+    mkdir -p "docs/abi/$version"
+    for library in "${libraries[@]}"; do
+        kept=docs/abi/$version/$(basename "$library" .so).abi.xz
+        abidw --drop-private-types --no-corpus-path --no-comp-dir-path --no-show-locs --headers-dir include \
+            --headers-dir platform/include --headers-dir "$now/generated" "$now/$library" | xz -9e >"$kept"
+        echo "check-abi: wrote $kept"
+    done
+    exit
 fi
 
-mkdir "$scratch/broken-tree"
-cp -r CMakeLists.txt cmake include ipc records util platform "$scratch/broken-tree"
+last=$(find docs/abi -mindepth 1 -type d -printf '%f\n' | sort -V | tail -n 1)
+[[ -n $last ]] || fail "docs/abi holds no description to compare with"
+for library in "${libraries[@]}"; do
+    name=$(basename "$library" .so)
+    xz -dc "docs/abi/$last/$name.abi.xz" >"$scratch/$name.abi"
+    if compare "$scratch/$name.abi" "$now/$library" "${headers[@]}" >"$scratch/report"; then
+        echo "check-abi: $name is compatible with $last"
+    elif [[ $(soversion "$last") != "$(soversion "$version")" ]]; then
+        echo "check-abi: $name differs from $last, as it may: the shared object is $(soversion "$version") now"
+        sed -n 's/^\(Functions\|Variables\) changes summary/    &/p' "$scratch/report"
+    else
+        cat "$scratch/report" >&2
+        fail "programs linked against $name $last would break; see docs/abi.md"
+    fi
+done
+
+mkdir "$scratch/broken"
+cp -r CMakeLists.txt cmake include ipc records util platform "$scratch/broken"
 interface=include/security_privacy/security_privacy_service_intf.h
 sed -i 's/^    virtual int32_t GetPermissionUsageSummary(/    virtual int32_t AddedInTheMiddle() { return 0; }\n&/' \
-    "$scratch/broken-tree/$interface"
-if cmp -s "$interface" "$scratch/broken-tree/$interface"; then
-    fail "the self-test did not find where to add its function"
-fi
-build "$scratch/broken-tree" "$scratch/broken"
-if compare "$PWD" "$now" "$scratch/broken-tree" "$scratch/broken" >"$scratch/report"; then
+    "$scratch/broken/$interface"
+! cmp -s "$interface" "$scratch/broken/$interface" || fail "the self-test did not find where to add its function"
+quietly cmake -S "$scratch/broken" -B "$scratch/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DSECURITY_PRIVACY_BUILD_TESTS=OFF -DSECURITY_PRIVACY_BUILD_TOOLS=OFF -DSECURITY_PRIVACY_INSTALL=OFF
+quietly cmake --build "$scratch/build"
+if compare "$now/libsecurity_privacy.so" "$scratch/build/libsecurity_privacy.so" >"$scratch/report"; then
     fail "a virtual function added in the middle of the interface was not noticed"
 fi
 grep -q AddedInTheMiddle "$scratch/report" || { cat "$scratch/report" >&2; fail "the comparison failed, but not for the added function"; }

@@ -88,7 +88,8 @@ with_cmake find_package-moved find_package "$scratch/moved/include" -DCMAKE_PREF
 with_pkg_config pkg-config-shared "$scratch/moved" ""
 with_pkg_config pkg-config-static "$scratch/static" --static
 
-with_cmake add_subdirectory add_subdirectory "$source/include $source/platform/include" \
+with_cmake add_subdirectory add_subdirectory \
+    "$source/include $source/platform/include $scratch/build/add_subdirectory/security_privacy/generated" \
     -DSECURITY_PRIVACY_SOURCE_DIR="$source"
 quietly cmake --install "$scratch/build/add_subdirectory" --prefix "$scratch/guest"
 [[ "$(cd "$scratch/guest" && find . -type f)" == ./bin/consumer ]] || fail "as a guest the library installed something"

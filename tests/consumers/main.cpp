@@ -5,9 +5,12 @@
 
 #include "security_privacy/security_privacy_client.h"
 #include "security_privacy/testing/fake_service.h"
+#include "security_privacy/version.h"
 #include "varn/host/log_sink.h"
 
 using namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer;
+
+static_assert(SECURITY_PRIVACY_VERSION_MAJOR > 0 || SECURITY_PRIVACY_VERSION_MINOR >= 2);
 
 // A program of somebody else: it calls a service and gets the service's own answer, which needs both libraries whole,
 // the registration of the proxy included.
