@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "fuzz/input.h"
-#include "support/exchange.h"
+#include "support/calls.h"
 #include "varn/host/log_sink.h"
 
 using namespace VARN;

@@ -59,7 +59,7 @@ void AddRecords(Seeds& seeds)
 }
 
 // The arguments of each request, and the reply of a service that has an answer.
-void AddExchanges(Seeds& seeds)
+void AddCalls(Seeds& seeds)
 {
     FakeAnswer answer;
     answer.appPermissionGroupInfos = {MakeAppPermissionGroupInfo()};
@@ -130,7 +130,7 @@ try {
     std::filesystem::remove_all(argv[1]);
     Seeds seeds(argv[1]);
     AddRecords(seeds);
-    AddExchanges(seeds);
+    AddCalls(seeds);
     AddConnections(seeds);
     return 0;
 } catch (const std::exception& exception) {

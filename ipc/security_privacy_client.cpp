@@ -4,6 +4,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "security_privacy/contract.h"
 #include "util/format_utils.h"
 #include "util/log_line.h"
 #include "varn/remote_broker.h"
@@ -18,9 +19,6 @@ using Util::FormatUtils::Text;
 using Util::KelLog::Tag;
 
 const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
-
-constexpr int32_t SECURITY_PRIVACY_SA_ID = 65993;
-constexpr int32_t SA_LOAD_TIMEOUT = 4;  // seconds
 
 // A proxy for `object`. Null when nobody registered a maker of proxies, or when it made nothing or something else.
 sptr<SecurityPrivacyServiceIntf> CastToInterface(const sptr<IRemoteObject>& object)
@@ -59,7 +57,7 @@ SecurityPrivacyClient& SecurityPrivacyClient::GetInstance()
 void SecurityPrivacyClient::WithSystemAbilityProxy(
     const std::function<void(const sptr<SecurityPrivacyServiceIntf>&)>& callback)
 {
-    // Held to the end, the callback and with it the whole exchange included.
+    // Held to the end, the callback and with it the whole call included.
     const std::lock_guard<std::recursive_mutex> lock(mutex_);
 
     const sptr<ISystemAbilityManager> manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();

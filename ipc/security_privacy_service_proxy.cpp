@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ipc/security_privacy_service_proxy.h"
 
-#include "ipc/exchange.h"
+#include "ipc/message_lists.h"
 #include "security_privacy/app_permission_group_info.h"
 #include "security_privacy/checked_state_parameter.h"
+#include "security_privacy/contract.h"
 #include "security_privacy/gtoken_info.h"
 #include "security_privacy/gtoken_result_with_ret.h"
 #include "security_privacy/permission_usage_record.h"
@@ -22,8 +23,6 @@ using Util::FormatUtils::Text;
 using Util::KelLog::Tag;
 
 const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
-
-constexpr int32_t WAIT_TIME = 8;  // seconds
 
 // Reads the reply to a usage request: the result, which it returns, and if that is 0 the records. `operation` is whom
 // the lines name.

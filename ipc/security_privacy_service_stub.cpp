@@ -7,7 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "ipc/exchange.h"
+#include "ipc/message_lists.h"
+#include "security_privacy/contract.h"
 #include "util/format_utils.h"
 #include "util/log_line.h"
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "records/field_io.h"
+#include "security_privacy/contract.h"
 #include "util/announced_list.h"
 #include "util/format_utils.h"
 #include "util/log_line.h"
@@ -19,9 +20,6 @@ using Util::FormatUtils::Text;
 using Util::KelLog::Tag;
 
 const Tag LOG_TAG = Tag::Create("permission", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
-
-// Of the shown and of the disabled states each; a count is only a claim, and a hostile one must not be believed.
-constexpr int32_t MAX_STATES_SIZE = 50;
 
 }  // namespace
 

@@ -6,6 +6,7 @@
 
 #include "records/field_io.h"
 #include "records/gtoken_fields.h"
+#include "security_privacy/contract.h"
 #include "util/announced_list.h"
 #include "util/format_utils.h"
 #include "util/log_line.h"
@@ -18,9 +19,6 @@ using Util::FormatUtils::Text;
 using Util::KelLog::Tag;
 
 const Tag LOG_TAG = Tag::Create("GToken", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
-
-// A hostile message must not make its reader keep policies without end.
-constexpr int32_t MAX_POLICIES_SIZE = 10000;
 
 }  // namespace
 

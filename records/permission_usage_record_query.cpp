@@ -5,6 +5,7 @@
 #include <memory>
 #include <new>
 
+#include "security_privacy/contract.h"
 #include "util/announced_list.h"
 #include "util/format_utils.h"
 
@@ -13,9 +14,6 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record {
 namespace {
 
 using Util::FormatUtils::Text;
-
-// A hostile query must not make the service keep filters without end.
-constexpr int32_t MAX_QUERY_LIST_SIZE = 99;
 
 bool Write(Parcel& parcel, const std::string& element)
 {

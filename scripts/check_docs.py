@@ -20,7 +20,7 @@ FILE_NAME = re.compile(r"[\w.-]+(/[\w.-]+)*(\.(h|cpp|py|sh|md|svg|txt|json|cmake
                        r"|(\.ci|bench|cmake|docs|examples|fuzz|include|ipc|platform|records|scripts|tests|tools|util)/[\w./-]+")
 # A limit is a constant with such a name in the library or the platform.
 LIMIT = re.compile(r"^ +size_t (max[A-Z][A-Za-z]+) =|^ +std::chrono::\w+ (\w+Timeout) ="
-                   r"|^\s*(?:static )?constexpr [\w:]+ (MAX_\w+|kDefault\w+|\w+_TIMEOUT|WAIT_TIME|BACKLOG|\w*PAUSE\w*)\b",
+                   r"|^\s*(?:static |inline )?constexpr [\w:]+ (MAX_\w+|kDefault\w+|\w+_TIMEOUT|WAIT_TIME|BACKLOG|\w*PAUSE\w*)\b",
                    re.M)
 # What a unit multiplies by, and how a source says that it means it.
 UNITS = {"": (1, ""), "MiB": (1 << 20, "1024 \\* 1024"), "s": (1, "(?<!milli)(?<!nano)seconds"),

@@ -5,7 +5,7 @@
 #include <string>
 #include <thread>
 
-#include "support/exchange.h"
+#include "support/calls.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "support/exchange.h"
+#include "support/calls.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "ipc/security_privacy_service_proxy.h"
-#include "support/exchange.h"
+#include "support/calls.h"
 #include "support/record_cases.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
@@ -79,7 +79,7 @@ FakeAnswer MakeAnswer(int32_t result = 0)
     return answer;
 }
 
-struct Exchange {
+struct Call {
     uint32_t code;
     std::function<void(Parcel&)> putRequest;
     std::function<void(Parcel&)> putReply;
@@ -96,7 +96,7 @@ void PutRecord(Parcel& parcel, const std::string& name)
 }
 
 // What `CallOperation` and `MakeAnswer` look like on the wire and in the log.
-std::vector<Exchange> Exchanges()
+std::vector<Call> Calls()
 {
     const RecordCase& info = CaseOf("AppPermissionGroupInfo");
     const RecordCase& row = CaseOf("GTokenResult");
@@ -134,38 +134,38 @@ std::vector<Exchange> Exchanges()
 }
 
 // Hands the request to a service that gives this answer. Returns the status.
-int32_t Dispatch(const Exchange& exchange, const FakeAnswer& answer, MessageParcel& reply)
+int32_t Dispatch(const Call& call, const FakeAnswer& answer, MessageParcel& reply)
 {
     const sptr<FakeService> service(new FakeService());
-    service->SetAnswer(exchange.code, answer);
+    service->SetAnswer(call.code, answer);
     MessageParcel request;
     PutAll(request, SecurityPrivacyServiceIntf::GetDescriptor());
-    exchange.putRequest(request);
+    call.putRequest(request);
     MessageOption option;
-    const int32_t status = service->OnRemoteRequest(exchange.code, request, reply, option);
-    EXPECT_EQ(0U, request.GetReadableBytes()) << exchange.code;
+    const int32_t status = service->OnRemoteRequest(call.code, request, reply, option);
+    EXPECT_EQ(0U, request.GetReadableBytes()) << call.code;
     return status;
 }
 
 TEST(Layout, OfRequestsAndRepliesIsAsOtherProcessesKnowIt)
 {
-    for (const Exchange& exchange : Exchanges()) {
+    for (const Call& call : Calls()) {
         MessageParcel reply;
-        EXPECT_EQ(0, Dispatch(exchange, MakeAnswer(), reply));
+        EXPECT_EQ(0, Dispatch(call, MakeAnswer(), reply));
         Parcel expected;
-        exchange.putReply(expected);
-        EXPECT_EQ(TakeWords(expected), TakeWords(reply)) << exchange.code;
+        call.putReply(expected);
+        EXPECT_EQ(TakeWords(expected), TakeWords(reply)) << call.code;
 
         const sptr<ScriptedObject> object(new ScriptedObject([&](uint32_t, MessageParcel& data, MessageParcel&) {
             EXPECT_EQ(SecurityPrivacyServiceIntf::GetDescriptor(), data.ReadInterfaceToken());
             Parcel arguments;
-            exchange.putRequest(arguments);
-            EXPECT_EQ(TakeWords(arguments), TakeWords(data)) << exchange.code;
+            call.putRequest(arguments);
+            EXPECT_EQ(TakeWords(arguments), TakeWords(data)) << call.code;
             return 0;
         }));
-        CallOperation(*ProxyOver(object), exchange.code);
+        CallOperation(*ProxyOver(object), call.code);
         ASSERT_EQ(1U, object->sent.size());
-        EXPECT_EQ(exchange.code, object->sent[0].code);
+        EXPECT_EQ(call.code, object->sent[0].code);
         EXPECT_EQ(0, object->sent[0].flags);
         EXPECT_EQ(8, object->sent[0].waitTime);
     }
@@ -173,37 +173,37 @@ TEST(Layout, OfRequestsAndRepliesIsAsOtherProcessesKnowIt)
 
 TEST(Layout, OfAFailureIsItsResultAloneButForTheSetAndTheGet)
 {
-    for (const Exchange& exchange : Exchanges()) {
+    for (const Call& call : Calls()) {
         MessageParcel reply;
-        const bool isStatus = exchange.code <= 2 || IsUsage(exchange.code);
-        EXPECT_EQ(isStatus ? 12 : 0, Dispatch(exchange, MakeAnswer(12), reply)) << exchange.code;
-        if (exchange.code != 12) {
-            EXPECT_EQ(exchange.code == 3 ? (std::vector{12, 1}) : std::vector{12}, TakeWords(reply)) << exchange.code;
+        const bool isStatus = call.code <= 2 || IsUsage(call.code);
+        EXPECT_EQ(isStatus ? 12 : 0, Dispatch(call, MakeAnswer(12), reply)) << call.code;
+        if (call.code != 12) {
+            EXPECT_EQ(call.code == 3 ? (std::vector{12, 1}) : std::vector{12}, TakeWords(reply)) << call.code;
         }
     }
 }
 
-class Request : public ExchangeTest {};
+class Request : public CallTest {};
 
 INSTANTIATE_TEST_SUITE_P(Roads, Request, ::testing::Values(Road::IN_PROCESS, Road::SOCKET), RoadName);
 
 TEST_P(Request, LeavesThisSequenceOfLinesFromClientToServiceAndBack)
 {
-    for (const Exchange& exchange : Exchanges()) {
-        const Operation& operation = OperationOf(exchange.code);
-        service->SetAnswer(exchange.code, MakeAnswer());
+    for (const Call& call : Calls()) {
+        const Operation& operation = OperationOf(call.code);
+        service->SetAnswer(call.code, MakeAnswer());
         const LogCapture log;
-        const Outcome outcome = CallOperation(client, exchange.code);
-        EXPECT_EQ(LinesUntilSent(operation) + DispatchLines(exchange.code) + exchange.handled +
-                      DoneLine(exchange.code, 0) + exchange.finished + RecordLines(operation, 2),
+        const Outcome outcome = CallOperation(client, call.code);
+        EXPECT_EQ(LinesUntilSent(operation) + DispatchLines(call.code) + call.handled + DoneLine(call.code, 0) +
+                      call.finished + RecordLines(operation, 2),
                   log.Lines());
         EXPECT_EQ(std::string::npos, log.Everything().find(SECRET));
-        EXPECT_EQ(exchange.code == 12 ? 5 : 0, outcome.result);
-        EXPECT_EQ(exchange.code <= 2 ? 2U : 1U, outcome.groups.size());
-        EXPECT_EQ(Texts(outcome.records), std::vector(IsUsage(exchange.code) ? 2 : 1, Texts(MakeAnswer().records)[0]));
-        EXPECT_EQ(exchange.code != 3, outcome.returns);
+        EXPECT_EQ(call.code == 12 ? 5 : 0, outcome.result);
+        EXPECT_EQ(call.code <= 2 ? 2U : 1U, outcome.groups.size());
+        EXPECT_EQ(Texts(outcome.records), std::vector(IsUsage(call.code) ? 2 : 1, Texts(MakeAnswer().records)[0]));
+        EXPECT_EQ(call.code != 3, outcome.returns);
         const std::vector<GTokenResult> rows = MakeAnswer().gTokenResultWithRet.gTokenResults;
-        EXPECT_EQ(exchange.code == 12 ? Texts(rows) : std::vector<std::string>(), Texts(outcome.rows));
+        EXPECT_EQ(call.code == 12 ? Texts(rows) : std::vector<std::string>(), Texts(outcome.rows));
     }
     const std::vector<FakeCall> calls = service->Calls();
     ASSERT_EQ(Operations().size(), calls.size());

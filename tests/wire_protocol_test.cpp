@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "platform/raw_client.h"
-#include "support/exchange.h"
+#include "support/calls.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {

@@ -27,7 +27,7 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 // cannot be found, a request returns 0 and leaves what it should fill untouched. Only the log tells. A caller that
 // needs to know asks the system ability manager, or calls `WithSystemAbilityProxy` and looks for null.
 //
-// Time: once it is its turn, a request takes at most the 4 seconds of finding the service and the 8 of the exchange.
+// Time: once it is its turn, a request takes at most the 4 seconds of finding the service and the 8 of the call.
 //
 // Thread safety: requests may come from any thread and are handled one after the other.
 class SECURITY_PRIVACY_API SecurityPrivacyClient {

@@ -6,6 +6,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "security_privacy/contract.h"
 #include "security_privacy/export.h"
 #include "varn/remote_broker.h"
 
@@ -38,7 +39,7 @@ public:
     // The request codes.
     class SECURITY_PRIVACY_API MessageCode {
     public:
-        // Never renumber and never reuse: they are a contract with processes that are already running.
+        // Never renumber and never reuse: a client and a service that are updated at different times rely on them.
         static constexpr uint32_t GET_APP_PERMISSION_GROUP_INFOS_BY_APP = 1;
         static constexpr uint32_t GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION = 2;
         static constexpr uint32_t SET_APP_PERMISSION_GROUP_CHECKED_STATE = 3;

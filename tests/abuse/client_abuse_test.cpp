@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "abuse/processes.h"
-#include "support/exchange.h"
+#include "support/calls.h"
 #include "varn/host/ability_manager.h"
 
 // What a service can do to its clients.

@@ -14,7 +14,7 @@
 #include <thread>
 
 #include "abuse/processes.h"
-#include "support/exchange.h"
+#include "support/calls.h"
 #include "varn/host/log_sink.h"
 
 // Starting, stopping and dying, with clients about.

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "platform/raw_client.h"
-#include "support/exchange.h"
+#include "support/calls.h"
 
 // Requests as bytes, to be sent as they are or spoilt.
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {

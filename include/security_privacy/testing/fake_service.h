@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "security_privacy/contract.h"
 #include "security_privacy/security_privacy_service_stub.h"
 #include "varn/message_parcel.h"
 #include "varn/ref_base.h"
@@ -34,7 +35,7 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 using MessageCode = SecurityPrivacyServiceIntf::MessageCode;
 
 // The number under which clients look for the service.
-constexpr int32_t FAKE_SERVICE_ID = 65993;
+constexpr int32_t FAKE_SERVICE_ID = SECURITY_PRIVACY_SA_ID;
 
 // One request as it reached an operation of the service. Arguments that the operation does not have are left empty.
 struct FakeCall {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "support/exchange.h"
+#include "support/calls.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -68,13 +68,13 @@ const std::string& AbilityFolder()
     struct Folder {
         Folder() { ::setenv("VARN_ABILITY_DIR", ::mkdtemp(path.data()), 1); }
         ~Folder() { std::filesystem::remove_all(path); }
-        std::string path = (std::filesystem::temp_directory_path() / "exchange.XXXXXX").string();
+        std::string path = (std::filesystem::temp_directory_path() / "calls.XXXXXX").string();
     };
     static const Folder folder;
     return folder.path;
 }
 
-void ExchangeTest::SetUp()
+void CallTest::SetUp()
 {
     if (GetParam() == Road::IN_PROCESS) {
         ASSERT_TRUE(Host::AbilityManager::Get()->AddSystemAbility(FAKE_SERVICE_ID, service));
@@ -85,13 +85,13 @@ void ExchangeTest::SetUp()
     ASSERT_TRUE(server_->Start());
 }
 
-void ExchangeTest::TearDown()
+void CallTest::TearDown()
 {
     server_.reset();
     Host::AbilityManager::Get()->RemoveSystemAbility(FAKE_SERVICE_ID);
 }
 
-sptr<IRemoteObject> ExchangeTest::Load()
+sptr<IRemoteObject> CallTest::Load()
 {
     return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager()->LoadSystemAbility(FAKE_SERVICE_ID, 4);
 }

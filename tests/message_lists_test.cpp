@@ -8,7 +8,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "support/exchange.h"
+#include "support/calls.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
@@ -44,7 +44,7 @@ int32_t Ask(SecurityPrivacyClient& target, uint32_t code, const std::vector<std:
                           : target.GetAppPermissionGroupInfosByPermission("x", 1, set, infos);
 }
 
-class PermissionGroups : public ExchangeTest {};
+class PermissionGroups : public CallTest {};
 INSTANTIATE_TEST_SUITE_P(Roads, PermissionGroups, ::testing::Values(Road::IN_PROCESS, Road::SOCKET), RoadName);
 
 TEST_P(PermissionGroups, OnlyAsManyInterestsAsTheServiceAcceptsAreSent)
@@ -156,7 +156,7 @@ std::vector<PermissionUsageRecord> MakeRecords(size_t count)
     return records;
 }
 
-class Usage : public ExchangeTest {};
+class Usage : public CallTest {};
 INSTANTIATE_TEST_SUITE_P(Roads, Usage, ::testing::Values(Road::IN_PROCESS, Road::SOCKET), RoadName);
 
 TEST_P(Usage, TooLongQueriesAreNotSent)
@@ -311,7 +311,7 @@ constexpr const char* HANDLE_ADD = "HandleGTokenPolicyAddPolicy";
 constexpr const char* HANDLE_GET = "HandleGTokenPolicyGetPolicy";
 constexpr const char* HANDLE_REMOVE = "HandleGTokenPolicyRemovePolicy";
 
-class GToken : public ExchangeTest {
+class GToken : public CallTest {
 protected:
     // Expects that a hand-made request is refused with these lines, unanswered and unseen by the service.
     template <class... T>

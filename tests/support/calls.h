@@ -85,7 +85,7 @@ const std::string& AbilityFolder();
 // Runs each test twice: with the service in this process, and with the service behind a socket.
 enum class Road { IN_PROCESS, SOCKET };
 
-class ExchangeTest : public ::testing::TestWithParam<Road> {
+class CallTest : public ::testing::TestWithParam<Road> {
 protected:
     void SetUp() override;
     void TearDown() override;

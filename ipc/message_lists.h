@@ -13,24 +13,8 @@
 #include "util/announced_list.h"
 #include "varn/message_parcel.h"
 
-// What the two halves of an exchange, the proxy's and the stub's, have in common. Private to ipc/.
+// How lists stand in requests and replies, for both sides of a call: the proxy and the stub. Private to ipc/.
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
-
-// How many elements a list of a request or a reply may have: a broken or hostile peer must not make the other side read
-// and keep elements without end. Both sides have to agree on them, so they are a contract with running processes too.
-constexpr int32_t MAX_INTERESTED_PERMISSION_GROUPS_SIZE = 50;
-constexpr int32_t MAX_INTERESTED_BUNDLE_NAMES_SIZE = 10000;
-constexpr int32_t MAX_APP_PERMISSION_GROUP_INFO_SIZE = 10000;
-constexpr int32_t MAX_USAGE_RECORD_SIZE = 10000;
-constexpr int32_t MAX_GTOKEN_REQUEST_SIZE = 10000;
-
-// Results and statuses of this library; all others are the service's own. Never renumber: they cross processes.
-constexpr int32_t RESULT_OK = 0;
-constexpr int32_t RESULT_TRANSPORT_FAILED = -1;
-constexpr int32_t STATUS_REFUSED = 1;       // another interface's token, or the access check said no
-constexpr int32_t STATUS_UNKNOWN_CODE = 4;  // nothing handles the request code
-constexpr int32_t STATUS_MALFORMED = 5;     // an unreadable request (permission groups, usage), or too long a timeline
-constexpr int32_t INVALID_ARGUMENTS = 401;  // a query that cannot be written, a GToken request that cannot be read
 
 // A list's size as a message states it.
 template <class List>
