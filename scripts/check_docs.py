@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Keeps the documents true. Called by check-docs.sh, which says what the marks in a document mean.
 
-    check_docs.py static ROOT             links, file names and limits; prints what is wrong
+    check_docs.py static ROOT             links, file names, shown files and limits; prints what is wrong
     check_docs.py script ROOT DOCUMENT    the shell script that does what the document says
 """
 import math
@@ -73,6 +73,7 @@ def check_links(root, path, prose):
 
 def check_names(files, made, prose):
     for name in re.findall(r"`([^`\s]+)[^`\n]*`", prose):
+        name = name.removeprefix("../")
         if FILE_NAME.fullmatch(name) and name not in made:
             if not any(f"/{file}".endswith(f"/{name}") or f"/{name.rstrip('/')}/" in f"/{file}" for file in files):
                 yield f"there is no file {name}"
@@ -82,6 +83,13 @@ def check_marks(text):
     for language, kind, _, _, line in blocks(text):
         if language in ("cpp", "sh", "cmake", "python") and kind is None:
             yield f"line {line}: a block of {language} without a mark"
+
+
+def check_shown(root, files, text):
+    """What a document shows as a file of the tree has to be that file."""
+    for _, kind, argument, content, line in blocks(text):
+        if kind == "file" and argument in files and content != (root / argument).read_text():
+            yield f"line {line}: {argument} is not what is shown here"
 
 
 def stated(cell):
@@ -126,7 +134,8 @@ def check_static(root):
         text = path.read_text()
         prose = FENCE.sub("", text)
         made = {argument for _, kind, argument, _, _ in blocks(text) if kind == "file"}
-        for problem in (*check_links(root, path, prose), *check_names(files, made, prose), *check_marks(text)):
+        for problem in (*check_links(root, path, prose), *check_names(files, made, prose), *check_marks(text),
+                        *check_shown(root, files, text)):
             problems.append(f"{path.relative_to(root)}: {problem}")
     problems += [f"docs/limits.md: {problem}" for problem in check_limits(root, files)]
     print("\n".join(problems), end="\n" if problems else "")
