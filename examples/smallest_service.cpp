@@ -90,7 +90,7 @@ int main()
     sigaddset(&signals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-    VARN::Host::AbilityServer server(65993, VARN::sptr<CameraService>(new CameraService()));
+    VARN::Host::AbilityServer server(SECURITY_PRIVACY_SA_ID, VARN::sptr<CameraService>(new CameraService()));
     if (!server.Start()) {
         return 1;  // an error line says why
     }

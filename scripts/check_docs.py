@@ -101,7 +101,7 @@ def stated(cell):
 
 def real(source, name):
     """The number that a source gives to a constant, with the line: the product of the numbers in its initialiser."""
-    found = re.search(rf"^(.*\b{name}\b *(?:=|(?={{))(.+?);.*)$", source, re.M)
+    found = re.search(rf"^(.*\b{name}\b *(?:=|(?={{))\s*([^;]+);.*)$", source, re.M)
     if not found:
         return None, "it is not there"
     line, value = found.groups()
