@@ -12,6 +12,7 @@ namespace VARN::Host {
 // The manager that `SystemAbilityManagerClient` hands out on this host unless told otherwise. It knows the objects that
 // were added in this process, and beyond them the services that listen on `<directory>/<id>.sock`, where the directory
 // is the environment variable VARN_ABILITY_DIR (ignored in a program that runs with raised privileges) or /run/varn.
+// The variable is read at first use, and again only when no service is found where it pointed to.
 //
 // Thread safety: every operation may be called from any thread.
 class VARN_API AbilityManager final : public ISystemAbilityManager {

@@ -47,7 +47,7 @@ struct __attribute__((visibility("hidden"))) AbilityManager::State {
     // The channel of a service, made when there is none yet or the folder is another by now.
     sptr<Channel> GetChannel(int32_t id)
     {
-        const char* directory = DefaultSocketDirectory();
+        const std::string& directory = SocketDirectory();
         sptr<Channel> channel;
         const MutexLock lock(clientMutex);
         sptr<Channel>& known = channels[id];
@@ -106,6 +106,9 @@ sptr<IRemoteObject> AbilityManager::LoadSystemAbility(int32_t systemAbilityId, i
         const int error = channel->Prepare(problem);
         if (error == 0) {
             return channel;
+        }
+        if (ReadSocketDirectoryAgain()) {
+            continue;
         }
         const int left = deadline.LeftMilliseconds();
         if (!MayAppear(error) || left == 0) {

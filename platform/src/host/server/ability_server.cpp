@@ -20,7 +20,10 @@ AbilityServerOptions FillDefaults(AbilityServerOptions options)
 {
     const AbilityServerOptions defaults;
     const auto fill = [](auto& value, auto fallback) { value = value == decltype(fallback){} ? fallback : value; };
-    fill(options.directory, std::string(DefaultSocketDirectory()));
+    if (options.directory.empty()) {
+        ReadSocketDirectoryAgain();
+        options.directory = SocketDirectory();
+    }
     fill(options.workers, std::max<size_t>(std::thread::hardware_concurrency(), LEAST_WORKERS));
     fill(options.maxConnections, defaults.maxConnections);
     fill(options.maxConnectionsPerUser, defaults.maxConnectionsPerUser);
