@@ -14,8 +14,8 @@
 #include "varn/host/ability_server.h"
 #include "varn/host/caller.h"
 
-// A service with operations for tests: one says who asked, waits at a gate or answers at any length, one tells what was
-// executed.
+// A service with operations for tests, which begins anew at SIGHUP: one says who asked, waits at a gate or answers at
+// any length, one tells what was executed.
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
 
@@ -78,14 +78,18 @@ int Serve(std::map<std::string, std::string> given)
     sigset_t signals;
     ::sigemptyset(&signals);
     ::sigaddset(&signals, SIGTERM);
+    ::sigaddset(&signals, SIGHUP);
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     Host::AbilityServer server(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new AbusedService(options.directory)), options);
-    if (!server.Start()) {
-        return EXIT_FAILURE;
+    int signal = SIGHUP;
+    while (signal == SIGHUP) {
+        server.Stop();
+        if (!server.Start()) {
+            return EXIT_FAILURE;
+        }
+        Print("ready");
+        ::sigwait(&signals, &signal);
     }
-    Print("ready");
-    int signal = 0;
-    ::sigwait(&signals, &signal);
     return EXIT_SUCCESS;
 }
 

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -64,6 +65,22 @@ int WaitFor(pid_t pid)
     int status = -1;
     EXPECT_EQ(::waitpid(pid, &status, 0), pid);
     return status;
+}
+
+// As the init system does it, in the process that becomes the service; `pid`: null for its own.
+void HandOver(std::vector<int> descriptors, const char* pid, const char* count)
+{
+    // First far away from the numbers that they are to have.
+    for (int& fd : descriptors) {
+        fd = ::fcntl(fd, F_DUPFD, 100);
+    }
+    int number = 3;
+    for (const int fd : descriptors) {
+        ::dup2(fd, number++);
+        ::close(fd);
+    }
+    ::setenv("LISTEN_PID", pid != nullptr ? pid : std::to_string(::getpid()).c_str(), 1);
+    ::setenv("LISTEN_FDS", count, 1);
 }
 
 class LifeTest : public ::testing::Test {
@@ -212,6 +229,57 @@ TEST_F(LifeTest, FirstRequestsOfManyClientsStartOneService)
     EXPECT_TRUE(std::filesystem::exists(folder_.SocketPath())) << "the file is the init system's";
 }
 
+TEST_F(LifeTest, OnlyTheServicesOwnSocketIsTakenOfThoseHandedOver)
+{
+    const std::string own = folder_.SocketPath();
+    const std::string other = folder_.Path() + "/1.sock";
+    const std::string odd = folder_.Path() + "/odd.status.sock";
+    const std::string connected;
+    const struct {
+        std::vector<std::string> handed;
+        std::string served;  // where the service answers then
+        const char* logged = "";
+    } cases[] = {{{own}, own},
+                 {{odd, other, own}, own},
+                 {{odd}, odd},
+                 {{other}, own},
+                 {{odd, other}, own},
+                 {{connected, odd}, odd, "descriptor 3 of socket activation is not a listening Unix stream socket"}};
+    for (const auto& sockets : cases) {
+        SCOPED_TRACE(testing::PrintToString(sockets.handed));
+        std::deque<Host::RawServer> handed;
+        for (const std::string& path : sockets.handed) {
+            handed.emplace_back(path.empty() ? folder_.Path() + "/end" : path);
+        }
+        const Peer peer(folder_.Path() + "/end");
+        ServiceProcess service(folder_, command_, [&] {
+            std::vector<int> descriptors;
+            for (const Host::RawServer& server : handed) {
+                const bool isConnected = sockets.handed[descriptors.size()].empty();
+                descriptors.push_back(isConnected ? peer.GetFd() : server.GetFd());
+            }
+            HandOver(descriptors, nullptr, std::to_string(descriptors.size()).c_str());
+        });
+        ASSERT_TRUE(service.IsReady()) << service.Log();
+        const size_t descriptors = CountEntries(service.Pid(), "fd");
+        for (const bool isAfterRestart : {false, true}) {
+            const Peer asking(sockets.served);
+            EXPECT_TRUE(asking.Send(Host::MakeFrame(1, "")));
+            EXPECT_NE("", asking.ReadReply()) << isAfterRestart;
+            ::kill(service.Pid(), SIGHUP);
+            EXPECT_TRUE(service.IsReady()) << service.Log();
+        }
+        EXPECT_EQ(descriptors, CountEntries(service.Pid(), "fd"));
+        EXPECT_NE(std::string::npos, service.Log().find(sockets.logged)) << service.Log();
+        EXPECT_EQ(0, service.End(SIGTERM));
+        for (const std::string& path : sockets.handed) {
+            EXPECT_TRUE(path.empty() || std::filesystem::remove(path)) << "the file is the init system's";
+        }
+        std::filesystem::remove(folder_.Path() + "/end");
+        EXPECT_FALSE(std::filesystem::exists(own));
+    }
+}
+
 TEST_F(LifeTest, VariablesOfActivationThatAreNotMeantAreIgnored)
 {
     const struct {
@@ -220,15 +288,32 @@ TEST_F(LifeTest, VariablesOfActivationThatAreNotMeantAreIgnored)
     } cases[] = {{"1", "1"},       {"x", "1"},      {"", ""},           {nullptr, "0"},
                  {nullptr, "-1"},  {nullptr, "1x"}, {nullptr, "99999"}, {nullptr, "2147483648"},
                  {nullptr, "200"}, {nullptr, ""}};
+    const Host::RawServer listening(folder_.Path() + "/odd");
     for (const auto& variables : cases) {
-        ServiceProcess service(folder_, command_, [&variables] {
-            ::setenv("LISTEN_PID", variables.pid != nullptr ? variables.pid : std::to_string(::getpid()).c_str(), 1);
-            ::setenv("LISTEN_FDS", variables.count, 1);
-        });
+        ServiceProcess service(folder_, command_,
+                               [&] { HandOver({listening.GetFd()}, variables.pid, variables.count); });
         EXPECT_TRUE(service.IsReady()) << variables.count << service.Log();
-        EXPECT_EQ(Do(1), Result::DONE);
-        EXPECT_EQ(service.End(SIGTERM), 0);
+        // The one number that is good, though too high, has led to the socket that is there.
+        EXPECT_EQ(variables.count != std::string("200"), std::filesystem::exists(folder_.SocketPath()));
+        EXPECT_EQ(0, service.End(SIGTERM));
     }
+}
+
+TEST_F(LifeTest, RelativeFolderIsTheOneOfTheStart)
+{
+    const std::filesystem::path before = std::filesystem::current_path();
+    const SocketFolder elsewhere;
+    const std::ofstream file(elsewhere.SocketPath());
+    std::filesystem::current_path(folder_.Path());
+    Host::AbilityServerOptions options;
+    options.directory = ".";
+    Host::AbilityServer server(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new FakeService()), options);
+    EXPECT_TRUE(server.Start());
+    std::filesystem::current_path(elsewhere.Path());
+    server.Stop();
+    EXPECT_TRUE(std::filesystem::is_empty(folder_.Path()));
+    EXPECT_TRUE(std::filesystem::exists(elsewhere.SocketPath())) << "a file of somebody else is gone";
+    std::filesystem::current_path(before);
 }
 
 TEST_F(LifeTest, OneOfTwoStartersWins)

@@ -110,7 +110,7 @@ TEST_P(FaultsTest, RightAnswerOrDefiniteFailureThenRightAnswer)
 const Fault allFaults[] = {
     {"accept4", EINTR},         {"accept4", EAGAIN},       {"accept4", EMFILE},     {"accept4", ENOMEM},
     {"accept4", ENFILE},        {"accept4", ECONNABORTED}, {"accept4", EPERM},      {"bind", ENOMEM},
-    {"chmod", EPERM},           {"connect", EINTR},        {"connect", EAGAIN},     {"connect", ECONNREFUSED},
+    {"fchmodat", EPERM},        {"connect", EINTR},        {"connect", EAGAIN},     {"connect", ECONNREFUSED},
     {"connect", ENOMEM},        {"epoll_create1", EMFILE}, {"epoll_ctl", ENOMEM},   {"epoll_ctl", ENOSPC},
     {"epoll_wait", EINTR},      {"eventfd", EMFILE},       {"eventfd", ENOMEM},     {"fcntl", EINVAL},
     {"flock", ENOLCK},          {"getsockopt", ENOBUFS},   {"listen", ENOMEM},      {"poll", EINTR},

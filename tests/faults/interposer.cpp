@@ -71,7 +71,7 @@ using VARN::Testing::Strike;
 #define THROWS
 INTERPOSE(accept4, THROWS, (int fd, sockaddr* address, socklen_t* size, int flags), fd, address, size, flags)
 INTERPOSE(bind, __THROW, (int fd, const sockaddr* address, socklen_t size), fd, address, size)
-INTERPOSE(chmod, __THROW, (const char* path, mode_t mode), path, mode)
+INTERPOSE(fchmodat, __THROW, (int folder, const char* path, mode_t mode, int flags), folder, path, mode, flags)
 INTERPOSE(connect, THROWS, (int fd, const sockaddr* address, socklen_t size), fd, address, size)
 INTERPOSE(epoll_create1, __THROW, (int flags), flags)
 INTERPOSE(epoll_ctl, __THROW, (int set, int operation, int fd, epoll_event* event), set, operation, fd, event)

@@ -6,11 +6,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "host/base/thread_safety.h"
@@ -62,9 +62,16 @@ std::string BoundFileName(int fd)
     return std::string(path.substr(path.rfind('/') + 1));
 }
 
-std::vector<UniqueFd> ReadEnvironment()
+// Whether a service of some number listens at a file of that name.
+bool IsNameOfService(std::string_view fileName)
 {
-    std::vector<UniqueFd> sockets;
+    const size_t digits = fileName.find_first_not_of("0123456789");
+    return digits != 0 && digits != std::string_view::npos && fileName.substr(digits) == ".sock";
+}
+
+std::vector<int> ReadEnvironment()
+{
+    std::vector<int> sockets;
     const int pid = ReadNumber("LISTEN_PID");
     const int count = ReadNumber("LISTEN_FDS");
     // Another process's, or none: the variables are left for whom they are meant.
@@ -79,39 +86,54 @@ std::vector<UniqueFd> ReadEnvironment()
         return sockets;
     }
     for (int fd = FIRST_FD; fd < FIRST_FD + count; ++fd) {
-        if (!IsListeningUnixStream(fd)) {
+        ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+        if (IsListeningUnixStream(fd)) {
+            sockets.push_back(fd);
+        } else {
             PLATFORM_WARN("descriptor %d of socket activation is not a listening Unix stream socket; it is ignored",
                           fd);
-            continue;
         }
-        ::fcntl(fd, F_SETFD, FD_CLOEXEC);
-        sockets.emplace_back(fd);
     }
     return sockets;
+}
+
+struct Store {
+    Mutex mutex;
+    std::vector<int> sockets GUARDED_BY(mutex) = ReadEnvironment();
+};
+
+Store& TheStore()
+{
+    static Store store;
+    return store;
 }
 
 }  // namespace
 
 UniqueFd TakeActivatedSocket(const std::string& fileName)
 {
-    static Mutex mutex;
-    static std::vector<UniqueFd> sockets = ReadEnvironment();
-    const MutexLock lock(mutex);
-    auto chosen = sockets.end();
-    for (auto socket = sockets.begin(); socket != sockets.end(); ++socket) {
-        if (BoundFileName(socket->Get()) == fileName) {
-            chosen = socket;
-        }
-    }
-    if (chosen == sockets.end() && sockets.size() == 1) {
+    Store& store = TheStore();
+    const MutexLock lock(store.mutex);
+    std::vector<int>& sockets = store.sockets;
+    auto chosen = std::find_if(sockets.begin(), sockets.end(),
+                               [&fileName](int socket) { return BoundFileName(socket) == fileName; });
+    if (chosen == sockets.end() && sockets.size() == 1 && !IsNameOfService(BoundFileName(sockets.front()))) {
         chosen = sockets.begin();
     }
     if (chosen == sockets.end()) {
         return UniqueFd();
     }
-    UniqueFd socket = std::move(*chosen);
+    UniqueFd socket(*chosen);
     sockets.erase(chosen);
     return socket;
+}
+
+void GiveActivatedSocketBack(UniqueFd socket)
+{
+    Store& store = TheStore();
+    const MutexLock lock(store.mutex);
+    store.sockets.push_back(socket.Get());
+    static_cast<void>(socket.Release());
 }
 
 }  // namespace VARN::Host

@@ -7,9 +7,17 @@
 
 namespace VARN::Host {
 
-// The listening socket that the init system handed over for the service whose socket file is called `fileName`
-// (LISTEN_PID and LISTEN_FDS): the one bound to a file of that name, or the only one there is. Nothing when the
-// variables are not meant for this process or not well formed. They are consumed by the first call.
+// The sockets that the init system handed over (LISTEN_PID and LISTEN_FDS). The variables are consumed by the first
+// call, unless they are meant for another process. Descriptors that nobody takes stay open: they may be for other parts
+// of the program.
+//
+// Both may be called from any thread.
+
+// The listening socket for the service whose socket file is called `fileName`: the one bound to a file of that name, or
+// the only one there is, unless its name is that of another service. Nothing when there is none.
 UniqueFd TakeActivatedSocket(const std::string& fileName);
+
+// Keeps a socket that was taken for the next who asks: the init system hands it over only once.
+void GiveActivatedSocketBack(UniqueFd socket);
 
 }  // namespace VARN::Host

@@ -8,10 +8,12 @@
 #include <sys/un.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "host/base/error_text.h"
 #include "host/base/unix_socket.h"
 #include "host/server/activation.h"
+#include "host/server/descriptors.h"
 #include "host/wire/socket_folder.h"
 
 namespace VARN::Host {
@@ -23,6 +25,7 @@ constexpr int BACKLOG = 1024;
 
 // Any app may connect; who may use what is decided request by request.
 constexpr mode_t SOCKET_MODE = 0666;
+constexpr mode_t LOCK_MODE = 0600;
 
 std::string Failure(const std::string& what, const std::string& path)
 {
@@ -30,40 +33,33 @@ std::string Failure(const std::string& what, const std::string& path)
     return what + " " + path + ": " + ErrorText(error);
 }
 
-bool IsSameFile(int fd, const std::string& path)
+bool IsSameFile(int fd, int folder, const std::string& name)
 {
     struct stat open = {};
     struct stat named = {};
-    return ::fstat(fd, &open) == 0 && ::stat(path.c_str(), &named) == 0 && open.st_dev == named.st_dev &&
-           open.st_ino == named.st_ino;
+    return ::fstat(fd, &open) == 0 && ::fstatat(folder, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+           open.st_dev == named.st_dev && open.st_ino == named.st_ino;
 }
 
 }  // namespace
 
 std::string Listener::Open(const std::string& directory, int32_t id)
 {
-    const std::string path = SocketPath(directory, id);
-    socket_ = TakeActivatedSocket(path.substr(directory.size() + 1));
-    if (socket_) {
-        // The other end of the hand-over may have left it blocking.
-        return ::fcntl(socket_.Get(), F_SETFL, O_NONBLOCK) == 0 ? std::string()
-                                                                : Failure("fcntl", "of the handed socket");
-    }
+    path_ = SocketPath(directory, id);
+    fileName_ = path_.substr(directory.size() + 1);
+    lockName_ = fileName_ + ".lock";
+    socket_ = TakeActivatedSocket(fileName_);
+    isHanded_ = static_cast<bool>(socket_);
     std::string problem;
-    if (CheckSocketFolder(directory, problem) != 0) {
-        return problem;
-    }
-    // A path that cannot be bound must not leave a lock behind.
-    sockaddr_un address;
-    problem = MakeSocketAddress(path, address);
-    if (!problem.empty()) {
-        return problem;
-    }
-    path_ = path;
-    lockPath_ = path + ".lock";
-    problem = Lock();
-    if (problem.empty()) {
-        problem = Bind();
+    if (isHanded_) {
+        RefuseDescriptors(socket_.Get());
+        // The other end of the hand-over may have left it blocking.
+        if (::fcntl(socket_.Get(), F_SETFL, O_NONBLOCK) != 0) {
+            problem = Failure("fcntl", "of the handed socket");
+        }
+    } else if (CheckSocketFolder(directory, problem) == 0) {
+        folder_ = UniqueFd(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        problem = folder_ ? Bind() : Failure("open", directory);
     }
     if (!problem.empty()) {
         Close();
@@ -76,25 +72,29 @@ std::string Listener::Lock()
     // The one before may remove the file between our open and our lock; then there is a new one to lock.
     constexpr int ATTEMPTS = 100;
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
-        UniqueFd lock(::open(lockPath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+        UniqueFd lock(::openat(folder_.Get(), lockName_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, LOCK_MODE));
         if (!lock) {
-            return Failure("open", lockPath_);
+            return Failure("open", path_ + ".lock");
         }
         if (::flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
-            return errno == EWOULDBLOCK ? "another process serves " + path_ : Failure("lock", lockPath_);
+            return errno == EWOULDBLOCK ? "another process serves " + path_ : Failure("lock", path_ + ".lock");
         }
-        if (IsSameFile(lock.Get(), lockPath_)) {
+        if (IsSameFile(lock.Get(), folder_.Get(), lockName_)) {
             lock_ = std::move(lock);
             return {};
         }
     }
-    return "the lock " + lockPath_ + " is taken and removed again and again";
+    return "the lock " + path_ + ".lock is taken and removed again and again";
 }
 
 std::string Listener::Bind()
 {
+    // First, since a path that cannot be bound must not leave a lock behind.
     sockaddr_un address;
     std::string problem = MakeSocketAddress(path_, address);
+    if (problem.empty()) {
+        problem = Lock();
+    }
     if (!problem.empty()) {
         return problem;
     }
@@ -108,11 +108,11 @@ std::string Listener::Bind()
         return "another process listens on " + path_;
     }
     struct stat stale = {};
-    if (::lstat(path_.c_str(), &stale) == 0) {
+    if (::fstatat(folder_.Get(), fileName_.c_str(), &stale, AT_SYMLINK_NOFOLLOW) == 0) {
         if (!S_ISSOCK(stale.st_mode)) {
             return path_ + " is in the way and is not a socket";
         }
-        if (::unlink(path_.c_str()) != 0) {
+        if (::unlinkat(folder_.Get(), fileName_.c_str(), 0) != 0) {
             return Failure("remove the stale socket", path_);
         }
     }
@@ -122,7 +122,9 @@ std::string Listener::Bind()
         socket_.Reset();
         return problem;
     }
-    if (::chmod(path_.c_str(), SOCKET_MODE) != 0 || ::listen(socket_.Get(), BACKLOG) != 0) {
+    // Before anybody can connect: a connection inherits it at that moment.
+    RefuseDescriptors(socket_.Get());
+    if (::fchmodat(folder_.Get(), fileName_.c_str(), SOCKET_MODE, 0) != 0 || ::listen(socket_.Get(), BACKLOG) != 0) {
         return Failure("listen on", path_);
     }
     return {};
@@ -133,9 +135,9 @@ void Listener::Withdraw()
     // The files go while the lock is held, so that they cannot be another server's.
     if (lock_) {
         if (socket_) {
-            ::unlink(path_.c_str());
+            ::unlinkat(folder_.Get(), fileName_.c_str(), 0);
         }
-        ::unlink(lockPath_.c_str());
+        ::unlinkat(folder_.Get(), lockName_.c_str(), 0);
         lock_.Reset();
     }
 }
@@ -143,6 +145,10 @@ void Listener::Withdraw()
 void Listener::Close()
 {
     Withdraw();
+    folder_.Reset();
+    if (isHanded_ && socket_) {
+        GiveActivatedSocketBack(std::move(socket_));
+    }
     socket_.Reset();
 }
 

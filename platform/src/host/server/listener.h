@@ -9,7 +9,8 @@
 namespace VARN::Host {
 
 // The socket that a server listens on: handed over by the init system, or bound by itself together with a lock file
-// that keeps two servers from taking each other's place.
+// that keeps two servers from taking each other's place. Over none of the two can a peer send descriptors, where the
+// kernel can be told so.
 class Listener {
 public:
     Listener() = default;
@@ -23,7 +24,7 @@ public:
     // Removes the files that were made here; whoever has connected stays connected.
     void Withdraw();
 
-    // Withdraws and ends.
+    // Withdraws and ends. A socket that was handed over stays open, for the next `Open`.
     void Close();
 
     int Get() const noexcept { return socket_.Get(); }
@@ -32,8 +33,11 @@ private:
     std::string Lock();
     std::string Bind();
 
-    std::string path_;  // empty: the init system owns the file
-    std::string lockPath_;
+    std::string path_;
+    std::string fileName_;
+    std::string lockName_;
+    bool isHanded_ = false;
+    UniqueFd folder_;  // files are named within it: the program may change its directory, or the folder its name
     UniqueFd socket_;
     UniqueFd lock_;
 };
