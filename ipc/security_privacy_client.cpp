@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "security_privacy/security_privacy_client.h"
 
+#include <mutex>
+#include <new>
 #include <type_traits>
 #include <utility>
 
@@ -10,6 +12,10 @@
 #include "varn/remote_broker.h"
 #include "varn/remote_object.h"
 #include "varn/system_ability_manager.h"
+#if __has_include("varn/fork_handler.h")
+#include "varn/fork_handler.h"
+#define HAS_FORKS  // a platform without processes need not bring that header
+#endif
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 
@@ -46,11 +52,34 @@ auto Request(SecurityPrivacyClient& client, const char* method, Operation operat
     return result;
 }
 
+// How often this thread holds the client's lock: the child of a fork inside a callback holds it as often.
+thread_local int holds = 0;
+
+class Hold {
+public:
+    explicit Hold(std::recursive_mutex& mutex) : lock_(mutex) { ++holds; }
+    ~Hold() { --holds; }
+    Hold(const Hold&) = delete;
+    Hold& operator=(const Hold&) = delete;
+
+private:
+    const std::lock_guard<std::recursive_mutex> lock_;
+};
+
 }  // namespace
 
 SecurityPrivacyClient& SecurityPrivacyClient::GetInstance()
 {
     static SecurityPrivacyClient instance;
+#if defined(HAS_FORKS)
+    // A fork does not wait for a request that holds the lock, which may take seconds: the child makes it anew.
+    static const ForkHandler renewal(ForkHandler::Rank::LIBRARY, {nullptr, nullptr, [] {
+                                                                      new (&instance.mutex_) std::recursive_mutex;
+                                                                      for (int count = 0; count < holds; ++count) {
+                                                                          instance.mutex_.lock();
+                                                                      }
+                                                                  }});
+#endif
     return instance;
 }
 
@@ -58,7 +87,7 @@ void SecurityPrivacyClient::WithSystemAbilityProxy(
     const std::function<void(const sptr<SecurityPrivacyServiceIntf>&)>& callback)
 {
     // Held to the end, the callback and with it the whole call included.
-    const std::lock_guard<std::recursive_mutex> lock(mutex_);
+    const Hold hold(mutex_);
 
     const sptr<ISystemAbilityManager> manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
     if (manager == nullptr) {

@@ -1,11 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <functional>
+#include <future>
 #include <string>
 #include <thread>
 
 #include "support/calls.h"
+#include "varn/host/ability_manager.h"
+#include "varn/log.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
@@ -53,6 +61,134 @@ TEST_F(Client, WritesUsageRecordsAfterOthersAreLetIn)
     Host::SetLogLevel(INFO);
     Host::SetLogSink({});
     EXPECT_EQ(2, others);
+}
+
+// Whether the child of a fork made now returns true from the function. A child that hangs is ended.
+bool DoesInChild(const std::function<bool()>& function)
+{
+    constexpr unsigned LIMIT_SECONDS = 30;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(LIMIT_SECONDS);
+        ::_exit(function() ? 0 : 1);
+    }
+    int status = -1;
+    return ::waitpid(child, &status, 0) == child && status == 0;
+}
+
+bool Asks()
+{
+    return CallOperation(SecurityPrivacyClient::GetInstance(), MessageCode::GTOKEN_POLICY_REMOVE_POLICY).result == 9;
+}
+
+class Fork : public Client {
+protected:
+    // The service answers at once, except when this process has something else in mind.
+    explicit Fork()
+    {
+        FakeAnswer nine;
+        nine.result = 9;
+        fake.Service().SetResponder(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, [this, nine](const FakeCall&) {
+            if (::getpid() == parent && isHeld.exchange(false)) {
+                inside.set_value();
+                leave.get_future().wait();
+            }
+            return nine;
+        });
+    }
+
+    const pid_t parent = ::getpid();
+    std::atomic<bool> isHeld{false};
+    std::promise<void> inside;
+    std::promise<void> leave;
+};
+
+TEST_F(Fork, ChildAsksWhileAThreadOfItsParentIsInARequest)
+{
+    isHeld = true;
+    std::thread other(Asks);
+    inside.get_future().wait();
+    EXPECT_TRUE(DoesInChild(Asks));
+    leave.set_value();
+    other.join();
+    EXPECT_TRUE(Asks());
+}
+
+TEST_F(Fork, ChildMadeInsideACallbackHoldsTheLockUntilItLeaves)
+{
+    const auto isFree = [] {
+        auto done = std::async(std::launch::async, Asks);
+        const bool wasHeld = done.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout;
+        return std::make_pair(std::move(done), wasHeld);
+    };
+    int child = -1;
+    std::future<bool> waiting;
+    client.WithSystemAbilityProxy([&](const auto&) {
+        client.WithSystemAbilityProxy([&](const auto&) { child = ::fork(); });
+        if (child == 0) {
+            ::alarm(30);
+            auto [done, wasHeld] = isFree();
+            waiting = std::move(done);
+            if (!wasHeld || !Asks()) {
+                ::_exit(1);
+            }
+        }
+    });
+    if (child == 0) {
+        ::_exit(waiting.get() && Asks() ? 0 : 2);
+    }
+    int status = -1;
+    EXPECT_EQ(child, ::waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_TRUE(Asks());
+}
+
+// Each thread holds one lock most of the time. The fake service is not asked, since it has locks of its own.
+TEST_F(Fork, ChildFindsEveryLockFree)
+{
+    const sptr<Host::AbilityManager> manager = Host::AbilityManager::Get();
+    SystemAbilityManagerClient::GetInstance().SetSystemAbilityManager(manager);
+    ASSERT_TRUE(manager->AddSystemAbility(FAKE_SERVICE_ID, sptr<IRemoteObject>(&fake.Service())));
+    const std::function<bool()> holders[] = {
+        [&] {
+            bool isThere = false;
+            client.WithSystemAbilityProxy([&](const auto& service) { isThere = service != nullptr; });
+            return isThere;
+        },
+        [&] { return !manager->RemoveSystemAbility(4711); },
+        [] { return VoLogPrint(0, 6, 0, "TEST", "to standard error") > 0; },
+        [&] { return SystemAbilityManagerClient::GetInstance().SetSystemAbilityManager(manager), true; },
+        [&] { return BrokerRegistration::Get().NewInstance(u"nobody's", nullptr) == nullptr; },
+    };
+    const int standardError = ::dup(STDERR_FILENO);
+    const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ::dup2(nowhere, STDERR_FILENO);
+    std::atomic<bool> isOver{false};
+    std::vector<std::thread> threads;
+    for (const auto& holder : holders) {
+        threads.emplace_back([&isOver, holder] {
+            while (!isOver) {
+                holder();
+            }
+        });
+    }
+    int failures = 0;
+    for (int child = 0; child < 50; ++child) {
+        failures += DoesInChild([&] {
+            return std::all_of(std::begin(holders), std::end(holders), [](const auto& holder) { return holder(); });
+        })
+                        ? 0
+                        : 1;
+    }
+    isOver = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    ::dup2(standardError, STDERR_FILENO);
+    ::close(standardError);
+    ::close(nowhere);
+    EXPECT_EQ(0, failures);
+    EXPECT_TRUE(manager->RemoveSystemAbility(FAKE_SERVICE_ID));
 }
 
 }  // namespace

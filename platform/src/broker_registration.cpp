@@ -2,10 +2,20 @@
 #include "varn/remote_broker.h"
 
 #include <algorithm>
+#include <mutex>
+
+#include "varn/fork_handler.h"
 
 namespace VARN {
 
 namespace {
+
+// Guards the entries of the only registry. A namespace's own, so that it can be held across a fork.
+std::mutex registryMutex;
+
+const ForkHandler forkHandler(ForkHandler::Rank::REGISTRY,
+                              {[] { registryMutex.lock(); }, [] { registryMutex.unlock(); },
+                               [] { registryMutex.unlock(); }});
 
 template <class Entries>
 auto Find(Entries& entries, const std::u16string& descriptor)
@@ -31,7 +41,7 @@ BrokerRegistration& BrokerRegistration::Get()
 BrokerRegistration::~BrokerRegistration()
 {
     // A library that outlives the registry must not call it from its own static destruction.
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<std::mutex> lock(registryMutex);
     for (const Entry& entry : entries_) {
         if (entry.delegator != nullptr) {
             entry.delegator->SetUnloaded();
@@ -45,7 +55,7 @@ bool BrokerRegistration::Register(const std::u16string& descriptor, const Creato
     if (descriptor.empty() || !creator) {
         return false;
     }
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<std::mutex> lock(registryMutex);
     if (Find(entries_, descriptor) != entries_.end()) {
         return false;
     }
@@ -55,7 +65,7 @@ bool BrokerRegistration::Register(const std::u16string& descriptor, const Creato
 
 void BrokerRegistration::Unregister(const std::u16string& descriptor)
 {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<std::mutex> lock(registryMutex);
     const auto entry = Find(entries_, descriptor);
     if (entry != entries_.end()) {
         entries_.erase(entry);
@@ -64,7 +74,7 @@ void BrokerRegistration::Unregister(const std::u16string& descriptor)
 
 sptr<IRemoteBroker> BrokerRegistration::NewInstance(const std::u16string& descriptor, const sptr<IRemoteObject>& object)
 {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<std::mutex> lock(registryMutex);
     const auto entry = Find(entries_, descriptor);
     return entry == entries_.end() ? sptr<IRemoteBroker>() : entry->creator(object);
 }

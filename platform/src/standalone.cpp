@@ -16,4 +16,10 @@ void DeliverLogLine(int /*type*/, int level, uint32_t /*domain*/, const char* ta
     std::fprintf(stderr, "%d %s: %s\n", level, tag, text.c_str());
 }
 
+// The standard library has no fork.
+bool WatchForks(const ForkHandler::Steps& /*steps*/)
+{
+    return false;
+}
+
 }  // namespace VARN

@@ -1,11 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varn/system_ability_manager.h"
 
+#include <mutex>
 #include <utility>
 
 #include "platform_hooks.h"
 
 namespace VARN {
+
+namespace {
+
+// Guards the only instance's manager. A namespace's own, so that it can be held across a fork.
+std::mutex managerMutex;
+
+const ForkHandler forkHandler(ForkHandler::Rank::MANAGER, {[] { managerMutex.lock(); }, [] { managerMutex.unlock(); },
+                                                           [] { managerMutex.unlock(); }});
+
+}  // namespace
 
 ISystemAbilityManager::~ISystemAbilityManager() = default;
 
@@ -25,14 +36,14 @@ SystemAbilityManagerClient& SystemAbilityManagerClient::GetInstance()
 
 sptr<ISystemAbilityManager> SystemAbilityManagerClient::GetSystemAbilityManager()
 {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<std::mutex> lock(managerMutex);
     return manager_;
 }
 
 void SystemAbilityManagerClient::SetSystemAbilityManager(sptr<ISystemAbilityManager> manager)
 {
     // The old manager goes after the lock does: its destructor is somebody else's code.
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<std::mutex> lock(managerMutex);
     manager_.Swap(manager);
 }
 

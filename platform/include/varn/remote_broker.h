@@ -53,7 +53,7 @@ private:
 // The registry of proxy makers of this process, keyed by interface descriptor.
 //
 // Thread safety: every operation may be called from any thread. A maker runs under the registry's lock, so that the
-// library it belongs to cannot be unloaded under it: it must not call the registry.
+// library it belongs to cannot be unloaded under it: it must neither call the registry nor fork.
 class VARN_API BrokerRegistration {
 public:
     // Makes a proxy for an object, or returns null.
@@ -87,8 +87,8 @@ private:
     BrokerRegistration() = default;
     ~BrokerRegistration();
 
-    std::mutex mutex_;
-    std::vector<Entry> entries_;  // guarded by mutex_; so few that looking at each beats hashing a long name
+    // Guarded by the registry's lock. So few that looking at each beats hashing a long name.
+    std::vector<Entry> entries_;
 };
 
 // Registers `Proxy` as the maker of proxies for its interface while it exists. Each proxy class has one as a static

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 
 #include "varn/export.h"
 #include "varn/ref_base.h"
@@ -44,8 +43,7 @@ private:
     SystemAbilityManagerClient();
     ~SystemAbilityManagerClient();
 
-    std::mutex mutex_;
-    sptr<ISystemAbilityManager> manager_;  // guarded by mutex_
+    sptr<ISystemAbilityManager> manager_;  // guarded by the manager's lock
 };
 
 }  // namespace VARN

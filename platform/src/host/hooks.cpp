@@ -2,6 +2,8 @@
 // What the Linux host gives the portable half; standalone.cpp is the same for a build without a host.
 #include "platform_hooks.h"
 
+#include <pthread.h>
+
 #include "host/log/log_writer.h"
 #include "varn/host/ability_manager.h"
 
@@ -15,6 +17,11 @@ sptr<ISystemAbilityManager> DefaultSystemAbilityManager()
 void DeliverLogLine(int type, int level, uint32_t domain, const char* tag, const std::string& text)
 {
     Host::DeliverToSink({type, level, domain, tag, text});
+}
+
+bool WatchForks(const ForkHandler::Steps& steps)
+{
+    return ::pthread_atfork(steps.before, steps.inParent, steps.inChild) == 0;
 }
 
 }  // namespace VARN

@@ -1,13 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/base/unix_socket.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 
 namespace VARN::Host {
 
 UniqueFd MakeUnixSocket() noexcept
 {
-    return UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    // In a program that has closed its standard error, whatever writes there must not write into a connection.
+    if (fd && fd.Get() <= STDERR_FILENO) {
+        return UniqueFd(::fcntl(fd.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    }
+    return fd;
 }
 
 }  // namespace VARN::Host

@@ -1,22 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/client/fork_guard.h"
 
-#include <pthread.h>
-
 #include <algorithm>
-#include <atomic>
 #include <new>
 #include <vector>
 
+#include "host/base/process.h"
 #include "host/base/unix_socket.h"
-#include "host/log/log_writer.h"
+#include "varn/fork_handler.h"
 
 namespace VARN::Host {
 
 namespace {
-
-// Counts the forks between the first process and this one.
-std::atomic<uint32_t> processGeneration{0};
 
 struct OpenLinks {
     Mutex mutex;
@@ -31,47 +26,37 @@ OpenLinks& GetOpenLinks()
     return links;
 }
 
-// Around the fork all locks are held, so that the child finds what they guard whole.
-void BeforeFork() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
+// Held across the fork, so that the child finds what they guard whole.
+void LockLinks() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
 {
     clientMutex.Lock();
     GetOpenLinks().mutex.Lock();
-    LockLog();
 }
 
-void AfterForkInParent() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
+void UnlockLinks() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
 {
-    UnlockLog();
     GetOpenLinks().mutex.Unlock();
     clientMutex.Unlock();
 }
 
-void AfterForkInChild() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
+void CloseLinksInChild() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
 {
     OpenLinks& links = GetOpenLinks();
     for (const int fd : links.fds) {
         ::close(fd);
     }
     links.fds.clear();
-    // Relaxed: the child has one thread.
-    processGeneration.fetch_add(1, std::memory_order_relaxed);
-    ForgetOtherThreads();
-    AfterForkInParent();
+    UnlockLinks();
 }
+
+const ForkHandler forkHandler(ForkHandler::Rank::CONNECTIONS, {LockLinks, UnlockLinks, CloseLinksInChild});
 
 }  // namespace
-
-void WatchForks()
-{
-    static const int registered = ::pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
-    static_cast<void>(registered);
-}
 
 Mutex clientMutex;
 
 LinkFd LinkFd::MakeSocket()
 {
-    WatchForks();
     LinkFd link;
     OpenLinks& links = GetOpenLinks();
     // Made under the lock, so that no fork comes before it is noted.
@@ -80,7 +65,7 @@ LinkFd LinkFd::MakeSocket()
     if (fd) {
         links.fds.push_back(fd.Get());
         link.fd_ = std::move(fd);
-        link.generation_ = processGeneration.load(std::memory_order_relaxed);
+        link.generation_ = ProcessGeneration();
     }
     return link;
 }
@@ -95,10 +80,9 @@ LinkFd& LinkFd::operator=(LinkFd&& other) noexcept
     return *this;
 }
 
-// Relaxed: the generation changes only in a child's first moments, when it has one thread.
 bool LinkFd::IsOurs() const noexcept
 {
-    return generation_ == processGeneration.load(std::memory_order_relaxed);
+    return generation_ == ProcessGeneration();
 }
 
 void LinkFd::Close() noexcept

@@ -13,17 +13,13 @@ namespace VARN::Host {
 // free.
 extern Mutex clientMutex;
 
-// From now on a fork waits for this lock and the log's, and the child begins without what belongs to the parent.
-void WatchForks();
-
 // A client's connected socket that only the process that made it ever uses. A fork would leave the child with a copy:
 // two processes that write on one connection would take each other's replies, and the service would not see the parent
 // go. So the child closes all copies before `fork` returns, and its `LinkFd`s know that they hold nothing any more.
 class LinkFd {
 public:
     LinkFd() noexcept = default;
-    // A Unix stream socket that does not block; holds nothing, with the reason in errno, when the system refuses. The
-    // first one makes the process watch its forks.
+    // A Unix stream socket that does not block; holds nothing, with the reason in errno, when the system refuses.
     static LinkFd MakeSocket();
     LinkFd(LinkFd&& other) noexcept;
     LinkFd& operator=(LinkFd&& other) noexcept;

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "host/log/log_writer.h"
+#include "varn/fork_handler.h"
 #include "varn/log.h"
 
 namespace VARN::Host {
@@ -36,6 +37,29 @@ Log& GetLog()
 // How many sink calls this thread is inside of: a sink may log, and may set another sink.
 thread_local int sinkDepth = 0;
 
+void LockLog()
+{
+    GetLog().mutex.lock();
+}
+
+void UnlockLog()
+{
+    GetLog().mutex.unlock();
+}
+
+// The parent's other threads, inside the sink or waiting for it, will never come back here.
+void ForgetOtherThreads()
+{
+    Log& log = GetLog();
+    if (log.sink) {
+        log.sink->running = sinkDepth;
+    }
+    new (&log.idle) std::condition_variable;
+    UnlockLog();
+}
+
+const ForkHandler forkHandler(ForkHandler::Rank::LOG, {LockLog, UnlockLog, ForgetOtherThreads});
+
 }  // namespace
 
 void DeliverToSink(const LogLine& line)
@@ -60,24 +84,6 @@ void DeliverToSink(const LogLine& line)
     lock.lock();
     if (--sink->running == 0) {
         log.idle.notify_all();
-    }
-}
-
-void LockLog()
-{
-    GetLog().mutex.lock();
-}
-
-void UnlockLog()
-{
-    GetLog().mutex.unlock();
-}
-
-void ForgetOtherThreads()
-{
-    Log& log = GetLog();
-    if (log.sink) {
-        log.sink->running = sinkDepth;
     }
 }
 

@@ -9,9 +9,27 @@
 #include <ctime>
 #include <string>
 
+#include "host/base/thread_safety.h"
+#include "varn/fork_handler.h"
+
 namespace VARN::Host {
 
 namespace {
+
+// Held while the C library looks at its time zone data, which it guards with a lock of its own: a fork must not leave
+// that one locked in the child, so it waits for this one.
+Mutex timeZoneMutex;
+
+const ForkHandler forkHandler(ForkHandler::Rank::LOG, {[] { timeZoneMutex.Lock(); }, [] { timeZoneMutex.Unlock(); },
+                                                       [] { timeZoneMutex.Unlock(); }});
+
+tm ToLocalTime(time_t seconds)
+{
+    tm local = {};
+    const MutexLock lock(timeZoneMutex);
+    ::localtime_r(&seconds, &local);
+    return local;
+}
 
 char LevelLetter(int level)
 {
@@ -57,8 +75,7 @@ void WriteLogLine(const LogLine& line) noexcept
     try {
         timespec now = {};
         ::clock_gettime(CLOCK_REALTIME, &now);
-        tm local = {};
-        ::localtime_r(&now.tv_sec, &local);
+        const tm local = ToLocalTime(now.tv_sec);
         char head[80];
         constexpr long NANOSECONDS_PER_MILLISECOND = 1000000;
         std::snprintf(head, sizeof(head), "%04d-%02d-%02d %02d:%02d:%02d.%03ld %d %ld %c ", local.tm_year + 1900,

@@ -20,7 +20,6 @@
 
 #include "host/base/deadline.h"
 #include "host/base/error_text.h"
-#include "host/client/fork_guard.h"
 #include "host/wire/socket_folder.h"
 #include "platform_log.h"
 
@@ -126,7 +125,6 @@ bool AbilityServer::Engine::IsThreadOf(const AbilityServer& server) noexcept
 
 std::string AbilityServer::Engine::Start()
 {
-    WatchForks();
     std::string problem = listener_.Open(context_.options.directory, id_);
     if (!problem.empty()) {
         return problem;

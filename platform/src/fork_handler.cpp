@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varn/fork_handler.h"
+
+#include <mutex>
+
+#include "platform_hooks.h"
+
+namespace VARN {
+
+namespace {
+
+// Held across the fork as well: the list is whole in the child. Neither has a constructor to run, since handlers are
+// registered while libraries are loaded.
+std::mutex handlersMutex;
+ForkHandler* firstHandler = nullptr;  // the lowest rank first; guarded by handlersMutex
+
+}  // namespace
+
+void ForkHandler::Run(void (*Steps::*step)())
+{
+    for (const ForkHandler* handler = firstHandler; handler != nullptr; handler = handler->next_) {
+        if (handler->steps_.*step != nullptr) {
+            (handler->steps_.*step)();
+        }
+    }
+}
+
+ForkHandler::ForkHandler(Rank rank, const Steps& steps) noexcept : rank_(rank), steps_(steps)
+{
+    static const bool isWatching = WatchForks({[] {
+                                                   handlersMutex.lock();
+                                                   Run(&Steps::before);
+                                               },
+                                               [] {
+                                                   Run(&Steps::inParent);
+                                                   handlersMutex.unlock();
+                                               },
+                                               [] {
+                                                   Run(&Steps::inChild);
+                                                   handlersMutex.unlock();
+                                               }});
+    static_cast<void>(isWatching);
+    const std::lock_guard<std::mutex> lock(handlersMutex);
+    ForkHandler** place = &firstHandler;
+    while (*place != nullptr && (*place)->rank_ <= rank_) {
+        place = &(*place)->next_;
+    }
+    next_ = *place;
+    *place = this;
+}
+
+ForkHandler::~ForkHandler()
+{
+    const std::lock_guard<std::mutex> lock(handlersMutex);
+    ForkHandler** place = &firstHandler;
+    while (*place != this) {
+        place = &(*place)->next_;
+    }
+    *place = next_;
+}
+
+}  // namespace VARN
