@@ -11,6 +11,7 @@
 #
 #   <!-- run -->             the commands are run, all those of a document in one shell that starts in the clone
 #   <!-- file: NAME -->      the block is written to that file; where the tree has such a file, it has to be the same
+#   <!-- excerpt: NAME -->   the block has to be in that file of the tree
 #   <!-- whole -->           the block is a C++ program; it is compiled and linked
 #   <!-- part -->            the block is part of a C++ function; see PREAMBLE in check_docs.py
 #   <!-- not run: WHY -->    nothing

@@ -3,6 +3,7 @@
 """Keeps the documents true. Called by check-docs.sh, which says what the marks in a document mean.
 
     check_docs.py static ROOT             links, file names, shown files and limits; prints what is wrong
+    check_docs.py links FOLDER            the links between the documents that are installed there
     check_docs.py script ROOT DOCUMENT    the shell script that does what the document says
 """
 import math
@@ -14,7 +15,7 @@ import sys
 
 DOCUMENTS = ("README.md", "CONTRIBUTING.md", "tools/README.md")  # and all of docs/
 FENCE = re.compile(r"^```(\S*)[^\n]*\n(.*?)^```$", re.M | re.S)
-MARK = re.compile(r"<!-- (run|file|whole|part|not run)(?:: (.+?))? -->\n\Z")
+MARK = re.compile(r"<!-- (run|file|excerpt|whole|part|not run)(?:: (.+?))? -->\n\Z")
 # What is taken for the name of a file or folder: it has a known ending, ends in a slash, or begins with a folder of ours.
 FILE_NAME = re.compile(r"[\w.-]+(/[\w.-]+)*(\.(h|cpp|py|sh|md|svg|txt|json|cmake|in|map|socket|service)|/)"
                        r"|(\.ci|bench|cmake|docs|examples|fuzz|include|ipc|platform|records|scripts|tests|tools|util)/[\w./-]+")
@@ -90,6 +91,8 @@ def check_shown(root, files, text):
     for _, kind, argument, content, line in blocks(text):
         if kind == "file" and argument in files and content != (root / argument).read_text():
             yield f"line {line}: {argument} is not what is shown here"
+        if kind == "excerpt" and content not in (root / argument).read_text():
+            yield f"line {line}: this is not in {argument}"
 
 
 def stated(cell):
@@ -158,8 +161,19 @@ def make_script(path):
     return "\n".join(lines)
 
 
+def check_installed(root):
+    """The links of installed documents; sources are not installed beside them."""
+    problems = [f"{path.relative_to(root)}: {problem}" for path in sorted(root.rglob("*.md"))
+                for problem in check_links(root, path, FENCE.sub("", path.read_text()))
+                if not re.search(r"the link (\.\./)*(include|platform|scripts|tests|tools)/\S* leads", problem)]
+    print("\n".join(problems), end="\n" if problems else "")
+    return 1 if problems else 0
+
+
 if __name__ == "__main__":
     ROOT = pathlib.Path(sys.argv[2]).resolve()
+    if sys.argv[1] == "links":
+        sys.exit(check_installed(ROOT))
     if sys.argv[1] == "static":
         sys.exit(check_static(ROOT))
     print(make_script(ROOT / sys.argv[3]))

@@ -27,13 +27,14 @@ TEST(ConformanceTest, EveryRequestReachesTheService)
 {
     const FakeServiceScope fake;
     for (const uint32_t code : CODES) {
-        EXPECT_EQ(CallOperation(Client(), code).result, 0) << code;
-        EXPECT_EQ(fake.Service().Calls().back().code, code);
+        EXPECT_EQ(0, CallOperation(Client(), code).result) << code;
+        EXPECT_EQ(code, fake.Service().Calls().back().code);
     }
-    EXPECT_EQ(fake.Service().AccessChecks(), std::vector<uint32_t>(std::begin(CODES), std::end(CODES)));
-    EXPECT_EQ(fake.Manager().Lookups().size(), std::size(CODES)) << "every request looks the service up";
+    EXPECT_EQ(std::vector<uint32_t>(std::begin(CODES), std::end(CODES)), fake.Service().AccessChecks());
+    EXPECT_EQ(std::size(CODES), fake.Manager().Lookups().size()) << "every request looks the service up";
     for (const FakeServiceManager::Lookup& lookup : fake.Manager().Lookups()) {
-        EXPECT_TRUE(lookup.systemAbilityId == 65993 && lookup.timeoutSeconds == 4);
+        EXPECT_EQ(65993, lookup.systemAbilityId);
+        EXPECT_EQ(4, lookup.timeoutSeconds);
     }
 }
 
@@ -44,15 +45,15 @@ TEST(ConformanceTest, FailuresKeepTheirResults)
         SCOPED_TRACE(code);
         const auto request = [code] { return CallOperation(Client(), code).result; };
         fake.Manager().SetPresence(FakePresence::ABSENT);
-        EXPECT_EQ(request(), 0);
+        EXPECT_EQ(0, request());
         fake.Manager().SetPresence(FakePresence::DYING);
-        EXPECT_EQ(request(), -1);
+        EXPECT_EQ(-1, request());
         fake.Manager().SetPresence(FakePresence::HERE);
         fake.Service().SetRefused({code});
-        EXPECT_EQ(request(), -1);
+        EXPECT_EQ(-1, request());
         fake.Service().SetRefused({});
         fake.Service().SetResponder(code, [](const FakeCall&) -> FakeAnswer { throw std::runtime_error("broken"); });
-        EXPECT_EQ(request(), -1) << "an exception must not leave the platform";
+        EXPECT_EQ(-1, request()) << "an exception must not leave the platform";
     }
 }
 
@@ -96,9 +97,11 @@ TEST(ConformanceTest, HandlesRequestsOfSeveralThreadsOneAfterTheOther)
     EXPECT_EQ(400U, fake.Service().Calls().size());
 }
 
-TEST(ConformanceTest, LogCallTakesMarkersAndTemporaries)
+TEST(ConformanceTest, LogCallTakesOutMarkersAndReturnsTheLengthOfTheLine)
 {
-    VoLogPrint(0, 3, 0, "TEST", "[%{public}s] %s %{public}d", std::string("a").c_str(), std::string("b").c_str(), 3);
+    const auto text = [](const char* characters) { return std::string(characters); };
+    EXPECT_EQ(7, VoLogPrint(0, 7, 0, "TEST", "[%{public}s] %s %{private}d", text("a").c_str(), text("b").c_str(), 3));
+    EXPECT_GT(0, VoLogPrint(0, 7, 0, "TEST", "%"));
 }
 
 }  // namespace

@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "varn/remote_stub.h"
+
+namespace VARN {
+
+// Has `stub` answer for service `id`. False when the number is taken.
+VARN_API bool AddService(int32_t id, const sptr<IPCObjectStub>& stub);
+
+// Ends the service: fails its requests and waits for the one that is running. So no operation may call it.
+VARN_API void RemoveService(int32_t id);
+
+}  // namespace VARN

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+// The Linux host under the kit: each service on a socket of a folder of its own.
+#include <stdlib.h>
+
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "porting/port.h"
+#include "varn/host/ability_server.h"
+
+namespace VARN::Porting {
+namespace {
+
+// Set before main, since the host reads the variable once.
+struct Folder {
+    std::string path = std::filesystem::temp_directory_path() / "porting-XXXXXX";
+    std::map<int32_t, std::unique_ptr<Host::AbilityServer>> servers;
+
+    Folder() { ::setenv("VARN_ABILITY_DIR", ::mkdtemp(path.data()), 1); }
+    ~Folder()
+    {
+        servers.clear();
+        std::filesystem::remove_all(path);
+    }
+} folder;
+
+}  // namespace
+
+bool Serve(int32_t id, const sptr<IPCObjectStub>& stub)
+{
+    folder.servers[id] = std::make_unique<Host::AbilityServer>(id, stub);
+    return folder.servers[id]->Start();
+}
+
+void StopServing(int32_t id)
+{
+    folder.servers.erase(id);
+}
+
+}  // namespace VARN::Porting
