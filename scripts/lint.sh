@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Checks format, C++ and shell sources; changes nothing.
+# Checks format, C++ and shell sources, and the rules of scripts/check-house.sh; changes nothing.
 #
-#   scripts/lint.sh [FILE...]    clang-tidy looks at these sources alone; at all when none is named
+#   scripts/lint.sh [FILE...]    clang-tidy looks at these sources alone; at all, and at the rules, when none is named
 set -euo pipefail
 cd "$(dirname "$0")/.."
 export LC_ALL=C
@@ -22,6 +22,7 @@ cmake --preset lint >"$log" 2>&1 || { cat "$log"; exit 1; }
 if (($# > 0)); then
     sources=("$@")
 else
+    scripts/check-house.sh
     # Not ours: what a package brings or a generator writes, and what includes such a generator's headers. Two
     # stand in for functions of the C library, whose declarations would then have to be like ours.
     mapfile -t sources < <(jq -r '.[].file' build/lint/compile_commands.json | sort -u | sed "s|^$PWD/||" |
