@@ -40,9 +40,7 @@ git clone -q --no-hardlinks "$root" "$CLONE"
 { git diff -z --name-only --diff-filter=d HEAD; git ls-files -z --others --exclude-standard; } |
     tar -c --null -T - | tar -x -C "$CLONE"
 
-if command -v ccache >/dev/null; then
-    export CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_BASEDIR=$scratch CCACHE_NOHASHDIR=1
-fi
+export CCACHE_BASEDIR=$scratch CCACHE_NOHASHDIR=1
 export CMAKE_BUILD_PARALLEL_LEVEL
 CMAKE_BUILD_PARALLEL_LEVEL=$(nproc)
 

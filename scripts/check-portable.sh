@@ -21,9 +21,6 @@ if [ -n "$foreign" ]; then
 fi
 
 export CMAKE_GENERATOR=Ninja
-if command -v ccache >/dev/null; then
-    export CMAKE_CXX_COMPILER_LAUNCHER=ccache
-fi
 
 # kit BUILD OPTION...: the kit and the library on the platform that the options name.
 kit()

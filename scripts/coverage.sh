@@ -15,9 +15,7 @@ readers=(
     ipc/security_privacy_service_stub.cpp ipc/security_privacy_service_proxy.cpp records/*.cpp)
 
 scripts/setup.sh
-launcher=()
-command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
-cmake -S . -B "$build" -G Ninja "${launcher[@]}" -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=g++ \
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=g++ \
     -DCMAKE_CXX_FLAGS="--coverage -fprofile-update=atomic" -DSECURITY_PRIVACY_BUILD_FUZZ=ON -DSECURITY_PRIVACY_INSTALL=OFF
 cmake --build "$build"
 find "$build" -name '*.gcda' -delete

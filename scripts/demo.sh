@@ -68,9 +68,6 @@ heading "Building"
 if [[ -x scripts/setup.sh ]]; then
     scripts/setup.sh
 fi
-if command -v ccache >/dev/null; then
-    export CMAKE_CXX_COMPILER_LAUNCHER=ccache
-fi
 if command -v ninja >/dev/null && [[ ! -f build/demo/CMakeCache.txt ]]; then
     export CMAKE_GENERATOR=Ninja
 fi

@@ -11,10 +11,8 @@ build=build/fuzz
 targets=(parcel record stub proxy connection)
 
 scripts/setup.sh
-launcher=()
-command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 # The code under test has to count its branches for the fuzzer as well.
-cmake -S . -B "$build" -G Ninja "${launcher[@]}" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+cmake -S . -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DBUILD_SHARED_LIBS=OFF -DSECURITY_PRIVACY_SANITIZE=address,undefined,fuzzer-no-link \
     -DSECURITY_PRIVACY_BUILD_FUZZ=ON -DSECURITY_PRIVACY_BUILD_TESTS=ON -DSECURITY_PRIVACY_BUILD_TOOLS=OFF \
     -DSECURITY_PRIVACY_INSTALL=OFF
