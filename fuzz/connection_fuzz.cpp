@@ -63,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
     options.maxRequestBytes = MAX_REQUEST_BYTES;
     // Bites on the longest replies when they are not read.
     options.maxWaitingReplyBytesPerUser = size_t{doesRead ? 2U : 1U} << 20;
-    ServiceContext context{echo, options, RefusalLog(1)};
+    ServiceContext context{1, echo, options, RefusalLog(1)};
     WorkerBuffers buffers;
     UserAccount account;
     std::atomic<int64_t> deadline{0};

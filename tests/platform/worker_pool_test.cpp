@@ -4,81 +4,203 @@
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
 
+#include <array>
 #include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <memory>
+#include <thread>
+#include <vector>
 
-// The pool's own steps, in the order that workers could take them. A call that is missed is a wait without end.
+// The rules by which workers are started, stay and are woken, in the order that workers could follow them.
 namespace VARN::Host {
 namespace {
+
+constexpr std::chrono::seconds PATIENCE{20};
+constexpr int64_t START_TIME = 5000;
+int64_t testTime = START_TIME;
+
+class TestVisit final : public WorkerPool::Visit {
+public:
+    // Has input from the beginning, or never any.
+    explicit TestVisit(bool hasInput, int visits = 1) : event_(::eventfd(hasInput ? 1 : 0, EFD_CLOEXEC)), left_(visits)
+    {
+    }
+    int GetFd() const override { return event_.Get(); }
+    bool Prepare() override { return true; }
+    Ahead GetAhead() const override { return left_ > served ? Ahead::INPUT : Ahead::NOTHING; }
+    void Serve() override { ++served; }
+    int GetPatience() const override
+    {
+        beforeWait();
+        return static_cast<int>(std::chrono::milliseconds(PATIENCE).count());
+    }
+
+    int served = 0;
+    // Whoever waits has counted itself as staying.
+    std::function<void()> beforeWait = [] {};
+
+private:
+    const UniqueFd event_;
+    const int left_;
+};
 
 class WorkerPoolTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
+        testTime = START_TIME;
         pool_.Start();
-        pool_.BeginStay();
-        pool_.BeginStay();
     }
-    // The last who waits gets something to do, or nothing after all.
-    void TakeLastAway(bool hasWork = true)
+    // A worker stays with a silent client, until it is woken.
+    std::future<void> StartStaying()
     {
-        pool_.BeginWait();
-        pool_.EndWait(hasWork);
+        const auto waits = std::make_shared<std::promise<void>>();
+        std::future<void> end = std::async(std::launch::async, [this, waits] {
+            TestVisit silent(false);
+            silent.beforeWait = [&waits] { waits->set_value(); };
+            Stay(silent);
+        });
+        waits->get_future().wait();
+        return end;
     }
-    void ExpectCall() { EXPECT_FALSE(pool_.AwaitInput(silent_.Get(), -1)); }
+    void Stay(TestVisit& visit)
+    {
+        Pace busy{testTime, 100};
+        pool_.StayIfBusy(busy, visit, [] { return testTime; });
+    }
+    // The only idle worker gets something to do, or nothing after all.
+    void TakeIdleAway(bool hasWork = true)
+    {
+        pool_.AwaitAny([hasWork] { return hasWork; });
+    }
+    static bool HasEnded(const std::future<void>& end) { return end.wait_for(PATIENCE) == std::future_status::ready; }
 
     std::atomic<int> started_{0};
     RefusalLog refusals_{1};
     WorkerPool pool_{6, refusals_, [this] { ++started_; }};
-    const UniqueFd silent_{::eventfd(0, EFD_CLOEXEC)};
 };
 
-TEST_F(WorkerPoolTest, AtTheLimitCallIsForOneWhoHasNothingToDoAndPassedOnUntilSomebodyWaits)
+TEST_F(WorkerPoolTest, AtTheLimitOneThatStaysIsWokenAndWakesTheNextUntilOneIsIdle)
 {
-    for (int started = 4; started <= 6; ++started) {
-        TakeLastAway();
+    TakeIdleAway();
+    TakeIdleAway();
+    std::vector<std::future<void>> ends;
+    pool_.AwaitAny([&] {
+        ends.push_back(StartStaying());
+        ends.push_back(StartStaying());
+        return true;
+    });
+    for (const std::future<void>& end : ends) {
+        EXPECT_TRUE(HasEnded(end)) << "a wake-up was lost";
     }
-    EXPECT_TRUE(pool_.AwaitInput(UniqueFd(::eventfd(1, EFD_CLOEXEC)).Get(), -1));
-    ExpectCall();
-    pool_.EndStay();
-    ExpectCall();
     pool_.Stop();
-    EXPECT_EQ(started_, 6);
+    EXPECT_EQ(6, started_);
 }
 
-TEST_F(WorkerPoolTest, OneWhoIsBusyAloneDoesNotStayButCallsTheOtherBackOnceASecond)
+TEST_F(WorkerPoolTest, AWorkerWithInputLeavesTheWakeUpToASilentOne)
 {
-    for (const int64_t now : {5000, 6000}) {
-        EXPECT_TRUE(pool_.CallIdleBack(now));
-        ExpectCall();
-        EXPECT_FALSE(pool_.CallIdleBack(now + 999));
-    }
-    pool_.EndStay();
-    EXPECT_FALSE(pool_.CallIdleBack(9000));
-    for (const bool mayStay : {false, true, true, false}) {
-        EXPECT_EQ(pool_.MayStay(), mayStay);
-        pool_.BeginWait();
-    }
+    TakeIdleAway();
+    TakeIdleAway();
+    std::promise<void> begun;
+    std::promise<void> woken;
+    TestVisit visit(true);
+    std::thread worker;
+    visit.beforeWait = [&] {
+        begun.set_value();
+        woken.get_future().wait();
+    };
+    pool_.AwaitAny([&] {
+        worker = std::thread([&] { Stay(visit); });
+        begun.get_future().wait();
+        return true;
+    });
+    woken.set_value();
+    worker.join();
+    EXPECT_EQ(1, visit.served);
+    pool_.AwaitAny([&] {
+        EXPECT_TRUE(HasEnded(StartStaying())) << "the wake-up was taken";
+        return false;
+    });
 }
 
-TEST_F(WorkerPoolTest, EndCallsBackAll)
+TEST_F(WorkerPoolTest, AWorkerStaysOnlyWithAnotherIdleAndASecondBusy)
 {
-    pool_.BeginWait();
-    pool_.Stop();
-    EXPECT_FALSE(pool_.MayStay());
-    ExpectCall();
-    ExpectCall();
+    std::vector<int> served;
+    const std::function<void(int)> tryWithIdle = [&](int left) {
+        TestVisit visit(true);
+        Stay(visit);
+        served.push_back(visit.served);
+        if (left != 0) {
+            pool_.AwaitAny([&] { return tryWithIdle(left - 1), false; });
+        }
+    };
+    tryWithIdle(4);
+    EXPECT_EQ((std::vector<int>{0, 1, 1, 0, 0}), served);
 }
 
-TEST_F(WorkerPoolTest, GrowsOnlyWhenTheLastGetsWorkAndNotAfterTheEnd)
+TEST_F(WorkerPoolTest, OnlyAConnectionWhoseVisitsAreQuickIsStayedWith)
 {
-    TakeLastAway(false);
-    pool_.BeginWait();
-    TakeLastAway();
-    pool_.EndWait(false);
+    pool_.AwaitAny([&] {
+        for (const int64_t pause : {10, 11}) {
+            Pace pace;
+            int visits = 0;
+            TestVisit visit(true);
+            for (; visit.served == 0 && visits < 20; ++visits) {
+                testTime += pause;
+                pool_.StayIfBusy(pace, visit, [] { return testTime; });
+            }
+            EXPECT_EQ(pause == 10 ? 9 : 20, visits);
+        }
+        return false;
+    });
+}
+
+TEST_F(WorkerPoolTest, ABusyWorkerWakesASilentOneOnceASecondAndStopsStayingItself)
+{
+    pool_.AwaitAny([&] {
+        for (const int64_t now : {START_TIME, START_TIME + 2000}) {
+            const std::future<void> silent = StartStaying();
+            testTime = now;
+            TestVisit first(true, 3);
+            Stay(first);
+            EXPECT_EQ(1, first.served);
+            EXPECT_TRUE(HasEnded(silent));
+            testTime = now + 999;
+            const std::future<void> other = StartStaying();
+            TestVisit second(true, 3);
+            Stay(second);
+            EXPECT_EQ(3, second.served);
+            testTime = now + 1000;
+            Stay(first);
+        }
+        return false;
+    });
     pool_.Stop();
-    TakeLastAway();
+}
+
+TEST_F(WorkerPoolTest, TheEndWakesAllThatStay)
+{
+    pool_.AwaitAny([&] {
+        const std::array<std::future<void>, 2> ends{StartStaying(), StartStaying()};
+        pool_.Stop();
+        EXPECT_TRUE(HasEnded(ends[0]));
+        EXPECT_TRUE(HasEnded(ends[1]));
+        TestVisit visit(true);
+        Stay(visit);
+        EXPECT_EQ(0, visit.served);
+        return true;
+    });
+    EXPECT_EQ(4, started_);
+}
+
+TEST_F(WorkerPoolTest, AWorkerIsStartedOnlyWhenTheLastIdleOneGetsWork)
+{
+    TakeIdleAway(false);
+    pool_.AwaitAny([this] { return TakeIdleAway(), false; });
     pool_.Stop();
-    EXPECT_EQ(started_, 4);
+    EXPECT_EQ(4, started_);
 }
 
 }  // namespace

@@ -116,7 +116,7 @@ Connection::Next Connection::ReadFirst(ServiceContext& context, WorkerBuffers& b
             return received == Received::END ? Next::CLOSE : Next::INPUT;
         }
         // A short read has emptied the socket, so there is no need to ask it again. After a hang-up there is. (It may
-        // also end where a peer sent descriptors along; what he sent behind them then waits until he sends more.)
+        // also end where a peer sent descriptors along; what it sent behind them then waits until it sends more.)
         drained = size < buffers.piece.size() && !hangUp;
     }
     FrameReader reader(context.options.maxRequestBytes);
@@ -133,7 +133,7 @@ Connection::Next Connection::ReadFirst(ServiceContext& context, WorkerBuffers& b
                   buffers.piece.begin() + static_cast<ptrdiff_t>(size));
     ParcelBuffer::Lend(reader.GetBody(), buffers.piece.data() + FRAME_HEADER_SIZE, header.length);
     const Next next = Dispatch(context, buffers, header, reader.GetBody());
-    // A peer who sends without end must not keep the worker to himself.
+    // A peer that sends without end must not keep the worker to itself.
     return next == Next::INPUT && !(drained && ahead_.empty()) ? Next::TURN : next;
 }
 

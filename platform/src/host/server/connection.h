@@ -16,7 +16,7 @@
 
 namespace VARN::Host {
 
-// What one user id takes of a server.
+// What one user id holds of a server.
 struct UserAccount {
     size_t connections = 0;  // guarded by the slot table's lock
     // Relaxed: a sum that is compared with a limit; nothing else hangs on it.
@@ -25,6 +25,7 @@ struct UserAccount {
 
 // What the connections of one server share.
 struct ServiceContext {
+    const int32_t id;
     const sptr<IPCObjectStub> stub;
     const AbilityServerOptions options;
     RefusalLog refusals;
@@ -42,7 +43,7 @@ struct WorkerBuffers {
     bool HoldsMuch() const noexcept;
     void LetGo() noexcept;
 
-    // The reply, to be kept for a peer who has not read all of it yet. A short one in a long buffer is copied out of
+    // The reply, to be kept for a peer that has not read all of it yet. A short one in a long buffer is copied out of
     // it: what waits is counted by its bytes, and must not hold much more memory than that.
     std::unique_ptr<MessageParcel> TakeReply();
 
@@ -51,9 +52,9 @@ struct WorkerBuffers {
 };
 
 // One accepted connection: reads requests, has them handled, writes replies, and never waits. It reads nothing while a
-// reply waits to be read by the peer, so that a peer who only sends stops himself.
+// reply waits to be read by the peer, so a peer that only sends stops itself.
 //
-// Thread safety: none; `Engine` sees to it that one thread at a time owns it.
+// Thread safety: none; its `Slot` sees to it that one thread at a time owns it.
 class Connection {
 public:
     enum class Next {
@@ -63,8 +64,8 @@ public:
         CLOSE,   // it is over
     };
 
-    // `deadline` is where the connection leaves word of when it has to have moved on, in nanoseconds of the steady
-    // clock; 0: no hurry. Whoever keeps it may read it without owning the connection.
+    // In `deadline` the connection writes by when it must have moved on, in nanoseconds of the steady clock; 0: no
+    // hurry. Any thread may read it without owning the connection.
     Connection(UniqueFd fd, const Caller& caller, UserAccount& account, std::atomic<int64_t>& deadline) noexcept;
     ~Connection();
     Connection(const Connection&) = delete;
@@ -84,12 +85,6 @@ public:
     const Caller& GetCaller() const noexcept { return caller_; }
     UserAccount& GetAccount() const noexcept { return account_; }
     bool HasOutput() const noexcept { return output_ != nullptr; }
-
-    // The engine's notes: the events that the connection is registered for; when a worker last had done with it, in
-    // milliseconds; how often in a row that was soon after the time before.
-    uint32_t armedEvents = 0;
-    uint32_t quickVisits = 0;
-    int64_t lastVisit = 0;
 
 private:
     struct Output {

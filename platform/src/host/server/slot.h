@@ -7,30 +7,39 @@
 #include <memory>
 
 #include "host/server/connection.h"
+#include "host/server/worker_pool.h"
 
 namespace VARN::Host {
 
-// A place for one connection, and who may touch it. Several workers wait on one epoll set with edge triggers, so two of
-// them may learn of the same connection, or of one that is gone by the time they look. The state word settles it
-// without a lock: a worker becomes the owner, or leaves word that there is more to do, or sees that the event is stale.
+// A place for one connection, and who owns it. All workers wait on one epoll set with edge triggers, so two of them may
+// get an event of the same connection, or of one that has ended since. One atomic word settles it without a lock:
 //
-// Memory order: taking ownership acquires and giving it up releases, so that each owner sees what the one before did.
+//   FREE            no connection
+//   IDLE            a connection that nobody owns: the next event makes its receiver the owner
+//   OWNED           a thread owns it
+//   OWNED_AGAIN     the same, and an event came meanwhile: the owner looks again before it gives the place up
+//   OWNED_HUNG_UP   the same, and the event said that the peer has closed its end
+//
+// Beside the phase stands the generation, the number of the place's connection. An event carries it, so an event of an
+// earlier connection is recognised.
+//
+// Memory order: `Acquire` acquires and `Release` releases, so each owner sees what the owner before did. An event that
+// is only noted releases too: the owner that sees the note also sees what its writer did before.
 class Slot {
 public:
-    // The place's current tenant; it goes into the event, so that an event of an earlier tenant is recognised.
-    // Relaxed: read by whoever has just put the tenant there.
+    // Relaxed: read by the thread that has just put the connection there, or that owns it.
     uint32_t GetGeneration() const noexcept
     {
         return static_cast<uint32_t>(state_.load(std::memory_order_relaxed) >> PHASE_BITS);
     }
 
-    // Lets a new tenant in; the place must be free. From now on events may make their receivers owners.
-    // Release: whoever gets an event must see what was put there.
+    // FREE to IDLE: from now on an event makes its receiver the owner.
+    // Release: the receiver must see the connection that was put there.
     void Open() noexcept { state_.fetch_or(IDLE, std::memory_order_release); }
 
-    // Makes the calling thread the owner. False when there is nothing to do for it: the event was for an earlier
-    // tenant, or another thread owns the place, which will now look again before it lets go. `hangUp`: the event says
-    // so.
+    // Makes the calling thread the owner. False when there is nothing for it to do: the event is of an earlier
+    // connection, or another thread owns the place and will look again. `hangUp`: the event says that the peer has
+    // closed its end.
     bool Acquire(uint32_t generation, bool hangUp) noexcept
     {
         uint64_t state = state_.load(std::memory_order_relaxed);
@@ -40,7 +49,6 @@ public:
                 return false;
             }
             const uint64_t next = phase == IDLE ? OWNED : std::max(phase, hangUp ? OWNED_HUNG_UP : OWNED_AGAIN);
-            // Release too: what is left as word must not move behind the owner's seeing it.
             if (state_.compare_exchange_weak(state, (state & ~PHASE_MASK) | next, std::memory_order_acq_rel,
                                              std::memory_order_relaxed)) {
                 return phase == IDLE;
@@ -48,7 +56,7 @@ public:
         }
     }
 
-    // The same for whoever does not come with an event: false, and no word left, unless nobody owns the place.
+    // The same without an event: false, and nothing is noted, unless the connection is idle.
     bool AcquireIdle() noexcept
     {
         uint64_t state = state_.load(std::memory_order_relaxed);
@@ -57,8 +65,8 @@ public:
                                               std::memory_order_relaxed);
     }
 
-    // Gives ownership up. False when there is word of more to do: the caller is still the owner and has to look again,
-    // and `hangUp` tells whether that was of a hang-up.
+    // Gives ownership up. False when an event came meanwhile: the caller is still the owner and has to look again.
+    // `hangUp` tells whether that event said that the peer has closed its end.
     bool Release(bool& hangUp) noexcept
     {
         uint64_t state = state_.load(std::memory_order_relaxed);
@@ -73,15 +81,19 @@ public:
         }
     }
 
-    // The owner's last step: the tenant is gone, and later events for it are stale.
+    // The owner's last step: the connection is gone, and events of it are of an earlier one.
     void Free() noexcept
     {
         const uint64_t next = (uint64_t{GetGeneration()} + 1) << PHASE_BITS;
         state_.store(next & GENERATION_LIMIT, std::memory_order_release);
     }
 
-    std::atomic<int64_t> deadline{0};        // see Connection
-    std::unique_ptr<Connection> connection;  // touched by the owner only
+    std::atomic<int64_t> deadline{0};  // see Connection
+
+    // Only the owner touches these.
+    std::unique_ptr<Connection> connection;
+    uint32_t armedEvents = 0;  // what the connection is registered for
+    Pace pace;
 
 private:
     static constexpr unsigned PHASE_BITS = 3;
@@ -89,8 +101,8 @@ private:
     static constexpr uint64_t FREE = 0;
     static constexpr uint64_t IDLE = 1;
     static constexpr uint64_t OWNED = 2;
-    static constexpr uint64_t OWNED_AGAIN = 3;    // an event came meanwhile
-    static constexpr uint64_t OWNED_HUNG_UP = 4;  // one that says that the peer has closed its end
+    static constexpr uint64_t OWNED_AGAIN = 3;
+    static constexpr uint64_t OWNED_HUNG_UP = 4;
     static constexpr uint64_t GENERATION_LIMIT = (uint64_t{1} << (32 + PHASE_BITS)) - 1;
 
     std::atomic<uint64_t> state_{FREE};

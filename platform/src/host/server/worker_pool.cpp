@@ -20,7 +20,23 @@ namespace {
 // processor, which has to wake up first.
 constexpr size_t FIRST_WORKERS = 4;
 
-constexpr int64_t CALL_MILLISECONDS = 1000;
+// A worker stays when so many visits in a row each came so soon after the one before.
+constexpr uint32_t QUICK_VISITS = 8;
+constexpr int64_t QUICK_MILLISECONDS = 10;
+
+// So many workers must be busy for one to stay: itself and one more (rule 2).
+constexpr size_t BUSY_WORKERS_TO_STAY = 2;
+
+// Between two wake-ups by rule 3.
+constexpr int64_t WAKE_MILLISECONDS = 1000;
+
+bool IsBusy(Pace& pace, int64_t now)
+{
+    const bool isQuick = now - pace.lastVisit <= QUICK_MILLISECONDS;
+    pace.lastVisit = now;
+    pace.quickVisits = isQuick ? pace.quickVisits + 1 : 0;
+    return pace.quickVisits >= QUICK_VISITS;
+}
 
 }  // namespace
 
@@ -36,8 +52,8 @@ WorkerPool::~WorkerPool()
 
 void WorkerPool::Start()
 {
-    recall_ = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!recall_) {
+    wakeEvent_ = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wakeEvent_) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
     }
     {
@@ -57,64 +73,90 @@ void WorkerPool::Stop()
         stopping_.store(true, std::memory_order_relaxed);
         threads.swap(threads_);
     }
-    if (recall_) {
-        CallBack();
+    if (wakeEvent_) {
+        WakeStaying();
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
 }
 
-void WorkerPool::EndWait(bool hasWork) noexcept
+// Rule 1.
+void WorkerPool::LeaveIdle(bool hasWork) noexcept
 {
-    const bool isLast = waiting_.fetch_sub(1) == 1;
-    if (isLast && hasWork && !AddWorker() && staying_.load() != 0) {
-        CallBack();
+    const bool wasLast = idle_.fetch_sub(1) == 1;
+    if (wasLast && hasWork && !AddWorker() && staying_.load() != 0) {
+        WakeStaying();
     }
 }
 
-// Who was called back may find something to do before it waits: then the next one has to.
-void WorkerPool::EndStay() noexcept
+// Rule 2.
+bool WorkerPool::MayStay() const noexcept
 {
+    const size_t idle = idle_.load();
+    return idle != 0 && idle + BUSY_WORKERS_TO_STAY <= workers_.load(std::memory_order_relaxed) &&
+           !stopping_.load(std::memory_order_relaxed);
+}
+
+void WorkerPool::StayIfBusy(Pace& pace, Visit& visit, int64_t (*now)())
+{
+    if (!IsBusy(pace, now()) || visit.GetAhead() == Visit::Ahead::NOTHING || !MayStay() || !visit.Prepare()) {
+        return;
+    }
+    pace.quickVisits = 0;
+    staying_.fetch_add(1);
+    while (visit.GetAhead() != Visit::Ahead::NOTHING && MayStay()) {
+        if (visit.GetAhead() == Visit::Ahead::INPUT && !AwaitInput(visit.GetFd(), visit.GetPatience())) {
+            break;
+        }
+        visit.Serve();
+        // The one that wakes has to stop staying too, or its next wait would take the wake-up.
+        if (WakeNowAndThen(now())) {
+            break;
+        }
+    }
+    // The wake-up may have been meant for one that has found something to do before it got idle: then the next has to.
     const bool othersStay = staying_.fetch_sub(1) > 1;
-    if (othersStay && waiting_.load() == 0) {
-        CallBack();
+    if (othersStay && idle_.load() == 0) {
+        WakeStaying();
     }
 }
 
+// False when there was nothing to read for so long, or until the worker was woken.
 bool WorkerPool::AwaitInput(int fd, int milliseconds) const noexcept
 {
-    std::array<pollfd, 2> entries{{{fd, POLLIN, 0}, {recall_.Get(), POLLIN, 0}}};
+    std::array<pollfd, 2> entries{{{fd, POLLIN, 0}, {wakeEvent_.Get(), POLLIN, 0}}};
     ::poll(entries.data(), entries.size(), milliseconds);
     if (entries[0].revents != 0) {
-        // The call, if there is one too, is for somebody who has nothing to do.
+        // The wake-up, if there is one too, is for a worker that has nothing to do.
         return true;
     }
     if (entries[1].revents != 0) {
         eventfd_t ignored = 0;
-        ::eventfd_read(recall_.Get(), &ignored);
-        // At the end all are called back: each passes it on.
+        ::eventfd_read(wakeEvent_.Get(), &ignored);
+        // At the end all have to wake: each wakes the next.
         if (stopping_.load(std::memory_order_relaxed)) {
-            CallBack();
+            WakeStaying();
         }
     }
     return false;
 }
 
-bool WorkerPool::CallIdleBack(int64_t now) noexcept
+// Rule 3.
+bool WorkerPool::WakeNowAndThen(int64_t now) noexcept
 {
-    int64_t last = lastCall_.load(std::memory_order_relaxed);
-    const bool isTime = now - last >= CALL_MILLISECONDS && staying_.load() > 1 &&
-                        lastCall_.compare_exchange_strong(last, now, std::memory_order_relaxed);
+    int64_t last = lastWake_.load(std::memory_order_relaxed);
+    const bool isTime = now - last >= WAKE_MILLISECONDS && staying_.load() > 1 &&
+                        lastWake_.compare_exchange_strong(last, now, std::memory_order_relaxed);
     if (isTime) {
-        CallBack();
+        WakeStaying();
     }
     return isTime;
 }
 
-void WorkerPool::CallBack() const noexcept
+void WorkerPool::WakeStaying() const noexcept
 {
-    ::eventfd_write(recall_.Get(), 1);
+    ::eventfd_write(wakeEvent_.Get(), 1);
 }
 
 // False when there are to be no more, or for now, after a line, cannot be.
@@ -131,7 +173,7 @@ bool WorkerPool::AddWorker() noexcept
         workers_.store(workers + 1, std::memory_order_relaxed);
         return true;
     } catch (const std::exception& exception) {
-        // The system refuses, or memory runs out: those that there are go on.
+        // The system refuses, or memory runs out: the workers that there are go on.
         refusals_.Report(Limit::WORKERS, CurrentCaller(), workers, limit_, exception.what());
         return false;
     }

@@ -14,19 +14,59 @@
 
 namespace VARN::Host {
 
-// The threads that run a server's requests. There are a few to begin with. The last who waits, when it gets
-// something to do, sees to it that somebody waits after it: it starts another worker, up to a limit.
+// How soon the visits to one connection follow each other. Only the connection's owner touches it.
+struct Pace {
+    int64_t lastVisit = 0;  // in milliseconds
+    uint32_t quickVisits = 0;
+};
+
+// The threads that run a server's requests. A worker is in one of three states:
 //
-// A worker may stay with a connection whose requests keep coming, and wait for that one alone, as long as others wait
-// for the rest. So with a few busy clients each has a thread, which the scheduler brings to its client's processor,
-// instead of meeting whichever comes. (A single one fares better with whichever comes.) When there are no more workers
-// to start, the last who waits calls back those that stay, until one of them waits: no connection waits behind a worker
-// that has nothing to do. Once a second somebody who is busy calls one back too, lest those count as busy who are not.
+//   idle      waits for an event of any connection, with the other idle ones
+//   busy      serves a connection
+//   staying   has served a connection whose requests keep coming, and waits for that one alone
+//
+// Three rules connect them:
+//
+//   1. While there are connections, somebody is idle, or all are busy. When the last idle worker gets work, it starts
+//      another one, up to the limit. At the limit it wakes one that stays, which then becomes idle.
+//   2. A worker stays only while another is idle, for the other connections, and a second one is busy or stays. Several
+//      busy clients then have a thread each, which the scheduler brings to its client's processor. A single one fares
+//      better with whichever worker is idle.
+//   3. Once a second a staying worker that has work wakes another, which becomes idle. If that one is needed it stays
+//      again at once; if its client is silent, it no longer counts as busy.
+//
+// A wake-up may reach a worker that has just got work. It serves that first and leaves the wake-up for others; when it
+// stops staying and nobody is idle, it wakes the next.
+//
+// Memory order: `idle_` and `staying_` are sequentially consistent. A worker counts itself as staying and then reads
+// `idle_` (rule 2). The last idle one takes itself out of `idle_` and then reads `staying_` (rule 1). In the one order
+// of these four steps one of the two reads comes last and sees what the other wrote: either the first does not stay, or
+// the second wakes it.
 //
 // Thread safety: `Start` and `Stop` are for the owner, one after the other; the rest is for the workers.
 class WorkerPool {
 public:
-    // At most `limit` threads, each of which runs `work` once. `refusals`, which outlives the pool, hears when the
+    // A connection that a worker may stay with; the worker owns it meanwhile.
+    class Visit {
+    public:
+        enum class Ahead {
+            INPUT,    // the peer has to send first
+            MORE,     // there is something to do at once
+            NOTHING,  // it has to be given up: it has a deadline, which the watcher looks after, or ends
+        };
+        virtual ~Visit() = default;
+        virtual int GetFd() const = 0;
+        // Before the first wait. False when the worker cannot stay.
+        virtual bool Prepare() = 0;
+        virtual Ahead GetAhead() const = 0;
+        // Serves the connection once.
+        virtual void Serve() = 0;
+        // How long to wait for input, in milliseconds; -1: as long as it takes.
+        virtual int GetPatience() const = 0;
+    };
+
+    // At most `limit` threads, each of which runs `work` once. `refusals`, which outlives the pool, is told when the
     // system refuses one.
     WorkerPool(size_t limit, RefusalLog& refusals, std::function<void()> work);
     ~WorkerPool();
@@ -37,51 +77,43 @@ public:
     // workers, also later ones, inherit the caller's signal mask.
     void Start();
 
-    // Waits until all have returned from `work`: those that stay are called back, the owner sees to the others.
+    // Waits until all have returned from `work`. Those that stay are woken; the owner wakes the idle ones.
     void Stop();
 
-    // Around a worker's wait for any connection. `hasWork`: it has got something to do.
-    void BeginWait() noexcept { waiting_.fetch_add(1); }
-    void EndWait(bool hasWork) noexcept;
-
-    // Around a stay with one connection, which has to end when `MayStay` says no: to be asked before each wait.
-    void BeginStay() noexcept { staying_.fetch_add(1); }
-    void EndStay() noexcept;
-    bool MayStay() const noexcept
+    // Idle while `wait` runs. It returns whether it got work.
+    template <class Wait>
+    void AwaitAny(Wait wait)
     {
-        const size_t waiting = waiting_.load();
-        return waiting != 0 && waiting + 2 <= workers_.load(std::memory_order_relaxed) &&
-               !stopping_.load(std::memory_order_relaxed);
+        idle_.fetch_add(1);
+        LeaveIdle(wait());
     }
 
-    // To be asked now and then while staying, with the time in milliseconds. True: another one was called back; the
-    // stay has to end, or its next wait would take the call.
-    bool CallIdleBack(int64_t now) noexcept;
-
-    // Waits while staying. False when there was nothing to read, for `milliseconds` (-1: no limit) or until the worker
-    // was called back.
-    bool AwaitInput(int fd, int milliseconds) const noexcept;
+    // To be called after each visit to a connection. When the visits follow each other quickly, the worker stays as
+    // long as the rules and the connection allow. `now` gives the time in milliseconds.
+    void StayIfBusy(Pace& pace, Visit& visit, int64_t (*now)());
 
 private:
+    void LeaveIdle(bool hasWork) noexcept;
+    bool MayStay() const noexcept;
+    bool AwaitInput(int fd, int milliseconds) const noexcept;
+    bool WakeNowAndThen(int64_t now) noexcept;
+    void WakeStaying() const noexcept;
     bool AddWorker() noexcept;
-    void CallBack() const noexcept;
 
     const size_t limit_;
     RefusalLog& refusals_;
     const std::function<void()> work_;
-    UniqueFd recall_;  // readable: somebody who stays is called back
+    UniqueFd wakeEvent_;  // readable: one that stays has to stop staying
 
-    // Sequentially consistent: who stays counts itself and then looks whether somebody waits, the last who waits takes
-    // itself out and then looks whether somebody stays, so one of the two sees the other.
-    std::atomic<size_t> waiting_{0};
+    std::atomic<size_t> idle_{0};
     std::atomic<size_t> staying_{0};
 
-    // Relaxed: whoever misses the change finds out under the lock, or is called back.
+    // Relaxed: a worker that misses the change finds out under the lock, or is woken.
     std::atomic<bool> stopping_{false};
     // Relaxed: to go by an old number is to stay a moment too long or too short.
     std::atomic<size_t> workers_{0};
-    // Relaxed: who wins the exchange calls, and nothing hangs on it.
-    std::atomic<int64_t> lastCall_{0};
+    // Relaxed: the worker that wins the exchange wakes, and nothing else depends on it.
+    std::atomic<int64_t> lastWake_{0};
 
     Mutex mutex_;
     std::vector<std::thread> threads_ GUARDED_BY(mutex_);

@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/server/watcher.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <new>
+#include <utility>
+
+#include "host/base/error_text.h"
+#include "host/server/clock.h"
+#include "platform_log.h"
+
+namespace VARN::Host {
+
+namespace {
+
+constexpr int64_t NEVER = INT64_MAX;
+
+// A connection that is over its time but owned by a worker is looked at again after this.
+constexpr int64_t RECHECK_NANOSECONDS = 20 * NANOSECONDS_PER_MILLISECOND;
+
+// After so many the deadlines are looked at again: peers that connect without end must not keep the watcher busy.
+constexpr int MAX_ACCEPTS_AT_ONCE = 64;
+
+// When descriptors or memory ran out, accepting is tried again after this, or when a connection ends.
+constexpr int ACCEPT_PAUSE_MILLISECONDS = 100;
+
+uint64_t CountAllowedDescriptors()
+{
+    rlimit limit = {};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    return limit.rlim_cur;
+}
+
+}  // namespace
+
+bool Watcher::Open()
+{
+    wakeEvent_ = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    return static_cast<bool>(wakeEvent_);
+}
+
+void Watcher::Stop()
+{
+    stopping_.store(true, std::memory_order_relaxed);
+    Wake();
+}
+
+void Watcher::Wake() const
+{
+    ::eventfd_write(wakeEvent_.Get(), 1);
+}
+
+void Watcher::WatchFor(int64_t deadline)
+{
+    if (deadline != 0 && deadline < nextLook_.load()) {
+        Wake();
+    }
+}
+
+void Watcher::ConnectionEnded()
+{
+    if (acceptPaused_.load(std::memory_order_relaxed)) {
+        Wake();
+    }
+}
+
+void Watcher::Run(int listener)
+{
+    while (!stopping_.load(std::memory_order_relaxed)) {
+        const int64_t next = EndOverdue();
+        int timeout = -1;
+        if (next != NEVER) {
+            const int64_t left = std::max<int64_t>(next - SteadyNanoseconds(), 0) / NANOSECONDS_PER_MILLISECOND + 1;
+            timeout = static_cast<int>(std::min<int64_t>(left, INT_MAX));
+        }
+        const bool paused = acceptPaused_.load(std::memory_order_relaxed);
+        if (paused) {
+            timeout = timeout < 0 ? ACCEPT_PAUSE_MILLISECONDS : std::min(timeout, ACCEPT_PAUSE_MILLISECONDS);
+        }
+        // While accepting pauses, the socket would be readable all the time; poll ignores negative descriptors.
+        std::array<pollfd, 2> entries{{{wakeEvent_.Get(), POLLIN, 0}, {paused ? -1 : listener, POLLIN, 0}}};
+        ::poll(entries.data(), entries.size(), timeout);
+        if (entries[0].revents != 0) {
+            eventfd_t ignored = 0;
+            ::eventfd_read(wakeEvent_.Get(), &ignored);
+        }
+        acceptPaused_.store(false, std::memory_order_relaxed);
+        if (entries[1].revents != 0 || paused) {
+            AcceptSome(listener);
+        }
+    }
+}
+
+void Watcher::AcceptSome(int listener)
+{
+    for (int round = 0; round < MAX_ACCEPTS_AT_ONCE && !stopping_.load(std::memory_order_relaxed); ++round) {
+        UniqueFd fd(::accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        const int error = errno;
+        if (fd) {
+            try {
+                connections_.Admit(std::move(fd));
+            } catch (const std::bad_alloc&) {
+                PLATFORM_ERROR("service %d: no memory for a connection", context_.id);
+            }
+            continue;
+        }
+        if (error == EAGAIN) {
+            return;
+        }
+        if (error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS) {
+            const uint64_t allowed = error == EMFILE ? CountAllowedDescriptors() : 0;
+            context_.refusals.Report(Limit::DESCRIPTORS, CurrentCaller(), allowed, allowed, ErrorText(error).c_str());
+            acceptPaused_.store(true, std::memory_order_relaxed);
+            return;
+        }
+        // Any other error is of the one connection that was about to be accepted.
+        if (error != EINTR && error != ECONNABORTED) {
+            PLATFORM_ERROR("service %d: accept: %s", context_.id, ErrorText(error).c_str());
+            acceptPaused_.store(true, std::memory_order_relaxed);
+            return;
+        }
+    }
+}
+
+// Returns when to look again.
+int64_t Watcher::EndOverdue()
+{
+    nextLook_.store(NEVER);
+    const uint32_t used = connections_.CountUsed();
+    const int64_t now = SteadyNanoseconds();
+    int64_t next = NEVER;
+    for (uint32_t index = 0; index < used; ++index) {
+        Slot& slot = connections_[index];
+        const int64_t deadline = slot.deadline.load();
+        if (deadline == 0) {
+            continue;
+        }
+        if (deadline > now) {
+            next = std::min(next, deadline);
+        } else if (!slot.AcquireIdle()) {
+            next = std::min(next, now + RECHECK_NANOSECONDS);
+        } else if (slot.deadline.load() == deadline) {
+            EndForTime(index, now - deadline);
+        } else {
+            // It has moved on in the meantime.
+            connections_.LetGo(index);
+            next = now;
+        }
+    }
+    nextLook_.store(next);
+    return next;
+}
+
+void Watcher::EndForTime(uint32_t index, int64_t lateNanoseconds)
+{
+    const Connection& connection = *connections_[index].connection;
+    const bool reply = connection.HasOutput();
+    const int64_t allowed = (reply ? context_.options.replyTimeout : context_.options.stallTimeout).count();
+    const int64_t taken = allowed + lateNanoseconds / NANOSECONDS_PER_MILLISECOND;
+    context_.refusals.Report(reply ? Limit::REPLY_TIME : Limit::REQUEST_TIME, connection.GetCaller(),
+                             static_cast<uint64_t>(taken), static_cast<uint64_t>(allowed));
+    connections_.Close(index);
+}
+
+}  // namespace VARN::Host
