@@ -5,11 +5,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <new>
 #include <string>
 #include <unordered_set>
 #include <utility>
 #include <vector>
 
+#include "records/read_fields.h"
+#include "security_privacy/gtoken_info.h"
 #include "util/announced_list.h"
 #include "varn/message_parcel.h"
 
@@ -50,8 +53,7 @@ inline std::vector<std::string> ReadStrings(MessageParcel& parcel, int32_t size)
 inline std::unordered_set<std::string> ReadStringSet(MessageParcel& parcel, int32_t size)
 {
     std::unordered_set<std::string> strings;
-    // No more room than the message can fill: each string takes a word at least.
-    strings.reserve(std::min(static_cast<size_t>(std::max(size, 0)), parcel.GetReadableBytes() / sizeof(int32_t)));
+    Util::ReserveAnnounced(strings, size, parcel.GetReadableBytes());
     for (int32_t index = 0; index < size; ++index) {
         strings.insert(parcel.ReadString());
     }
@@ -70,22 +72,66 @@ void WriteRecords(MessageParcel& parcel, const std::vector<Record>& records,
     }
 }
 
+// How many more records a list is to have room for, when it is full and `announced` are still to come. That is only a
+// claim: the first get room for a few, and what these took on average says how many more the message can hold.
+template <class Record>
+size_t RoomFor(size_t announced, size_t readRecords, size_t readBytes, size_t leftBytes)
+{
+    constexpr size_t FIRST = 16;
+    const size_t expected =
+        readRecords == 0 ? FIRST : std::max(leftBytes * readRecords / readBytes + 1, readRecords / 4);
+    return std::max<size_t>(std::min({announced, expected, Util::MostElements<Record>(leftBytes)}), 1);
+}
+
+// Reads the record at the cursor into a new last element; one that cannot be read leaves the list as it was.
+template <class Record>
+void AppendRecord(MessageParcel& parcel, std::vector<Record>& records)
+{
+    if (!ReadFields(parcel, records.emplace_back())) {
+        records.pop_back();
+    }
+}
+// Not in place: a GTokenInfo with too many policies outlives the attempt to read it, see its Unmarshalling.
+inline void AppendRecord(MessageParcel& parcel, std::vector<GTokenInfo>& infos)
+{
+    const sptr<GTokenInfo> info(GTokenInfo::Unmarshalling(parcel));
+    if (info != nullptr) {
+        infos.push_back(std::move(*info));  // nobody else sees it, so it need not be copied
+    }
+}
+
 // Appends to `records` those of the `announced` ones that are there: a record that is absent or cannot be read is left
-// out, silently, and the next one is tried where reading stopped.
+// out, silently, and the next one is tried where reading stopped. Throws std::bad_alloc when memory runs out, with
+// `records` as it was.
 template <class Record>
 void ReadRecords(MessageParcel& parcel, int32_t announced, std::vector<Record>& records)
 {
-    Util::ReserveAnnounced(records, announced, parcel.GetReadableBytes());
-    for (int32_t index = 0; index < announced; ++index) {
-        // Not even a presence word is left, so every further record would be absent. Going on would change nothing but
-        // the time: a count may be as large as 2147483647 and nothing may follow it.
-        if (parcel.GetReadableBytes() < sizeof(int32_t)) {
-            return;
+    const size_t before = records.size();
+    const size_t start = parcel.GetReadableBytes();
+    try {
+        for (int32_t index = 0; index < announced; ++index) {
+            const size_t left = parcel.GetReadableBytes();
+            // Not even a presence word is left, so every further record would be absent. Going on would change nothing
+            // but the time: a count may be as large as 2147483647 and nothing may follow it.
+            if (left < sizeof(int32_t)) {
+                return;
+            }
+            if (parcel.ReadInt32() == 0) {
+                continue;
+            }
+            if (records.size() == records.capacity()) {
+                const size_t room = RoomFor<Record>(static_cast<size_t>(announced - index), static_cast<size_t>(index),
+                                                    start - left, left);
+                // A list that a caller appends to again and again is not moved each time.
+                records.reserve(std::max(records.size() + room, 2 * before));
+            }
+            AppendRecord(parcel, records);
         }
-        const sptr<Record> record = parcel.ReadParcelable<Record>();
-        if (record != nullptr) {
-            records.push_back(std::move(*record));  // nobody else sees it, so it need not be copied
+    } catch (const std::bad_alloc&) {
+        while (records.size() > before) {
+            records.pop_back();
         }
+        throw;
     }
 }
 

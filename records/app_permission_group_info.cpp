@@ -2,11 +2,10 @@
 #include "security_privacy/app_permission_group_info.h"
 
 #include <algorithm>
-#include <memory>
-#include <new>
 #include <utility>
 
 #include "records/field_io.h"
+#include "records/read_fields.h"
 #include "security_privacy/contract.h"
 #include "util/announced_list.h"
 #include "util/format_utils.h"
@@ -25,56 +24,63 @@ const Tag LOG_TAG = Tag::Create("permission", Tag::DEFAULT_COMPONENT_TAG, Tag::D
 
 bool AppPermissionGroupInfo::Marshalling(Parcel& parcel) const
 {
-    // What is beyond the limit is dropped without a word; meant.
+    // What is beyond the limit is left out without a word: a reader would refuse the whole record.
     const int32_t shownStatesSize = std::min(static_cast<int32_t>(shownStates.size()), MAX_STATES_SIZE);
     const int32_t disabledStatesSize = std::min(static_cast<int32_t>(disabledStates.size()), MAX_STATES_SIZE);
-    const auto writeShownState = [&parcel](const std::string& shownState) { return WRITE(String, shownState); };
-    const auto writeDisabledState = [&parcel](const std::string& disabledState) {
-        return WRITE(String, disabledState);
-    };
-
-    return WRITE(String, bundleName) && WRITE(Int32, uid) && WRITE(String, permissionGroup) &&
-           WRITE(String, checkedState) && WRITE(Int32, shownStatesSize) &&
-           ForFirst(shownStatesSize, shownStates, writeShownState) && WRITE(Int32, disabledStatesSize) &&
-           ForFirst(disabledStatesSize, disabledStates, writeDisabledState) && WRITE(String, disabledReason) &&
-           WRITE(Int64, flags);
+    const auto writeShownState = [&](const std::string& shownState) { return WRITE(String, shownState); };
+    const auto writeDisabledState = [&](const std::string& disabledState) { return WRITE(String, disabledState); };
+    return IfMemoryLasts([&] {
+        bool isWritten = WRITE(String, bundleName);
+        isWritten = isWritten && WRITE(Int32, uid);
+        isWritten = isWritten && WRITE(String, permissionGroup);
+        isWritten = isWritten && WRITE(String, checkedState);
+        isWritten = isWritten && WRITE(Int32, shownStatesSize);
+        isWritten = isWritten && ForFirst(shownStatesSize, shownStates, writeShownState);
+        isWritten = isWritten && WRITE(Int32, disabledStatesSize);
+        isWritten = isWritten && ForFirst(disabledStatesSize, disabledStates, writeDisabledState);
+        isWritten = isWritten && WRITE(String, disabledReason);
+        return isWritten && WRITE(Int64, flags);
+    });
 }
 
-AppPermissionGroupInfo* AppPermissionGroupInfo::Unmarshalling(Parcel& parcel)
+bool ReadFields(Parcel& parcel, AppPermissionGroupInfo& info)
 {
-    std::unique_ptr<AppPermissionGroupInfo> info(new (std::nothrow) AppPermissionGroupInfo());
-    if (info == nullptr) {
-        LOG_ERROR("new AppPermissionGroupInfo failed.");
-        return nullptr;
-    }
-
     int32_t shownStatesSizeRead = 0;
     int32_t disabledStatesSizeRead = 0;
     const auto readShownStates = [&] {
-        Util::ReserveAnnounced(info->shownStates, shownStatesSizeRead, parcel.GetReadableBytes());
+        Util::ReserveAnnounced(info.shownStates, shownStatesSizeRead, parcel.GetReadableBytes());
         return Repeat(shownStatesSizeRead, [&] {
-            std::string& shownState = info->shownStates.emplace_back();
+            std::string& shownState = info.shownStates.emplace_back();
             return READ_ELEMENT(String, shownState);
         });
     };
     const auto readDisabledStates = [&] {
-        // Room for as many as are announced, at most the limit: most often it is one, and of its own accord the set
-        // makes more for that.
-        info->disabledStates.reserve(static_cast<size_t>(std::max(disabledStatesSizeRead, 0)));
+        Util::ReserveAnnounced(info.disabledStates, disabledStatesSizeRead, parcel.GetReadableBytes());
         return Repeat(disabledStatesSizeRead, [&] {
             std::string disabledState;
-            return READ_ELEMENT(String, disabledState) && (info->disabledStates.insert(std::move(disabledState)), true);
+            return READ_ELEMENT(String, disabledState) && (info.disabledStates.insert(std::move(disabledState)), true);
         });
     };
 
-    // A negative count passes the check and reads as no states; meant.
-    const bool isWhole =
-        READ(String, info, bundleName) && READ(Int32, info, uid) && READ(String, info, permissionGroup) &&
-        READ(String, info, checkedState) && READ_LOCAL(Int32, shownStatesSizeRead) &&
-        CHECK_AT_MOST(shownStatesSizeRead, MAX_STATES_SIZE) && readShownStates() &&
-        READ_LOCAL(Int32, disabledStatesSizeRead) && CHECK_AT_MOST(disabledStatesSizeRead, MAX_STATES_SIZE) &&
-        readDisabledStates() && READ(String, info, disabledReason) && READ(Int64, info, flags);
-    return isWhole ? info.release() : nullptr;
+    // A negative count passes the check and reads as no states, as it always has.
+    bool isRead = READ(String, &info, bundleName);
+    isRead = isRead && READ(Int32, &info, uid);
+    isRead = isRead && READ(String, &info, permissionGroup);
+    isRead = isRead && READ(String, &info, checkedState);
+    isRead = isRead && READ_LOCAL(Int32, shownStatesSizeRead);
+    isRead = isRead && CHECK_AT_MOST(shownStatesSizeRead, MAX_STATES_SIZE);
+    isRead = isRead && readShownStates();
+    isRead = isRead && READ_LOCAL(Int32, disabledStatesSizeRead);
+    isRead = isRead && CHECK_AT_MOST(disabledStatesSizeRead, MAX_STATES_SIZE);
+    isRead = isRead && readDisabledStates();
+    isRead = isRead && READ(String, &info, disabledReason);
+    return isRead && READ(Int64, &info, flags);
+}
+
+AppPermissionGroupInfo* AppPermissionGroupInfo::Unmarshalling(Parcel& parcel)
+{
+    return MakeRecord<AppPermissionGroupInfo>(&LOG_TAG, "AppPermissionGroupInfo",
+                                              [&](const auto& info) { return ReadFields(parcel, *info); });
 }
 
 std::string AppPermissionGroupInfo::ToString() const

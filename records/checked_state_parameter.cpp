@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "security_privacy/checked_state_parameter.h"
 
-#include <memory>
-#include <new>
-
 #include "records/field_io.h"
 #include "util/format_utils.h"
 #include "util/log_line.h"
@@ -21,20 +18,20 @@ const Tag LOG_TAG = Tag::Create("permission", Tag::DEFAULT_COMPONENT_TAG, Tag::D
 
 bool CheckedStateParameter::Marshalling(Parcel& parcel) const
 {
-    return WRITE(String, checkedState) && WRITE(Int64, flagsMask) && WRITE(Int64, flagsValue);
+    return IfMemoryLasts([&] {
+        bool isWritten = WRITE(String, checkedState);
+        isWritten = isWritten && WRITE(Int64, flagsMask);
+        return isWritten && WRITE(Int64, flagsValue);
+    });
 }
 
 CheckedStateParameter* CheckedStateParameter::Unmarshalling(Parcel& parcel)
 {
-    std::unique_ptr<CheckedStateParameter> parameter(new (std::nothrow) CheckedStateParameter());
-    if (parameter == nullptr) {
-        LOG_ERROR("new CheckedStateParameter failed.");
-        return nullptr;
-    }
-
-    const bool isWhole = READ(String, parameter, checkedState) && READ(Int64, parameter, flagsMask) &&
-                         READ(Int64, parameter, flagsValue);
-    return isWhole ? parameter.release() : nullptr;
+    return MakeRecord<CheckedStateParameter>(&LOG_TAG, "CheckedStateParameter", [&](const auto& parameter) {
+        bool isRead = READ(String, parameter, checkedState);
+        isRead = isRead && READ(Int64, parameter, flagsMask);
+        return isRead && READ(Int64, parameter, flagsValue);
+    });
 }
 
 std::string CheckedStateParameter::ToString() const

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <new>
 
 #include "util/format_utils.h"
 #include "util/log_line.h"
@@ -12,7 +14,10 @@
 //
 //   bool GTokenPolicy::Marshalling(Parcel& parcel) const
 //   {
-//       return WRITE(String, policyName) && WRITE(Int64, policyValue);
+//       return IfMemoryLasts([&] {
+//           bool isWritten = WRITE(String, policyName);
+//           return isWritten && WRITE(Int64, policyValue);
+//       });
 //   }
 //
 // The lines bear the names Marshalling and Unmarshalling wherever the step stands, also inside a helper or a lambda.
@@ -74,6 +79,37 @@ bool Repeat(int32_t count, const Step& step)
         }
     }
     return true;
+}
+
+// What `step` returns; false when memory runs out, which may happen in any line that is logged.
+template <class Step>
+bool IfMemoryLasts(const Step& step)
+{
+    try {
+        return step();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+// A new record that `read`, which is handed its owner, has filled; null when it returns false. When memory runs out,
+// null as well, after an error line that names the class; records that never log have no tag.
+template <class Record, class Read>
+Record* MakeRecord(const Util::KelLog::Tag* tag, const char* name, const Read& read)
+{
+    try {
+        std::unique_ptr<Record> record(new (std::nothrow) Record());
+        if (record != nullptr) {
+            return read(record) ? record.release() : nullptr;
+        }
+    } catch (const std::bad_alloc&) {
+        // A record without memory for its fields is as good as none.
+    }
+    if (tag != nullptr) {
+        const Util::KelLog::Tag& LOG_TAG = *tag;
+        LOG_ERROR_AS("Unmarshalling", "new %s failed.", name);
+    }
+    return nullptr;
 }
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer

@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "security_privacy/gtoken_info.h"
 
-#include <memory>
-#include <new>
-
 #include "records/field_io.h"
-#include "records/gtoken_fields.h"
+#include "records/read_fields.h"
 #include "security_privacy/contract.h"
 #include "util/announced_list.h"
 #include "util/format_utils.h"
@@ -24,36 +21,38 @@ const Tag LOG_TAG = Tag::Create("GToken", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAU
 
 bool GTokenInfo::Marshalling(Parcel& parcel) const
 {
-    const auto policiesSize = static_cast<int32_t>(policies.size());
-    return WRITE(String, bundleName) && WRITE_MASKED(String, fingerprint) && WRITE(Int64, versionCode) &&
-           WRITE(Int32, policiesSize) &&
-           ForFirst(policiesSize, policies, [&](const GTokenPolicy& policy) { return policy.Marshalling(parcel); });
+    return IfMemoryLasts([&] {
+        const auto policiesSize = static_cast<int32_t>(policies.size());
+        bool isWritten = WRITE(String, bundleName);
+        isWritten = isWritten && WRITE_MASKED(String, fingerprint);
+        isWritten = isWritten && WRITE(Int64, versionCode);
+        isWritten = isWritten && WRITE(Int32, policiesSize);
+        return isWritten &&
+               ForFirst(policiesSize, policies, [&](const GTokenPolicy& policy) { return policy.Marshalling(parcel); });
+    });
 }
 
 GTokenInfo* GTokenInfo::Unmarshalling(Parcel& parcel)
 {
-    std::unique_ptr<GTokenInfo> info(new (std::nothrow) GTokenInfo());
-    if (info == nullptr) {
-        LOG_ERROR("new GTokenInfo failed.");
-        return nullptr;
-    }
-
-    int32_t policiesSize = 0;
-    if (!(READ(String, info, bundleName) && READ_MASKED(String, info, fingerprint) && READ(Int64, info, versionCode) &&
-          READ_LOCAL(Int32, policiesSize))) {
-        return nullptr;
-    }
-    if (policiesSize > MAX_POLICIES_SIZE) {
-        LOG_ERROR("gTokenPolicies size is too big");
-        // The record is left undestroyed on this path; meant.
-        static_cast<void>(info.release());
-        return nullptr;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
-    }
-
-    // A negative count reads as no policies; meant.
-    Util::ReserveAnnounced(info->policies, policiesSize, parcel.GetReadableBytes());
-    const bool isWhole = Repeat(policiesSize, [&] { return ReadFields(parcel, info->policies.emplace_back()); });
-    return isWhole ? info.release() : nullptr;
+    return MakeRecord<GTokenInfo>(&LOG_TAG, "GTokenInfo", [&](auto& info) {
+        int32_t policiesSize = 0;
+        bool isRead = READ(String, info, bundleName);
+        isRead = isRead && READ_MASKED(String, info, fingerprint);
+        isRead = isRead && READ(Int64, info, versionCode);
+        isRead = isRead && READ_LOCAL(Int32, policiesSize);
+        if (isRead && policiesSize > MAX_POLICIES_SIZE) {
+            LOG_ERROR_AS("Unmarshalling", "gTokenPolicies size is too big");
+            // On this path alone the record stays undestroyed, as it always has; the leak checker is told of it.
+            static_cast<void>(info.release());
+            return false;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
+        }
+        if (!isRead) {
+            return false;
+        }
+        // A negative count reads as no policies, as it always has.
+        Util::ReserveAnnounced(info->policies, policiesSize, parcel.GetReadableBytes());
+        return Repeat(policiesSize, [&] { return ReadFields(parcel, info->policies.emplace_back()); });
+    });
 }
 
 std::string GTokenInfo::ToString() const

@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "security_privacy/gtoken_policy.h"
 
-#include <memory>
-#include <new>
-
 #include "records/field_io.h"
-#include "records/gtoken_fields.h"
+#include "records/read_fields.h"
 #include "util/format_utils.h"
 #include "util/log_line.h"
 
@@ -22,22 +19,22 @@ const Tag LOG_TAG = Tag::Create("GToken", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAU
 
 bool GTokenPolicy::Marshalling(Parcel& parcel) const
 {
-    return WRITE(String, policyName) && WRITE(Int64, policyValue);
+    return IfMemoryLasts([&] {
+        bool isWritten = WRITE(String, policyName);
+        return isWritten && WRITE(Int64, policyValue);
+    });
 }
 
 bool ReadFields(Parcel& parcel, GTokenPolicy& policy)
 {
-    return READ(String, &policy, policyName) && READ(Int64, &policy, policyValue);
+    bool isRead = READ(String, &policy, policyName);
+    return isRead && READ(Int64, &policy, policyValue);
 }
 
 GTokenPolicy* GTokenPolicy::Unmarshalling(Parcel& parcel)
 {
-    std::unique_ptr<GTokenPolicy> policy(new (std::nothrow) GTokenPolicy());
-    if (policy == nullptr) {
-        LOG_ERROR("new GTokenPolicy failed.");
-        return nullptr;
-    }
-    return ReadFields(parcel, *policy) ? policy.release() : nullptr;
+    return MakeRecord<GTokenPolicy>(&LOG_TAG, "GTokenPolicy",
+                                    [&](const auto& policy) { return ReadFields(parcel, *policy); });
 }
 
 std::string GTokenPolicy::ToString() const

@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "security_privacy/gtoken_result.h"
 
-#include <memory>
-#include <new>
-
 #include "records/field_io.h"
-#include "records/gtoken_fields.h"
+#include "records/read_fields.h"
 #include "util/format_utils.h"
 #include "util/log_line.h"
 
@@ -22,24 +19,26 @@ const Tag LOG_TAG = Tag::Create("GToken", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAU
 
 bool GTokenResult::Marshalling(Parcel& parcel) const
 {
-    return WRITE(String, bundleName) && WRITE_MASKED(String, fingerprint) && WRITE(Int64, versionCode) &&
-           WRITE(Int64, policyValue);
+    return IfMemoryLasts([&] {
+        bool isWritten = WRITE(String, bundleName);
+        isWritten = isWritten && WRITE_MASKED(String, fingerprint);
+        isWritten = isWritten && WRITE(Int64, versionCode);
+        return isWritten && WRITE(Int64, policyValue);
+    });
 }
 
 bool ReadFields(Parcel& parcel, GTokenResult& row)
 {
-    return READ(String, &row, bundleName) && READ_MASKED(String, &row, fingerprint) && READ(Int64, &row, versionCode) &&
-           READ(Int64, &row, policyValue);
+    bool isRead = READ(String, &row, bundleName);
+    isRead = isRead && READ_MASKED(String, &row, fingerprint);
+    isRead = isRead && READ(Int64, &row, versionCode);
+    return isRead && READ(Int64, &row, policyValue);
 }
 
 GTokenResult* GTokenResult::Unmarshalling(Parcel& parcel)
 {
-    std::unique_ptr<GTokenResult> row(new (std::nothrow) GTokenResult());
-    if (row == nullptr) {
-        LOG_ERROR("new GTokenResult failed.");
-        return nullptr;
-    }
-    return ReadFields(parcel, *row) ? row.release() : nullptr;
+    return MakeRecord<GTokenResult>(&LOG_TAG, "GTokenResult",
+                                    [&](const auto& row) { return ReadFields(parcel, *row); });
 }
 
 std::string GTokenResult::ToString() const

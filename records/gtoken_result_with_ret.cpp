@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "security_privacy/gtoken_result_with_ret.h"
 
-#include <memory>
-#include <new>
-
 #include "records/field_io.h"
-#include "records/gtoken_fields.h"
+#include "records/read_fields.h"
 #include "security_privacy/contract.h"
 #include "util/announced_list.h"
 #include "util/format_utils.h"
@@ -24,35 +21,34 @@ const Tag LOG_TAG = Tag::Create("GToken", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAU
 
 bool GTokenResultWithRet::Marshalling(Parcel& parcel) const
 {
-    const auto gTokenResultsSize = static_cast<int32_t>(gTokenResults.size());
-    return WRITE(Int64, ret) && WRITE(Int32, gTokenResultsSize) &&
-           ForFirst(gTokenResultsSize, gTokenResults, [&](const GTokenResult& row) { return row.Marshalling(parcel); });
+    return IfMemoryLasts([&] {
+        const auto gTokenResultsSize = static_cast<int32_t>(gTokenResults.size());
+        bool isWritten = WRITE(Int64, ret);
+        isWritten = isWritten && WRITE(Int32, gTokenResultsSize);
+        return isWritten && ForFirst(gTokenResultsSize, gTokenResults,
+                                     [&](const GTokenResult& row) { return row.Marshalling(parcel); });
+    });
 }
 
 GTokenResultWithRet* GTokenResultWithRet::Unmarshalling(Parcel& parcel)
 {
-    std::unique_ptr<GTokenResultWithRet> result(new (std::nothrow) GTokenResultWithRet());
-    if (result == nullptr) {
-        LOG_ERROR("new GTokenResultWithRet failed.");
-        return nullptr;
-    }
-
-    int32_t gTokenResultsSize = 0;
-    if (!(READ(Int64, result, ret) && READ_LOCAL(Int32, gTokenResultsSize))) {
-        return nullptr;
-    }
-    if (gTokenResultsSize > MAX_RESULTS_SIZE) {
-        LOG_ERROR("gTokenResults size is too big");
-        // The record is left undestroyed on this path; meant.
-        static_cast<void>(result.release());
-        return nullptr;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
-    }
-
-    // A negative count reads as no rows; meant.
-    Util::ReserveAnnounced(result->gTokenResults, gTokenResultsSize, parcel.GetReadableBytes());
-    const bool isWhole =
-        Repeat(gTokenResultsSize, [&] { return ReadFields(parcel, result->gTokenResults.emplace_back()); });
-    return isWhole ? result.release() : nullptr;
+    return MakeRecord<GTokenResultWithRet>(&LOG_TAG, "GTokenResultWithRet", [&](auto& result) {
+        int32_t gTokenResultsSize = 0;
+        bool isRead = READ(Int64, result, ret);
+        isRead = isRead && READ_LOCAL(Int32, gTokenResultsSize);
+        if (isRead && gTokenResultsSize > MAX_RESULTS_SIZE) {
+            LOG_ERROR_AS("Unmarshalling", "gTokenResults size is too big");
+            // On this path alone the record stays undestroyed, as it always has; the leak checker is told of it.
+            static_cast<void>(result.release());
+            return false;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
+        }
+        if (!isRead) {
+            return false;
+        }
+        // A negative count reads as no rows, as it always has.
+        Util::ReserveAnnounced(result->gTokenResults, gTokenResultsSize, parcel.GetReadableBytes());
+        return Repeat(gTokenResultsSize, [&] { return ReadFields(parcel, result->gTokenResults.emplace_back()); });
+    });
 }
 
 std::string GTokenResultWithRet::ToString() const

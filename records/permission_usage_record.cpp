@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "security_privacy/permission_usage_record.h"
 
-#include <memory>
-#include <new>
-
+#include "records/field_io.h"
+#include "records/read_fields.h"
 #include "util/format_utils.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record {
@@ -12,29 +11,39 @@ using Util::FormatUtils::Text;
 
 bool PermissionUsageRecord::Marshalling(Parcel& parcel) const
 {
-    return parcel.WriteString(bundleName_) && parcel.WriteInt32(uid_) && parcel.WriteString(operationGroup_) &&
-           parcel.WriteInt32(times_) && parcel.WriteInt32(operationMode_) && parcel.WriteInt32(appState_) &&
-           parcel.WriteInt32(screenState_) && parcel.WriteInt64(beginTimestamp_) && parcel.WriteInt64(endTimestamp_);
+    bool isWritten = parcel.WriteString(bundleName_);
+    isWritten = isWritten && parcel.WriteInt32(uid_);
+    isWritten = isWritten && parcel.WriteString(operationGroup_);
+    isWritten = isWritten && parcel.WriteInt32(times_);
+    isWritten = isWritten && parcel.WriteInt32(operationMode_);
+    isWritten = isWritten && parcel.WriteInt32(appState_);
+    isWritten = isWritten && parcel.WriteInt32(screenState_);
+    isWritten = isWritten && parcel.WriteInt64(beginTimestamp_);
+    return isWritten && parcel.WriteInt64(endTimestamp_);
+}
+
+bool ReadFields(Parcel& parcel, PermissionUsageRecord& record)
+{
+    bool isRead = parcel.ReadString(record.bundleName_);
+    isRead = isRead && parcel.ReadInt32(record.uid_);
+    isRead = isRead && parcel.ReadString(record.operationGroup_);
+    isRead = isRead && parcel.ReadInt32(record.times_);
+    isRead = isRead && parcel.ReadInt32(record.operationMode_);
+    isRead = isRead && parcel.ReadInt32(record.appState_);
+    isRead = isRead && parcel.ReadInt32(record.screenState_);
+    isRead = isRead && parcel.ReadInt64(record.beginTimestamp_);
+    return isRead && parcel.ReadInt64(record.endTimestamp_);
 }
 
 PermissionUsageRecord* PermissionUsageRecord::Unmarshalling(Parcel& parcel)
 {
-    std::unique_ptr<PermissionUsageRecord> record(new (std::nothrow) PermissionUsageRecord());
-    if (record == nullptr) {
-        return nullptr;
-    }
-
-    const bool isWhole = parcel.ReadString(record->bundleName_) && parcel.ReadInt32(record->uid_) &&
-                         parcel.ReadString(record->operationGroup_) && parcel.ReadInt32(record->times_) &&
-                         parcel.ReadInt32(record->operationMode_) && parcel.ReadInt32(record->appState_) &&
-                         parcel.ReadInt32(record->screenState_) && parcel.ReadInt64(record->beginTimestamp_) &&
-                         parcel.ReadInt64(record->endTimestamp_);
-    return isWhole ? record.release() : nullptr;
+    return MakeRecord<PermissionUsageRecord>(nullptr, "PermissionUsageRecord",
+                                             [&](const auto& record) { return ReadFields(parcel, *record); });
 }
 
 std::string PermissionUsageRecord::ToString() const
 {
-    // The times come before the operation group here, though not in the parcel; meant.
+    // The times come before the operation group here, though not in the parcel; whoever reads logs is used to it.
     return "PermissionUsageRecord{bundleName=" + Text(bundleName_) + ", uid=" + Text(uid_) + ", times=" + Text(times_) +
            ", operationGroup=" + Text(operationGroup_) + ", operationMode=" + Text(operationMode_) +
            ", appState=" + Text(appState_) + ", screenState=" + Text(screenState_) +

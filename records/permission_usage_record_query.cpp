@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "security_privacy/permission_usage_record_query.h"
 
-#include <algorithm>
 #include <memory>
 #include <new>
 
+#include "records/field_io.h"
 #include "security_privacy/contract.h"
 #include "util/announced_list.h"
 #include "util/format_utils.h"
@@ -36,9 +36,9 @@ template <class Element>
 bool WriteList(Parcel& parcel, const std::vector<Element>& list)
 {
     const auto size = static_cast<int32_t>(list.size());
-    // The size is tested after it was written, so that a refused query leaves it in the parcel; meant.
+    // The size is tested after it was written: the reader of a refused query finds it and refuses the query as well.
     return parcel.WriteInt32(size) && size <= MAX_QUERY_LIST_SIZE &&
-           std::all_of(list.begin(), list.end(), [&](const Element& element) { return Write(parcel, element); });
+           ForFirst(size, list, [&](const Element& element) { return Write(parcel, element); });
 }
 
 template <class Element>
@@ -49,23 +49,24 @@ bool ReadList(Parcel& parcel, std::vector<Element>& list)
         return false;
     }
     Util::ReserveAnnounced(list, size, parcel.GetReadableBytes());
-    // A negative size reads as an empty list; meant.
-    for (int32_t index = 0; index < size; ++index) {
-        if (!Read(parcel, list.emplace_back())) {
-            return false;
-        }
-    }
-    return true;
+    // A negative size reads as an empty list, as it always has.
+    return Repeat(size, [&] { return Read(parcel, list.emplace_back()); });
 }
 
 }  // namespace
 
 bool PermissionUsageRecordQuery::Marshalling(Parcel& parcel) const
 {
-    return WriteList(parcel, bundleNames_) && WriteList(parcel, userIds_) && WriteList(parcel, operationGroups_) &&
-           WriteList(parcel, operationModes_) && WriteList(parcel, appStates_) && WriteList(parcel, screenStates_) &&
-           parcel.WriteInt64(beginTimestamp_) && parcel.WriteInt64(endTimestamp_) && parcel.WriteInt32(limit_) &&
-           parcel.WriteInt32(order_);
+    bool isWritten = WriteList(parcel, bundleNames_);
+    isWritten = isWritten && WriteList(parcel, userIds_);
+    isWritten = isWritten && WriteList(parcel, operationGroups_);
+    isWritten = isWritten && WriteList(parcel, operationModes_);
+    isWritten = isWritten && WriteList(parcel, appStates_);
+    isWritten = isWritten && WriteList(parcel, screenStates_);
+    isWritten = isWritten && parcel.WriteInt64(beginTimestamp_);
+    isWritten = isWritten && parcel.WriteInt64(endTimestamp_);
+    isWritten = isWritten && parcel.WriteInt32(limit_);
+    return isWritten && parcel.WriteInt32(order_);
 }
 
 PermissionUsageRecordQuery* PermissionUsageRecordQuery::Unmarshalling(Parcel& parcel)
@@ -77,12 +78,19 @@ PermissionUsageRecordQuery* PermissionUsageRecordQuery::UnmarshallingInner(Parce
                                                                            PermissionUsageRecordQuery* query)
 {
     std::unique_ptr<PermissionUsageRecordQuery> owned(query);
-    const bool isWhole = owned != nullptr && ReadList(parcel, query->bundleNames_) &&
-                         ReadList(parcel, query->userIds_) && ReadList(parcel, query->operationGroups_) &&
-                         ReadList(parcel, query->operationModes_) && ReadList(parcel, query->appStates_) &&
-                         ReadList(parcel, query->screenStates_) && parcel.ReadInt64(query->beginTimestamp_) &&
-                         parcel.ReadInt64(query->endTimestamp_) && parcel.ReadInt32(query->limit_) &&
-                         parcel.ReadInt32(query->order_);
+    const bool isWhole = IfMemoryLasts([&] {
+        bool isRead = owned != nullptr;
+        isRead = isRead && ReadList(parcel, query->bundleNames_);
+        isRead = isRead && ReadList(parcel, query->userIds_);
+        isRead = isRead && ReadList(parcel, query->operationGroups_);
+        isRead = isRead && ReadList(parcel, query->operationModes_);
+        isRead = isRead && ReadList(parcel, query->appStates_);
+        isRead = isRead && ReadList(parcel, query->screenStates_);
+        isRead = isRead && parcel.ReadInt64(query->beginTimestamp_);
+        isRead = isRead && parcel.ReadInt64(query->endTimestamp_);
+        isRead = isRead && parcel.ReadInt32(query->limit_);
+        return isRead && parcel.ReadInt32(query->order_);
+    });
     return isWhole ? owned.release() : nullptr;
 }
 

@@ -2,13 +2,13 @@
 // What holds for every request: layouts, log sequences, refusals, and services that cannot be reached.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <functional>
 #include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ipc/security_privacy_service_proxy.h"
 #include "support/calls.h"
 #include "support/record_cases.h"
 
@@ -254,39 +254,38 @@ TEST_P(Request, RunsInTheServiceAtTheSameTimeAsAnother)
     first.join();
 }
 
+void ExpectUnreachable(const std::string& line)
+{
+    ExpectFailures(SecurityPrivacyClient::GetInstance(), 0, [&line](const Operation& operation) {
+        // The summary is reported under the timeline's name.
+        const bool isSummary = operation.code == MessageCode::GET_PERMISSION_USAGE_RECORD_SUMMARY;
+        const std::string reporter = isSummary ? "GetPermissionUsageTimeline" : operation.method;
+        return operation.Says(INFO, operation.calledByClient) + Line(ERROR, "WithSystemAbilityProxy", line) +
+               Line(ERROR, reporter, "proxy is nullptr, please check.") + RecordLines(operation, 1);
+    });
+}
+
 TEST(UnreachableService, YieldsZeroAndSaysWhy)
 {
-    struct Situation {
-        std::string line;
-        FakePresence presence = FakePresence::HERE;
-        bool hasManager = true;
-        bool hasCreator = true;
-    };
-    const std::vector<Situation> situations = {
-        {"SAM is nullptr, please check.", FakePresence::HERE, false},
-        {"SA=65993 is nullptr, please check.", FakePresence::ABSENT},
-        {"SA is IsObjectDead, why load system ability return a dead SA?", FakePresence::DEAD},
-        {"iface_cast SA=65993 is nullptr, there is nothing we can do.", FakePresence::HERE, true, false}};
-    for (const Situation& situation : situations) {
+    const FakeServiceScope fake;
+    fake.Manager().SetPresence(FakePresence::ABSENT);
+    ExpectUnreachable("SA=65993 is nullptr, please check.");
+    fake.Manager().SetPresence(FakePresence::DEAD);
+    ExpectUnreachable("SA is IsObjectDead, why load system ability return a dead SA?");
+    SystemAbilityManagerClient::GetInstance().SetSystemAbilityManager(nullptr);
+    ExpectUnreachable("SAM is nullptr, please check.");
+}
+
+// In a process of its own: what makes proxies is registered once, when the library is loaded.
+TEST(UnreachableService, YieldsZeroWhereNoProxyCanBeMade)
+{
+    const auto call = [] {
         const FakeServiceScope fake;
-        fake.Manager().SetPresence(situation.presence);
-        if (!situation.hasManager) {
-            SystemAbilityManagerClient::GetInstance().SetSystemAbilityManager(nullptr);
-        }
-        if (!situation.hasCreator) {
-            BrokerRegistration::Get().Unregister(SecurityPrivacyServiceIntf::GetDescriptor());
-        }
-        ExpectFailures(SecurityPrivacyClient::GetInstance(), 0, [&situation](const Operation& operation) {
-            // The summary is reported under the timeline's name.
-            const std::string reporter = operation.code == 4 ? OperationOf(5).method : operation.method;
-            return operation.Says(INFO, operation.calledByClient) +
-                   Line(ERROR, "WithSystemAbilityProxy", situation.line) +
-                   Line(ERROR, reporter, "proxy is nullptr, please check.") + RecordLines(operation, 1);
-        });
-    }
-    BrokerRegistration::Get().Register(
-        SecurityPrivacyServiceIntf::GetDescriptor(),
-        [](const auto& object) { return sptr<IRemoteBroker>(new SecurityPrivacyServiceProxy(object)); }, nullptr);
+        BrokerRegistration::Get().Unregister(SecurityPrivacyServiceIntf::GetDescriptor());
+        ExpectUnreachable("iface_cast SA=65993 is nullptr, there is nothing we can do.");
+        std::exit(::testing::Test::HasFailure() ? 1 : 0);
+    };
+    EXPECT_EXIT(call(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(UnreachableService, ThatDiesAfterItWasFoundYieldsMinusOne)
@@ -302,8 +301,7 @@ TEST(UnreachableService, ThatDiesAfterItWasFoundYieldsMinusOne)
 
 TEST(Proxy, WithoutARemoteObjectYieldsMinusOne)
 {
-    SecurityPrivacyServiceProxy proxy(nullptr);
-    ExpectFailures(proxy, -1, [](const Operation& operation) {
+    ExpectFailures(*ProxyOver(nullptr), -1, [](const Operation& operation) {
         return ProxyLines(operation) + Line(ERROR, "SendRequest", "remote service null.") +
                operation.Says(ERROR, operation.sendFailed);
     });

@@ -4,25 +4,37 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <type_traits>
+#include <unordered_set>
 #include <vector>
 
+// Room for the elements that a message announces. A count is only a claim, and a short message must not take much
+// memory: room is made for no more elements than the rest of the message can hold.
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Util {
 
-// Makes room in `list` for the elements that a message announces (none when the count is negative), but never for more
-// than about four times the `readableBytes` that are left of it: a count is only a claim, and a short message must not
-// take much memory. Elements that are not expected this way cost a growth of the list, nothing else.
+// How many elements so many bytes of a message can hold at most: no string or record takes more than five times as much
+// memory as its shortest form in a message.
+template <class Element>
+size_t MostElements(size_t bytes)
+{
+    static_assert(std::is_nothrow_move_constructible_v<Element>, "a growing list would copy its elements");
+    return 5 * bytes / sizeof(Element);
+}
+
+// Makes room in `list` for `announced` more elements, none when that is negative. What is not expected this way costs
+// a growth of the list, nothing else.
 template <class Element>
 void ReserveAnnounced(std::vector<Element>& list, int32_t announced, size_t readableBytes)
 {
-    static_assert(std::is_nothrow_move_constructible_v<Element>, "a growing list would copy its elements");
-    // No string or record takes more than about four times as much memory as its shortest form in a message.
-    const size_t possible = readableBytes / std::max<size_t>(sizeof(Element) / 4, 1);
-    const size_t needed = list.size() + std::min(static_cast<size_t>(std::max(announced, 0)), possible);
-    if (needed > list.capacity()) {
-        // At least twice as much, so that a list that is appended to again and again is not moved each time.
-        list.reserve(std::max(needed, 2 * list.capacity()));
-    }
+    const auto claimed = static_cast<size_t>(std::max(announced, 0));
+    list.reserve(list.size() + std::min(claimed, MostElements<Element>(readableBytes)));
+}
+
+// The same for a set of texts, each of which takes a length and a terminator at least.
+inline void ReserveAnnounced(std::unordered_set<std::string>& set, int32_t announced, size_t readableBytes)
+{
+    set.reserve(std::min(static_cast<size_t>(std::max(announced, 0)), readableBytes / (2 * sizeof(int32_t))));
 }
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Util

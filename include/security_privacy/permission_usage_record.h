@@ -49,6 +49,8 @@ public:
     std::string ToString() const;
 
 private:
+    friend bool ReadFields(Parcel& parcel, PermissionUsageRecord& record);  // the library's own
+
     std::string bundleName_;
     int32_t uid_ = -1;
     std::string operationGroup_;
