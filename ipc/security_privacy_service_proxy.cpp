@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ipc/security_privacy_service_proxy.h"
 
+#include <new>
+
 #include "ipc/message_lists.h"
 #include "security_privacy/app_permission_group_info.h"
 #include "security_privacy/checked_state_parameter.h"
@@ -24,6 +26,27 @@ using Util::KelLog::Tag;
 
 const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
 
+// Reads the reply to a request for permission groups: the result, which it returns, and if that is 0 the records. The
+// lines are `operation`'s, which calls itself `name` in them and ends with `sizeIs` and the size of the list.
+int32_t ReadGroupReply(MessageParcel& reply, const char* operation, const char* name, const char* sizeIs,
+                       std::vector<Permission::AppPermissionGroupInfo>& infos)
+{
+    const int32_t result = reply.ReadInt32();
+    if (result != RESULT_OK) {
+        LOG_ERROR_AS(operation, "result is %d.", result);
+        return result;
+    }
+    const int32_t size = reply.ReadInt32();
+    if (size > MAX_APP_PERMISSION_GROUP_INFO_SIZE) {
+        LOG_ERROR_AS(operation, "%s return size too big.", name);
+        return RESULT_OK;
+    }
+    ReadRecords(reply, size, infos);
+    LOG_DEBUG_AS(operation, "%s finish, result=%s, %s%s", name, Text(result).c_str(), sizeIs,
+                 Text(infos.size()).c_str());
+    return RESULT_OK;
+}
+
 // Reads the reply to a usage request: the result, which it returns, and if that is 0 the records. `operation` is whom
 // the lines name.
 int32_t ReadUsageReply(MessageParcel& reply, const char* operation, std::vector<Record::PermissionUsageRecord>& records)
@@ -34,13 +57,20 @@ int32_t ReadUsageReply(MessageParcel& reply, const char* operation, std::vector<
         return result;
     }
     const int32_t size = reply.ReadInt32();
-    // An answer without records is found abnormal too, and a negative number is taken for none without a word; meant.
+    // A service that has nothing to tell is reported like one that tells too much; a negative number is not.
     if (size == 0 || size > MAX_USAGE_RECORD_SIZE) {
         LOG_WARN_AS(operation, "record size is abnormal.");
         return RESULT_OK;
     }
     ReadRecords(reply, size, records);
     return RESULT_OK;
+}
+
+// The result of an operation for which memory ran out, in building the request or in reading the reply.
+int32_t OutOfMemory(const char* operation)
+{
+    LOG_ERROR_AS(operation, "out of memory.");
+    return RESULT_TRANSPORT_FAILED;
 }
 
 }  // namespace
@@ -65,7 +95,7 @@ bool SecurityPrivacyServiceProxy::SendRequest(uint32_t code, MessageParcel& data
 int32_t SecurityPrivacyServiceProxy::GetAppPermissionGroupInfosByApp(
     const std::string& bundleName, int32_t userId, const std::unordered_set<std::string>& interestedPermissionGroups,
     std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos)
-{
+try {
     LOG_DEBUG("ByApp start, bundleName=%s, userId=%s, interestedPermissionGroups=%s", Text(bundleName).c_str(),
               Text(userId).c_str(), Util::FormatUtils::ToString(interestedPermissionGroups).c_str());
     MessageParcel data;
@@ -78,28 +108,16 @@ int32_t SecurityPrivacyServiceProxy::GetAppPermissionGroupInfosByApp(
         LOG_ERROR("send request failed.");
         return RESULT_TRANSPORT_FAILED;
     }
-
-    const int32_t result = reply.ReadInt32();
-    if (result != RESULT_OK) {
-        LOG_ERROR("result is %d.", result);
-        return result;
-    }
-    const int32_t size = reply.ReadInt32();
-    if (size > MAX_APP_PERMISSION_GROUP_INFO_SIZE) {
-        LOG_ERROR("ByApp return size too big.");
-        return RESULT_OK;
-    }
-    ReadRecords(reply, size, appPermissionGroupInfos);
-    LOG_DEBUG("ByApp finish, result=%s, appPermissionGroupInfos=%s", Text(result).c_str(),
-              Text(appPermissionGroupInfos.size()).c_str());
-    return RESULT_OK;
+    return ReadGroupReply(reply, __func__, "ByApp", "appPermissionGroupInfos=", appPermissionGroupInfos);
+} catch (const std::bad_alloc&) {
+    return OutOfMemory(__func__);
 }
 
-// Unlike the request above, this one does not log its set, and has no line of its own when it cannot be sent; meant.
+// Its set may have 10000 names, so unlike the one above it is not logged. A failed send leaves the frame's line alone.
 int32_t SecurityPrivacyServiceProxy::GetAppPermissionGroupInfosByPermission(
     const std::string& permissionGroup, int32_t userId, const std::unordered_set<std::string>& interestedBundleNames,
     std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos)
-{
+try {
     LOG_DEBUG("ByPermission start, permissionGroup=%s, userId=%s", Text(permissionGroup).c_str(), Text(userId).c_str());
     MessageParcel data;
     MessageParcel reply;
@@ -110,27 +128,16 @@ int32_t SecurityPrivacyServiceProxy::GetAppPermissionGroupInfosByPermission(
     if (!SendRequest(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION, data, reply)) {
         return RESULT_TRANSPORT_FAILED;
     }
-
-    const int32_t result = reply.ReadInt32();
-    if (result != RESULT_OK) {
-        LOG_ERROR("result is %d.", result);
-        return result;
-    }
-    const int32_t size = reply.ReadInt32();
-    if (size > MAX_APP_PERMISSION_GROUP_INFO_SIZE) {
-        LOG_ERROR("ByPermission return size too big.");
-        return RESULT_OK;
-    }
-    ReadRecords(reply, size, appPermissionGroupInfos);
-    LOG_DEBUG("ByPermission finish, result=%s, size of appPermissionGroupInfos is %s", Text(result).c_str(),
-              Text(appPermissionGroupInfos.size()).c_str());
-    return RESULT_OK;
+    return ReadGroupReply(reply, __func__, "ByPermission", "size of appPermissionGroupInfos is ",
+                          appPermissionGroupInfos);
+} catch (const std::bad_alloc&) {
+    return OutOfMemory(__func__);
 }
 
 int32_t SecurityPrivacyServiceProxy::SetAppPermissionGroupCheckedState(
     const std::string& bundleName, int32_t uid, const std::string& permissionGroup,
     const Permission::CheckedStateParameter& checkedStateParameter, bool& returns)
-{
+try {
     LOG_DEBUG("Set start, bundleName=%s, uid=%s, permissionGroup=%s, checkedStateParameter=%s",
               Text(bundleName).c_str(), Text(uid).c_str(), Text(permissionGroup).c_str(),
               Text(checkedStateParameter).c_str());
@@ -149,12 +156,14 @@ int32_t SecurityPrivacyServiceProxy::SetAppPermissionGroupCheckedState(
     returns = reply.ReadBool();
     LOG_DEBUG("Set finish, result=%s, returns=%s", Text(result).c_str(), Text(returns).c_str());
     return result;
+} catch (const std::bad_alloc&) {
+    return OutOfMemory(__func__);
 }
 
 int32_t SecurityPrivacyServiceProxy::GetPermissionUsageSummary(const Record::PermissionUsageRecordQuery& query,
                                                                std::vector<Record::PermissionUsageRecord>& records)
-{
-    LOG_INFO("GetPermissionUsageSummary called\n");  // the newline is part of the text; meant
+try {
+    LOG_INFO("GetPermissionUsageSummary called\n");  // with a newline of its own, which log readers skip
     MessageParcel data;
     MessageParcel reply;
     data.WriteInterfaceToken(GetDescriptor());
@@ -167,17 +176,19 @@ int32_t SecurityPrivacyServiceProxy::GetPermissionUsageSummary(const Record::Per
         return RESULT_TRANSPORT_FAILED;
     }
     return ReadUsageReply(reply, __func__, records);
+} catch (const std::bad_alloc&) {
+    return OutOfMemory(__func__);
 }
 
 int32_t SecurityPrivacyServiceProxy::GetPermissionUsageTimeline(const Record::PermissionUsageRecordQuery& query,
                                                                 std::vector<Record::PermissionUsageRecord>& records)
-{
-    LOG_INFO("GetPermissionUsageTimeline called\n");  // the newline is part of the text; meant
+try {
+    LOG_INFO("GetPermissionUsageTimeline called\n");  // with a newline of its own, which log readers skip
     MessageParcel data;
     MessageParcel reply;
     data.WriteInterfaceToken(GetDescriptor());
     if (!data.WriteParcelable(&query)) {
-        LOG_ERROR(" permissionUsageRecordQuery is invalid.");  // the blank in front is part of the text; meant
+        LOG_ERROR(" permissionUsageRecordQuery is invalid.");  // the blank tells it from the summary's
         return INVALID_ARGUMENTS;
     }
     if (!SendRequest(MessageCode::GET_PERMISSION_USAGE_RECORD_TIMELINE, data, reply)) {
@@ -185,10 +196,12 @@ int32_t SecurityPrivacyServiceProxy::GetPermissionUsageTimeline(const Record::Pe
         return RESULT_TRANSPORT_FAILED;
     }
     return ReadUsageReply(reply, __func__, records);
+} catch (const std::bad_alloc&) {
+    return OutOfMemory(__func__);
 }
 
 int32_t SecurityPrivacyServiceProxy::GTokenPolicyAddPolicy(const std::vector<GTokenInfo>& gTokenInfos)
-{
+try {
     LOG_INFO("GTokenPolicyManagerProxy AddPolicy called");
     MessageParcel data;
     MessageParcel reply;
@@ -205,11 +218,13 @@ int32_t SecurityPrivacyServiceProxy::GTokenPolicyAddPolicy(const std::vector<GTo
     const int32_t result = reply.ReadInt32();
     LOG_DEBUG("reply=%{public}d", result);
     return result;
+} catch (const std::bad_alloc&) {
+    return OutOfMemory(__func__);
 }
 
 GTokenResultWithRet SecurityPrivacyServiceProxy::GTokenPolicyGetPolicy(std::string policyName,
                                                                        const std::vector<std::string>& bundleNames)
-{
+try {
     LOG_INFO("GTokenPolicyManagerProxy GetPolicy called");
     GTokenResultWithRet result;
     MessageParcel data;
@@ -227,14 +242,18 @@ GTokenResultWithRet SecurityPrivacyServiceProxy::GTokenPolicyGetPolicy(std::stri
         return result;
     }
 
-    // The number of rows has no limit; meant.
+    // As many rows as the service gives, for as many names as were asked for; they bring their own bytes.
     result.ret = reply.ReadInt64();
     ReadRecords(reply, reply.ReadInt32(), result.gTokenResults);
+    return result;
+} catch (const std::bad_alloc&) {
+    GTokenResultWithRet result;
+    result.ret = OutOfMemory(__func__);
     return result;
 }
 
 int32_t SecurityPrivacyServiceProxy::GTokenPolicyRemovePolicy(const std::vector<std::string>& bundleNames)
-{
+try {
     LOG_INFO("GTokenPolicyManagerProxy RemovePolicy called");
     MessageParcel data;
     MessageParcel reply;
@@ -251,6 +270,8 @@ int32_t SecurityPrivacyServiceProxy::GTokenPolicyRemovePolicy(const std::vector<
     const int32_t result = reply.ReadInt32();
     LOG_DEBUG("reply=%{public}d", result);
     return result;
+} catch (const std::bad_alloc&) {
+    return OutOfMemory(__func__);
 }
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer

@@ -78,7 +78,7 @@ int32_t SecurityPrivacyServiceStub::OnRemoteRequest(uint32_t code, MessageParcel
     }
     const auto handler = messageCodeHandlers_.find(code);
     if (handler == messageCodeHandlers_.end()) {
-        // The platform's own handling is not asked; meant.
+        // Not left to the platform, whose own handling could answer what the access check knows nothing of.
         LOG_ERROR("messageCode=%s not found.", Text(code).c_str());
         return STATUS_UNKNOWN_CODE;
     }
@@ -94,7 +94,7 @@ int32_t SecurityPrivacyServiceStub::HandleGetAppPermissionGroupInfosByApp(Messag
     const int32_t userId = data.ReadInt32();
     const int32_t size = data.ReadInt32();
     if (size > MAX_INTERESTED_PERMISSION_GROUPS_SIZE) {
-        // The message names the other limit; meant.
+        // The message has always named the other limit; log readers search for it.
         LOG_ERROR("interestedPermissionGroupsSize=%s too big, greater than MAX_INTERESTED_BUNDLE_NAMES_SIZE=%s.",
                   Text(size).c_str(), Text(MAX_INTERESTED_PERMISSION_GROUPS_SIZE).c_str());
         return STATUS_MALFORMED;
@@ -105,7 +105,7 @@ int32_t SecurityPrivacyServiceStub::HandleGetAppPermissionGroupInfosByApp(Messag
     const int32_t result = GetAppPermissionGroupInfosByApp(bundleName, userId, interestedPermissionGroups, infos);
     reply.WriteInt32(result);
     if (result != RESULT_OK) {
-        return result;  // as the status too, so that the client sees -1; meant
+        return result;  // as the status too: callers know a failed list by -1
     }
     WriteRecords(reply, infos, MAX_APP_PERMISSION_GROUP_INFO_SIZE);
     if (SizeOf(infos) > MAX_APP_PERMISSION_GROUP_INFO_SIZE) {
@@ -133,7 +133,7 @@ int32_t SecurityPrivacyServiceStub::HandleGetAppPermissionGroupInfosByPermission
         GetAppPermissionGroupInfosByPermission(permissionGroup, userId, interestedBundleNames, infos);
     reply.WriteInt32(result);
     if (result != RESULT_OK) {
-        return result;  // as the status too, so that the client sees -1; meant
+        return result;  // as the status too: callers know a failed list by -1
     }
     WriteRecords(reply, infos, MAX_APP_PERMISSION_GROUP_INFO_SIZE);
     if (SizeOf(infos) > MAX_APP_PERMISSION_GROUP_INFO_SIZE) {
@@ -159,7 +159,7 @@ int32_t SecurityPrivacyServiceStub::HandleSetAppPermissionGroupCheckedState(Mess
     const int32_t result = SetAppPermissionGroupCheckedState(bundleName, uid, permissionGroup, *parameter, returns);
     reply.WriteInt32(result);
     reply.WriteBool(returns);
-    return RESULT_OK;  // whatever the result, unlike the two requests above, so that the client sees it; meant
+    return RESULT_OK;  // whatever the result, unlike the two requests above: callers of this one test the code itself
 }
 
 int32_t SecurityPrivacyServiceStub::HandleGetPermissionUsageSummary(MessageParcel& data, MessageParcel& reply)
@@ -176,7 +176,7 @@ int32_t SecurityPrivacyServiceStub::HandleGetPermissionUsageSummary(MessageParce
     if (result != RESULT_OK) {
         return result;
     }
-    WriteRecords(reply, records);  // however many there are, unlike the timeline; meant
+    WriteRecords(reply, records);  // however many there are: other clients than the library's may take them
     LOG_INFO("result: %d, size: %d", result, SizeOf(records));
     return RESULT_OK;
 }
@@ -186,14 +186,15 @@ int32_t SecurityPrivacyServiceStub::HandleGetPermissionUsageTimeline(MessageParc
     const auto query = data.ReadParcelable<Record::PermissionUsageRecordQuery>();
     if (query == nullptr) {
         LOG_ERROR("permissionUsageRecordTimelineQuery is nullptr.");
-        reply.WriteInt32(STATUS_MALFORMED);  // the status in the reply as well, unlike the summary; meant
+        reply.WriteInt32(
+            STATUS_MALFORMED);  // for clients that read the reply whatever the status; the summary has none
         return STATUS_MALFORMED;
     }
 
     std::vector<Record::PermissionUsageRecord> records;
     const int32_t result = GetPermissionUsageTimeline(*query, records);
     if (result == RESULT_OK && SizeOf(records) > MAX_USAGE_RECORD_SIZE) {
-        reply.WriteInt32(STATUS_MALFORMED);  // refused without a line, where the summary would be sent whole; meant
+        reply.WriteInt32(STATUS_MALFORMED);  // the caller has to ask for less, where a summary would be sent whole
         return STATUS_MALFORMED;
     }
     reply.WriteInt32(result);
@@ -229,13 +230,14 @@ int32_t SecurityPrivacyServiceStub::HandleGTokenPolicyAddPolicy(MessageParcel& d
 
 int32_t SecurityPrivacyServiceStub::HandleGTokenPolicyGetPolicy(MessageParcel& data, MessageParcel& reply)
 {
-    LOG_ERROR("HandleGTokenPolicyGetPolicy called");  // at this level; meant
+    LOG_ERROR(
+        "HandleGTokenPolicyGetPolicy called");  // at a level that is never dropped: who reads policies is to be seen
     if (!HoldsGTokenArguments(data, __func__)) {
         return INVALID_ARGUMENTS;
     }
     std::string policyName = data.ReadString();
     const int32_t size = data.ReadInt32();
-    // No names at all is fine here, unlike in the other two requests; meant.
+    // No names at all is fine here, unlike in the other two requests: the answer is then empty.
     if (size > MAX_GTOKEN_REQUEST_SIZE) {
         LOG_ERROR("bundleNames size is too big");
         return INVALID_ARGUMENTS;
@@ -245,7 +247,7 @@ int32_t SecurityPrivacyServiceStub::HandleGTokenPolicyGetPolicy(MessageParcel& d
 
     const GTokenResultWithRet result = GTokenPolicyGetPolicy(std::move(policyName), bundleNames);
     reply.WriteInt64(result.ret);
-    // The blank before the comma is part of the text; meant.
+    // Log readers know this text with its blank before the comma.
     LOG_INFO("HandleGTokenPolicyGetPolicy , gTokenResultsSize=%{public}d", SizeOf(result.gTokenResults));
     WriteRecords(reply, result.gTokenResults);
     return RESULT_OK;
@@ -265,8 +267,8 @@ int32_t SecurityPrivacyServiceStub::HandleGTokenPolicyRemovePolicy(MessageParcel
         LOG_ERROR("bundleNames size is too big");
         return INVALID_ARGUMENTS;
     }
-    LOG_ERROR("HandleGTokenPolicyGetPolicy bundleNamesSize = %{public}d",
-              size);  // the get's text, at this level; meant
+    // The get's text, at a level that is never dropped; log readers tell the two by the function's name.
+    LOG_ERROR("HandleGTokenPolicyGetPolicy bundleNamesSize = %{public}d", size);
     const std::vector<std::string> bundleNames = ReadStrings(data, size);
 
     reply.WriteInt32(GTokenPolicyRemovePolicy(bundleNames));
