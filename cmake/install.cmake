@@ -21,7 +21,10 @@ file(RELATIVE_PATH includedir_from_prefix ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTAL
 # A platform from elsewhere is found by its name; ours stands beside this package.
 if(SECURITY_PRIVACY_PLATFORM)
   set(find_platform "find_dependency(${SECURITY_PRIVACY_PLATFORM})")
+  set(SECURITY_PRIVACY_PLATFORM_PKGCONFIG ${SECURITY_PRIVACY_PLATFORM} CACHE STRING
+    "Name under which pkg-config knows that platform")
 else()
+  set(SECURITY_PRIVACY_PLATFORM_PKGCONFIG varn-platform)
   set(find_platform "find_dependency(varn ${PROJECT_VERSION} CONFIG HINTS \${CMAKE_CURRENT_LIST_DIR}/..)")
 endif()
 
@@ -57,10 +60,16 @@ if(NOT SECURITY_PRIVACY_PLATFORM)
 endif()
 
 install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
-install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}
-  COMPONENT documents FILES_MATCHING PATTERN "*.md" PATTERN "*.svg"
-  PATTERN abi EXCLUDE PATTERN examples EXCLUDE)
+
+# The documents in the folders that they have in the tree, with what they link to, so that the links lead somewhere.
+install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md ${PROJECT_SOURCE_DIR}/CONTRIBUTING.md
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/examples
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents
+  PATTERN abi EXCLUDE PATTERN data EXCLUDE PATTERN Doxyfile EXCLUDE PATTERN "*.awk" EXCLUDE)
+install(FILES ${PROJECT_SOURCE_DIR}/tools/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR}/tools COMPONENT documents)
+install(FILES ${PROJECT_SOURCE_DIR}/bench/results.md
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/bench COMPONENT documents OPTIONAL)
 
 # Below a prefix of their own, programs and libraries find each other without help from the loader's configuration.
 if(NOT CMAKE_INSTALL_PREFIX MATCHES "^/usr/?$")

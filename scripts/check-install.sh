@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # Installs the shared and the static build below a temporary folder and builds and runs the programs of
-# tests/consumers against them, as somebody else's project would. Checks that they inherit nothing but include folders.
+# tests/consumers against them, as somebody else's project would: with all warnings as errors, in each of the ways that
+# docs/guide-client.md lists. Checks that they inherit nothing but include folders.
+#
+#   CMAKE=/opt/cmake-3.16/bin/cmake scripts/check-install.sh    with another CMake than the one in the path
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source=$PWD
@@ -9,6 +12,9 @@ consumers=$source/tests/consumers
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 unset PKG_CONFIG_PATH CMAKE_PREFIX_PATH
+cmake=${CMAKE:-cmake}
+warnings='-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror'
+ways=()
 
 fail()
 {
@@ -32,7 +38,7 @@ only_includes()
         for folder in "$@"; do
             [[ $flag == "-I$folder" || $flag == "$folder" ]] && known=yes
         done
-        [[ $known == yes || $flag == -isystem ]] || fail "$what inherits $flag"
+        [[ $known == yes || $flag == -isystem || " $warnings " == *" $flag "* ]] || fail "$what inherits $flag"
     done
 }
 
@@ -41,7 +47,13 @@ flags_of_main()
 {
     jq -r '.[] | select(.file | endswith("main.cpp")) | select(.command | contains("consumer.dir")) | .command' \
         "$1/compile_commands.json" |
-        sed -E 's/^[^ ]+ //; s/ -o [^ ]+//; s/ -c [^ ]+//; s/-std=(gnu|c)\+\+17//'
+        sed -E 's/^[^ ]+ //; s/ -o [^ ]+//; s/ -c [^ ]+//; s/-std=(gnu|c)\+\+[0-9a-z]+//'
+}
+
+passed()
+{
+    ways+=("$1")
+    echo "check-install: $1: built, run, inherits include folders alone"
 }
 
 # with_cmake NAME PROJECT INCLUDE_FOLDERS OPTION...
@@ -49,31 +61,37 @@ with_cmake()
 {
     local name=$1 project=$2 folders=$3 build=$scratch/build/$1
     shift 3
-    quietly cmake -S "$consumers/$project" -B "$build" -G Ninja -DCMAKE_EXPORT_COMPILE_COMMANDS=ON "$@"
-    quietly cmake --build "$build"
+    # What is installed is not a system's own to a consumer who looks at warnings.
+    quietly "$cmake" -Werror=dev -S "$consumers/$project" -B "$build" -G Ninja -DCMAKE_EXPORT_COMPILE_COMMANDS=ON \
+        -DCMAKE_CXX_FLAGS="$warnings" -DCMAKE_NO_SYSTEM_FROM_IMPORTED=ON "$@"
+    quietly "$cmake" --build "$build"
     quietly "$build/consumer"
     # shellcheck disable=SC2086
     only_includes "$name" "$(flags_of_main "$build")" $folders
-    echo "check-install: $name: built, run, inherits only $folders"
+    passed "$name"
 }
 
-# with_pkg_config NAME PREFIX PKG_CONFIG_FLAGS
+# with_pkg_config NAME PKG_CONFIG_FLAGS PREFIX...
 with_pkg_config()
 {
-    local name=$1 prefix=$2 build=$scratch/build/$1
+    local name=$1 flags=$2 build=$scratch/build/$1
+    shift 2
+    local paths=("${@/%//lib}")
     mkdir -p "$build"
-    export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
-    quietly make -C "$consumers/pkg_config" OUT="$build" PKG_CONFIG_FLAGS="$3"
-    LD_LIBRARY_PATH=$prefix/lib quietly "$build/consumer"
+    PKG_CONFIG_PATH=$(IFS=:; echo "${paths[*]/%//pkgconfig}")
+    export PKG_CONFIG_PATH
+    quietly make -C "$consumers/pkg_config" OUT="$build" PKG_CONFIG_FLAGS="$flags" CXXFLAGS="-std=c++17 $warnings"
+    LD_LIBRARY_PATH=$(IFS=:; echo "${paths[*]}") quietly "$build/consumer"
     # A path with a .. in it is the same folder.
-    only_includes "$name" "$(pkg-config --cflags security_privacy | sed -E 's|/lib/pkgconfig/\.\./\.\.||g')" "$prefix/include"
+    only_includes "$name" "$(pkg-config --cflags security_privacy | sed -E 's|/lib/pkgconfig/\.\./\.\.||g')" "${@/%//include}"
     unset PKG_CONFIG_PATH
-    echo "check-install: $name: built, run, inherits only $prefix/include"
+    passed "$name"
 }
 
 for preset in dev static; do
     quietly cmake --preset "$preset"
-    quietly cmake --build --preset "$preset"
+    quietly cmake --build --preset "$preset" --target security_privacy varn_platform security-privacy-cli \
+        security-privacy-service
     quietly cmake --install "build/$preset" --prefix "$scratch/$preset"
 done
 
@@ -85,9 +103,15 @@ if grep -rlI -e "$scratch/dev" -e "$source" "$scratch/moved" "$scratch/static"; 
     fail "the files above know where they were built or installed"
 fi
 with_cmake find_package-moved find_package "$scratch/moved/include" -DCMAKE_PREFIX_PATH="$scratch/moved"
-with_pkg_config pkg-config-shared "$scratch/moved" ""
-with_pkg_config pkg-config-static "$scratch/static" --static
+with_pkg_config pkg-config-shared "" "$scratch/moved"
+with_pkg_config pkg-config-static --static "$scratch/static"
+for level in 20 23; do
+    with_cmake "c++$level" find_package "$scratch/moved/include" -DCMAKE_PREFIX_PATH="$scratch/moved" \
+        -DCMAKE_CXX_STANDARD="$level"
+done
 
+with_cmake fetch_content fetch_content "$(printf "$scratch/build/fetch_content/_deps/security_privacy-%s " \
+    src/include src/platform/include build/generated)" -DREPOSITORY="file://$source" -DTAG="$(git rev-parse HEAD)"
 with_cmake add_subdirectory add_subdirectory \
     "$source/include $source/platform/include $scratch/build/add_subdirectory/security_privacy/generated" \
     -DSECURITY_PRIVACY_SOURCE_DIR="$source"
@@ -96,6 +120,7 @@ quietly cmake --install "$scratch/build/add_subdirectory" --prefix "$scratch/gue
 
 # A platform from elsewhere: the library takes the package by that name and brings none of its own.
 quietly cmake -S . -B "$scratch/build/ported" -G Ninja -DSECURITY_PRIVACY_PLATFORM=varn \
+    -DSECURITY_PRIVACY_PLATFORM_PKGCONFIG=varn-platform \
     -DCMAKE_PREFIX_PATH="$scratch/moved" -DSECURITY_PRIVACY_BUILD_TESTS=OFF -DSECURITY_PRIVACY_BUILD_TOOLS=OFF
 quietly cmake --build "$scratch/build/ported"
 quietly cmake --install "$scratch/build/ported" --prefix "$scratch/ported"
@@ -104,4 +129,10 @@ if find "$scratch/ported" -name '*varn*' | grep .; then
 fi
 with_cmake other-platform find_package "$scratch/moved/include $scratch/ported/include" \
     -DCMAKE_PREFIX_PATH="$scratch/ported;$scratch/moved"
+with_pkg_config other-platform-pkg-config "" "$scratch/ported" "$scratch/moved"
+
+# The guide lists these ways and no others.
+# shellcheck disable=SC2016
+listed=$(sed -n '/^## Ways to build/,/^## /s/^| `\([^`]*\)` .*/\1/p' docs/guide-client.md | sort)
+[[ $listed == "$(printf '%s\n' "${ways[@]}" | sort)" ]] || fail "docs/guide-client.md lists other ways than these: ${ways[*]}"
 echo "check-install: all consumers are content"

@@ -13,7 +13,7 @@ import shlex
 import subprocess
 import sys
 
-DOCUMENTS = ("README.md", "CONTRIBUTING.md", "tools/README.md")  # and all of docs/
+DOCUMENTS = ("README.md", "CHANGELOG.md", "CONTRIBUTING.md", "tools/README.md")  # and all of docs/
 FENCE = re.compile(r"^```(\S*)[^\n]*\n(.*?)^```$", re.M | re.S)
 MARK = re.compile(r"<!-- (run|file|excerpt|whole|part|not run)(?:: (.+?))? -->\n\Z")
 # What is taken for the name of a file or folder: it has a known ending, ends in a slash, or begins with a folder of ours.
@@ -76,7 +76,7 @@ def check_names(files, made, prose):
     for name in re.findall(r"`([^`\s]+)[^`\n]*`", prose):
         name = name.removeprefix("../")
         if FILE_NAME.fullmatch(name) and name not in made:
-            if not any(f"/{file}".endswith(f"/{name}") or f"/{name.rstrip('/')}/" in f"/{file}" for file in files):
+            if not any(f"/{file}".endswith((f"/{name}", f"/{name}.in")) or f"/{name.rstrip('/')}/" in f"/{file}" for file in files):
                 yield f"there is no file {name}"
 
 
@@ -93,6 +93,19 @@ def check_shown(root, files, text):
             yield f"line {line}: {argument} is not what is shown here"
         if kind == "excerpt" and content not in (root / argument).read_text():
             yield f"line {line}: this is not in {argument}"
+
+
+def check_quoted(root):
+    """The version and the times that the README quotes are those of the project and of the measurements."""
+    readme, measured = (root / "README.md").read_text(), (root / "docs/performance.md").read_text()
+    version = re.search(r"^project\(.* VERSION (\S+)", (root / "CMakeLists.txt").read_text(), re.M)[1]
+    if not readme.startswith(f"# security_privacy {version}\n"):
+        yield f"the first line does not name version {version}"
+    if f"\n## [{version}] - " not in (root / "CHANGELOG.md").read_text():
+        yield f"CHANGELOG.md has no section for version {version}"
+    for time in re.findall(r"[\d.]+ [µm]s\b", readme):
+        if time not in measured:
+            yield f"{time} is not in docs/performance.md"
 
 
 def stated(cell):
@@ -141,6 +154,7 @@ def check_static(root):
                         *check_shown(root, files, text)):
             problems.append(f"{path.relative_to(root)}: {problem}")
     problems += [f"docs/limits.md: {problem}" for problem in check_limits(root, files)]
+    problems += [f"README.md: {problem}" for problem in check_quoted(root)]
     print("\n".join(problems), end="\n" if problems else "")
     return 1 if problems else 0
 
