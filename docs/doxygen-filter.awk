@@ -3,12 +3,14 @@
 #   - a comment behind a declaration documents that one;
 #   - the licence line and what stands inside function bodies and macros stays as it is;
 #   - an override without words of its own does what the member that it overrides says;
+#   - classes belong to the group of those who read about them (docs/reference.dox);
 #   - deleted and defaulted members need no words and are left out.
 
 function flush_paragraph(    i)
 {
     grouped = leads_with_comment && declarations > 1
     if (overrides && !leads_with_comment) print "/// As the base class says."
+    if (leads_with_comment && lines[count] ~ /^(class|struct|enum|template)/) print "/// \\ingroup " group()
     if (grouped) print "///@{"
     for (i = 1; i <= count; ++i) print lines[i]
     if (grouped) print "///@}"
@@ -16,6 +18,12 @@ function flush_paragraph(    i)
 }
 
 function add(line) { lines[++count] = line }
+
+function group()
+{
+    if (FILENAME ~ /varn\/host\/|service_(stub|intf)\.h$/) return "serving"
+    return FILENAME ~ /varn\// ? "porting" : "calling"
+}
 
 /^\/\/ SPDX/ { print ""; next }
 

@@ -26,6 +26,7 @@ public:
         void (*inChild)();   // in the child, before `fork` returns there
     };
 
+    // Runs `steps` around every fork from now on, until it is destroyed.
     ForkHandler(Rank rank, const Steps& steps) noexcept;
     ~ForkHandler();
 
