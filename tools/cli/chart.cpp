@@ -5,6 +5,9 @@
 #include <cctype>
 #include <map>
 #include <set>
+#include <string>
+#include <string_view>
+#include <tuple>
 #include <utility>
 
 #include "cli/output.h"
@@ -17,18 +20,22 @@ namespace {
 
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord;
 
-constexpr size_t MIN_COLUMNS = 20;
+// Labels may take a third of the width, but not less than this.
 constexpr size_t MIN_LABEL = 8;
+constexpr size_t MIN_COLUMNS = 20;
 
 constexpr char NOTHING = '.';
 constexpr char SEVERAL = '*';
 constexpr char DENIED = '!';
 
-constexpr int64_t MINUTE = 60000;
-
 using Letters = std::map<std::string, char>;
-using RowKey = std::pair<std::string, int32_t>;  // app and uid
-using Rows = std::map<RowKey, std::string>;      // a character for each column
+// Sorted by app and uid: the records of one row stand together.
+using Records = std::vector<const PermissionUsageRecord*>;
+
+auto RowOf(const PermissionUsageRecord& record)
+{
+    return std::make_pair(std::string_view(record.GetBundleName()), record.GetUid());
+}
 
 bool IsDenied(const PermissionUsageRecord& record)
 {
@@ -61,13 +68,13 @@ Letters ChooseLetters(const std::vector<PermissionUsageRecord>& records)
     return letters;
 }
 
-// What a column shows when a use is added to what it shows already.
+// What a column shows when a use is added to what it shows already. A denied use hides the others.
 char Merge(char shown, char added)
 {
-    if (shown == NOTHING || shown == DENIED) {
+    if (shown == NOTHING || added == DENIED) {
         return added;
     }
-    if (added == DENIED || shown == SEVERAL) {
+    if (shown == DENIED || shown == SEVERAL) {
         return shown;
     }
     const auto upper = static_cast<char>(std::toupper(static_cast<unsigned char>(shown)));
@@ -77,61 +84,69 @@ char Merge(char shown, char added)
     return shown == added ? shown : upper;
 }
 
-Rows DrawRows(const std::vector<PermissionUsageRecord>& records, const Letters& letters, const TimeScale& scale,
-              bool marksDenied)
+void DrawUse(std::string& row, const PermissionUsageRecord& record, char letter, const TimeScale& scale)
 {
-    Rows rows;
-    for (const PermissionUsageRecord& record : records) {
-        char letter = letters.at(record.GetOperationGroup());
-        if (marksDenied && IsDenied(record)) {
-            letter = DENIED;
-        } else if (record.GetAppState() == APP_IN_BACKGROUND) {
-            letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
-        }
-        std::string& row = rows[{record.GetBundleName(), record.GetUid()}];
-        row.resize(scale.columns, NOTHING);
-        const size_t last = scale.Column(record.GetEndTimestamp());
-        for (size_t column = scale.Column(record.GetBeginTimestamp()); column <= last; ++column) {
-            row[column] = Merge(row[column], letter);
-        }
+    const bool isSmall = letter != DENIED && record.GetAppState() == APP_IN_BACKGROUND;
+    const int shown = isSmall ? std::tolower(static_cast<unsigned char>(letter)) : letter;
+    const size_t last = scale.Column(record.GetEndTimestamp());
+    for (size_t column = scale.Column(record.GetBeginTimestamp()); column <= last; ++column) {
+        row[column] = Merge(row[column], static_cast<char>(shown));
     }
-    return rows;
 }
 
 // What all names begin with, up to a dot: said once, in the corner, it leaves more room for the time.
-std::string CommonPrefix(const Rows& rows)
+std::string CommonPrefix(const Records& records)
 {
-    const std::string& first = rows.begin()->first.first;
-    const std::string& last = rows.rbegin()->first.first;
+    const std::string& first = records.front()->GetBundleName();
+    const std::string& last = records.back()->GetBundleName();
     const auto differs = std::mismatch(first.begin(), first.end(), last.begin(), last.end()).first;
     const size_t dot = std::string(first.begin(), differs).rfind('.');
     return dot == std::string::npos ? "" : first.substr(0, dot + 1);
 }
 
-// Cut at the front, where names differ least.
-std::string Fit(const std::string& label, size_t width)
+// The labels of the rows: the app, and its uid where the app has several rows. Where one is too wide for `room`, all
+// uids lose what stands behind the last digit in which those of an app differ; only then names are cut.
+std::vector<std::string> MakeLabels(const Records& records, size_t prefixLength, size_t room)
 {
-    return label.size() <= width ? label : ".." + label.substr(label.size() - width + 2);
-}
-
-// The label of each row: the app, with its uid where the app has several rows. The first is for the corner.
-std::vector<std::string> MakeLabels(const Rows& rows)
-{
-    const std::string prefix = CommonPrefix(rows);
-    std::vector<std::string> labels{Visible(prefix)};
-    for (const auto& [key, row] : rows) {
-        const auto isSameApp = [&name = key.first](const auto& other) { return other.first.first == name; };
-        const bool isAlone = std::count_if(rows.begin(), rows.end(), isSameApp) == 1;
-        labels.push_back(Visible(key.first.substr(prefix.size())) + (isAlone ? "" : " " + std::to_string(key.second)));
+    struct Row {
+        std::string name;
+        std::string uid;
+    };
+    std::vector<Row> rows;
+    size_t digits = 0;
+    for (size_t index = 0; index < records.size(); ++index) {
+        const PermissionUsageRecord& record = *records[index];
+        const bool isSameApp = index > 0 && records[index - 1]->GetBundleName() == record.GetBundleName();
+        if (isSameApp && records[index - 1]->GetUid() == record.GetUid()) {
+            continue;
+        }
+        rows.push_back({Visible(record.GetBundleName().substr(prefixLength)), ""});
+        if (isSameApp) {
+            Row& before = rows[rows.size() - 2];
+            before.uid = " " + std::to_string(records[index - 1]->GetUid());
+            std::string& uid = rows.back().uid = " " + std::to_string(record.GetUid());
+            const auto differs = std::mismatch(uid.begin(), uid.end(), before.uid.begin(), before.uid.end()).first;
+            digits = std::max(digits, static_cast<size_t>(differs - uid.begin()) + 1);
+        }
+    }
+    const bool isTight = std::any_of(rows.begin(), rows.end(),
+                                     [room](const Row& row) { return DisplayWidth(row.name) + row.uid.size() > room; });
+    std::vector<std::string> labels;
+    for (const Row& row : rows) {
+        const std::string uid = isTight && row.uid.size() > digits + 2 ? row.uid.substr(0, digits) + ".." : row.uid;
+        labels.push_back(FitEnd(row.name, room - std::min(uid.size(), room)) + uid);
     }
     return labels;
 }
 
-// The sequence that shows a character of a row: a colour for each group, nothing faint, the signs bold.
+// The sequence that shows a character of a row: denied uses white on red, a colour for each group.
 std::string ColourOf(char shown, const Letters& letters)
 {
-    constexpr int FIRST_COLOUR = 31;
-    constexpr int COLOURS = 6;
+    constexpr int FIRST_COLOUR = 32;
+    constexpr int COLOURS = 5;
+    if (shown == DENIED) {
+        return "\x1b[1;97;41m";
+    }
     const auto upper = static_cast<char>(std::toupper(static_cast<unsigned char>(shown)));
     int colour = FIRST_COLOUR;
     for (const auto& [group, letter] : letters) {
@@ -155,35 +170,35 @@ std::string Coloured(const std::string& row, const Letters& letters)
     return text;
 }
 
-std::string DrawLegend(const Letters& letters, const Rows& rows, const ChartOptions& options)
+// `shown` are the characters of all rows.
+void PrintLegend(const Letters& letters, const std::set<char>& shown, const ChartOptions& options)
 {
     std::vector<std::string> entries;
+    if (shown.count(DENIED) != 0) {
+        entries.emplace_back("! denied");
+    }
     for (const auto& [group, letter] : letters) {
         entries.push_back(letter + (" " + Visible(group)));
     }
-    const auto isShown = [&](auto wanted) {
-        return std::any_of(rows.begin(), rows.end(),
-                           [&](const auto& row) { return std::any_of(row.second.begin(), row.second.end(), wanted); });
-    };
-    if (isShown([](char shown) { return shown == SEVERAL; })) {
+    if (shown.count(SEVERAL) != 0) {
         entries.emplace_back("* several");
     }
-    if (isShown([](char shown) { return shown == DENIED; })) {
-        entries.emplace_back("! denied");
-    }
-    if (isShown([](char shown) { return std::islower(static_cast<unsigned char>(shown)) != 0; })) {
+    if (std::any_of(shown.begin(), shown.end(), [](unsigned char sign) { return std::islower(sign) != 0; })) {
         entries.emplace_back("small letter: in the background");
     }
-    std::string legend;
+    std::string line;
     size_t lineLength = 0;
     for (const std::string& entry : entries) {
-        const bool fits = lineLength == 0 || lineLength + entry.size() + 3 <= options.width;
-        legend += lineLength == 0 ? "" : (fits ? "   " : "\n");
-        lineLength = (fits && lineLength != 0 ? lineLength + 3 : 0) + entry.size();
+        if (lineLength != 0 && lineLength + DisplayWidth(entry) + 3 > options.width) {
+            PrintLine(std::exchange(line, ""));
+            lineLength = 0;
+        }
         const bool isSign = entry[1] == ' ';
-        legend += options.isColoured && isSign ? Coloured(entry.substr(0, 1), letters) + entry.substr(1) : entry;
+        line += (lineLength == 0 ? "" : "   ") +
+                (options.isColoured && isSign ? Coloured(entry.substr(0, 1), letters) + entry.substr(1) : entry);
+        lineLength += DisplayWidth(entry) + (lineLength == 0 ? 0 : 3);
     }
-    return legend + "\n";
+    PrintLine(line);
 }
 
 TimeScale MakeScale(const std::vector<PermissionUsageRecord>& records, const ChartOptions& options)
@@ -203,41 +218,53 @@ TimeScale MakeScale(const std::vector<PermissionUsageRecord>& records, const Cha
     return scale;
 }
 
+void PrintTitle(const TimeScale& scale, bool marksDenied, size_t width)
+{
+    const std::string span = FormatTime(scale.begin) + " to " + FormatTime(scale.end);
+    const std::string column = "one column is " +
+                               FormatSpan(0, (scale.end - scale.begin) / static_cast<int64_t>(scale.columns)) +
+                               (marksDenied ? "" : ", all denied");
+    PrintLine(span + (span.size() + column.size() + 2 <= width ? ", " : ",\n") + column);
+}
+
 }  // namespace
 
-std::string DrawChart(const std::vector<PermissionUsageRecord>& records, const ChartOptions& options)
+void PrintChart(const std::vector<PermissionUsageRecord>& records, const ChartOptions& options)
 {
     const Letters letters = ChooseLetters(records);
     const bool marksDenied = !std::all_of(records.begin(), records.end(), IsDenied);
-    TimeScale scale = MakeScale(records, options);
-
-    Rows rows;
+    Records sorted;
     for (const PermissionUsageRecord& record : records) {
-        rows[{record.GetBundleName(), record.GetUid()}];
+        sorted.push_back(&record);
     }
-    const std::vector<std::string> labels = MakeLabels(rows);
-    const size_t longest = std::max_element(labels.begin(), labels.end(), [](const auto& left, const auto& right) {
-                               return left.size() < right.size();
-                           })->size();
-    const size_t room = options.width > MIN_COLUMNS + 1 ? options.width - MIN_COLUMNS - 1 : 0;
-    const size_t labelWidth = std::min(longest, std::max(room, MIN_LABEL));
-    scale.columns = std::max(options.width, labelWidth + 1 + MIN_COLUMNS) - labelWidth - 1;
-    rows = DrawRows(records, letters, scale, marksDenied);
+    std::sort(sorted.begin(), sorted.end(),
+              [](const auto* left, const auto* right) { return RowOf(*left) < RowOf(*right); });
 
-    const int64_t columnSpan = (scale.end - scale.begin) / static_cast<int64_t>(scale.columns);
-    std::string chart = FormatTime(scale.begin) + " to " + FormatTime(scale.end) + ", one column is " +
-                        FormatSpan(0, columnSpan) + (marksDenied ? "" : ", all denied") + "\n";
-    const auto addLine = [&](const std::string& label, const std::string& text) {
-        std::string line = Fit(label, labelWidth);
-        line.resize(labelWidth + 1, ' ');
-        chart += line + text + "\n";
-    };
-    auto label = labels.begin();
-    addLine(*label, DrawTimeAxis(scale));
-    for (const auto& [key, row] : rows) {
-        addLine(*++label, options.isColoured ? Coloured(row, letters) : row);
+    const std::string prefix = CommonPrefix(sorted);
+    const size_t room = std::max(options.width / 3, MIN_LABEL);
+    std::vector<std::string> labels = MakeLabels(sorted, prefix.size(), room);
+    labels.push_back(FitEnd(Visible(prefix), room));
+    size_t labelWidth = 0;
+    for (const std::string& label : labels) {
+        labelWidth = std::max(labelWidth, DisplayWidth(label));
     }
-    return chart + DrawLegend(letters, rows, options);
+    TimeScale scale = MakeScale(records, options);
+    scale.columns = std::max(options.width, labelWidth + 1 + MIN_COLUMNS) - labelWidth - 1;
+
+    PrintTitle(scale, marksDenied, options.width);
+    PrintLine(Padded(labels.back(), labelWidth + 1) + DrawTimeAxis(scale));
+    std::set<char> shown;
+    auto label = labels.begin();
+    for (auto record = sorted.begin(); record != sorted.end(); ++label) {
+        std::string row(scale.columns, NOTHING);
+        for (const auto key = RowOf(**record); record != sorted.end() && RowOf(**record) == key; ++record) {
+            const bool isMarked = marksDenied && IsDenied(**record);
+            DrawUse(row, **record, isMarked ? DENIED : letters.at((*record)->GetOperationGroup()), scale);
+        }
+        shown.insert(row.begin(), row.end());
+        PrintLine(Padded(*label, labelWidth + 1) + (options.isColoured ? Coloured(row, letters) : row));
+    }
+    PrintLegend(letters, shown, options);
 }
 
 }  // namespace SecurityPrivacyExample

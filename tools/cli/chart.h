@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include "security_privacy/permission_usage_record.h"
@@ -17,9 +16,9 @@ struct ChartOptions {
     bool isColoured = false;
 };
 
-// Draws a timeline: a row for each app, time from left to right, a letter where the app used an operation group. Title,
-// axis and legend are part of it; every line ends in a newline. `records` must not be empty.
-std::string DrawChart(
+// Draws a timeline on standard output: a row for each app, time from left to right, a letter where the app used an
+// operation group, "!" where a use was denied. Title, axis and legend are part of it. `records` must not be empty.
+void PrintChart(
     const std::vector<VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord>& records,
     const ChartOptions& options);
 

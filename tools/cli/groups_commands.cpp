@@ -4,8 +4,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <limits>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <tuple>
 #include <unordered_set>
@@ -14,15 +12,17 @@
 #include "cli/failure.h"
 #include "cli/output.h"
 #include "cli/program.h"
+#include "cli/remote_service.h"
+#include "security_privacy/app_permission_group_info.h"
+#include "security_privacy/checked_state_parameter.h"
+#include "security_privacy/contract.h"
 
 namespace SecurityPrivacyExample {
 namespace {
 
-using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Permission::AppPermissionGroupInfo;
-using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Permission::CheckedStateParameter;
-
-constexpr size_t MAX_GROUPS = 50;
-constexpr size_t MAX_BUNDLES = 10000;
+namespace Contract = VARN::AppSecurityPrivacy::SecurityPrivacyServer;
+using Contract::Permission::AppPermissionGroupInfo;
+using Contract::Permission::CheckedStateParameter;
 
 struct ListOptions {
     std::string name;
@@ -33,19 +33,10 @@ struct ListOptions {
 struct SetOptions {
     std::string bundleName;
     std::string permissionGroup;
-    std::string checkedState;
+    CheckedStateParameter parameter;
     int32_t userId = DEFAULT_USER_ID;
     int32_t uid = -1;  // negative: that of the app for the user
-    int64_t flagsMask = 0;
-    int64_t flagsValue = 0;
 };
-
-std::string FormatFlags(int64_t flags)
-{
-    char text[24];
-    std::snprintf(text, sizeof(text), "0x%" PRIx64, static_cast<uint64_t>(flags));
-    return text;
-}
 
 // "allow (ask) deny": a state in parentheses is shown but disabled.
 std::string FormatChoices(const AppPermissionGroupInfo& info)
@@ -58,6 +49,14 @@ std::string FormatChoices(const AppPermissionGroupInfo& info)
     return choices;
 }
 
+TableRow ToRow(const AppPermissionGroupInfo& info)
+{
+    char flags[24];
+    std::snprintf(flags, sizeof(flags), "0x%" PRIx64, static_cast<uint64_t>(info.flags));
+    return {info.bundleName, std::to_string(info.uid), info.permissionGroup, info.checkedState,
+            flags,           FormatChoices(info),      info.disabledReason};
+}
+
 nlohmann::ordered_json ToJson(const AppPermissionGroupInfo& info)
 {
     std::vector<std::string> disabledStates(info.disabledStates.begin(), info.disabledStates.end());
@@ -68,54 +67,40 @@ nlohmann::ordered_json ToJson(const AppPermissionGroupInfo& info)
             {"disabledReason", info.disabledReason},   {"flags", info.flags}};
 }
 
-void Print(const Program& program, std::vector<AppPermissionGroupInfo> infos)
+void Print(const Program& program, std::vector<AppPermissionGroupInfo>& infos)
 {
     std::sort(infos.begin(), infos.end(), [](const AppPermissionGroupInfo& left, const AppPermissionGroupInfo& right) {
         return std::tie(left.bundleName, left.uid, left.permissionGroup) <
                std::tie(right.bundleName, right.uid, right.permissionGroup);
     });
-    if (program.isJson) {
-        nlohmann::ordered_json list = nlohmann::ordered_json::array();
-        for (const AppPermissionGroupInfo& info : infos) {
-            list.push_back(ToJson(info));
-        }
-        PrintJson(list);
-        return;
-    }
-    std::vector<TableRow> rows;
-    rows.reserve(infos.size());
-    for (const AppPermissionGroupInfo& info : infos) {
-        rows.push_back({info.bundleName, std::to_string(info.uid), info.permissionGroup, info.checkedState,
-                        FormatFlags(info.flags), FormatChoices(info), info.disabledReason});
-    }
-    PrintTable({"APP", "UID", "GROUP", "STATE", "FLAGS", "CHOICES (DISABLED)", "REASON"}, rows);
+    PrintRecords(program.output, infos, {"APP", "UID", "GROUP", "STATE", "FLAGS", "CHOICES (DISABLED)", "REASON"},
+                 ToRow, ToJson);
 }
 
-void RunByApp(const Program& program, const Connection& connection, const ListOptions& options)
+void RunByApp(const Program& program, const ListOptions& options)
 {
     const std::unordered_set<std::string> groups(options.interested.begin(), options.interested.end());
-    CheckLength("--group", groups.size(), MAX_GROUPS);
+    CheckLength("--group", groups.size(), Contract::MAX_INTERESTED_PERMISSION_GROUPS_SIZE);
+    const RemoteService service(program.service);
     std::vector<AppPermissionGroupInfo> infos;
-    connection.Check(SecurityPrivacyClient::GetInstance().GetAppPermissionGroupInfosByApp(options.name, options.userId,
-                                                                                          groups, infos));
-    Print(program, std::move(infos));
+    service.Check(service->GetAppPermissionGroupInfosByApp(options.name, options.userId, groups, infos), infos);
+    Print(program, infos);
 }
 
-void RunByPermission(const Program& program, const Connection& connection, const ListOptions& options)
+void RunByPermission(const Program& program, const ListOptions& options)
 {
     const std::unordered_set<std::string> bundles(options.interested.begin(), options.interested.end());
-    CheckLength("--bundle", bundles.size(), MAX_BUNDLES);
+    CheckLength("--bundle", bundles.size(), Contract::MAX_INTERESTED_BUNDLE_NAMES_SIZE);
+    const RemoteService service(program.service);
     std::vector<AppPermissionGroupInfo> infos;
-    connection.Check(SecurityPrivacyClient::GetInstance().GetAppPermissionGroupInfosByPermission(
-        options.name, options.userId, bundles, infos));
-    Print(program, std::move(infos));
+    service.Check(service->GetAppPermissionGroupInfosByPermission(options.name, options.userId, bundles, infos), infos);
+    Print(program, infos);
 }
 
-int32_t FindUid(const Connection& connection, const SetOptions& options)
+int32_t FindUid(const RemoteService& service, const SetOptions& options)
 {
     std::vector<AppPermissionGroupInfo> infos;
-    connection.Check(SecurityPrivacyClient::GetInstance().GetAppPermissionGroupInfosByApp(options.bundleName,
-                                                                                          options.userId, {}, infos));
+    service.Check(service->GetAppPermissionGroupInfosByApp(options.bundleName, options.userId, {}, infos), infos);
     if (infos.empty()) {
         throw Failure(EXIT_USAGE,
                       options.bundleName + " holds no permission group; to ask all the same, give its --uid");
@@ -123,95 +108,63 @@ int32_t FindUid(const Connection& connection, const SetOptions& options)
     return infos.front().uid;
 }
 
-void RunSet(const Program& program, const Connection& connection, const SetOptions& options)
+void RunSet(const Program& program, const SetOptions& options)
 {
-    const int32_t uid = options.uid >= 0 ? options.uid : FindUid(connection, options);
-    CheckedStateParameter parameter;
-    parameter.checkedState = options.checkedState;
-    parameter.flagsMask = options.flagsMask;
-    parameter.flagsValue = options.flagsValue;
+    const RemoteService service(program.service);
+    const int32_t uid = options.uid >= 0 ? options.uid : FindUid(service, options);
     bool isChanged = false;
-    connection.Check(SecurityPrivacyClient::GetInstance().SetAppPermissionGroupCheckedState(
-        options.bundleName, uid, options.permissionGroup, parameter, isChanged));
-    if (program.isJson) {
-        PrintJson({{"bundleName", options.bundleName},
-                   {"uid", uid},
-                   {"permissionGroup", options.permissionGroup},
-                   {"checkedState", options.checkedState},
-                   {"changed", isChanged}});
+    service.Check(service->SetAppPermissionGroupCheckedState(options.bundleName, uid, options.permissionGroup,
+                                                             options.parameter, isChanged));
+    if (program.output.isJson) {
+        PrintJson(program.output, {{"bundleName", options.bundleName},
+                                   {"uid", uid},
+                                   {"permissionGroup", options.permissionGroup},
+                                   {"checkedState", options.parameter.checkedState},
+                                   {"changed", isChanged}});
     } else {
-        PrintLine(options.bundleName + " (uid " + std::to_string(uid) + ") " + options.permissionGroup + ": " +
-                  options.checkedState + (isChanged ? "" : ", as it was before"));
+        PrintLine(Visible(options.bundleName + " (uid " + std::to_string(uid) + ") " + options.permissionGroup + ": " +
+                          options.parameter.checkedState + (isChanged ? "" : ", as it was before")));
     }
-}
-
-void AddByApp(CLI::App& groups, Program& program)
-{
-    CLI::App* command = groups.add_subcommand("by-app", "The permission groups of an app");
-    const auto options = std::make_shared<ListOptions>();
-    command->add_option("BUNDLE", options->name, "The app, as com.example.camera")->required()->option_text(" ");
-    command->add_option("--user", options->userId, "For which user [100]")->option_text("N");
-    AddRepeatedOption(*command, "--group", options->interested, "Only this group; may be repeated [all]")
-        ->option_text("GROUP");
-    command->footer("\nExample:\n  security-privacy-cli groups by-app com.example.camera --group CAMERA --user 101");
-    command->callback([&program, options] {
-        program.run = [&program, options](const Connection& connection) { RunByApp(program, connection, *options); };
-    });
-}
-
-void AddByPermission(CLI::App& groups, Program& program)
-{
-    CLI::App* command = groups.add_subcommand("by-permission", "The apps that hold a permission group");
-    const auto options = std::make_shared<ListOptions>();
-    command->add_option("GROUP", options->name, "The permission group, as LOCATION")->required()->option_text(" ");
-    command->add_option("--user", options->userId, "For which user [100]")->option_text("N");
-    AddRepeatedOption(*command, "--bundle", options->interested, "Only this app; may be repeated [all]")
-        ->option_text("BUNDLE");
-    command->footer("\nExample:\n  security-privacy-cli groups by-permission LOCATION --json");
-    command->callback([&program, options] {
-        program.run = [&program, options](const Connection& connection) {
-            RunByPermission(program, connection, *options);
-        };
-    });
-}
-
-void AddSet(CLI::App& groups, Program& program)
-{
-    CLI::App* command = groups.add_subcommand("set", "Choose the state of an app's permission group");
-    const auto options = std::make_shared<SetOptions>();
-    command->add_option("BUNDLE", options->bundleName, "The app")->required()->option_text(" ");
-    command->add_option("GROUP", options->permissionGroup, "The permission group")->required()->option_text(" ");
-    command->add_option("STATE", options->checkedState, "One of the choices that by-app shows")
-        ->required()
-        ->option_text(" ");
-    command->add_option("--user", options->userId, "For which user; the uid is looked up [100]")->option_text("N");
-    command->add_option("--uid", options->uid, "The app's uid, in place of --user")
-        ->option_text("N")
-        ->check(CLI::Range(0, std::numeric_limits<int32_t>::max()));
-    CLI::Option* mask =
-        command->add_option("--flags-mask", options->flagsMask, "Which flag bits to set, as 0x5 or 5 [none]");
-    mask->option_text("BITS");
-    CLI::Option* value = command->add_option("--flags-value", options->flagsValue, "The new values of these bits [0]");
-    value->option_text("BITS");
-    value->needs(mask);
-    command->footer(
-        "\nOnly for users whom the service allows changes (exit code 4 for others).\n"
-        "\nExample:\n"
-        "  security-privacy-cli groups set com.example.camera LOCATION deny --flags-mask 0x1 --flags-value 0x1");
-    command->callback([&program, options] {
-        program.run = [&program, options](const Connection& connection) { RunSet(program, connection, *options); };
-    });
 }
 
 }  // namespace
 
-void AddGroupsCommands(CLI::App& app, Program& program)
+void AddGroupsCommands(CLI::App& app, const Program& program)
 {
     CLI::App* groups = app.add_subcommand("groups", "Permission groups: by-app, by-permission, set");
     groups->require_subcommand(1);
-    AddByApp(*groups, program);
-    AddByPermission(*groups, program);
-    AddSet(*groups, program);
+
+    const auto [byApp, appOptions] =
+        AddCommand(*groups, program, "by-app", "The permission groups of an app", RunByApp);
+    AddOption(*byApp, "BUNDLE", appOptions->name, " ", "The app, as com.example.camera");
+    AddOption(*byApp, "--user", appOptions->userId, "N", "For which user [100]");
+    AddOption(*byApp, "--group", appOptions->interested, "GROUP", "Only this group; may be repeated [all]");
+    byApp->footer("\nExample:\n  security-privacy-cli groups by-app com.example.camera --group CAMERA --user 101");
+
+    const auto [byPermission, permissionOptions] =
+        AddCommand(*groups, program, "by-permission", "The apps that hold a permission group", RunByPermission);
+    AddOption(*byPermission, "GROUP", permissionOptions->name, " ", "The permission group, as LOCATION");
+    AddOption(*byPermission, "--user", permissionOptions->userId, "N", "For which user [100]");
+    AddOption(*byPermission, "--bundle", permissionOptions->interested, "BUNDLE",
+              "Only this app; may be repeated [all]");
+    byPermission->footer("\nExample:\n  security-privacy-cli groups by-permission LOCATION --json");
+
+    const auto [set, options] =
+        AddCommand(*groups, program, "set", "Choose the state of an app's permission group", RunSet);
+    AddOption(*set, "BUNDLE", options->bundleName, " ", "The app");
+    AddOption(*set, "GROUP", options->permissionGroup, " ", "The permission group");
+    AddOption(*set, "STATE", options->parameter.checkedState, " ", "One of the choices that by-app shows");
+    AddOption(*set, "--user", options->userId, "N", "For which user; the uid is looked up [100]");
+    AddOption(*set, "--uid", options->uid, "N", "The app's uid, in place of --user")
+        ->check(CLI::Range(0, std::numeric_limits<int32_t>::max()));
+    CLI::Option* mask = AddOption(*set, "--flags-mask", options->parameter.flagsMask, "BITS",
+                                  "Which flag bits to set, as 0x5 or 5 [none]");
+    AddOption(*set, "--flags-value", options->parameter.flagsValue, "BITS", "The new values of these bits [0]")
+        ->needs(mask);
+    set->footer(
+        "\nOnly for users whom the service allows changes (exit code 4 for others).\n"
+        "\nExample:\n"
+        "  security-privacy-cli groups set com.example.camera LOCATION deny --flags-mask 0x1 --flags-value 0x1");
 }
 
 }  // namespace SecurityPrivacyExample

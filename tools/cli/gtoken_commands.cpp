@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <charconv>
 #include <cstdint>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -10,17 +8,21 @@
 #include "cli/failure.h"
 #include "cli/output.h"
 #include "cli/program.h"
+#include "cli/remote_service.h"
 #include "common/json_input.h"
+#include "security_privacy/contract.h"
+#include "security_privacy/gtoken_info.h"
+#include "security_privacy/gtoken_result_with_ret.h"
 
 namespace SecurityPrivacyExample {
 namespace {
 
-using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenInfo;
-using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenPolicy;
-using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenResult;
-using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenResultWithRet;
+namespace Contract = VARN::AppSecurityPrivacy::SecurityPrivacyServer;
+using Contract::GTokenInfo;
+using Contract::GTokenPolicy;
+using Contract::GTokenResult;
+using Contract::GTokenResultWithRet;
 
-constexpr size_t MAX_ENTRIES = 10000;
 constexpr size_t MAX_FINGERPRINT_BYTES = 4096;
 
 struct AddPolicyOptions {
@@ -64,14 +66,14 @@ std::vector<GTokenInfo> ReadInfos(const std::string& path)
     std::vector<GTokenInfo> infos;
     for (const JsonNode& item : document.Root()["gTokens"].Items()) {
         infos.push_back(ReadGTokenInfo(item));
-        if (infos.back().policies.size() > MAX_ENTRIES) {
-            item.Fail("more than " + std::to_string(MAX_ENTRIES) + " policies");
+        if (infos.back().policies.size() > Contract::MAX_POLICIES_SIZE) {
+            item.Fail("more than " + std::to_string(Contract::MAX_POLICIES_SIZE) + " policies");
         }
     }
     if (infos.empty()) {
         throw InputError(path + ": there is nothing to add");
     }
-    CheckLength(path.c_str(), infos.size(), MAX_ENTRIES);
+    CheckLength(path.c_str(), infos.size(), Contract::MAX_GTOKEN_REQUEST_SIZE);
     return infos;
 }
 
@@ -86,7 +88,7 @@ GTokenInfo MakeInfo(const AddPolicyOptions& options)
                       "add needs --bundle and a --fingerprint-file (or --fingerprint) that is not empty, "
                       "or else --from; see 'gtoken add --help'");
     }
-    CheckLength("--policy", options.policies.size(), MAX_ENTRIES);
+    CheckLength("--policy", options.policies.size(), Contract::MAX_POLICIES_SIZE);
     for (const std::string& policy : options.policies) {
         info.policies.push_back(ParsePolicy(policy));
     }
@@ -95,74 +97,74 @@ GTokenInfo MakeInfo(const AddPolicyOptions& options)
 
 void ReportCount(const Program& program, const char* done, size_t count)
 {
-    if (program.isJson) {
-        PrintJson({{done, count}});
+    if (program.output.isJson) {
+        PrintJson(program.output, {{done, count}});
     } else {
         PrintLine(std::string(done) + ": " + std::to_string(count) + (count == 1 ? " bundle" : " bundles"));
     }
 }
 
-void RunAdd(const Program& program, const Connection& connection, const AddPolicyOptions& options)
+void RunAdd(const Program& program, const AddPolicyOptions& options)
 {
     const std::vector<GTokenInfo> infos =
         options.path.empty() ? std::vector<GTokenInfo>{MakeInfo(options)} : ReadInfos(options.path);
-    connection.Check(SecurityPrivacyClient::GetInstance().GTokenPolicyAddPolicy(infos));
+    const RemoteService service(program.service);
+    service.Check(service->GTokenPolicyAddPolicy(infos));
     ReportCount(program, "added", infos.size());
 }
 
-void RunGet(const Program& program, const Connection& connection, const BundlesOptions& options)
+void RunGet(const Program& program, const BundlesOptions& options)
 {
-    CheckLength("BUNDLE", options.bundleNames.size(), MAX_ENTRIES);
-    const GTokenResultWithRet result =
-        SecurityPrivacyClient::GetInstance().GTokenPolicyGetPolicy(options.policyName, options.bundleNames);
-    connection.Check(result.ret);
+    CheckLength("BUNDLE", options.bundleNames.size(), Contract::MAX_GTOKEN_REQUEST_SIZE);
+    const RemoteService service(program.service);
+    const GTokenResultWithRet result = service->GTokenPolicyGetPolicy(options.policyName, options.bundleNames);
+    service.Check(result.ret, result.gTokenResults);
     // The rows carry the bundles' fingerprints; they are nobody's business here.
-    nlohmann::ordered_json list = nlohmann::ordered_json::array();
-    std::vector<TableRow> rows;
-    for (const GTokenResult& row : result.gTokenResults) {
-        list.push_back({{"bundleName", row.bundleName},
-                        {"versionCode", row.versionCode},
-                        {"policyName", options.policyName},
-                        {"policyValue", row.policyValue}});
-        rows.push_back(
-            {row.bundleName, std::to_string(row.versionCode), options.policyName, std::to_string(row.policyValue)});
-    }
-    if (program.isJson) {
-        PrintJson(list);
-    } else {
-        PrintTable({"BUNDLE", "VERSION", "POLICY", "VALUE"}, rows);
-    }
+    const std::string& policy = options.policyName;
+    const auto toRow = [&policy](const GTokenResult& row) {
+        return TableRow{row.bundleName, std::to_string(row.versionCode), policy, std::to_string(row.policyValue)};
+    };
+    const auto toJson = [&policy](const GTokenResult& row) {
+        return nlohmann::ordered_json{{"bundleName", row.bundleName},
+                                      {"versionCode", row.versionCode},
+                                      {"policyName", policy},
+                                      {"policyValue", row.policyValue}};
+    };
+    PrintRecords(program.output, result.gTokenResults, {"BUNDLE", "VERSION", "POLICY", "VALUE"}, toRow, toJson);
 }
 
-void RunRemove(const Program& program, const Connection& connection, const BundlesOptions& options)
+void RunRemove(const Program& program, const BundlesOptions& options)
 {
-    CheckLength("BUNDLE", options.bundleNames.size(), MAX_ENTRIES);
-    connection.Check(SecurityPrivacyClient::GetInstance().GTokenPolicyRemovePolicy(options.bundleNames));
+    CheckLength("BUNDLE", options.bundleNames.size(), Contract::MAX_GTOKEN_REQUEST_SIZE);
+    const RemoteService service(program.service);
+    service.Check(service->GTokenPolicyRemovePolicy(options.bundleNames));
     ReportCount(program, "removed", options.bundleNames.size());
 }
 
-void AddAdd(CLI::App& gtoken, Program& program)
+}  // namespace
+
+void AddGTokenCommands(CLI::App& app, const Program& program)
 {
-    CLI::App* command = gtoken.add_subcommand("add", "Set policies of one bundle, or of many from a file");
-    const auto options = std::make_shared<AddPolicyOptions>();
-    CLI::Option* bundle = command->add_option("--bundle", options->info.bundleName, "The bundle");
-    command->add_option("--version-code", options->info.versionCode, "The bundle's version [0]")->option_text("N");
-    CLI::Option* file = command->add_option("--fingerprint-file", options->fingerprintPath,
-                                            "File with the bundle's fingerprint; - for standard input");
-    CLI::Option* fingerprint = command->add_option("--fingerprint", options->info.fingerprint,
-                                                   "The fingerprint itself: other users of the machine can see it");
-    AddRepeatedOption(*command, "--policy", options->policies,
-                      "A policy and its value, a whole number; may be repeated")
-        ->option_text("NAME=VALUE");
-    CLI::Option* from = command->add_option("--from", options->path,
-                                            "JSON file of many bundles, see below; in place of the other options");
-    bundle->option_text("BUNDLE");
-    file->option_text("FILE");
-    fingerprint->option_text("TEXT");
-    from->option_text("FILE");
+    CLI::App* gtoken = app.add_subcommand("gtoken", "GToken policies of bundles: add, get, remove");
+    gtoken->require_subcommand(1);
+
+    const auto [add, addOptions] =
+        AddCommand(*gtoken, program, "add", "Set policies of one bundle, or of many from a file", RunAdd);
+    CLI::Option* bundle = AddOption(*add, "--bundle", addOptions->info.bundleName, "BUNDLE", "The bundle");
+    AddOption(*add, "--version-code", addOptions->info.versionCode, "N", "The bundle's version [0]");
+    CLI::Option* file = AddOption(*add, "--fingerprint-file", addOptions->fingerprintPath, "FILE",
+                                  "File with the bundle's fingerprint; - for standard input");
+    CLI::Option* fingerprint = AddOption(*add, "--fingerprint", addOptions->info.fingerprint, "TEXT",
+                                         "The fingerprint itself: other users of the machine can see it");
+    AddOption(*add, "--policy", addOptions->policies, "NAME=VALUE",
+              "A policy and its value, a whole number; may be repeated");
+    AddOption(*add, "--from", addOptions->path, "FILE",
+              "JSON file of many bundles, see below; in place of the other options")
+        ->excludes(bundle)
+        ->excludes(file)
+        ->excludes(fingerprint);
     fingerprint->excludes(file);
-    from->excludes(bundle)->excludes(file)->excludes(fingerprint);
-    command->footer(
+    add->footer(
         "\nA bundle that is stored already has to have the same fingerprint; its version is replaced, and so are\n"
         "policies of the same name. Either all bundles of one call are stored or none. Fingerprints are never "
         "printed.\n"
@@ -172,47 +174,16 @@ void AddAdd(CLI::App& gtoken, Program& program)
         "\nExample:\n"
         "  security-privacy-cli gtoken add --bundle com.example.bank --version-code 7 \\\n"
         "      --fingerprint-file bank.fingerprint --policy screen_capture=0 --policy attestation=2");
-    command->callback([&program, options] {
-        program.run = [&program, options](const Connection& connection) { RunAdd(program, connection, *options); };
-    });
-}
 
-void AddGet(CLI::App& gtoken, Program& program)
-{
-    CLI::App* command = gtoken.add_subcommand("get", "The value of a policy for bundles");
-    const auto options = std::make_shared<BundlesOptions>();
-    command->add_option("POLICY", options->policyName, "Name of the policy")->required()->option_text(" ");
-    command->add_option("BUNDLE", options->bundleNames, "The bundles; one without the policy gives no row")
-        ->required()
-        ->option_text("...");
-    command->footer("\nExample:\n  security-privacy-cli gtoken get screen_capture com.example.bank com.example.mail");
-    command->callback([&program, options] {
-        program.run = [&program, options](const Connection& connection) { RunGet(program, connection, *options); };
-    });
-}
+    const auto [get, getOptions] = AddCommand(*gtoken, program, "get", "The value of a policy for bundles", RunGet);
+    AddOption(*get, "POLICY", getOptions->policyName, " ", "Name of the policy");
+    AddOption(*get, "BUNDLE", getOptions->bundleNames, "...", "The bundles; one without the policy gives no row");
+    get->footer("\nExample:\n  security-privacy-cli gtoken get screen_capture com.example.bank com.example.mail");
 
-void AddRemove(CLI::App& gtoken, Program& program)
-{
-    CLI::App* command = gtoken.add_subcommand("remove", "Forget bundles and all their policies");
-    const auto options = std::make_shared<BundlesOptions>();
-    command->add_option("BUNDLE", options->bundleNames, "The bundles; either all are removed or none")
-        ->required()
-        ->option_text("...");
-    command->footer("\nExample:\n  security-privacy-cli gtoken remove com.example.bank");
-    command->callback([&program, options] {
-        program.run = [&program, options](const Connection& connection) { RunRemove(program, connection, *options); };
-    });
-}
-
-}  // namespace
-
-void AddGTokenCommands(CLI::App& app, Program& program)
-{
-    CLI::App* gtoken = app.add_subcommand("gtoken", "GToken policies of bundles: add, get, remove");
-    gtoken->require_subcommand(1);
-    AddAdd(*gtoken, program);
-    AddGet(*gtoken, program);
-    AddRemove(*gtoken, program);
+    const auto [remove, removeOptions] =
+        AddCommand(*gtoken, program, "remove", "Forget bundles and all their policies", RunRemove);
+    AddOption(*remove, "BUNDLE", removeOptions->bundleNames, "...", "The bundles; either all are removed or none");
+    remove->footer("\nExample:\n  security-privacy-cli gtoken remove com.example.bank");
 }
 
 }  // namespace SecurityPrivacyExample

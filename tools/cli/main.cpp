@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
+#include <clocale>
 #include <cstdio>
 #include <exception>
-#include <nlohmann/json.hpp>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "cli/failure.h"
@@ -11,6 +14,7 @@
 #include "common/json_input.h"
 #include "common/result_codes.h"
 #include "common/standard_files.h"
+#include "security_privacy/version.h"
 
 namespace {
 
@@ -18,11 +22,26 @@ using namespace SecurityPrivacyExample;
 
 constexpr int32_t MAX_WAIT_SECONDS = 600;
 
+// Tells in the manual of each command where the common options are.
+class ManualFormatter final : public CLI::Formatter {
+public:
+    std::string make_footer(const CLI::App* app) const override
+    {
+        const bool isCommand = app->get_parent() != nullptr;
+        return (isCommand
+                    ? "\nCommon options (--json, --compact, --directory, --wait, --verbose), the forms of TIME and "
+                      "exit codes:\n  security-privacy-cli --help\n"
+                    : "") +
+               CLI::Formatter::make_footer(app);
+    }
+};
+
 std::string Manual()
 {
     std::string manual =
-        "\nTimes: 2026-11-20, 2026-11-20T10:00 (local time, or UTC with a Z behind it), 2h, 7d, 1d12h (so long ago),\n"
-        "or milliseconds since the epoch.\n"
+        "\nTIME is local: 2026-11-20, 2026-11-20T10:00, today, 10:00 (of today), or with an offset, Z or +01:00, "
+        "behind\n"
+        "it; 2h, 7d, 1d12h (so long ago); @SECONDS or milliseconds since 1970. A span ends before its end.\n"
         "\nExit codes:\n"
         "  0  the service did what was asked\n"
         "  1  the service answered with a result code, see below\n"
@@ -45,60 +64,83 @@ std::string Manual()
 void AddCommonOptions(CLI::App& app, Program& program)
 {
     app.set_help_flag("-h,--help", "Print this and exit; every command has its own");
-    app.add_flag("--json", program.isJson, "Print JSON in place of tables; a failure is an object \"error\"");
-    app.add_flag("-v,--verbose", program.connection.isVerbose,
+    app.set_version_flag("--version", "security-privacy-cli " SECURITY_PRIVACY_VERSION, "Print the version and exit");
+    app.add_flag("--json", program.output.isJson, "Print JSON in place of tables; a failure is an object \"error\"");
+    app.add_flag_callback(
+        "--compact",
+        [&program] {
+            program.output = {true, true};
+        },
+        "Print JSON without line breaks");
+    app.add_flag("-v,--verbose", program.service.isVerbose,
                  "Show the log lines of library and platform on standard error");
-    app.add_option("--directory", program.connection.directory,
-                   "Folder of the service's socket [$VARN_ABILITY_DIR or /run/varn]")
-        ->option_text("FOLDER");
-    app.add_option("--wait", program.connection.waitSeconds, "How long to wait for a service that is not there yet [4]")
-        ->option_text("SECONDS")
+    AddOption(app, "--directory", program.service.directory, "FOLDER",
+              "Folder of the service's socket [$VARN_ABILITY_DIR or /run/varn]");
+    AddOption(app, "--wait", program.service.waitSeconds, "SECONDS",
+              "How long to wait for a service that is not there yet [4]")
         ->check(CLI::Range(0, MAX_WAIT_SECONDS));
 }
 
 // What is wrong with the command line, and where the manual of that command is.
-std::string ExplainParseError(const CLI::App* app, const CLI::Error& error)
+Failure ExplainParseError(const CLI::App& app, const CLI::Error& error)
 {
-    const std::vector<std::string> unread = app->remaining(true);
-    std::string path = app->get_name();
-    const CLI::App* command = app;
+    const std::vector<std::string> unread = app.remaining(true);
+    std::string path = app.get_name();
+    const CLI::App* command = &app;
     while (!command->get_subcommands().empty()) {
         command = command->get_subcommands().back();
         path += " " + command->get_name();
     }
     std::string what = error.what();
     if (!command->get_subcommands(nullptr).empty()) {
-        what = unread.empty() ? "a command is missing" : "\"" + Visible(unread.front()) + "\" is no command";
+        what = unread.empty() ? "a command is missing" : "\"" + unread.front() + "\" is no command";
     }
-    return "security-privacy-cli: " + what + "\nSee '" + path + " --help'.\n";
+    return Failure(EXIT_USAGE, Visible(what) + "\nSee '" + path + " --help'.");
 }
 
 int Report(const Program& program, const Failure& failure)
 {
     std::fflush(stdout);
-    std::fprintf(stderr, "security-privacy-cli: %s\n", failure.what());
-    if (program.isJson) {
-        PrintJson({{"error",
-                    {{"exitCode", static_cast<int>(failure.GetExitCode())},
-                     {"code", failure.GetCode()},
-                     {"name", failure.GetName()},
-                     {"message", failure.what()}}}});
+    // Lines are ours, what stands in them may be anybody's.
+    std::string message;
+    std::string_view text = failure.what();
+    while (!text.empty()) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        message += (message.empty() ? "" : "\n") + Visible(line);
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
+    }
+    std::fprintf(stderr, "security-privacy-cli: %s\n", message.c_str());
+    if (program.output.isJson) {
+        PrintJson(program.output, {{"error",
+                                    {{"exitCode", static_cast<int>(failure.GetExitCode())},
+                                     {"code", failure.GetCode()},
+                                     {"name", failure.GetName()},
+                                     {"message", message}}}});
         std::fflush(stdout);
     }
     return failure.GetExitCode();
 }
 
-int Run(const Program& program)
+// Reads the command line and runs its command. Throws Failure.
+int Run(CLI::App& app, Program& program, const std::vector<std::string>& words)
 {
     try {
-        const Connection connection(program.connection);
-        program.run(connection);
+        app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
         FinishOutput();
         return EXIT_OK;
-    } catch (const Failure& failure) {
-        return Report(program, failure);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) {
+            return app.exit(error);
+        }
+        // The parser may have stopped before it came to the flags.
+        const auto isGiven = [&words](const char* flag) {
+            return std::find(words.begin(), words.end(), flag) != words.end();
+        };
+        program.output.isCompact = isGiven("--compact");
+        program.output.isJson = program.output.isCompact || isGiven("--json");
+        throw ExplainParseError(app, error);
     } catch (const InputError& error) {
-        return Report(program, Failure(EXIT_USAGE, error.what()));
+        throw Failure(EXIT_USAGE, Visible(error.what()));
     }
 }
 
@@ -107,11 +149,14 @@ int Run(const Program& program)
 int main(int argc, char** argv)
 {
     OccupyStandardDescriptors();
+    // For the width of characters alone; names are UTF-8, whatever the user's language.
+    std::setlocale(LC_CTYPE, "C.UTF-8");
+    Program program;
     try {
-        Program program;
         CLI::App app(
             "Asks the security-privacy service: permission groups of apps, what was used when, GToken policies.",
             "security-privacy-cli");
+        app.formatter(std::make_shared<ManualFormatter>());
         app.get_formatter()->column_width(34);
         app.require_subcommand(1);
         // Common options may stand behind the command as well.
@@ -120,18 +165,18 @@ int main(int argc, char** argv)
         AddGroupsCommands(app, program);
         AddUsageCommands(app, program);
         AddGTokenCommands(app, program);
-        AddPingCommand(app, program);
+        AddServiceCommands(app, program);
         app.footer(Manual());
-        app.failure_message(ExplainParseError);
-        try {
-            app.parse(argc, argv);
-        } catch (const CLI::ParseError& error) {
-            return app.exit(error) == 0 ? EXIT_OK : EXIT_USAGE;
+        const std::vector<std::string> words(argv + 1, argv + argc);
+        if (words.size() > 1 && words[0] == "complete" && words[1] == "--") {
+            PrintCompletions(app, {words.begin() + 2, words.end()});
+            return EXIT_OK;
         }
-        return Run(program);
+        return Run(app, program, words);
+    } catch (const Failure& failure) {
+        return Report(program, failure);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "security-privacy-cli: %s\n", error.what());
-        return EXIT_BROKEN;
+        return Report(program, Failure(EXIT_BROKEN, error.what()));
     }
 }
 

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <nlohmann/json.hpp>
+#include <cwchar>
 
 #include "cli/failure.h"
 
@@ -17,60 +17,80 @@ namespace SecurityPrivacyExample {
 namespace {
 
 constexpr size_t DEFAULT_WIDTH = 80;
-constexpr size_t MAX_WIDTH = 1000;
+constexpr size_t MAX_WIDTH = 300;
+// Against one long name in a list of thousands, which would pad every row to its length.
+constexpr size_t MAX_COLUMN = 40;
+constexpr size_t GAP = 2;
 
-// Characters, not bytes: those that continue a UTF-8 sequence do not count.
-size_t CountCharacters(const std::string& text)
+// Takes the first character off `text` and returns its columns.
+size_t TakeCharacter(std::string_view& text)
 {
-    constexpr unsigned char SEQUENCE_BITS = 0xc0;
-    constexpr unsigned char CONTINUATION = 0x80;
-    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char byte) {
-        return (static_cast<unsigned char>(byte) & SEQUENCE_BITS) != CONTINUATION;
-    }));
+    wchar_t character = 0;
+    std::mbstate_t state = {};
+    const size_t length = std::mbrtowc(&character, text.data(), text.size(), &state);
+    const bool isCharacter = length > 0 && length <= text.size();
+    text.remove_prefix(isCharacter ? length : 1);
+    const int width = isCharacter ? ::wcwidth(character) : 1;
+    return width < 0 ? 1 : static_cast<size_t>(width);
 }
 
-void PrintRow(const TableRow& row, const std::vector<size_t>& widths)
+std::string Dump(const OutputOptions& options, const nlohmann::ordered_json& value)
 {
-    std::string line;
-    for (size_t column = 0; column < row.size(); ++column) {
-        line += row[column];
-        line.append(widths[column] - CountCharacters(row[column]) + 2, ' ');
-    }
-    line.erase(line.find_last_not_of(' ') + 1);
-    PrintLine(line);
+    return value.dump(options.isCompact ? -1 : 2, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 }  // namespace
 
-void PrintTable(const TableRow& headings, const std::vector<TableRow>& rows)
+void PrintTable(const TableRow& headings, size_t count, const std::function<TableRow(size_t)>& makeRow)
 {
-    if (rows.empty()) {
+    if (count == 0) {
         PrintLine("none");
         return;
     }
-    std::vector<TableRow> all{headings};
-    for (const TableRow& row : rows) {
-        all.emplace_back();
-        std::transform(row.begin(), row.end(), std::back_inserter(all.back()),
-                       [](const std::string& text) { return Visible(text); });
+    std::vector<size_t> widths;
+    for (const std::string& heading : headings) {
+        widths.push_back(heading.size());
     }
-    std::vector<size_t> widths(headings.size());
-    for (const TableRow& row : all) {
+    for (size_t index = 0; index < count; ++index) {
+        const TableRow row = makeRow(index);
         for (size_t column = 0; column < row.size(); ++column) {
-            widths[column] = std::max(widths[column], CountCharacters(row[column]));
+            widths[column] = std::max(widths[column], std::min(DisplayWidth(Visible(row[column])), MAX_COLUMN));
         }
     }
-    for (const TableRow& row : all) {
-        PrintRow(row, widths);
+    const auto printRow = [&widths](const TableRow& row) {
+        std::string line;
+        for (size_t column = 0; column < row.size(); ++column) {
+            line += Padded(Visible(row[column]), widths[column]) + std::string(GAP, ' ');
+        }
+        PrintLine(std::string_view(line).substr(0, line.find_last_not_of(' ') + 1));
+    };
+    printRow(headings);
+    for (size_t index = 0; index < count; ++index) {
+        printRow(makeRow(index));
     }
 }
 
-void PrintJson(const nlohmann::ordered_json& value)
+void PrintJson(const OutputOptions& options, const nlohmann::ordered_json& value)
 {
-    PrintLine(value.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+    PrintLine(Dump(options, value));
 }
 
-void PrintLine(const std::string& text)
+void PrintJsonList(const OutputOptions& options, size_t count,
+                   const std::function<nlohmann::ordered_json(size_t)>& makeItem)
+{
+    const char* lineBreak = options.isCompact ? "" : "\n";
+    std::fputs("[", stdout);
+    for (size_t index = 0; index < count; ++index) {
+        std::string item = (index == 0 ? "" : ",") + (lineBreak + Dump(options, makeItem(index)));
+        for (size_t at = 0; !options.isCompact && (at = item.find('\n', at)) != std::string::npos; at += 3) {
+            item.insert(at + 1, "  ");
+        }
+        std::fwrite(item.data(), 1, item.size(), stdout);
+    }
+    PrintLine(count == 0 ? "]" : std::string(lineBreak) + "]");
+}
+
+void PrintLine(std::string_view text)
 {
     std::fwrite(text.data(), 1, text.size(), stdout);
     std::fputc('\n', stdout);
@@ -98,6 +118,34 @@ std::string Visible(std::string_view text)
         visible += escaped;
     }
     return visible;
+}
+
+size_t DisplayWidth(std::string_view text)
+{
+    size_t width = 0;
+    while (!text.empty()) {
+        width += TakeCharacter(text);
+    }
+    return width;
+}
+
+std::string FitEnd(const std::string& text, size_t width)
+{
+    std::string_view end = text;
+    size_t left = DisplayWidth(end);
+    if (left <= width) {
+        return text;
+    }
+    while (left + 2 > width && !end.empty()) {
+        left -= TakeCharacter(end);
+    }
+    return ".." + std::string(end);
+}
+
+std::string Padded(std::string text, size_t width)
+{
+    const size_t shown = DisplayWidth(text);
+    return shown < width ? text.append(width - shown, ' ') : text;
 }
 
 size_t OutputWidth()

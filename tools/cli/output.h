@@ -2,28 +2,65 @@
 #pragma once
 
 #include <cstddef>
-#include <nlohmann/json_fwd.hpp>
+#include <functional>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace SecurityPrivacyExample {
 
+// Every function that prints makes visible what a terminal would obey: names and texts come from the service.
+
+struct OutputOptions {
+    bool isJson = false;
+    bool isCompact = false;  // JSON without line breaks; only with isJson
+};
+
 using TableRow = std::vector<std::string>;
 
-// Prints the rows under their headings, each column as wide as its longest text. "none" where there are no rows.
-void PrintTable(const TableRow& headings, const std::vector<TableRow>& rows);
+// Prints `count` rows under their headings, "none" where there are no rows. A column is as wide as its longest text,
+// but one text alone does not widen it past 40 columns: a table stays about as long as what is in it. `makeRow` is
+// called twice for each row, so that a long table needs no memory.
+void PrintTable(const TableRow& headings, size_t count, const std::function<TableRow(size_t)>& makeRow);
 
-// Prints the value over several lines. Bytes that are no UTF-8 are replaced.
-void PrintJson(const nlohmann::ordered_json& value);
+// Prints a value, by itself or as an item of a list. Other characters than ASCII are escaped, bytes that are no UTF-8
+// replaced.
+void PrintJson(const OutputOptions& options, const nlohmann::ordered_json& value);
 
-void PrintLine(const std::string& text);
+// Prints a list item by item, so that a long one needs no memory.
+void PrintJsonList(const OutputOptions& options, size_t count,
+                   const std::function<nlohmann::ordered_json(size_t)>& makeItem);
+
+// Prints records as the options say: a table, or a list of JSON objects.
+template <class Record, class ToRow, class ToJson>
+void PrintRecords(const OutputOptions& options, const std::vector<Record>& records, const TableRow& headings,
+                  ToRow toRow, ToJson toJson)
+{
+    if (options.isJson) {
+        PrintJsonList(options, records.size(), [&](size_t index) { return toJson(records[index]); });
+    } else {
+        PrintTable(headings, records.size(), [&](size_t index) { return toRow(records[index]); });
+    }
+}
+
+// As it is, and a newline.
+void PrintLine(std::string_view text);
 
 // Brings out what was printed. Throws Failure when that cannot be written.
 void FinishOutput();
 
-// The text with every byte that a terminal would obey shown as \x1b: names come from the service.
+// The text on one line, with everything that a terminal would obey shown as \x1b.
 std::string Visible(std::string_view text);
+
+// How many columns a terminal takes for a visible text.
+size_t DisplayWidth(std::string_view text);
+
+// The end of a visible text, ".." before it, where the text is wider than `width`.
+std::string FitEnd(const std::string& text, size_t width);
+
+// `text` and blanks up to `width` columns.
+std::string Padded(std::string text, size_t width);
 
 // Columns of the terminal; in a pipe what COLUMNS says, or 80.
 size_t OutputWidth();

@@ -3,39 +3,55 @@
 
 #include <CLI/CLI.hpp>
 #include <cstddef>
-#include <functional>
+#include <cstdint>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "cli/connection.h"
-#include "security_privacy/security_privacy_client.h"
+#include "cli/output.h"
+#include "cli/remote_service.h"
 
 namespace SecurityPrivacyExample {
-
-using VARN::AppSecurityPrivacy::SecurityPrivacyServer::SecurityPrivacyClient;
 
 // The user whose apps are meant when nobody says otherwise: the first one of a device.
 constexpr int32_t DEFAULT_USER_ID = 100;
 
-// The command line, filled by the parser: what holds for every command, and the command to run.
+// What the command line says for every command.
 struct Program {
-    ConnectionOptions connection;
-    bool isJson = false;
-    std::function<void(const Connection&)> run;
+    ServiceOptions service;
+    OutputOptions output;
 };
 
 // Each adds its commands to the parser.
-void AddGroupsCommands(CLI::App& app, Program& program);
-void AddUsageCommands(CLI::App& app, Program& program);
-void AddGTokenCommands(CLI::App& app, Program& program);
-void AddPingCommand(CLI::App& app, Program& program);
+void AddGroupsCommands(CLI::App& app, const Program& program);
+void AddUsageCommands(CLI::App& app, const Program& program);
+void AddGTokenCommands(CLI::App& app, const Program& program);
+void AddServiceCommands(CLI::App& app, const Program& program);
 
-// An option that may be repeated and takes one value each time, so that it never swallows what follows.
-template <class T>
-CLI::Option* AddRepeatedOption(CLI::App& command, const std::string& name, std::vector<T>& values,
-                               const std::string& description)
+// Prints what may stand behind `words`, the command line up to and including the word that is being typed, one a line:
+// the word, a tab, its description. A line "@file" stands for the name of a file. For the shells' completion.
+void PrintCompletions(CLI::App& app, const std::vector<std::string>& words);
+
+// Adds a command that runs `run` with options of its own, which live as long as the parser.
+template <class Options>
+std::pair<CLI::App*, Options*> AddCommand(CLI::App& parent, const Program& program, const char* name,
+                                          const char* description, void (*run)(const Program&, const Options&))
 {
-    return command.add_option(name, values, description)->allow_extra_args(false);
+    CLI::App* command = parent.add_subcommand(name, description);
+    const auto options = std::make_shared<Options>();
+    command->callback([&program, run, options] { run(program, *options); });
+    return {command, options.get()};
+}
+
+// Adds an option, or with a name in capitals an argument that has to be there. `text` says what its value is:
+// completion offers the words of "a|b", and files for FILE and FOLDER. One that may be repeated takes one value each
+// time, so that it never swallows what follows.
+template <class T>
+CLI::Option* AddOption(CLI::App& command, const char* name, T& value, const char* text, const std::string& description)
+{
+    CLI::Option* option = command.add_option(name, value, description)->option_text(text);
+    return option->get_positional() ? option->required() : option->allow_extra_args(false);
 }
 
 // Refuses a list that is longer than a request carries, since the rest would be dropped or the request refused.

@@ -9,10 +9,6 @@
 namespace SecurityPrivacyExample {
 namespace {
 
-constexpr int64_t SECOND = 1000;
-constexpr int64_t MINUTE = 60 * SECOND;
-constexpr int64_t HOUR = 60 * MINUTE;
-constexpr int64_t DAY = 24 * HOUR;
 constexpr int64_t MONTH = 28 * DAY;
 
 // The distance of the ticks: the smallest round one that leaves room for their labels.

@@ -10,11 +10,9 @@
 namespace SecurityPrivacyExample {
 namespace {
 
-constexpr int64_t SECOND = 1000;
-constexpr int64_t MINUTE = 60 * SECOND;
-constexpr int64_t HOUR = 60 * MINUTE;
-constexpr int64_t DAY = 24 * HOUR;
 constexpr int64_t WEEK = 7 * DAY;
+// In 1973. Who writes a smaller number means seconds, or forgot a unit.
+constexpr int64_t LEAST_MILLISECONDS = 100000000000;
 
 std::optional<int64_t> ParseNumber(const char*& position, const char* end)
 {
@@ -63,25 +61,50 @@ std::optional<int64_t> ParseSpan(const std::string& text)
     return span;
 }
 
-std::optional<int64_t> ParseDate(std::string text)
+// Takes "Z", "+01:00" or "-01:00" off the end: what to add to that time for UTC.
+std::optional<int64_t> TakeOffset(std::string& text)
 {
-    const bool isUtc = !text.empty() && text.back() == 'Z';
-    if (isUtc) {
+    constexpr size_t LENGTH = 6;
+    std::tm offset = {};
+    if (!text.empty() && text.back() == 'Z') {
         text.pop_back();
+        return 0;
     }
+    const size_t at = text.size() >= LENGTH ? text.size() - LENGTH : 0;
+    if (at == 0 || (text[at] != '+' && text[at] != '-') ||
+        std::isdigit(static_cast<unsigned char>(text[at + 1])) == 0) {
+        return std::nullopt;
+    }
+    const char* end = ::strptime(text.c_str() + at + 1, "%H:%M", &offset);
+    if (end == nullptr || *end != '\0') {
+        return std::nullopt;
+    }
+    const int64_t ahead = offset.tm_hour * HOUR + offset.tm_min * MINUTE;
+    const bool isBehind = text[at] == '-';
+    text.erase(at);
+    return isBehind ? ahead : -ahead;
+}
+
+std::optional<int64_t> ParseDate(std::string text, int64_t now)
+{
+    const std::optional<int64_t> toUtc = TakeOffset(text);
     std::replace(text.begin(), text.end(), ' ', 'T');
-    for (const char* format : {"%Y-%m-%d", "%Y-%m-%dT%H:%M", "%Y-%m-%dT%H:%M:%S"}) {
+    for (const char* format : {"%Y-%m-%d", "%Y-%m-%dT%H:%M", "%Y-%m-%dT%H:%M:%S", "%H:%M", "%H:%M:%S"}) {
         std::tm date = {};
+        if (format[1] == 'H') {
+            const auto seconds = static_cast<std::time_t>((now - toUtc.value_or(0)) / SECOND);
+            toUtc ? ::gmtime_r(&seconds, &date) : ::localtime_r(&seconds, &date);
+            date.tm_sec = 0;
+        }
         const char* end = ::strptime(text.c_str(), format, &date);
         if (end == nullptr || *end != '\0') {
             continue;
         }
         date.tm_isdst = -1;
         const int day = date.tm_mday;
-        const std::time_t seconds = isUtc ? ::timegm(&date) : std::mktime(&date);
+        const int64_t time = (toUtc ? ::timegm(&date) : std::mktime(&date)) * SECOND + toUtc.value_or(0);
         // The 30th of February would have become the 2nd of March.
-        const bool isReal = date.tm_mday == day && seconds >= 0 && seconds <= MAX_TIME / SECOND;
-        return isReal ? std::optional<int64_t>(int64_t{seconds} * SECOND) : std::nullopt;
+        return date.tm_mday == day && time >= 0 && time <= MAX_TIME ? std::optional<int64_t>(time) : std::nullopt;
     }
     return std::nullopt;
 }
@@ -99,16 +122,21 @@ std::optional<int64_t> ParseTime(const std::string& text, int64_t now)
     if (text.empty()) {
         return std::nullopt;
     }
-    const char* position = text.data();
-    const char* end = position + text.size();
+    if (text == "now" || text == "today") {
+        return text == "now" ? now : ParseDate("00:00", now);
+    }
+    const bool isSeconds = text.front() == '@';
+    const char* position = text.data() + (isSeconds ? 1 : 0);
+    const char* end = text.data() + text.size();
     const std::optional<int64_t> number = ParseNumber(position, end);
     if (number && position == end) {
-        return number;
+        const bool isMeant = isSeconds ? *number <= MAX_TIME / SECOND : *number >= LEAST_MILLISECONDS;
+        return isMeant ? std::optional<int64_t>(isSeconds ? *number * SECOND : *number) : std::nullopt;
     }
     if (const std::optional<int64_t> span = ParseSpan(text)) {
         return *span <= now ? std::optional<int64_t>(now - *span) : std::nullopt;
     }
-    return ParseDate(text);
+    return ParseDate(text, now);
 }
 
 std::string FormatTime(int64_t time)

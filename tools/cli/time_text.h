@@ -7,18 +7,25 @@
 
 namespace SecurityPrivacyExample {
 
-// Times are milliseconds since the epoch; dates without a Z are the local time of this process.
+// Times are milliseconds since the epoch; dates without an offset are the local time of this process.
 
 // The end of the year 9999. Sums and differences of times up to here stay far from overflow.
 constexpr int64_t MAX_TIME = 253402300799999;
 
+constexpr int64_t SECOND = 1000;
+constexpr int64_t MINUTE = 60 * SECOND;
+constexpr int64_t HOUR = 60 * MINUTE;
+constexpr int64_t DAY = 24 * HOUR;
+
 int64_t Now();
 
-// A moment as a user writes it. Null for anything else, and for what is before 1970 or
-// after MAX_TIME.
-//   2026-11-20, 2026-11-20T10:00, 2026-11-20T10:00:30, each with an optional Z; a blank may stand for the T
+// A moment as a user writes it. Null for anything else, and for what is before 1970 or after MAX_TIME.
+//   2026-11-20, 2026-11-20T10:00, 2026-11-20T10:00:30: local time; with Z or +01:00 behind it that of the offset; a
+//                 blank may stand for the T
+//   now, today, 10:00, 10:00:30: the local day of `now`
 //   2h, 7d, 1d12h: so long before `now`; s, m, h, d, w
-//   1795197600000: as it is
+//   @1795197600: seconds since 1970
+//   1795197600000: milliseconds since 1970, from 1973 on; a smaller number was meant otherwise
 std::optional<int64_t> ParseTime(const std::string& text, int64_t now);
 
 // "2026-11-20 10:00:30"

@@ -3,8 +3,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
-#include <memory>
-#include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <tuple>
@@ -14,17 +13,19 @@
 #include "cli/failure.h"
 #include "cli/output.h"
 #include "cli/program.h"
+#include "cli/remote_service.h"
 #include "cli/time_text.h"
 #include "common/usage_codes.h"
+#include "security_privacy/contract.h"
+#include "security_privacy/permission_usage_record.h"
+#include "security_privacy/permission_usage_record_query.h"
 
 namespace SecurityPrivacyExample {
 namespace {
 
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::MAX_QUERY_LIST_SIZE;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery;
-
-// The longest list that a query carries.
-constexpr size_t MAX_FILTER = 99;
 
 struct UsageOptions {
     std::vector<std::string> bundleNames;
@@ -63,7 +64,7 @@ std::vector<int> ParseUsageCodes(const char* option, const std::vector<UsageCode
     for (const std::string& text : texts) {
         numbers.push_back(ParseUsageCode(option, codes, text));
     }
-    CheckLength(option, numbers.size(), MAX_FILTER);
+    CheckLength(option, numbers.size(), MAX_QUERY_LIST_SIZE);
     return numbers;
 }
 
@@ -75,17 +76,17 @@ int64_t ParseTimeOption(const char* option, const std::string& text, int64_t now
     const std::optional<int64_t> time = ParseTime(text, now);
     if (!time) {
         throw Failure(EXIT_USAGE, std::string(option) + ": \"" + Visible(text) +
-                                      "\" is no time; write 2026-11-20, 2026-11-20T10:00, 2h, 7d or milliseconds since "
-                                      "the epoch");
+                                      "\" is no time; write 2026-11-20, 2026-11-20T10:00, today, 10:00, 2h, 7d, or "
+                                      "@SECONDS since 1970");
     }
     return *time;
 }
 
 PermissionUsageRecordQuery MakeQuery(const UsageOptions& options)
 {
-    CheckLength("--bundle", options.bundleNames.size(), MAX_FILTER);
-    CheckLength("--user", options.userIds.size(), MAX_FILTER);
-    CheckLength("--group", options.operationGroups.size(), MAX_FILTER);
+    CheckLength("--bundle", options.bundleNames.size(), MAX_QUERY_LIST_SIZE);
+    CheckLength("--user", options.userIds.size(), MAX_QUERY_LIST_SIZE);
+    CheckLength("--group", options.operationGroups.size(), MAX_QUERY_LIST_SIZE);
     const int64_t now = Now();
     PermissionUsageRecordQuery query;
     query.SetBundleNames(options.bundleNames);
@@ -114,15 +115,6 @@ nlohmann::ordered_json ToJson(const PermissionUsageRecord& record)
             {"endTimestamp", record.GetEndTimestamp()}};
 }
 
-void PrintRecordsAsJson(const std::vector<PermissionUsageRecord>& records)
-{
-    nlohmann::ordered_json list = nlohmann::ordered_json::array();
-    for (const PermissionUsageRecord& record : records) {
-        list.push_back(ToJson(record));
-    }
-    PrintJson(list);
-}
-
 // The columns that both tables share.
 TableRow DescribeUse(const PermissionUsageRecord& record)
 {
@@ -135,33 +127,28 @@ TableRow DescribeUse(const PermissionUsageRecord& record)
             UsageCodeName(ScreenStates(), record.GetScreenState())};
 }
 
-void PrintSummary(const std::vector<PermissionUsageRecord>& records)
+TableRow ToSummaryRow(const PermissionUsageRecord& record)
 {
-    std::vector<TableRow> rows;
-    for (const PermissionUsageRecord& record : records) {
-        rows.push_back(DescribeUse(record));
-        rows.back().push_back(FormatTime(record.GetBeginTimestamp()));
-        rows.back().push_back(FormatTime(record.GetEndTimestamp()));
-    }
-    PrintTable({"APP", "UID", "GROUP", "TIMES", "MODE", "APP STATE", "SCREEN", "FIRST", "LAST"}, rows);
+    TableRow row = DescribeUse(record);
+    row.push_back(FormatTime(record.GetBeginTimestamp()));
+    row.push_back(FormatTime(record.GetEndTimestamp()));
+    return row;
 }
 
-void PrintTimeline(const std::vector<PermissionUsageRecord>& records)
+TableRow ToTimelineRow(const PermissionUsageRecord& record)
 {
-    std::vector<TableRow> rows;
-    for (const PermissionUsageRecord& record : records) {
-        rows.push_back(
-            {FormatTime(record.GetBeginTimestamp()), FormatSpan(record.GetBeginTimestamp(), record.GetEndTimestamp())});
-        const TableRow use = DescribeUse(record);
-        rows.back().insert(rows.back().end(), use.begin(), use.end());
-    }
-    PrintTable({"BEGIN", "FOR", "APP", "UID", "GROUP", "TIMES", "MODE", "APP STATE", "SCREEN"}, rows);
+    TableRow row = DescribeUse(record);
+    row.insert(row.begin(), {FormatTime(record.GetBeginTimestamp()),
+                             FormatSpan(record.GetBeginTimestamp(), record.GetEndTimestamp())});
+    return row;
 }
 
-void RunSummary(const Program& program, const Connection& connection, const UsageOptions& options)
+void RunSummary(const Program& program, const UsageOptions& options)
 {
+    const PermissionUsageRecordQuery query = MakeQuery(options);
+    const RemoteService service(program.service);
     std::vector<PermissionUsageRecord> records;
-    connection.Check(SecurityPrivacyClient::GetInstance().GetPermissionUsageSummary(MakeQuery(options), records));
+    service.Check(service->GetPermissionUsageSummary(query, records), records);
     if (!options.isNewestFirst) {
         // Stable: what is equal here stays in the service's order, oldest first.
         std::stable_sort(records.begin(), records.end(), [](const auto& left, const auto& right) {
@@ -169,98 +156,70 @@ void RunSummary(const Program& program, const Connection& connection, const Usag
                    std::forward_as_tuple(right.GetBundleName(), right.GetUid(), right.GetOperationGroup());
         });
     }
-    if (program.isJson) {
-        PrintRecordsAsJson(records);
-    } else {
-        PrintSummary(records);
-    }
+    PrintRecords(program.output, records,
+                 {"APP", "UID", "GROUP", "TIMES", "MODE", "APP STATE", "SCREEN", "FIRST", "LAST"}, ToSummaryRow,
+                 ToJson);
 }
 
-void RunTimeline(const Program& program, const Connection& connection, const UsageOptions& options)
+void RunTimeline(const Program& program, const UsageOptions& options)
 {
-    if (options.isChart && program.isJson) {
+    if (options.isChart && program.output.isJson) {
         throw Failure(EXIT_USAGE, "--chart and --json: choose one");
     }
     const PermissionUsageRecordQuery query = MakeQuery(options);
+    const RemoteService service(program.service);
     std::vector<PermissionUsageRecord> records;
-    connection.Check(SecurityPrivacyClient::GetInstance().GetPermissionUsageTimeline(query, records));
-    if (program.isJson) {
-        PrintRecordsAsJson(records);
-    } else if (options.isChart && !records.empty()) {
-        const ChartOptions chart{query.GetBeginTimestamp(), query.GetEndTimestamp(), OutputWidth(), IsColoured()};
-        const std::string text = DrawChart(records, chart);
-        std::fwrite(text.data(), 1, text.size(), stdout);
+    service.Check(service->GetPermissionUsageTimeline(query, records), records);
+    if (options.isChart && !records.empty()) {
+        PrintChart(records, {query.GetBeginTimestamp(), query.GetEndTimestamp(), OutputWidth(), IsColoured()});
     } else {
-        PrintTimeline(records);
+        PrintRecords(program.output, records,
+                     {"BEGIN", "FOR", "APP", "UID", "GROUP", "TIMES", "MODE", "APP STATE", "SCREEN"}, ToTimelineRow,
+                     ToJson);
     }
 }
 
 void AddFilters(CLI::App& command, UsageOptions& options)
 {
     const char* filters = "Filters (each may be repeated; all have to be met)";
-    AddRepeatedOption(command, "--bundle", options.bundleNames, "Only this app")->group(filters)->option_text("BUNDLE");
-    AddRepeatedOption(command, "--user", options.userIds, "Only this user")->group(filters)->option_text("N");
-    AddRepeatedOption(command, "--group", options.operationGroups, "Only this operation group")
-        ->group(filters)
-        ->option_text("GROUP");
-    AddRepeatedOption(command, "--mode", options.operationModes, "allowed or denied")
-        ->group(filters)
-        ->option_text("MODE");
-    AddRepeatedOption(command, "--app-state", options.appStates, "foreground or background")
-        ->group(filters)
-        ->option_text("STATE");
-    AddRepeatedOption(command, "--screen", options.screenStates, "on, off or locked")
-        ->group(filters)
-        ->option_text("STATE");
+    AddOption(command, "--bundle", options.bundleNames, "BUNDLE", "Only this app")->group(filters);
+    AddOption(command, "--user", options.userIds, "N", "Only this user")->group(filters);
+    AddOption(command, "--group", options.operationGroups, "GROUP", "Only this operation group")->group(filters);
+    AddOption(command, "--mode", options.operationModes, "allowed|denied", "How the use ended")->group(filters);
+    AddOption(command, "--app-state", options.appStates, "foreground|background", "Where the app was")->group(filters);
+    AddOption(command, "--screen", options.screenStates, "on|off|locked", "How the screen was")->group(filters);
     const char* span = "Time and amount";
-    command.add_option("--since", options.since, "What begins then or later: a date or so long ago, 2h, 7d [all]")
-        ->option_text("TIME")
+    AddOption(command, "--since", options.since, "TIME",
+              "What begins then or later: a date, today, 10:00, 2h, 7d [all]")
         ->group(span);
-    command.add_option("--until", options.until, "What begins before that [all]")->option_text("TIME")->group(span);
-    command.add_option("--limit", options.limit, "At most so many records, 0 for all [0]")
-        ->option_text("N")
-        ->group(span);
+    AddOption(command, "--until", options.until, "TIME", "What begins before that [all]")->group(span);
+    AddOption(command, "--limit", options.limit, "N", "At most so many records, 0 for all [0]")->group(span);
     command.add_flag("--newest-first", options.isNewestFirst, "Start with the latest")->group(span);
-}
-
-void AddSummary(CLI::App& usage, Program& program)
-{
-    CLI::App* command = usage.add_subcommand("summary", "Uses added up by app, group, mode and states");
-    const auto options = std::make_shared<UsageOptions>();
-    AddFilters(*command, *options);
-    command->footer(
-        "\nSorted by app, or by time with --newest-first. Dates are local time, or UTC with a Z behind them.\n"
-        "\nExample:\n  security-privacy-cli usage summary --since 2026-11-18 --until 2026-11-20 --group LOCATION");
-    command->callback([&program, options] {
-        program.run = [&program, options](const Connection& connection) { RunSummary(program, connection, *options); };
-    });
-}
-
-void AddTimeline(CLI::App& usage, Program& program)
-{
-    CLI::App* command = usage.add_subcommand("timeline", "Single uses, or their picture");
-    const auto options = std::make_shared<UsageOptions>();
-    AddFilters(*command, *options);
-    command->add_flag("--chart", options->isChart,
-                      "Draw a row for each app and the time across, as wide as the terminal (or $COLUMNS)");
-    command->footer(
-        "\nDates are local time, or UTC with a Z behind them.\n"
-        "\nExamples:\n"
-        "  security-privacy-cli usage timeline --since 7d --chart\n"
-        "  security-privacy-cli usage timeline --bundle com.example.recorder --mode denied --newest-first --limit 5");
-    command->callback([&program, options] {
-        program.run = [&program, options](const Connection& connection) { RunTimeline(program, connection, *options); };
-    });
 }
 
 }  // namespace
 
-void AddUsageCommands(CLI::App& app, Program& program)
+void AddUsageCommands(CLI::App& app, const Program& program)
 {
     CLI::App* usage = app.add_subcommand("usage", "What was used when: summary, timeline");
     usage->require_subcommand(1);
-    AddSummary(*usage, program);
-    AddTimeline(*usage, program);
+
+    const auto [summary, summaryOptions] =
+        AddCommand(*usage, program, "summary", "Uses added up by app, group, mode and states", RunSummary);
+    AddFilters(*summary, *summaryOptions);
+    summary->footer(
+        "\nSorted by app, or by time with --newest-first.\n"
+        "\nExample:\n  security-privacy-cli usage summary --since 2026-11-18 --until 2026-11-20 --group LOCATION");
+
+    const auto [timeline, timelineOptions] =
+        AddCommand(*usage, program, "timeline", "Single uses, or their picture", RunTimeline);
+    AddFilters(*timeline, *timelineOptions);
+    timeline->add_flag("--chart", timelineOptions->isChart,
+                       "Draw a row for each app and the time across, as wide as the terminal (or $COLUMNS)");
+    timeline->footer(
+        "\nExamples:\n"
+        "  security-privacy-cli usage timeline --since 7d --chart\n"
+        "  security-privacy-cli usage timeline --bundle com.example.recorder --mode denied --newest-first --limit 5");
 }
 
 }  // namespace SecurityPrivacyExample

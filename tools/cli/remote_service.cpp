@@ -1,0 +1,188 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "cli/remote_service.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <utility>
+
+#include "cli/failure.h"
+#include "common/result_codes.h"
+#include "security_privacy/contract.h"
+#include "varn/host/log_sink.h"
+#include "varn/remote_broker.h"
+#include "varn/remote_object.h"
+#include "varn/system_ability_manager.h"
+
+namespace SecurityPrivacyExample {
+namespace {
+
+using std::chrono::steady_clock;
+
+namespace Contract = VARN::AppSecurityPrivacy::SecurityPrivacyServer;
+using SecurityPrivacyService = RemoteService::Interface;
+
+constexpr const char* DIRECTORY_VARIABLE = "VARN_ABILITY_DIR";
+// At most so long is an answer without records: its result and their number.
+constexpr size_t EMPTY_LIST_BYTES = 12;
+constexpr int DEBUG_LEVEL = 3;
+constexpr int WARN_LEVEL = 5;
+
+// Why a call with such a status failed; null for a status that is the service's own result.
+const char* Describe(int32_t status)
+{
+    switch (status) {
+        case Contract::STATUS_UNKNOWN_CODE:
+        case VARN::IPC_UNKNOWN_REQUEST:
+            return "the service does not know this request; it may be of another version";
+        case Contract::STATUS_MALFORMED:
+            return "the service could not read the request, or the answer has more than the 10000 records that are "
+                   "allowed; narrow it with --since, --until or --limit";
+        case Contract::INVALID_ARGUMENTS:
+            return "the service could not read the request, or it has more than the 10000 entries that are allowed";
+        case VARN::IPC_DEAD_OBJECT:
+            return "the connection was lost before the answer came, so the request may or may not have been executed; "
+                   "the service's log may say why";
+        case VARN::IPC_TIMED_OUT:
+            return "the service took too long to answer, so the request may or may not have been executed";
+        case VARN::IPC_PROTOCOL_ERROR:
+            return "the answer makes no sense; the socket may belong to another kind of service";
+        case VARN::IPC_TOO_LARGE:
+            return "the request or the answer is longer than a message may be";
+        case VARN::IPC_NO_MEMORY:
+            return "memory ran out";
+        case VARN::IPC_SERVICE_FAILED:
+            return "the service failed while it handled the request; its log says how";
+        default:
+            return status < 0 ? "the call failed" : nullptr;
+    }
+}
+
+Failure ServiceResult(int32_t code)
+{
+    const char* name = ResultCodeName(code);
+    const std::string what = name != nullptr ? std::string(name) + ": " + ResultCodeMeaning(code)
+                                             : "which is no code that this program knows";
+    return Failure(EXIT_SERVICE_RESULT, code, name != nullptr ? name : "",
+                   "the service answered " + std::to_string(code) + ", " + what);
+}
+
+}  // namespace
+
+// The service's object, with a note of how each call ended.
+class RemoteService::WatchedObject final : public VARN::IRemoteObject {
+public:
+    WatchedObject(Call& call, VARN::sptr<VARN::IRemoteObject> object) : call_(call), object_(std::move(object)) {}
+
+    int32_t SendRequest(uint32_t code, VARN::MessageParcel& data, VARN::MessageParcel& reply,
+                        VARN::MessageOption& option) override
+    {
+        const auto start = steady_clock::now();
+        call_.isSent = true;
+        call_.status = object_->SendRequest(code, data, reply, option);
+        call_.replyBytes = reply.GetDataSize();
+        call_.answering = steady_clock::now() - start;
+        return call_.status;
+    }
+
+    bool IsProxyObject() const override { return object_->IsProxyObject(); }
+    bool IsObjectDead() const override { return object_->IsObjectDead(); }
+
+private:
+    Call& call_;
+    const VARN::sptr<VARN::IRemoteObject> object_;
+};
+
+std::string ServiceDirectory(const ServiceOptions& options)
+{
+    const char* variable = std::getenv(DIRECTORY_VARIABLE);
+    return !options.directory.empty()                 ? options.directory
+           : variable != nullptr && *variable != '\0' ? variable
+                                                      : "/run/varn";
+}
+
+RemoteService::RemoteService(const ServiceOptions& options) : isVerbose_(options.isVerbose)
+{
+    if (!options.directory.empty()) {
+        ::setenv(DIRECTORY_VARIABLE, options.directory.c_str(), 1);
+    }
+    VARN::Host::SetLogLevel(isVerbose_ ? DEBUG_LEVEL : WARN_LEVEL);
+    if (!isVerbose_) {
+        VARN::Host::SetLogSink([this](const VARN::Host::LogLine& line) {
+            // The library's lines follow from the platform's, which say what really happened.
+            if (line.tag == "VARN") {
+                lastLine_ = line.text;
+            }
+        });
+    }
+    const auto start = steady_clock::now();
+    const auto manager = VARN::SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    const VARN::sptr<VARN::IRemoteObject> object =
+        manager->LoadSystemAbility(Contract::SECURITY_PRIVACY_SA_ID, options.waitSeconds);
+    finding_ = steady_clock::now() - start;
+    if (object == nullptr) {
+        const std::string reason = Reason();
+        VARN::Host::SetLogSink(nullptr);
+        throw Failure(EXIT_UNREACHABLE, "cannot reach the service: " + reason +
+                                            "\nStart security-privacy-service, or name the folder of its socket with "
+                                            "--directory.");
+    }
+    const auto broker = VARN::BrokerRegistration::Get().NewInstance(SecurityPrivacyService::GetDescriptor(),
+                                                                    new WatchedObject(call_, object));
+    service_ = dynamic_cast<SecurityPrivacyService*>(broker.Get());
+}
+
+RemoteService::~RemoteService()
+{
+    VARN::Host::SetLogSink(nullptr);
+}
+
+void RemoteService::CheckAnswer() const
+{
+    if (!call_.isSent) {
+        throw Failure(EXIT_BROKEN, "the request could not be sent: " + Reason());
+    }
+    if (call_.status == Contract::STATUS_REFUSED) {
+        const uid_t uid = ::geteuid();
+        throw Failure(EXIT_REFUSED, call_.status, "",
+                      "the service refused the request: user id " + std::to_string(uid) + " may not do this\n" +
+                          (uid == 0 ? "It is read-only, or lets other users alone make changes."
+                                    : "Try again as root or as the service's own user, unless the service is "
+                                      "read-only."));
+    }
+    if (const char* reason = Describe(call_.status)) {
+        const std::string line = call_.status < 0 ? "\n" + Reason() : "";
+        throw Failure(EXIT_BROKEN, call_.status, "",
+                      std::string(reason) + " (status " + std::to_string(call_.status) + ")" + line);
+    }
+}
+
+void RemoteService::Check(int64_t result) const
+{
+    CheckAnswer();
+    // Some results of the service end the call, the others come in its reply.
+    const int64_t code = call_.status != 0 ? call_.status : result;
+    if (code != 0) {
+        throw ServiceResult(static_cast<int32_t>(code));
+    }
+}
+
+void RemoteService::CheckRecords(size_t count) const
+{
+    if (count == 0 && call_.replyBytes > EMPTY_LIST_BYTES) {
+        throw Failure(
+            EXIT_BROKEN,
+            "the answer has more than the 10000 records that are allowed, or they make no sense; narrow it with "
+            "filters, --since, --until or --limit");
+    }
+}
+
+std::string RemoteService::Reason() const
+{
+    if (isVerbose_) {
+        return "see the log lines above";
+    }
+    return lastLine_.empty() ? "no reason was logged" : lastLine_;
+}
+
+}  // namespace SecurityPrivacyExample

@@ -1,0 +1,299 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "cli/failure.h"
+#include "cli/output.h"
+#include "cli/program.h"
+#include "cli/remote_service.h"
+#include "cli/time_text.h"
+#include "security_privacy/contract.h"
+#include "security_privacy/permission_usage_record.h"
+#include "security_privacy/permission_usage_record_query.h"
+
+namespace SecurityPrivacyExample {
+namespace {
+
+using Json = nlohmann::ordered_json;
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::SECURITY_PRIVACY_SA_ID;
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord;
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery;
+using MessageCode = RemoteService::Interface::MessageCode;
+
+constexpr int32_t MAX_PINGS = 1000000;
+constexpr double MICROSECONDS_PER_MILLISECOND = 1000;
+
+constexpr int ANSWER_TIMEOUT_MS = 8000;
+
+struct PingOptions {
+    int32_t count = 1;
+};
+
+struct StatusOptions {};
+
+struct MonitorOptions {
+    std::vector<std::string> names;
+    std::vector<int64_t> uids;
+    int64_t count = 0;  // 0: without end
+};
+
+double Milliseconds(std::chrono::nanoseconds time)
+{
+    return std::chrono::duration<double, std::milli>(time).count();
+}
+
+std::string Decimal(double number)
+{
+    char text[32];
+    std::snprintf(text, sizeof(text), "%.3f", number);
+    return text;
+}
+
+void RunPing(const Program& program, const PingOptions& options)
+{
+    // Uses before the first one: everybody may ask, nothing changes, and no record is looked at.
+    PermissionUsageRecordQuery query;
+    query.SetBeginTimestamp(1);
+    query.SetEndTimestamp(2);
+    const std::string name = MessageCode::ToString(MessageCode::GET_PERMISSION_USAGE_RECORD_TIMELINE);
+    for (int32_t turn = 0; turn < options.count; ++turn) {
+        const RemoteService service(program.service);
+        std::vector<PermissionUsageRecord> records;
+        service->GetPermissionUsageTimeline(query, records);
+        // Whatever the service thinks of the query: it has answered.
+        service.CheckAnswer();
+        const double finding = Milliseconds(service.FindingTime());
+        const double answering = Milliseconds(service.LastCall().answering);
+        if (program.output.isJson) {
+            PrintJson(program.output, {{"name", name},
+                                       {"findingMs", finding},
+                                       {"answeringMs", answering},
+                                       {"status", service.LastCall().status}});
+        } else {
+            PrintLine(name + ": found in " + Decimal(finding) + " ms, answered in " + Decimal(answering) + " ms");
+        }
+    }
+}
+
+// The lines that the service writes to its status socket: first its state, then each finished request.
+class StatusStream {
+public:
+    explicit StatusStream(const ServiceOptions& options)
+        : path_(ServiceDirectory(options) + "/" + std::to_string(SECURITY_PRIVACY_SA_ID) + ".status.sock"),
+          socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        if (path_.size() >= sizeof(address.sun_path)) {
+            throw Failure(EXIT_USAGE, path_ + ": the path is longer than a socket's may be");
+        }
+        std::memcpy(address.sun_path, path_.data(), path_.size());
+        if (::connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+            const int error = errno;
+            ::close(socket_);
+            const bool isRefused = error == EACCES || error == EPERM;
+            throw Failure(isRefused ? EXIT_REFUSED : EXIT_UNREACHABLE,
+                          "cannot reach the service's status: " + path_ + ": " + std::strerror(error) +
+                              (isRefused ? "\nOnly root and the service's own user may see it." : ""));
+        }
+    }
+
+    ~StatusStream() { ::close(socket_); }
+
+    StatusStream(const StatusStream&) = delete;
+    StatusStream& operator=(const StatusStream&) = delete;
+
+    // The next line. Throws Failure at the end, and when none is whole within the time (negative: for ever).
+    Json Next(int timeoutMs)
+    {
+        constexpr size_t MAX_LINE = 1024 * 1024;
+        size_t end = 0;
+        while ((end = unread_.find('\n')) == std::string::npos) {
+            pollfd waiting = {socket_, POLLIN, 0};
+            char bytes[4096];
+            const ssize_t count =
+                ::poll(&waiting, 1, timeoutMs) > 0 ? ::recv(socket_, bytes, sizeof(bytes), 0) : ssize_t{-1};
+            if (count == 0 && !isBegun_) {
+                throw Failure(EXIT_REFUSED, path_ + ": only root and the service's own user may see the status");
+            }
+            if (count <= 0 || unread_.size() > MAX_LINE) {
+                throw Failure(EXIT_BROKEN, path_ + (count == 0  ? ": the service has ended the connection"
+                                                    : count < 0 ? ": the service took too long"
+                                                                : ": a line is too long"));
+            }
+            unread_.append(bytes, static_cast<size_t>(count));
+        }
+        isBegun_ = true;
+        const std::string line = unread_.substr(0, end);
+        unread_.erase(0, end + 1);
+        return Parse(line);
+    }
+
+private:
+    Json Parse(const std::string& line) const
+    {
+        // Against a document so deep that printing it would overflow the stack.
+        constexpr int MAX_DEPTH = 8;
+        bool isFlat = true;
+        Json json = Json::parse(
+            line, [&isFlat](int depth, Json::parse_event_t, Json&) { return isFlat = isFlat && depth <= MAX_DEPTH; },
+            false);
+        if (!isFlat || !json.is_object()) {
+            throw Failure(EXIT_BROKEN, path_ + ": a line makes no sense");
+        }
+        return json;
+    }
+
+    const std::string path_;
+    const int socket_;
+    std::string unread_;
+    bool isBegun_ = false;
+};
+
+// A member's text, whatever it is.
+std::string Text(const Json& object, const char* key)
+{
+    const auto member = object.find(key);
+    if (member == object.end()) {
+        return "";
+    }
+    return member->is_string() ? member->get<std::string>() : member->dump();
+}
+
+int64_t Number(const Json& object, const char* key)
+{
+    const auto member = object.find(key);
+    return member != object.end() && member->is_number_integer() ? member->get<int64_t>() : 0;
+}
+
+// A table of objects, with the members of the first one as columns.
+void PrintObjects(const Json& objects)
+{
+    if (!objects.is_array() || objects.empty() || !objects.front().is_object()) {
+        return;
+    }
+    TableRow headings;
+    for (const auto& [key, value] : objects.front().items()) {
+        headings.push_back(Visible(key));
+    }
+    PrintLine("");
+    PrintTable(headings, objects.size(), [&](size_t index) {
+        TableRow row;
+        for (const auto& [key, value] : objects.front().items()) {
+            row.push_back(objects[index].is_object() ? Text(objects[index], key.c_str()) : "");
+        }
+        return row;
+    });
+}
+
+void RunStatus(const Program& program, const StatusOptions& /*options*/)
+{
+    const Json status = StatusStream(program.service).Next(ANSWER_TIMEOUT_MS);
+    if (program.output.isJson) {
+        PrintJson(program.output, status);
+        return;
+    }
+    PrintLine(Visible(Text(status, "service") + " " + Text(status, "version") + ", process " + Text(status, "pid") +
+                      ", up " + FormatSpan(Number(status, "startedAt"), Number(status, "time"))));
+    PrintObjects(status.value("requests", Json::array()));
+    const Json server = status.value("server", Json::object());
+    for (const auto& [key, value] : server.items()) {
+        if (!value.is_structured()) {
+            PrintLine(Visible(key + ": " + value.dump()));
+        }
+    }
+    if (server.is_object()) {
+        PrintObjects(server.value("users", Json::array()));
+    }
+}
+
+bool IsWanted(const Json& request, const MonitorOptions& options)
+{
+    const auto contains = [](const auto& wanted, const auto& value) {
+        return wanted.empty() || std::find(wanted.begin(), wanted.end(), value) != wanted.end();
+    };
+    return contains(options.names, Text(request, "name")) && contains(options.uids, Number(request, "uid"));
+}
+
+void RunMonitor(const Program& program, const MonitorOptions& options)
+{
+    constexpr const char* FORMAT = "%-23s %10s %8s %-44s %9s %9s %6s %10s";
+    const auto print = [](const std::string& time, const std::string& uid, const std::string& pid,
+                          const std::string& name, const std::string& in, const std::string& out,
+                          const std::string& status, const std::string& duration) {
+        char line[512];
+        std::snprintf(line, sizeof(line), FORMAT, time.c_str(), uid.c_str(), pid.c_str(), name.c_str(), in.c_str(),
+                      out.c_str(), status.c_str(), duration.c_str());
+        PrintLine(Visible(line));
+    };
+    StatusStream stream(program.service);
+    stream.Next(ANSWER_TIMEOUT_MS);
+    if (!program.output.isJson) {
+        print("TIME", "UID", "PID", "REQUEST", "BYTES IN", "BYTES OUT", "STATUS", "MS");
+        FinishOutput();
+    }
+    for (int64_t shown = 0; options.count == 0 || shown < options.count;) {
+        const Json request = stream.Next(-1);
+        const bool isGap = request.contains("lost");
+        if (!isGap && !IsWanted(request, options)) {
+            continue;
+        }
+        if (program.output.isJson) {
+            PrintJson({true, true}, request);
+        } else if (isGap) {
+            PrintLine(Visible("lost: " + Text(request, "lost") + " requests, which came faster than they were read"));
+        } else {
+            const int64_t time = Number(request, "time");
+            char milliseconds[8];
+            std::snprintf(milliseconds, sizeof(milliseconds), ".%03d", static_cast<int>(time % SECOND));
+            print(FormatTime(time) + milliseconds, Text(request, "uid"), Text(request, "pid"), Text(request, "name"),
+                  Text(request, "bytesIn"), Text(request, "bytesOut"), Text(request, "status"),
+                  Decimal(static_cast<double>(Number(request, "durationUs")) / MICROSECONDS_PER_MILLISECOND));
+        }
+        shown += isGap ? 0 : 1;
+        FinishOutput();
+    }
+}
+
+}  // namespace
+
+void AddServiceCommands(CLI::App& app, const Program& program)
+{
+    const auto [ping, pingOptions] =
+        AddCommand(app, program, "ping", "How long finding the service and its answer take", RunPing);
+    AddOption(*ping, "-c,--count", pingOptions->count, "N", "How often to ask [1]")->check(CLI::Range(1, MAX_PINGS));
+    ping->footer(
+        "\nThe first time includes connecting; later ones look at the connection that is there.\n"
+        "What is asked changes nothing; it counts as GET_PERMISSION_USAGE_RECORD_TIMELINE in the service's "
+        "statistics.\n"
+        "Without an answer it says what was tried, on which path, and what the system said.\n"
+        "\nExample:\n  security-privacy-cli ping --count 5 --wait 0");
+
+    CLI::App* status =
+        AddCommand(app, program, "status", "What the service has done and holds at present", RunStatus).first;
+    status->footer("\nOnly for root and the service's own user.\n\nExample:\n  security-privacy-cli status --json");
+
+    const auto [monitor, options] = AddCommand(
+        app, program, "monitor", "A line for each request that the service finishes, until interrupted", RunMonitor);
+    AddOption(*monitor, "--name", options->names, "NAME", "Only requests of this name; may be repeated [all]");
+    AddOption(*monitor, "--uid", options->uids, "N", "Only requests of this user id; may be repeated [all]");
+    AddOption(*monitor, "-c,--count", options->count, "N", "End after so many lines [never]")
+        ->check(CLI::PositiveNumber);
+    monitor->footer(
+        "\nOnly for root and the service's own user. Who reads too slowly loses lines and is told how many.\n"
+        "With --json each line is a JSON object.\n"
+        "\nExample:\n  security-privacy-cli monitor --name GET_PERMISSION_USAGE_RECORD_TIMELINE --uid 10001");
+}
+
+}  // namespace SecurityPrivacyExample
