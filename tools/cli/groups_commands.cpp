@@ -57,7 +57,7 @@ TableRow ToRow(const AppPermissionGroupInfo& info)
             flags,           FormatChoices(info),      info.disabledReason};
 }
 
-nlohmann::ordered_json ToJson(const AppPermissionGroupInfo& info)
+nlohmann::ordered_json GroupToJson(const AppPermissionGroupInfo& info)
 {
     std::vector<std::string> disabledStates(info.disabledStates.begin(), info.disabledStates.end());
     std::sort(disabledStates.begin(), disabledStates.end());
@@ -74,7 +74,7 @@ void Print(const Program& program, std::vector<AppPermissionGroupInfo>& infos)
                std::tie(right.bundleName, right.uid, right.permissionGroup);
     });
     PrintRecords(program.output, infos, {"APP", "UID", "GROUP", "STATE", "FLAGS", "CHOICES (DISABLED)", "REASON"},
-                 ToRow, ToJson);
+                 ToRow, GroupToJson);
 }
 
 void RunByApp(const Program& program, const ListOptions& options)

@@ -106,7 +106,7 @@ PermissionUsageRecordQuery MakeQuery(const UsageOptions& options)
     return query;
 }
 
-nlohmann::ordered_json ToJson(const PermissionUsageRecord& record)
+nlohmann::ordered_json UsageToJson(const PermissionUsageRecord& record)
 {
     return {{"bundleName", record.GetBundleName()},         {"uid", record.GetUid()},
             {"operationGroup", record.GetOperationGroup()}, {"times", record.GetTimes()},
@@ -158,7 +158,7 @@ void RunSummary(const Program& program, const UsageOptions& options)
     }
     PrintRecords(program.output, records,
                  {"APP", "UID", "GROUP", "TIMES", "MODE", "APP STATE", "SCREEN", "FIRST", "LAST"}, ToSummaryRow,
-                 ToJson);
+                 UsageToJson);
 }
 
 void RunTimeline(const Program& program, const UsageOptions& options)
@@ -175,7 +175,7 @@ void RunTimeline(const Program& program, const UsageOptions& options)
     } else {
         PrintRecords(program.output, records,
                      {"BEGIN", "FOR", "APP", "UID", "GROUP", "TIMES", "MODE", "APP STATE", "SCREEN"}, ToTimelineRow,
-                     ToJson);
+                     UsageToJson);
     }
 }
 
