@@ -340,7 +340,7 @@ TEST_F(LifeTest, UnsafeFoldersAreRefusedOnBothSides)
         mode_t mode;
         uid_t owner;
         std::string problem;
-    } cases[] = {{folder_.Path(), 0777, 0, "may be written by others than its owner (chmod go-w would do)"},
+    } cases[] = {{folder_.Path(), 0777, 0, "may be written by others than its owner; use a private one"},
                  {folder_.Path(), 01777, 0, "may be written by others than its owner"},
                  {folder_.Path(), 0770, 0, "may be written by others than its owner"},
                  {folder_.Path(), 0700, 54321, "belongs to user 54321, not to root or to user 0"},

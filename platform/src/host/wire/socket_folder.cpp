@@ -88,7 +88,7 @@ int CheckSocketFolder(const std::string& directory, std::string& problem)
         return EPERM;
     }
     if ((folder.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        problem = "the socket folder " + directory + " may be written by others than its owner (chmod go-w would do)";
+        problem = "the socket folder " + directory + " may be written by others than its owner; use a private one";
         return EPERM;
     }
     return 0;
