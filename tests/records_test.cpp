@@ -107,19 +107,6 @@ TEST_P(EveryRecord, FailedWriteStopsThereWithoutALine)
     }
 }
 
-TEST_P(EveryRecord, WithoutMemoryYieldsNullAndNamesTheClass)
-{
-    Parcel parcel;
-    PutSteps(parcel);
-    const LogCapture log;
-    SetNothrowNewFails(true);
-    EXPECT_EQ(nullptr, GetParam().unmarshal(parcel));
-    SetNothrowNewFails(false);
-    const std::string failed = Line(ERROR, "Unmarshalling", "new " + GetParam().name + " failed.", GetParam().module);
-    EXPECT_EQ(GetParam().module.empty() ? "" : failed, log.Lines());
-    EXPECT_EQ(parcel.GetDataSize(), parcel.GetReadableBytes()) << "nothing is read";
-}
-
 TEST(AppPermissionGroupInfo, AtMostFiftyStatesAreWritten)
 {
     AppPermissionGroupInfo info = MakeAppPermissionGroupInfo();
