@@ -17,15 +17,15 @@
 //
 // The message is a literal with at most four arguments. Build an argument inside the call: where the platform drops a
 // line before it looks at the arguments, they are then never made. Each macro is a void expression.
-#define LOG_DEBUG(...) LOG_LINE(Util::KelLog::LEVEL_DEBUG, __func__, __VA_ARGS__)
-#define LOG_INFO(...) LOG_LINE(Util::KelLog::LEVEL_INFO, __func__, __VA_ARGS__)
-#define LOG_WARN(...) LOG_LINE(Util::KelLog::LEVEL_WARN, __func__, __VA_ARGS__)
-#define LOG_ERROR(...) LOG_LINE(Util::KelLog::LEVEL_ERROR, __func__, __VA_ARGS__)
+#define LOG_DEBUG(...) LOG_LINE(::VARN::LOG_LEVEL_DEBUG, __func__, __VA_ARGS__)
+#define LOG_INFO(...) LOG_LINE(::VARN::LOG_LEVEL_INFO, __func__, __VA_ARGS__)
+#define LOG_WARN(...) LOG_LINE(::VARN::LOG_LEVEL_WARN, __func__, __VA_ARGS__)
+#define LOG_ERROR(...) LOG_LINE(::VARN::LOG_LEVEL_ERROR, __func__, __VA_ARGS__)
 
 // The same under another function's name, for a line written by a helper or a lambda on behalf of that function.
-#define LOG_DEBUG_AS(function, ...) LOG_LINE(Util::KelLog::LEVEL_DEBUG, function, __VA_ARGS__)
-#define LOG_WARN_AS(function, ...) LOG_LINE(Util::KelLog::LEVEL_WARN, function, __VA_ARGS__)
-#define LOG_ERROR_AS(function, ...) LOG_LINE(Util::KelLog::LEVEL_ERROR, function, __VA_ARGS__)
+#define LOG_DEBUG_AS(function, ...) LOG_LINE(::VARN::LOG_LEVEL_DEBUG, function, __VA_ARGS__)
+#define LOG_WARN_AS(function, ...) LOG_LINE(::VARN::LOG_LEVEL_WARN, function, __VA_ARGS__)
+#define LOG_ERROR_AS(function, ...) LOG_LINE(::VARN::LOG_LEVEL_ERROR, function, __VA_ARGS__)
 
 // The function's name goes between the format and its arguments. C++17 has no way to write the comma behind it only
 // when there are arguments, so the form is chosen by how many there are.
@@ -39,12 +39,3 @@
     static_cast<void>(VoLogPrint(LOG_TAG.GetLogType(), level, LOG_TAG.GetDomain(), LOG_TAG.GetSubSystemTag().c_str(), \
                                  "[%{public}s][%{public}s]%{public}s: " format, LOG_TAG.GetComponentTag().c_str(),    \
                                  LOG_TAG.GetModuleTag().c_str(), __VA_ARGS__))
-
-namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Util::KelLog {
-
-constexpr int LEVEL_DEBUG = 3;
-constexpr int LEVEL_INFO = 4;
-constexpr int LEVEL_WARN = 5;
-constexpr int LEVEL_ERROR = 6;
-
-}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Util::KelLog

@@ -13,7 +13,8 @@ namespace VARN {
 
 namespace {
 
-constexpr int DEFAULT_LEVEL = 4;
+// A program that did nothing wrong writes nothing.
+constexpr int DEFAULT_LEVEL = LOG_LEVEL_WARN;
 
 // printf does not know the markers: "%{public}s" becomes "%s".
 std::string StripMarkers(const char* format)
@@ -61,7 +62,8 @@ bool Format(std::string& text, const char* format, va_list arguments)
 // Reads VARN_LOG_LEVEL when the library is loaded; until then the default holds.
 const bool levelFromEnvironment = [] {
     const char* value = std::getenv("VARN_LOG_LEVEL");
-    if (value != nullptr && value[0] >= '3' && value[0] <= '7' && value[1] == '\0') {
+    if (value != nullptr && value[0] >= '0' + LOG_LEVEL_DEBUG && value[0] <= '0' + LOG_LEVEL_FATAL &&
+        value[1] == '\0') {
         logLevel.store(value[0] - '0', std::memory_order_relaxed);
     }
     return true;

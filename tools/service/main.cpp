@@ -110,6 +110,9 @@ int main(int argc, char** argv)
     }
     if (options->isVerbose) {
         VARN::Host::SetLogLevel(VERBOSE_LEVEL);
+    } else if (::getenv("VARN_LOG_LEVEL") == nullptr) {
+        // Who runs a service wants to see when it starts and stops; the library by itself tells only what went wrong.
+        VARN::Host::SetLogLevel(VARN::LOG_LEVEL_INFO);
     }
     try {
         return Serve(std::move(*options), signals);

@@ -8,6 +8,9 @@
 
 namespace VARN {
 
+// How much a line matters.
+enum LogLevel : int { LOG_LEVEL_DEBUG = 3, LOG_LEVEL_INFO, LOG_LEVEL_WARN, LOG_LEVEL_ERROR, LOG_LEVEL_FATAL };
+
 // The level below which lines are dropped; the host sets it (varn/host/log_sink.h). Kept here only so that the macro
 // below can look at it without a call.
 extern VARN_API std::atomic<int> logLevel;
@@ -27,8 +30,8 @@ constexpr int DropLogLine() noexcept
 }  // namespace VARN
 
 // Hands one line to the log service. `format` is printf's; a marker between braces behind the percent sign
-// ("%{public}s", "%{private}d") is taken out first and means nothing here. Levels: 3 debug, 4 info, 5 warn, 6 error,
-// 7 fatal. Returns the length of the line, 0 when it was dropped, negative when the format is broken.
+// ("%{public}s", "%{private}d") is taken out first and means nothing here. `level` is a LogLevel.
+// Returns the length of the line, 0 when it was dropped, negative when the format is broken.
 //
 // Thread safety: may be called from any thread, also during static initialisation and destruction.
 extern "C" VARN_API int VoLogPrint(int type, int level, uint32_t domain, const char* tag, const char* format, ...);
