@@ -4,97 +4,176 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <string>
+#include <utility>
 
 #include "host/base/thread_safety.h"
+#include "host/log/line_limit.h"
+#include "host/log/line_owner.h"
+#include "host/log/standard_error.h"
 #include "varn/fork_handler.h"
+#include "varn/host/visible_text.h"
+#include "varn/log.h"
 
 namespace VARN::Host {
 
 namespace {
 
-// Held while the C library looks at its time zone data, which it guards with a lock of its own: a fork must not leave
-// that one locked in the child, so it waits for this one.
-Mutex timeZoneMutex;
+thread_local const LineOwnerScope* currentOwner = nullptr;
 
-const ForkHandler forkHandler(ForkHandler::Rank::LOG, {[] { timeZoneMutex.Lock(); }, [] { timeZoneMutex.Unlock(); },
-                                                       [] { timeZoneMutex.Unlock(); }});
+struct Writer {
+    // Held for moments, never while anything is written. Held while the C library looks at its time zone data as well,
+    // which it guards with a lock of its own: a fork waits for this one, so that the child finds both free.
+    Mutex mutex;
+    LineLimit limit GUARDED_BY(mutex);
+    uint64_t lost GUARDED_BY(mutex) = 0;         // lines that standard error did not take and that nobody was told of
+    bool isCut GUARDED_BY(mutex) = false;        // the last line was taken in part, without its end
+    time_t minute GUARDED_BY(mutex) = -1;        // which one `minuteText` shows; the calendar is asked once for each
+    char minuteText[96] GUARDED_BY(mutex) = "";  // such as "2025-03-01 12:59:"
+};
 
-tm ToLocalTime(time_t seconds)
+// Has no constructor or destructor to run: lines are written while libraries are loaded and unloaded.
+Writer writer;
+
+void LockWriter() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
 {
-    tm local = {};
-    const MutexLock lock(timeZoneMutex);
-    ::localtime_r(&seconds, &local);
-    return local;
+    writer.mutex.Lock();
 }
+
+void UnlockWriter() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
+{
+    writer.mutex.Unlock();
+}
+
+const ForkHandler forkHandler(ForkHandler::Rank::LOG, {LockWriter, UnlockWriter, UnlockWriter});
 
 char LevelLetter(int level)
 {
     constexpr char LETTERS[] = "DIWEF";
-    constexpr int FIRST = 3;
-    const int index = level - FIRST;
-    return index >= 0 && index < static_cast<int>(sizeof(LETTERS)) - 1 ? LETTERS[index] : '?';
+    return level >= LOG_LEVEL_DEBUG && level <= LOG_LEVEL_FATAL ? LETTERS[level - LOG_LEVEL_DEBUG] : '?';
 }
 
-// Whether the byte is a control character or belongs to one: U+0080 to U+009F are such too, and UTF-8 writes them as
-// 0xC2 and one byte more.
-bool IsControl(const std::string& text, size_t at)
+// The number by which the journal knows the level.
+int JournalPriority(int level)
 {
-    const auto byteAt = [&text](size_t place) {
-        return place < text.size() ? static_cast<unsigned char>(text[place]) : 0U;
-    };
-    const auto isSecond = [](unsigned byte) { return byte >= 0x80 && byte <= 0x9f; };
-    const unsigned byte = byteAt(at);
-    return byte < 0x20 || byte == 0x7f || (byte == 0xc2 && isSecond(byteAt(at + 1))) ||
-           (isSecond(byte) && at > 0 && byteAt(at - 1) == 0xc2);
-}
-
-// A service's name may come from an app: what a terminal would obey is shown, not sent.
-void AppendVisible(std::string& out, const std::string& text)
-{
-    for (size_t at = 0; at < text.size(); ++at) {
-        if (text[at] == '\n') {
-            out += "\\n";
-        } else if (IsControl(text, at)) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof(escaped), "\\x%02x", static_cast<unsigned char>(text[at]));
-            out += escaped;
-        } else {
-            out += text[at];
-        }
+    constexpr int DEBUG = 7;
+    constexpr int INFO = 6;
+    constexpr int WARNING = 4;
+    constexpr int ERROR = 3;
+    if (level >= LOG_LEVEL_ERROR) {
+        return ERROR;
     }
+    return level == LOG_LEVEL_WARN ? WARNING : (level == LOG_LEVEL_INFO ? INFO : DEBUG);
+}
+
+const char* MinuteText(time_t seconds) REQUIRES(writer.mutex)
+{
+    constexpr time_t SECONDS_PER_MINUTE = 60;
+    if (writer.minute != seconds / SECONDS_PER_MINUTE) {
+        writer.minute = seconds / SECONDS_PER_MINUTE;
+        tm local = {};
+        ::localtime_r(&seconds, &local);
+        std::snprintf(writer.minuteText, sizeof(writer.minuteText), "%04d-%02d-%02d %02d:%02d:", local.tm_year + 1900,
+                      local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min);
+    }
+    return writer.minuteText;
+}
+
+// What stands in front of each line of this moment, up to its level.
+std::string MakeHead(const timespec& now, const char* minuteText)
+{
+    constexpr long NANOSECONDS_PER_MILLISECOND = 1000000;
+    constexpr long SECONDS_PER_MINUTE = 60;
+    const auto milliseconds = static_cast<int>(now.tv_nsec / NANOSECONDS_PER_MILLISECOND);
+    const auto seconds = static_cast<int>(now.tv_sec % SECONDS_PER_MINUTE);
+    const auto digit = [](int number) { return static_cast<char>('0' + number % 10); };
+    std::string head = minuteText;
+    head.append({digit(seconds / 10), digit(seconds), '.', digit(milliseconds / 100), digit(milliseconds / 10),
+                 digit(milliseconds), ' '});
+    head += std::to_string(::getpid()) + ' ' + std::to_string(::syscall(SYS_gettid)) + ' ';
+    return head;
+}
+
+void AppendLine(std::string& out, const std::string& head, int level, const std::string& tag, const std::string& text)
+{
+    if (IsJournal()) {
+        out += '<' + std::to_string(JournalPriority(level)) + '>';
+    }
+    out += head;
+    out += LevelLetter(level);
+    out += ' ' + VisibleText(tag) + ": " + VisibleText(text) + '\n';
 }
 
 }  // namespace
 
+LineOwnerScope::LineOwnerScope(uid_t uid) noexcept : outer_(currentOwner), uid_(uid)
+{
+    currentOwner = this;
+}
+
+LineOwnerScope::~LineOwnerScope()
+{
+    currentOwner = outer_;
+}
+
+const uid_t* LineOwner() noexcept
+{
+    return currentOwner != nullptr ? &currentOwner->uid_ : nullptr;
+}
+
+void SetLogLineLimit(size_t linesPerSecond)
+{
+    const MutexLock lock(writer.mutex);
+    writer.limit.Set(linesPerSecond);
+}
+
 void WriteLogLine(const LogLine& line) noexcept
 {
+    uint64_t missing = 1;  // what is lost if nothing can be written: this line, and what it tells about others
+    size_t written = 0;
+    size_t size = 0;
     try {
         timespec now = {};
         ::clock_gettime(CLOCK_REALTIME, &now);
-        const tm local = ToLocalTime(now.tv_sec);
-        char head[80];
-        constexpr long NANOSECONDS_PER_MILLISECOND = 1000000;
-        std::snprintf(head, sizeof(head), "%04d-%02d-%02d %02d:%02d:%02d.%03ld %d %ld %c ", local.tm_year + 1900,
-                      local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                      now.tv_nsec / NANOSECONDS_PER_MILLISECOND, ::getpid(), ::syscall(SYS_gettid),
-                      LevelLetter(line.level));
-        std::string out = head;
-        AppendVisible(out, line.tag);
-        out += ": ";
-        AppendVisible(out, line.text);
-        out += '\n';
-        // One write, so that lines of several processes do not mix. What a full pipe cuts off is lost: logging never
-        // waits in a loop.
-        while (::write(STDERR_FILENO, out.data(), out.size()) < 0 && errno == EINTR) {
+        std::string head;
+        std::string out;
+        {
+            const MutexLock lock(writer.mutex);
+            head = MakeHead(now, MinuteText(now.tv_sec));
+            if (writer.isCut) {
+                out += '\n';
+            }
+            uid_t uid = 0;
+            for (uint64_t leftOut = 0; writer.limit.TakeCount(now.tv_sec, uid, leftOut); missing += leftOut) {
+                AppendLine(out, head, LOG_LEVEL_WARN, "VARN",
+                           std::to_string(leftOut) + " lines that requests of user " + std::to_string(uid) +
+                               " caused in one second are left out");
+            }
+            if (writer.lost != 0) {
+                AppendLine(out, head, LOG_LEVEL_WARN, "VARN",
+                           std::to_string(writer.lost) + " lines are missing here: standard error did not take them");
+                missing += std::exchange(writer.lost, 0);
+            }
+            if (!writer.limit.Take(LineOwner(), now.tv_sec)) {
+                --missing;
+                if (missing == 0) {
+                    return;
+                }
+            } else {
+                AppendLine(out, head, line.level, line.tag, line.text);
+            }
         }
+        size = out.size();
+        written = WriteToStandardError(out);
     } catch (...) {
         // Out of memory: the line is lost.
-        return;
+        written = 0;
     }
+    const MutexLock lock(writer.mutex);
+    writer.isCut = written != 0 ? written != size : writer.isCut;
+    writer.lost += written == 0 ? missing : (written != size ? 1 : 0);
 }
 
 }  // namespace VARN::Host

@@ -13,7 +13,7 @@ thread_local const Caller* currentCaller = nullptr;
 
 }  // namespace
 
-CallerScope::CallerScope(const Caller& caller) noexcept : outer_(currentCaller)
+CallerScope::CallerScope(const Caller& caller) noexcept : outer_(currentCaller), owner_(caller.uid)
 {
     currentCaller = &caller;
 }

@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/log/standard_error.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <string>
+
+namespace VARN::Host {
+
+namespace {
+
+// While it exists, a write of this thread to a pipe without a reader fails and does nothing else: SIGPIPE is held back,
+// and taken away if the write brought it.
+class WithoutSigpipe {
+public:
+    WithoutSigpipe() noexcept
+    {
+        ::sigemptyset(&pipe_);
+        ::sigaddset(&pipe_, SIGPIPE);
+        sigset_t pending;
+        wasPending_ = ::sigpending(&pending) == 0 && ::sigismember(&pending, SIGPIPE) == 1;
+        ::pthread_sigmask(SIG_BLOCK, &pipe_, &before_);
+    }
+    ~WithoutSigpipe()
+    {
+        constexpr timespec AT_ONCE = {};
+        if (!wasPending_) {
+            while (::sigtimedwait(&pipe_, nullptr, &AT_ONCE) < 0 && errno == EINTR) {
+            }
+        }
+        ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
+    WithoutSigpipe(const WithoutSigpipe&) = delete;
+    WithoutSigpipe& operator=(const WithoutSigpipe&) = delete;
+
+private:
+    sigset_t pipe_;
+    sigset_t before_;
+    bool wasPending_ = false;
+};
+
+ssize_t WriteToPipe(std::string_view text) noexcept
+{
+    const WithoutSigpipe guard;
+    const iovec piece = {const_cast<char*>(text.data()), text.size()};
+    ssize_t written = ::pwritev2(STDERR_FILENO, &piece, 1, -1, RWF_NOWAIT);
+    if (written < 0 && (errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL)) {
+        // Not on this kernel. A pipe that is ready has room for a page, unless another writer comes first.
+        pollfd entry = {STDERR_FILENO, POLLOUT, 0};
+        if (::poll(&entry, 1, 0) == 1 && entry.revents == POLLOUT) {
+            written = ::write(STDERR_FILENO, text.data(), std::min<size_t>(text.size(), PIPE_BUF));
+        }
+    }
+    return written;
+}
+
+}  // namespace
+
+size_t WriteToStandardError(std::string_view text) noexcept
+{
+    struct stat status = {};
+    if (::fstat(STDERR_FILENO, &status) != 0) {
+        return 0;
+    }
+    ssize_t written = -1;
+    if (S_ISSOCK(status.st_mode)) {
+        written = ::send(STDERR_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    } else if (S_ISFIFO(status.st_mode)) {
+        written = WriteToPipe(text);
+    } else {
+        // A terminal that was stopped is not ready; a file always is.
+        pollfd entry = {STDERR_FILENO, POLLOUT, 0};
+        if (::poll(&entry, 1, 0) == 1 && entry.revents == POLLOUT) {
+            written = ::write(STDERR_FILENO, text.data(), text.size());
+        }
+    }
+    return written < 0 ? 0 : static_cast<size_t>(written);
+}
+
+bool IsJournal() noexcept
+{
+    static const bool isJournal = [] {
+        const char* stream = std::getenv("JOURNAL_STREAM");
+        struct stat status = {};
+        char* end = nullptr;
+        return stream != nullptr && ::fstat(STDERR_FILENO, &status) == 0 &&
+               std::strtoull(stream, &end, 10) == status.st_dev && *end == ':' &&
+               std::strtoull(end + 1, &end, 10) == status.st_ino && *end == '\0';
+    }();
+    return isJournal;
+}
+
+}  // namespace VARN::Host
