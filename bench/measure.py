@@ -6,19 +6,26 @@ import os
 import pathlib
 import platform
 import re
+import shutil
 import statistics
 import subprocess
 import sys
-import time
 
+import callgrind
+import crowd
 from processes import Pair, cpu_nanoseconds, status
 import weight
 
 CONTENDERS = ["ours", "floor", "floor-codec", "floor-list", "sd-bus", "capnp", "grpc"]
 CASES = {"small": 8, "bulk": 10000, "least": 0, "usage": 10000, "token": 100}
+PARTS = [*CASES, "many", "starts", "work", "turns", "users", "growth", "idle", "weight", "where", "micro"]
 MANY_CLIENTS = 4
 GROWTH = [100, 1000, 10000]
-IDLE_CONNECTIONS = 1000
+CONNECTIONS = 1000
+USERS = range(60001, 60009)  # the last one is greedy
+GREEDY_CONNECTIONS = 100
+# glibc keeps what is freed: no page is given back and taken anew between two calls.
+KEEPING = ([], {"MALLOC_TRIM_THRESHOLD_": str(1 << 30), "MALLOC_MMAP_THRESHOLD_": str(1 << 25)})
 
 
 def say(text):
@@ -26,41 +33,36 @@ def say(text):
 
 
 class Bench:
-    def __init__(self, programs, root, quick):
-        self.programs = programs
-        self.root = root
+    def __init__(self, build, quick):
+        self.build = build
         self.quick = quick
         # What a process costs depends on where its memory happens to lie: so everybody starts several times.
-        self.starts, self.rounds, self.milliseconds = (1, 3, 20) if quick else (5, 3, 200)
+        self.repeats, self.rounds, self.milliseconds = (1, 3, 20) if quick else (5, 3, 200)
         self.all_cpus = os.sched_getaffinity(0)
         self.one_cpu = {max(self.all_cpus)}
         self.contenders = [name for name in CONTENDERS if self.program(name).exists()]
         self.left_out = [name for name in CONTENDERS if name not in self.contenders]
-        for name in self.left_out:
-            say(f"{name} is left out: its package was missing when the benchmarks were built")
 
-    def program(self, name):
-        return self.programs / f"bench-{name}"
+    def program(self, name, prefix="bench"):
+        return self.build / "bench" / f"{prefix}-{name}"
 
     def measure(self, parts):
-        results = {"settings": {"starts": self.starts, "rounds": self.rounds, "milliseconds": self.milliseconds, "left out": self.left_out},
-                   "machine": self.machine(), "load before": os.getloadavg(), "calls": {}}
+        for name in self.left_out:
+            say(f"{name} is left out: its package was missing when the benchmarks were built")
+        settings = {"starts": self.repeats, "rounds": self.rounds, "milliseconds": self.milliseconds,
+                    "left out": self.left_out}
+        results = {"settings": settings, "machine": self.machine(), "load before": os.getloadavg(), "calls": {}}
         for cpus, label in ((self.one_cpu, "one CPU"), (self.all_cpus, "unpinned")):
             results["calls"][label] = {}
             for case in CASES:
                 if case in parts:
                     say(f"{case}, {label}")
-                    results["calls"][label][case] = self.case(case, cpus)
-        for part in ("many", "growth", "idle"):
+                    results["calls"][label][case] = self.together({
+                        name: lambda name=name: self.pair(name, case, CASES[case], cpus) for name in self.contenders})
+        for part in PARTS[len(CASES):]:
             if part in parts:
                 say(part)
-                results[part] = getattr(self, part)()
-        if "micro" in parts and self.program("micro").exists():
-            say("micro")
-            results["micro"] = self.micro()
-        if "weight" in parts:
-            say("weight")
-            results["weight"] = weight.measure(self)
+                results[part] = weight.measure(self) if part == "weight" else getattr(self, part)()
         results["load after"] = os.getloadavg()
         return results
 
@@ -68,7 +70,7 @@ class Bench:
         """What a contender is told; the floor learns how long our messages are."""
         sizes = []
         if name == "floor":
-            sizes = subprocess.run([self.programs / "bench-sizes", case, str(records)], check=True, text=True,
+            sizes = subprocess.run([self.program("sizes"), case, str(records)], check=True, text=True,
                                    capture_output=True).stdout.split()
         return [case, records, *sizes]
 
@@ -89,25 +91,18 @@ class Bench:
         """Sums over the clients, and the median of their medians."""
         server, clients = pair.server.pid, [client.pid for client in pair.clients]
         before = cpu_nanoseconds(server), sum(map(cpu_nanoseconds, clients))
-        start = time.monotonic_ns()
         answers = pair.run(self.milliseconds)
-        elapsed = time.monotonic_ns() - start
         calls = sum(answer[0] for answer in answers)
-        return {"calls": calls, "elapsed": elapsed, "calls per second": sum(a[0] * 1e9 / a[1] for a in answers),
+        return {"calls per second": sum(a[0] * 1e9 / a[1] for a in answers),
+                "mean": statistics.mean(a[1] / a[0] for a in answers),
                 "median": statistics.median(a[2] for a in answers), "p99": statistics.median(a[3] for a in answers),
                 "server cpu": (cpu_nanoseconds(server) - before[0]) / calls,
                 "client cpu": (sum(map(cpu_nanoseconds, clients)) - before[1]) / calls}
 
-    @staticmethod
-    def summary(rounds):
-        """Medians of the rounds."""
-        return {key: statistics.median(one[key] for one in rounds)
-                for key in ("median", "p99", "server cpu", "client cpu", "calls per second")}
-
     def together(self, make_pairs):
         """Starts the pairs (a function for each key), measures them against each other, ends them; several times."""
         rounds, server_peaks, client_peaks = ({key: [] for key in make_pairs} for _ in range(3))
-        for _ in range(self.starts):
+        for _ in range(self.repeats):
             with contextlib.ExitStack() as stack:
                 pairs = {key: stack.enter_context(make()) for key, make in make_pairs.items()}
                 for key, its_rounds in self.interleave(pairs).items():
@@ -115,42 +110,106 @@ class Bench:
                 for key, pair in pairs.items():
                     server_peaks[key].append(status(pair.server.pid, "VmHWM"))
                     client_peaks[key].append(status(pair.clients[0].pid, "VmHWM"))
-        return {key: {**self.summary(rounds[key]), "rounds": [one["median"] for one in rounds[key]],
+        return {key: {**{what: statistics.median(one[what] for one in its_rounds) for what in its_rounds[0]},
+                      "rounds": [one["median"] for one in its_rounds],
                       "server peak KiB": max(server_peaks[key]), "client peak KiB": max(client_peaks[key])}
-                for key in make_pairs}
-
-    def case(self, case, cpus):
-        return self.together({name: lambda name=name: self.pair(name, case, CASES[case], cpus)
-                              for name in self.contenders})
+                for key, its_rounds in rounds.items()}
 
     def many(self):
         return self.together({name: lambda name=name: self.pair(name, "small", CASES["small"], self.all_cpus,
                                                                 clients=MANY_CLIENTS) for name in self.contenders})
 
+    def apart(self, repeats, measure, names=("ours", "floor-list")):
+        """What `measure` makes of each contender, for so many starts of their own, in turn."""
+        values = {name: [] for name in names}
+        for _ in range(1 if self.quick else repeats):
+            for name in names:
+                values[name].append(measure(name))
+        return values
+
+    def starts(self):
+        """Mean time of a small call for each start: one client, unpinned."""
+        def mean(name):
+            with self.pair(name, "small", CASES["small"], self.all_cpus) as pair:
+                return self.round(pair)["mean"]
+        return self.apart(30, mean)
+
+    def work(self):
+        """The client's CPU time for a call, disposal not counted, with an allocator that keeps what is freed."""
+        def of_case(case):
+            def work(name):
+                with self.pair(name, case, CASES[case], self.one_cpu, client_setup=KEEPING, server_setup=KEEPING) as pair:
+                    return pair.work(5 if self.quick else 50)
+            return self.apart(self.repeats, work)
+        return {case: of_case(case) for case in ("small", "bulk", "usage", "token")}
+
+    def turns(self):
+        """Many connections that each ask once a second, in turn."""
+        connections, seconds = (100, 0.2) if self.quick else (CONNECTIONS, 3)
+        rows = self.apart(3, lambda name: crowd.in_turn(self, name, connections, seconds), ("ours", "floor"))
+        return {name: {what: statistics.median(row[what] for row in its_rows) for what in its_rows[0]}
+                for name, its_rows in rows.items()}
+
+    def users(self):
+        """Small calls of some users, alone and while another one keeps many connections busy."""
+        if os.geteuid() != 0:
+            say("users is skipped: it takes root to be several users")
+            return None
+        *others, greedy = USERS
+        p99 = {"alone": [], "crowded": []}
+        for _ in range(self.repeats):
+            with self.pair("ours", "small", CASES["small"], self.all_cpus, users=others) as pair:
+                for _ in range(self.rounds):
+                    p99["alone"].append(self.round(pair)["p99"])
+                    with crowd.greedy(self, "ours", pair.folder, GREEDY_CONNECTIONS, greedy):
+                        p99["crowded"].append(self.round(pair)["p99"])
+        return {"alone": statistics.median(p99["alone"]), "crowded": statistics.median(p99["crowded"]),
+                "ratio": statistics.median(crowded / alone for alone, crowded in zip(p99["alone"], p99["crowded"]))}
+
     def growth(self):
-        """Nanoseconds per record, for lists of several lengths: of the call, and of the processor on both sides."""
+        """Nanoseconds per record, for lists of several lengths."""
         results = {}
         for case in ("bulk", "usage"):
-            keys = [(name, records) for name in ("ours", "floor-codec", "floor-list") for records in GROWTH]
+            keys = [(name, records) for name in ("ours", "floor-list") for records in GROWTH]
             measured = self.together({key: lambda key=key: self.pair(key[0], case, key[1], self.one_cpu)
                                       for key in keys})
             for (name, records), row in measured.items():
-                lengths = results.setdefault(case, {}).setdefault(name, {"time": {}, "CPU time": {}})
-                lengths["time"][str(records)] = row["median"] / records
-                lengths["CPU time"][str(records)] = (row["client cpu"] + row["server cpu"]) / records
+                results.setdefault(f"{case}, {name}", {})[str(records)] = row["median"] / records
         return results
 
     def idle(self):
         """Small, against servers that hold no idle connections and many."""
-        def crowded():
+        def pair(idle_connections):
             pair = self.pair("ours", "small", CASES["small"], self.one_cpu)
-            pair.idle = weight.connect(pair.folder, IDLE_CONNECTIONS)
+            pair.crowd = crowd.Crowd(self, "ours", pair.folder).connect(idle_connections)
             return pair
-        return self.together({"0": lambda: self.pair("ours", "small", CASES["small"], self.one_cpu),
-                              str(IDLE_CONNECTIONS): crowded})
+        return self.together({str(count): lambda count=count: pair(count) for count in (0, CONNECTIONS)})
+
+    def where(self):
+        """Where the time of a small call goes: instructions by purpose, system calls, and the time on one CPU."""
+        if self.quick or not callgrind.is_available() or not shutil.which("strace"):
+            return None
+        names = ("ours", "floor", "floor-list")
+        timed = self.together({name: lambda name=name: self.pair(name, "small", CASES["small"], self.one_cpu)
+                               for name in names})
+        result = {name: {"instructions": callgrind.count(self, name, "small", CASES["small"]),
+                         "system calls": [weight.system_calls(self, name, "small", side) for side in callgrind.SIDES],
+                         "time": timed[name]["median"]} for name in names}
+        # The two floors ask the same of the kernel: what one takes longer than the other is its instructions' time.
+        instructions = {name: sum(sum(side.values()) for side in row["instructions"].values())
+                        for name, row in result.items()}
+        slower = statistics.median(a - b for a, b in zip(timed["floor-list"]["rounds"], timed["floor"]["rounds"]))
+        per_instruction = slower / (instructions["floor-list"] - instructions["floor"])
+        for name, row in result.items():
+            parts = {purpose: sum(side[purpose] for side in row["instructions"].values()) * per_instruction
+                     for purpose in ("codec", "lists", "checks")}
+            row["parts"] = {"kernel": row["time"] - sum(parts.values()), **parts}
+        return {"nanoseconds per instruction": per_instruction, **result}
 
     def micro(self):
         """CPU nanoseconds of the steps in bench-micro."""
+        if not self.program("micro").exists():
+            return None
         seconds = 0.01 if self.quick else 0.2
         text = subprocess.run([self.program("micro"), f"--benchmark_min_time={seconds}", "--benchmark_format=json"],
                               check=True, text=True, capture_output=True).stdout
@@ -158,19 +217,18 @@ class Bench:
 
     def machine(self):
         cpu = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
-        cache = (self.programs.parent / "CMakeCache.txt").read_text()
-        compiler = re.search(r"CMAKE_CXX_COMPILER:\w+=(.*)", cache).group(1)
+        compiler = re.search(r"CMAKE_CXX_COMPILER:\w+=(.*)", (self.build / "CMakeCache.txt").read_text()).group(1)
         return {"cpu": cpu.group(1) if cpu else platform.machine(), "cpus": len(self.all_cpus),
                 "kernel": platform.release(), "libc": " ".join(platform.libc_ver()),
-                "compiler": self.output(compiler, "--version").splitlines()[0],
-                "libsystemd": self.output("pkg-config", "--modversion", "libsystemd"),
-                "capnp": self.output("pkg-config", "--modversion", "capnp-rpc"),
-                "grpc": self.output("pkg-config", "--modversion", "grpc++"),
-                "commit": self.output("git", "-C", str(self.root), "describe", "--always", "--dirty")}
+                "compiler": output(compiler, "--version").splitlines()[0],
+                "libsystemd": output("pkg-config", "--modversion", "libsystemd"),
+                "capnp": output("pkg-config", "--modversion", "capnp-rpc"),
+                "grpc": output("pkg-config", "--modversion", "grpc++"),
+                "commit": output("git", "-C", str(pathlib.Path(__file__).parent), "describe", "--always", "--dirty")}
 
-    @staticmethod
-    def output(*command):
-        try:
-            return subprocess.run(command, check=True, text=True, capture_output=True).stdout.strip()
-        except (OSError, subprocess.CalledProcessError):
-            return "unknown"
+
+def output(*command):
+    try:
+        return subprocess.run(command, check=True, text=True, capture_output=True).stdout.strip()
+    except (OSError, subprocess.CalledProcessError):
+        return "unknown"

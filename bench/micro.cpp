@@ -5,11 +5,8 @@
 #include <memory>
 #include <string>
 
-#include "bench/contenders/library_peer.h"
-#include "security_privacy/checked_state_parameter.h"
+#include "bench/contenders/library.h"
 #include "security_privacy/gtoken_info.h"
-#include "security_privacy/gtoken_result_with_ret.h"
-#include "security_privacy/permission_usage_record_query.h"
 #include "varn/host/ability_manager.h"
 #include "varn/host/log_sink.h"
 #include "varn/log.h"
@@ -25,72 +22,6 @@ using VARN::Parcel;
 constexpr size_t kSmallRecords = 8;
 constexpr size_t kListed = 10;
 
-void WriteNumbers(State& state)
-{
-    for (auto _ : state) {
-        Parcel parcel;
-        for (int32_t value = 0; value < 16; ++value) {
-            benchmark::DoNotOptimize(parcel.WriteInt32(value));
-            benchmark::DoNotOptimize(parcel.WriteInt64(value));
-        }
-    }
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * 32);
-}
-BENCHMARK(WriteNumbers);
-
-// Reads everything that `write` put into a parcel; a new parcel whenever it is used up.
-template <class Write, class Read>
-void MeasureReads(State& state, Write write, Read read)
-{
-    constexpr int kValues = 10000;
-    std::unique_ptr<Parcel> parcel;
-    for (auto _ : state) {
-        if (parcel == nullptr || parcel->GetReadableBytes() == 0) {
-            state.PauseTiming();
-            parcel = std::make_unique<Parcel>();
-            for (int value = 0; value < kValues; ++value) {
-                write(*parcel);
-            }
-            state.ResumeTiming();
-        }
-        read(*parcel);
-    }
-}
-
-void ReadInt64(State& state)
-{
-    MeasureReads(
-        state, [](Parcel& parcel) { parcel.WriteInt64(-1); },
-        [](Parcel& parcel) {
-            int64_t value = 0;
-            benchmark::DoNotOptimize(parcel.ReadInt64(value));
-        });
-}
-BENCHMARK(ReadInt64);
-
-void WriteText(State& state)
-{
-    const std::string text(static_cast<size_t>(state.range(0)), 'x');
-    for (auto _ : state) {
-        Parcel parcel;
-        for (int count = 0; count < 8; ++count) {
-            benchmark::DoNotOptimize(parcel.WriteString(text));
-        }
-    }
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * 8);
-}
-BENCHMARK(WriteText)->Arg(5)->Arg(22)->Arg(1000);
-
-void ReadText(State& state)
-{
-    const std::string text(static_cast<size_t>(state.range(0)), 'x');
-    std::string read;
-    MeasureReads(
-        state, [&text](Parcel& parcel) { parcel.WriteString(text); },
-        [&read](Parcel& parcel) { benchmark::DoNotOptimize(parcel.ReadString(read)); });
-}
-BENCHMARK(ReadText)->Arg(5)->Arg(22)->Arg(1000);
-
 void InterfaceToken(State& state)
 {
     const std::u16string& descriptor = SecurityPrivacyServiceIntf::GetDescriptor();
@@ -102,55 +33,36 @@ void InterfaceToken(State& state)
 }
 BENCHMARK(InterfaceToken);
 
-Permission::CheckedStateParameter MakeParameter()
+void WriteTexts(State& state)
 {
-    const SetRequest request = MakeSetRequest();
-    Permission::CheckedStateParameter parameter;
-    parameter.checkedState = request.checkedState;
-    parameter.flagsMask = request.flagsMask;
-    parameter.flagsValue = request.flagsValue;
-    return parameter;
+    const std::string text(static_cast<size_t>(state.range(0)), 'x');
+    for (auto _ : state) {
+        Parcel parcel;
+        for (int count = 0; count < 8; ++count) {
+            benchmark::DoNotOptimize(parcel.WriteString(text));
+        }
+    }
 }
-
-Record::PermissionUsageRecordQuery MakeQuery()
-{
-    const UsageRequest request = MakeUsageRequest();
-    Record::PermissionUsageRecordQuery query;
-    query.SetBundleNames(request.bundleNames);
-    query.SetUserIds(request.userIds);
-    query.SetOperationGroups(request.operationGroups);
-    query.SetLimit(request.limit);
-    return query;
-}
-
-GTokenPolicy MakePolicy(size_t index)
-{
-    GTokenPolicy policy;
-    policy.policyName = "policy" + std::to_string(index);
-    policy.policyValue = static_cast<int64_t>(index);
-    return policy;
-}
+BENCHMARK(WriteTexts)->Arg(5)->Arg(22)->Arg(1000);
 
 GTokenInfo MakeTokenInfo()
 {
-    const Row row = MakeRow(1);
     GTokenInfo info;
-    info.bundleName = row.bundleName;
-    info.fingerprint = row.fingerprint;
-    info.versionCode = row.versionCode;
     for (size_t index = 0; index < kListed; ++index) {
-        info.policies.push_back(MakePolicy(index));
+        GTokenPolicy& policy = info.policies.emplace_back();
+        policy.policyName = "policy" + std::to_string(index);
     }
     return info;
 }
 
-GTokenResultWithRet MakeResult()
+template <class Record, class Plain>
+Record MakeRecord()
 {
-    GTokenResultWithRet result;
-    for (size_t index = 0; index < kListed; ++index) {
-        result.gTokenResults.push_back(ToRecord(MakeRow(index)));
-    }
-    return result;
+    Plain plain;
+    Make(1, plain);
+    Record record;
+    Copy(plain, record);
+    return record;
 }
 
 template <class T>
@@ -162,12 +74,23 @@ void Marshalling(State& state, T record)
     }
 }
 
+// A new parcel whenever the last one is used up.
 template <class T>
 void Unmarshalling(State& state, T record)
 {
-    MeasureReads(
-        state, [&record](Parcel& parcel) { record.Marshalling(parcel); },
-        [](Parcel& parcel) { delete T::Unmarshalling(parcel); });
+    constexpr int kRecords = 10000;
+    std::unique_ptr<Parcel> parcel;
+    for (auto _ : state) {
+        if (parcel == nullptr || parcel->GetReadableBytes() == 0) {
+            state.PauseTiming();
+            parcel = std::make_unique<Parcel>();
+            for (int count = 0; count < kRecords; ++count) {
+                record.Marshalling(*parcel);
+            }
+            state.ResumeTiming();
+        }
+        delete T::Unmarshalling(*parcel);
+    }
 }
 
 template <class T>
@@ -179,14 +102,12 @@ void RegisterRecord(const std::string& name, const T& record)
 
 void RegisterRecords()
 {
-    RegisterRecord("AppPermissionGroupInfo", ToRecord(MakeInfo(1)));
-    RegisterRecord("CheckedStateParameter", MakeParameter());
-    RegisterRecord("PermissionUsageRecord", ToRecord(MakeUsage(1)));
-    RegisterRecord("PermissionUsageRecordQuery", MakeQuery());
-    RegisterRecord("GTokenPolicy", MakePolicy(1));
+    RegisterRecord("AppPermissionGroupInfo", MakeRecord<Permission::AppPermissionGroupInfo, Info>());
+    RegisterRecord("CheckedStateParameter", ToParameter(MakeSetRequest()));
+    RegisterRecord("PermissionUsageRecord", MakeRecord<Record::PermissionUsageRecord, Usage>());
+    RegisterRecord("PermissionUsageRecordQuery", ToQuery(MakeUsageRequest()));
     RegisterRecord("GTokenInfo/10", MakeTokenInfo());
-    RegisterRecord("GTokenResult", ToRecord(MakeRow(1)));
-    RegisterRecord("GTokenResultWithRet/10", MakeResult());
+    RegisterRecord("GTokenResult", MakeRecord<GTokenResult, Row>());
 }
 
 void Dispatch(State& state, Case kind)
@@ -206,32 +127,21 @@ void Dispatch(State& state, Case kind)
 BENCHMARK_CAPTURE(Dispatch, Small, Case::kSmall);
 BENCHMARK_CAPTURE(Dispatch, Least, Case::kLeast);
 
-constexpr int kLogType = 0;
-constexpr int kDebug = 3;
-constexpr int kInfo = 4;
-constexpr uint32_t kDomain = 1;
-
-void DroppedLogLine(State& state)
-{
-    int64_t number = 0;
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(
-            VoLogPrint(kLogType, kDebug, kDomain, "bench", "value=%{public}s", std::to_string(++number).c_str()));
-    }
-}
-BENCHMARK(DroppedLogLine);
-
-void WrittenLogLine(State& state)
+// `level`: below what is written by default, or not.
+void LogLine(State& state, int level)
 {
     size_t bytes = 0;
     VARN::Host::SetLogSink([&bytes](const VARN::Host::LogLine& line) { bytes += line.text.size(); });
+    int64_t number = 0;
     for (auto _ : state) {
-        VoLogPrint(kLogType, kInfo, kDomain, "bench", "value=%{public}s", "17");
+        benchmark::DoNotOptimize(
+            VoLogPrint(0, level, 1, "bench", "value=%{public}s", std::to_string(++number).c_str()));
     }
     VARN::Host::SetLogSink({});
     benchmark::DoNotOptimize(bytes);
 }
-BENCHMARK(WrittenLogLine);
+BENCHMARK_CAPTURE(LogLine, Dropped, 3);
+BENCHMARK_CAPTURE(LogLine, Written, 6);
 
 }  // namespace
 }  // namespace bench

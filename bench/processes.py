@@ -26,9 +26,9 @@ def status(pid, field):
 class Process:
     """One process that says "ready" when it is."""
 
-    def __init__(self, command, cpus, environment=None):
+    def __init__(self, command, cpus, environment=None, user=None):
         self.process = subprocess.Popen(
-            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, user=user,
             env={**ENVIRONMENT, **(environment or {})}, preexec_fn=lambda: os.sched_setaffinity(0, cpus))
         self.pid = self.process.pid
         if self.process.stdout.readline() != "ready\n":
@@ -45,11 +45,6 @@ class Process:
             raise RuntimeError("a process ended before its time")
         return line.split()
 
-    def leave(self):
-        """Lets a client end by itself."""
-        self.process.stdin.close()
-        self.process.wait(timeout=10)
-
     def end(self):
         self.process.kill()
         self.process.wait()
@@ -60,20 +55,23 @@ class Process:
 class Pair:
     """A server and some clients of one contender, in a folder of their own."""
 
-    def __init__(self, program, workload, cpus, clients=1, client_setup=None, server_setup=None):
+    def __init__(self, program, workload, cpus, clients=1, client_setup=None, server_setup=None, users=None):
+        """A setup is what stands before the command, and more environment; `users` are the clients' uids."""
         self.folder = tempfile.mkdtemp(prefix="bench-")
+        os.chmod(self.folder, 0o755)
         self.processes = []
         arguments = [self.folder, *map(str, workload)]
         try:
             self.server = self._start(program, "serve", arguments, cpus, server_setup)
-            self.clients = [self._start(program, "call", arguments, cpus, client_setup) for _ in range(clients)]
+            self.clients = [self._start(program, "call", arguments, cpus, client_setup, user)
+                            for user in users or [None] * clients]
         except BaseException:
             self.end()
             raise
 
-    def _start(self, program, role, arguments, cpus, setup):
+    def _start(self, program, role, arguments, cpus, setup, user=None):
         prefix, environment = setup or ([], {})
-        process = Process([*prefix, program, role, *arguments], cpus, environment)
+        process = Process([*prefix, program, role, *arguments], cpus, environment, user)
         self.processes.append(process)
         return process
 
@@ -88,6 +86,11 @@ class Pair:
             client.send(f"times {calls}")
         for client in self.clients:
             client.answer()
+
+    def work(self, calls):
+        """The median CPU time of a call in the client, in nanoseconds, the disposal of answers not counted."""
+        self.clients[0].send(f"work {calls}")
+        return int(self.clients[0].answer()[0])
 
     def end(self):
         for process in reversed(self.processes):

@@ -2,11 +2,11 @@
 #include "bench/records.h"
 
 #include <array>
+#include <map>
 
 namespace bench {
 namespace {
 
-constexpr size_t kGroups = 8;
 constexpr size_t kInterested = 5;
 constexpr int32_t kFirstUid = 20010000;
 constexpr int64_t kFirstTimestamp = 1700000000000;
@@ -18,114 +18,94 @@ std::string Digits(size_t number, size_t width)
     return std::string(width - digits.size(), '0') + digits;
 }
 
-template <class T>
-std::vector<T> MakeMany(size_t count, T (*make)(size_t))
-{
-    std::vector<T> many;
-    many.reserve(count);
-    for (size_t index = 0; index < count; ++index) {
-        many.push_back(make(index));
-    }
-    return many;
-}
-
-}  // namespace
-
-std::string MakeBundleName(size_t index)
+std::string BundleName(size_t index)
 {
     return "com.example.app" + Digits(index, 7);
 }
 
-std::string MakeGroup(size_t index)
+std::string Group(size_t index)
 {
-    static const std::array<const char*, kGroups> names = {"location", "contacts", "calendar", "messages",
-                                                           "pictures", "activity", "notebook", "recorder"};
-    return std::string("permission.group.") + names[index % kGroups];
+    static const std::array<const char*, 8> names = {"location", "contacts", "calendar", "messages",
+                                                     "pictures", "activity", "notebook", "recorder"};
+    return std::string("permission.group.") + names[index % names.size()];
 }
 
-Info MakeInfo(size_t index)
+// `name` of the first indexes.
+std::unordered_set<std::string> Several(std::string (*name)(size_t))
 {
-    Info info;
-    info.bundleName = MakeBundleName(index);
-    info.uid = kFirstUid + static_cast<int32_t>(index);
-    info.permissionGroup = MakeGroup(index);
-    info.checkedState = "allow";
-    info.shownStates = {"allow", "block", "query"};
-    info.disabledStates = {"query"};
-    info.disabledReason = "managed";
-    info.flags = -static_cast<int64_t>(index);
-    return info;
+    std::unordered_set<std::string> names;
+    for (size_t index = 0; index < kInterested; ++index) {
+        names.insert(name(index));
+    }
+    return names;
 }
 
-Usage MakeUsage(size_t index)
+}  // namespace
+
+Case CaseNamed(const std::string& name)
 {
-    Usage usage;
-    usage.bundleName = MakeBundleName(index);
-    usage.uid = kFirstUid + static_cast<int32_t>(index);
-    usage.operationGroup = MakeGroup(index);
-    usage.times = static_cast<int32_t>(index % 100) + 1;
-    usage.operationMode = 1;
-    usage.appState = 2;
-    usage.screenState = 3;
-    usage.beginTimestamp = kFirstTimestamp + kPeriod * static_cast<int64_t>(index);
-    usage.endTimestamp = usage.beginTimestamp + kPeriod;
-    return usage;
+    static const std::map<std::string, Case> cases = {{"small", Case::kSmall}, {"bulk", Case::kBulk},
+                                                      {"least", Case::kLeast}, {"usage", Case::kUsage},
+                                                      {"token", Case::kToken}, {"none", Case::kNone}};
+    return cases.at(name);
 }
 
-Row MakeRow(size_t index)
+void Make(size_t index, Info& info)
 {
-    return {MakeBundleName(index), Digits(index, 64), 1000000 + static_cast<int64_t>(index), -7};
+    info = {BundleName(index),
+            kFirstUid + static_cast<int32_t>(index),
+            Group(index),
+            "allow",
+            {"allow", "block", "query"},
+            {"query"},
+            "managed",
+            -static_cast<int64_t>(index)};
 }
 
-std::vector<Info> MakeInfos(size_t count)
+void Make(size_t index, Usage& usage)
 {
-    return MakeMany(count, MakeInfo);
+    const int64_t begin = kFirstTimestamp + kPeriod * static_cast<int64_t>(index);
+    usage = {BundleName(index),
+             kFirstUid + static_cast<int32_t>(index),
+             Group(index),
+             static_cast<int32_t>(index % 100) + 1,
+             1,
+             2,
+             3,
+             begin,
+             begin + kPeriod};
 }
 
-std::vector<Usage> MakeUsages(size_t count)
+void Make(size_t index, Row& row)
 {
-    return MakeMany(count, MakeUsage);
-}
-
-std::vector<Row> MakeRows(size_t count)
-{
-    return MakeMany(count, MakeRow);
+    row = {BundleName(index), Digits(index, 64), 1000000 + static_cast<int64_t>(index), -7};
 }
 
 InfoRequest MakeByAppRequest()
 {
-    InfoRequest request{MakeBundleName(1), 100, {}};
-    for (size_t index = 0; index < kInterested; ++index) {
-        request.interested.insert(MakeGroup(index));
-    }
-    return request;
+    return {false, BundleName(1), 100, Several(Group)};
 }
 
 InfoRequest MakeByPermissionRequest()
 {
-    InfoRequest request{MakeGroup(1), 100, {}};
-    for (size_t index = 0; index < kInterested; ++index) {
-        request.interested.insert(MakeBundleName(index));
-    }
-    return request;
+    return {true, Group(1), 100, Several(BundleName)};
 }
 
 SetRequest MakeSetRequest()
 {
-    return {MakeBundleName(1), kFirstUid, MakeGroup(1), "block", 255, 3};
+    return {BundleName(1), kFirstUid, Group(1), "block", 255, 3};
 }
 
 UsageRequest MakeUsageRequest()
 {
-    return {
-        {MakeBundleName(1), MakeBundleName(2)}, {100}, {MakeGroup(1)}, kFirstTimestamp, kFirstTimestamp * 2, 10000, 1};
+    return {{BundleName(1), BundleName(2)}, {100}, {Group(1)}, kFirstTimestamp, kFirstTimestamp * 2, 10000, 1};
 }
 
 RowRequest MakeRowRequest(size_t bundles)
 {
     RowRequest request{"camera", {}};
     for (size_t index = 0; index < bundles; ++index) {
-        request.bundleNames.push_back(MakeBundleName(index));
+        request.bundleNames.push_back(BundleName(index));
     }
     return request;
 }

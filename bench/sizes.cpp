@@ -5,7 +5,7 @@
 #include <iostream>
 #include <string>
 
-#include "bench/contenders/library_peer.h"
+#include "bench/contenders/library.h"
 #include "varn/host/ability_manager.h"
 
 namespace bench {
@@ -13,12 +13,11 @@ namespace {
 
 using VARN::MessageOption;
 using VARN::MessageParcel;
-using VARN::sptr;
 
 // What the host puts in front of a parcel, see docs/wire-protocol.md.
 constexpr size_t kHeaderBytes = 20;
 
-// Stands between proxy and stub and looks at the parcels.
+// Stands between proxy and stub and prints the sizes of the parcels.
 class Meter final : public VARN::IRemoteObject {
 public:
     explicit Meter(const Workload& workload) : service_(MakeLibraryService(workload)) {}
@@ -26,17 +25,12 @@ public:
     int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override
     {
         const int32_t status = service_->SendRequest(code, data, reply, option);
-        requestBytes_ = kHeaderBytes + data.GetDataSize();
-        replyBytes_ = kHeaderBytes + reply.GetDataSize();
+        std::cout << kHeaderBytes + data.GetDataSize() << ' ' << kHeaderBytes + reply.GetDataSize() << '\n';
         return status;
     }
 
-    void Print() const { std::cout << requestBytes_ << ' ' << replyBytes_ << '\n'; }
-
 private:
-    const sptr<VARN::IPCObjectStub> service_;
-    size_t requestBytes_ = 0;
-    size_t replyBytes_ = 0;
+    const VARN::sptr<VARN::IPCObjectStub> service_;
 };
 
 }  // namespace
@@ -50,10 +44,8 @@ int main(int argc, char** argv)
     }
     try {
         const bench::Workload workload{bench::CaseNamed(argv[1]), std::stoul(argv[2]), 0, 0};
-        const VARN::sptr<bench::Meter> meter(new bench::Meter(workload));
-        VARN::Host::AbilityManager::Get()->AddSystemAbility(bench::kAbilityId, meter);
+        VARN::Host::AbilityManager::Get()->AddSystemAbility(bench::kAbilityId, new bench::Meter(workload));
         bench::TypedClient<bench::LibraryPeer>(std::string(), workload).Call();
-        meter->Print();
         return 0;
     } catch (const std::exception& exception) {
         std::cerr << "bench-sizes: " << exception.what() << '\n';

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <stdexcept>
+#include <algorithm>
 #include <string>
 #include <vector>
 
-#include "bench/contender.h"
+#include "bench/harness.h"
 #include "bench/records.h"
 
 namespace bench {
@@ -13,138 +13,106 @@ namespace bench {
 // The answers that the server of a workload gives.
 struct Answers {
     explicit Answers(const Workload& workload)
-        : infos(MakeInfos(workload.kind == Case::kSmall || workload.kind == Case::kBulk ? workload.records : 0)),
-          usages(MakeUsages(workload.kind == Case::kUsage ? workload.records : 0)),
-          rows(MakeRows(workload.kind == Case::kToken ? workload.records : 0))
+        : infos(MakeMany<Info>(workload.kind == Case::kSmall || workload.kind == Case::kBulk ? workload.records : 0)),
+          usages(MakeMany<Usage>(workload.kind == Case::kUsage ? workload.records : 0)),
+          rows(MakeMany<Row>(workload.kind == Case::kToken ? workload.records : 0))
     {
     }
 
     const std::vector<Info> infos;
     const std::vector<Usage> usages;
     const std::vector<Row> rows;
+    const bool isSet = true;
 };
 
-template <class T>
-bool IsSameInfo(const T& left, const Info& right)
-{
-    return left.bundleName == right.bundleName && left.uid == right.uid &&
-           left.permissionGroup == right.permissionGroup && left.checkedState == right.checkedState &&
-           left.shownStates == right.shownStates && left.disabledStates == right.disabledStates &&
-           left.disabledReason == right.disabledReason && left.flags == right.flags;
-}
-
-inline bool IsSameUsage(const Usage& left, const Usage& right)
-{
-    return left.bundleName == right.bundleName && left.uid == right.uid &&
-           left.operationGroup == right.operationGroup && left.times == right.times &&
-           left.operationMode == right.operationMode && left.appState == right.appState &&
-           left.screenState == right.screenState && left.beginTimestamp == right.beginTimestamp &&
-           left.endTimestamp == right.endTimestamp;
-}
-
-template <class T>
-bool IsSameRow(const T& left, const Row& right)
-{
-    return left.bundleName == right.bundleName && left.fingerprint == right.fingerprint &&
-           left.versionCode == right.versionCode && left.policyValue == right.policyValue;
-}
-
-// The client of a contender whose `Peer` carries records. A `Peer` is made from the directory and has an operation for
-// each request, which throws when it fails; its types `Info`, `Usage` and `Row` are what it brings them in, and
-// `ToPlain` turns its usage record into ours.
+// The client of a contender whose `Peer` carries records. A `Peer` is made from the directory. Its `Ask(request,
+// answer)` fills the answer, an empty list of its types `InfoType`, `UsageType` or `RowType`, or a bool, and throws
+// when the request fails.
 template <class Peer>
 class TypedClient final : public Client {
 public:
     TypedClient(const std::string& directory, const Workload& workload)
-        : workload_(workload), peer_(directory), rowRequest_(MakeRowRequest(workload.records))
+        : workload_(workload),
+          peer_(directory),
+          infoRequest_(workload.kind == Case::kSmall  ? MakeByAppRequest()
+                       : workload.kind == Case::kBulk ? MakeByPermissionRequest()
+                                                      : InfoRequest()),
+          rowRequest_(MakeRowRequest(workload.records))
     {
     }
 
     // Said, because the destructor of a peer may say that it throws.
     ~TypedClient() noexcept override = default;
 
-    // Every answer goes into new vectors, as in a program that calls once.
+    // Every answer goes into a new list, as in a program that calls once.
     void Call() override
     {
+        Forget();
         switch (workload_.kind) {
             case Case::kSmall:
-                infos_ = {};
-                return peer_.ByApp(byAppRequest_, infos_);
             case Case::kBulk:
-                infos_ = {};
-                return peer_.ByPermission(byPermissionRequest_, infos_);
-            case Case::kLeast:
-                isSet_ = peer_.SetCheckedState(setRequest_);
-                return;
-            case Case::kUsage:
-                usages_ = {};
-                return peer_.Timeline(usageRequest_, usages_);
-            case Case::kToken:
-                rows_ = {};
-                return peer_.GetPolicy(rowRequest_, rows_);
             case Case::kNone:
-                infos_ = {};
-                return peer_.ByApp(emptyRequest_, infos_);
+                return peer_.Ask(infoRequest_, infos_);
+            case Case::kLeast:
+                return peer_.Ask(setRequest_, isSet_);
+            case Case::kUsage:
+                return peer_.Ask(usageRequest_, usages_);
+            case Case::kToken:
+                return peer_.Ask(rowRequest_, rows_);
         }
+    }
+
+    void Forget() override
+    {
+        infos_ = {};
+        usages_ = {};
+        rows_ = {};
+        isSet_ = false;
     }
 
     bool IsAnswerRight() const override
     {
-        switch (workload_.kind) {
-            case Case::kSmall:
-            case Case::kBulk:
-                return AreRight(infos_,
-                                [](const auto& info, size_t index) { return IsSameInfo(info, MakeInfo(index)); });
-            case Case::kLeast:
-                return isSet_;
-            case Case::kUsage:
-                return AreRight(usages_, [](const auto& usage, size_t index) {
-                    return IsSameUsage(Peer::ToPlain(usage), MakeUsage(index));
-                });
-            case Case::kToken:
-                return AreRight(rows_, [](const auto& row, size_t index) { return IsSameRow(row, MakeRow(index)); });
-            case Case::kNone:
-                return infos_.empty();
-        }
-        return false;
+        const Answers right(workload_);
+        return isSet_ == (workload_.kind == Case::kLeast) && AreSame(infos_, right.infos) &&
+               AreSame(usages_, right.usages) && AreSame(rows_, right.rows);
     }
 
 private:
-    template <class T, class IsSame>
-    bool AreRight(const std::vector<T>& records, IsSame isSame) const
+    template <class T, class Plain>
+    static bool AreSame(const std::vector<T>& records, const std::vector<Plain>& right)
     {
-        if (records.size() != workload_.records) {
-            return false;
-        }
-        for (size_t index = 0; index < records.size(); ++index) {
-            if (!isSame(records[index], index)) {
-                return false;
-            }
-        }
-        return true;
+        return std::equal(records.begin(), records.end(), right.begin(), right.end(),
+                          [](const T& left, const Plain& plain) {
+                              Plain copy;
+                              Peer::Copy(left, copy);
+                              return Plain::Fields(copy) == Plain::Fields(plain);
+                          });
     }
 
     const Workload workload_;
     Peer peer_;
-    const InfoRequest byAppRequest_ = MakeByAppRequest();
-    const InfoRequest byPermissionRequest_ = MakeByPermissionRequest();
-    const InfoRequest emptyRequest_;
+    const InfoRequest infoRequest_;
     const SetRequest setRequest_ = MakeSetRequest();
     const UsageRequest usageRequest_ = MakeUsageRequest();
     const RowRequest rowRequest_;
 
-    std::vector<typename Peer::Info> infos_;
-    std::vector<typename Peer::Usage> usages_;
-    std::vector<typename Peer::Row> rows_;
+    std::vector<typename Peer::InfoType> infos_;
+    std::vector<typename Peer::UsageType> usages_;
+    std::vector<typename Peer::RowType> rows_;
     bool isSet_ = false;
 };
 
 // What a `Peer` that brings the plain structs derives from.
 struct PlainTypes {
-    using Info = bench::Info;
-    using Usage = bench::Usage;
-    using Row = bench::Row;
-    static const Usage& ToPlain(const Usage& usage) { return usage; }
+    using InfoType = Info;
+    using UsageType = Usage;
+    using RowType = Row;
+
+    template <class Record>
+    static void Copy(const Record& from, Record& to)
+    {
+        to = from;
+    }
 };
 
 }  // namespace bench

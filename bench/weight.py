@@ -1,22 +1,19 @@
 # SPDX-License-Identifier: Apache-2.0
 """What a service weighs: memory, threads, heap allocations and system calls."""
 import collections
-import os
 import pathlib
 import re
 import shutil
-import socket
-import struct
 import tempfile
 import time
 
+from crowd import Crowd
 from processes import Process, status
 
 CONNECTIONS = 1000
 COUNTED_CALLS = 200
 COUNTED_CASES = {"none": 0, "least": 0, "small": 8}
-PATIENCE_SECONDS = 10
-ABILITY_SOCKET = "65993.sock"
+QUIET_SECONDS = 5
 OUR_LIBRARIES = ("libsecurity_privacy", "libvarn_platform")
 
 
@@ -32,10 +29,8 @@ def memory(pid):
                 owner = "our libraries"
             elif ".so" in path:
                 owner = "other libraries"
-            elif path.startswith("/"):
-                owner = "program"
             else:
-                owner = "heap and stacks"
+                owner = "program" if path.startswith("/") else "heap and stacks"
         elif line.startswith("Rss:"):
             parts[owner] += int(line.split()[1])
             parts["resident"] += int(line.split()[1])
@@ -44,51 +39,16 @@ def memory(pid):
     return dict(parts)
 
 
-def connect(folder, count):
-    """Connections to our service that stay silent."""
-    connections = []
-    for _ in range(count):
-        connection = socket.socket(socket.AF_UNIX)
-        connection.connect(os.path.join(folder, ABILITY_SOCKET))
-        connections.append(connection)
-    return connections
-
-
-def frame():
-    """A by-app request with empty fields, as docs/wire-protocol.md has it."""
-    descriptor = "varn.appsecurityprivacy.securityprivacyserver.SecurityPrivacyServiceIntf"
-    token = struct.pack("<i", len(descriptor)) + (descriptor + "\0").encode("utf-16-le")
-    body = token + bytes(-len(token) % 4) + struct.pack("<iiii", 0, 0, 0, 0)
-    return struct.pack("<4sHHIiI", b"VARN", 1, 1, 1, 0, len(body)) + body
-
-
-def wait_until(condition):
-    end = time.monotonic() + PATIENCE_SECONDS
-    while not condition():
-        if time.monotonic() > end:
-            raise TimeoutError
-        time.sleep(0.01)
-
-
 def per_connection(bench):
-    """Bytes of the service's memory for one idle connection: never used, and after one request."""
+    """Bytes of the service's memory for one idle connection that has had one request."""
     with bench.pair("ours", "none", 0, bench.all_cpus, clients=0) as pair:
-        pid = pair.server.pid
-        descriptors = len(os.listdir(f"/proc/{pid}/fd"))
-        before = memory(pid)
-        connections = connect(pair.folder, CONNECTIONS)
-        wait_until(lambda: len(os.listdir(f"/proc/{pid}/fd")) >= descriptors + CONNECTIONS)
-        silent = memory(pid)
-        request, reply = frame(), int(bench.workload("floor", "none", 0)[3])
-        for connection in connections:
-            connection.sendall(request)
-            if len(connection.recv(reply, socket.MSG_WAITALL)) != reply:
-                raise RuntimeError("the service did not answer")
-        used = memory(pid)
-        for connection in connections:
-            connection.close()
-    return {state: {kind: (after[kind] - before[kind]) * 1024 / CONNECTIONS for kind in ("resident", "private dirty")}
-            for state, after in (("silent", silent), ("used", used))}
+        before = memory(pair.server.pid)
+        crowd = Crowd(bench, "ours", pair.folder).connect(CONNECTIONS)
+        for connection in crowd.connections:
+            crowd.ask(connection)
+        after = memory(pair.server.pid)
+        crowd.close()
+    return {kind: (after[kind] - before[kind]) * 1024 / CONNECTIONS for kind in ("resident", "private dirty")}
 
 
 def idle_memory(bench):
@@ -96,7 +56,7 @@ def idle_memory(bench):
     result = {"bare": memory(bare.pid)}
     bare.end()
     for name in bench.contenders:
-        with bench.pair(name, "none" if name != "floor" else "least", 0, bench.all_cpus, clients=0) as pair:
+        with bench.pair(name, "none", 0, bench.all_cpus, clients=0) as pair:
             time.sleep(0.2)  # for threads that start a little later
             result[name] = memory(pair.server.pid)
     return result
@@ -110,26 +70,34 @@ def client_threads(bench):
     return result
 
 
+def after_bulk(bench, name):
+    """A server's KiB at its peak while it answers bulk requests, and once it has been quiet for a while."""
+    with bench.pair(name, "bulk", 10000, bench.all_cpus) as pair:
+        pair.run(5 * bench.milliseconds)
+        peak = status(pair.server.pid, "VmHWM")
+        time.sleep(QUIET_SECONDS)
+        return {"peak": peak, "quiet": status(pair.server.pid, "VmRSS")}
+
+
 def allocations(bench, name, case):
     """Heap allocations per request: client, server."""
     with tempfile.TemporaryDirectory() as folder:
         files = [pathlib.Path(folder, side) for side in ("client", "server")]
         for file in files:
             file.write_bytes(bytes(8))
-        setups = [([], {"LD_PRELOAD": str(bench.programs / "libbench-allocation-counter.so"),
+        setups = [([], {"LD_PRELOAD": str(bench.program("allocation-counter.so", "libbench")),
                         "BENCH_ALLOCATION_COUNTER": str(file)}) for file in files]
         with bench.pair(name, case, COUNTED_CASES[case], bench.all_cpus, client_setup=setups[0],
                         server_setup=setups[1]) as pair:
             counts = []
-            for _ in range(2):
+            for _ in range(3):
                 counts.append([int.from_bytes(file.read_bytes(), "little") for file in files])
                 pair.call(COUNTED_CALLS)
-            counts.append([int.from_bytes(file.read_bytes(), "little") for file in files])
-    return [(last - first) / COUNTED_CALLS for first, last in zip(counts[1], counts[2])]
+    return [(last - first) / COUNTED_CALLS for first, last in zip(*counts[1:])]
 
 
-def system_calls(bench, name, side):
-    """System calls that one side makes for a set-checked-state request."""
+def system_calls(bench, name, case, side):
+    """System calls that one side makes for one request."""
     def seen():
         time.sleep(0.3)  # until strace has written what there is
         return sum("resumed" not in line for line in log.read_text().splitlines())
@@ -137,16 +105,19 @@ def system_calls(bench, name, side):
     with tempfile.TemporaryDirectory() as folder:
         log = pathlib.Path(folder, "log")
         strace = (["strace", "-D", "-f", "-qq", "-o", str(log)], {})
-        with bench.pair(name, "least", 0, bench.all_cpus, **{f"{side}_setup": strace}) as pair:
+        with bench.pair(name, case, COUNTED_CASES[case], bench.all_cpus, **{f"{side}_setup": strace}) as pair:
             before = seen()
             pair.call(COUNTED_CALLS)
             return (seen() - before) // COUNTED_CALLS  # the commands of the driver make less than one
 
 
 def measure(bench):
-    return {"idle memory": idle_memory(bench), "per connection": per_connection(bench),
-            "client threads": client_threads(bench),
-            "allocations": {case: {name: allocations(bench, name, case) for name in bench.contenders
-                                   if name != "floor"} for case in COUNTED_CASES},
-            "system calls": {name: [system_calls(bench, name, side) for side in ("client", "server")]
-                             for name in bench.contenders} if shutil.which("strace") and not bench.quick else {}}
+    result = {"idle memory": idle_memory(bench), "per connection": per_connection(bench),
+              "client threads": client_threads(bench),
+              "after bulk": {name: after_bulk(bench, name) for name in ("ours", "floor-list")},
+              "allocations": {case: {name: allocations(bench, name, case) for name in bench.contenders
+                                     if name != "floor"} for case in COUNTED_CASES}}
+    if shutil.which("strace") and not bench.quick:
+        result["system calls"] = {name: [system_calls(bench, name, "least", side) for side in ("client", "server")]
+                                  for name in bench.contenders}
+    return result

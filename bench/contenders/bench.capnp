@@ -34,11 +34,10 @@ struct Row {
 }
 
 interface Service {
-  byApp @0 (name :Text, userId :Int32, interested :List(Text)) -> (result :Int32, infos :List(Info));
-  byPermission @1 (name :Text, userId :Int32, interested :List(Text)) -> (result :Int32, infos :List(Info));
-  setCheckedState @2 (bundleName :Text, uid :Int32, permissionGroup :Text, checkedState :Text, flagsMask :Int64,
-                      flagsValue :Int64) -> (result :Int32, isSet :Bool);
-  timeline @3 (bundleNames :List(Text), userIds :List(Int32), operationGroups :List(Text), beginTimestamp :Int64,
-               endTimestamp :Int64, limit :Int32, order :Int32) -> (result :Int32, usages :List(Usage));
-  getPolicy @4 (policyName :Text, bundleNames :List(Text)) -> (result :Int32, rows :List(Row));
+  info @0 (name :Text, userId :Int32, interested :List(Text)) -> (result :Int32, answer :List(Info));
+  set @1 (bundleName :Text, uid :Int32, permissionGroup :Text, checkedState :Text, flagsMask :Int64,
+          flagsValue :Int64) -> (result :Int32, answer :Bool);
+  usage @2 (bundleNames :List(Text), userIds :List(Int32), operationGroups :List(Text), beginTimestamp :Int64,
+            endTimestamp :Int64, limit :Int32, order :Int32) -> (result :Int32, answer :List(Usage));
+  row @3 (policyName :Text, bundleNames :List(Text)) -> (result :Int32, answer :List(Row));
 }

@@ -2,7 +2,6 @@
 // Cap'n Proto RPC over a Unix socket, the way its documentation starts: one event loop on each side.
 #include <capnp/ez-rpc.h>
 
-#include <stdexcept>
 #include <string>
 
 #include "bench.capnp.h"
@@ -12,120 +11,117 @@
 namespace bench {
 namespace {
 
-template <class Texts>
-void FillTexts(capnp::List<capnp::Text>::Builder builder, const Texts& texts)
-{
-    capnp::uint index = 0;
-    for (const std::string& text : texts) {
-        builder.set(index++, text);
-    }
-}
-
-std::string TextOf(capnp::Text::Reader text)
-{
-    return {text.cStr(), text.size()};
-}
-
-void ReadTexts(capnp::List<capnp::Text>::Reader reader, std::vector<std::string>& texts)
-{
-    texts.reserve(reader.size());
-    for (const auto text : reader) {
-        texts.push_back(TextOf(text));
-    }
-}
-
-void ReadTexts(capnp::List<capnp::Text>::Reader reader, std::unordered_set<std::string>& texts)
-{
-    for (const auto text : reader) {
-        texts.insert(TextOf(text));
-    }
-}
-
 capnp::uint CountOf(size_t size)
 {
     return static_cast<capnp::uint>(size);
 }
 
-void Fill(wire::Info::Builder builder, const Info& info)
+template <class List, class Values>
+void FillList(List list, const Values& values)
 {
-    builder.setBundleName(info.bundleName);
-    builder.setUid(info.uid);
-    builder.setPermissionGroup(info.permissionGroup);
-    builder.setCheckedState(info.checkedState);
-    FillTexts(builder.initShownStates(CountOf(info.shownStates.size())), info.shownStates);
-    FillTexts(builder.initDisabledStates(CountOf(info.disabledStates.size())), info.disabledStates);
-    builder.setDisabledReason(info.disabledReason);
-    builder.setFlags(info.flags);
-}
-
-void Read(wire::Info::Reader reader, Info& info)
-{
-    info.bundleName = TextOf(reader.getBundleName());
-    info.uid = reader.getUid();
-    info.permissionGroup = TextOf(reader.getPermissionGroup());
-    info.checkedState = TextOf(reader.getCheckedState());
-    ReadTexts(reader.getShownStates(), info.shownStates);
-    ReadTexts(reader.getDisabledStates(), info.disabledStates);
-    info.disabledReason = TextOf(reader.getDisabledReason());
-    info.flags = reader.getFlags();
-}
-
-void Fill(wire::Usage::Builder builder, const Usage& usage)
-{
-    builder.setBundleName(usage.bundleName);
-    builder.setUid(usage.uid);
-    builder.setOperationGroup(usage.operationGroup);
-    builder.setTimes(usage.times);
-    builder.setOperationMode(usage.operationMode);
-    builder.setAppState(usage.appState);
-    builder.setScreenState(usage.screenState);
-    builder.setBeginTimestamp(usage.beginTimestamp);
-    builder.setEndTimestamp(usage.endTimestamp);
-}
-
-void Read(wire::Usage::Reader reader, Usage& usage)
-{
-    usage.bundleName = TextOf(reader.getBundleName());
-    usage.uid = reader.getUid();
-    usage.operationGroup = TextOf(reader.getOperationGroup());
-    usage.times = reader.getTimes();
-    usage.operationMode = reader.getOperationMode();
-    usage.appState = reader.getAppState();
-    usage.screenState = reader.getScreenState();
-    usage.beginTimestamp = reader.getBeginTimestamp();
-    usage.endTimestamp = reader.getEndTimestamp();
-}
-
-void Fill(wire::Row::Builder builder, const Row& row)
-{
-    builder.setBundleName(row.bundleName);
-    builder.setFingerprint(row.fingerprint);
-    builder.setVersionCode(row.versionCode);
-    builder.setPolicyValue(row.policyValue);
-}
-
-void Read(wire::Row::Reader reader, Row& row)
-{
-    row.bundleName = TextOf(reader.getBundleName());
-    row.fingerprint = TextOf(reader.getFingerprint());
-    row.versionCode = reader.getVersionCode();
-    row.policyValue = reader.getPolicyValue();
-}
-
-template <class Builder, class Record>
-void FillMany(Builder builder, const std::vector<Record>& records)
-{
-    for (capnp::uint index = 0; index < builder.size(); ++index) {
-        Fill(builder[index], records[index]);
+    capnp::uint index = 0;
+    for (const auto& value : values) {
+        list.set(index++, value);
     }
 }
 
-template <class Reader, class Record>
-void ReadMany(Reader reader, std::vector<Record>& records)
+// What a generated reader gives, as a field of a record.
+template <class T>
+void Read(T from, T& to)
 {
-    records.resize(reader.size());
-    for (capnp::uint index = 0; index < reader.size(); ++index) {
-        Read(reader[index], records[index]);
+    to = from;
+}
+void Read(capnp::Text::Reader from, std::string& to)
+{
+    to.assign(from.cStr(), from.size());
+}
+void Read(capnp::List<capnp::Text>::Reader from, std::vector<std::string>& to)
+{
+    to.reserve(from.size());
+    for (const auto text : from) {
+        to.emplace_back(text.cStr(), text.size());
+    }
+}
+void Read(capnp::List<capnp::Text>::Reader from, std::unordered_set<std::string>& to)
+{
+    for (const auto text : from) {
+        to.emplace(text.cStr(), text.size());
+    }
+}
+void Read(capnp::List<int32_t>::Reader from, std::vector<int32_t>& to)
+{
+    for (const int32_t number : from) {
+        to.push_back(number);
+    }
+}
+
+// One list of fields for both directions: `wire` is a generated builder when `record` is const, else a reader.
+#define CARRY(Name, field)                    \
+    if constexpr (std::is_const_v<Record>) {  \
+        wire.set##Name(record.field);         \
+    } else {                                  \
+        Read(wire.get##Name(), record.field); \
+    }
+#define CARRY_LIST(Name, field)                                                \
+    if constexpr (std::is_const_v<Record>) {                                   \
+        FillList(wire.init##Name(CountOf(record.field.size())), record.field); \
+    } else {                                                                   \
+        Read(wire.get##Name(), record.field);                                  \
+    }
+
+template <class T, class Record>
+constexpr bool kIs = std::is_same_v<std::remove_const_t<Record>, T>;
+
+template <class Wire, class Record>
+void Carry(Wire wire, Record& record)
+{
+    if constexpr (kIs<Info, Record>) {
+        CARRY(BundleName, bundleName)
+        CARRY(Uid, uid)
+        CARRY(PermissionGroup, permissionGroup)
+        CARRY(CheckedState, checkedState)
+        CARRY_LIST(ShownStates, shownStates)
+        CARRY_LIST(DisabledStates, disabledStates)
+        CARRY(DisabledReason, disabledReason)
+        CARRY(Flags, flags)
+    } else if constexpr (kIs<Usage, Record>) {
+        CARRY(BundleName, bundleName)
+        CARRY(Uid, uid)
+        CARRY(OperationGroup, operationGroup)
+        CARRY(Times, times)
+        CARRY(OperationMode, operationMode)
+        CARRY(AppState, appState)
+        CARRY(ScreenState, screenState)
+        CARRY(BeginTimestamp, beginTimestamp)
+        CARRY(EndTimestamp, endTimestamp)
+    } else if constexpr (kIs<Row, Record>) {
+        CARRY(BundleName, bundleName)
+        CARRY(Fingerprint, fingerprint)
+        CARRY(VersionCode, versionCode)
+        CARRY(PolicyValue, policyValue)
+    } else if constexpr (kIs<InfoRequest, Record>) {
+        CARRY(Name, name)
+        CARRY(UserId, userId)
+        CARRY_LIST(Interested, interested)
+    } else if constexpr (kIs<SetRequest, Record>) {
+        CARRY(BundleName, bundleName)
+        CARRY(Uid, uid)
+        CARRY(PermissionGroup, permissionGroup)
+        CARRY(CheckedState, checkedState)
+        CARRY(FlagsMask, flagsMask)
+        CARRY(FlagsValue, flagsValue)
+    } else if constexpr (kIs<UsageRequest, Record>) {
+        CARRY_LIST(BundleNames, bundleNames)
+        CARRY_LIST(UserIds, userIds)
+        CARRY_LIST(OperationGroups, operationGroups)
+        CARRY(BeginTimestamp, beginTimestamp)
+        CARRY(EndTimestamp, endTimestamp)
+        CARRY(Limit, limit)
+        CARRY(Order, order)
+    } else {
+        static_assert(kIs<RowRequest, Record>);
+        CARRY(PolicyName, policyName)
+        CARRY_LIST(BundleNames, bundleNames)
     }
 }
 
@@ -136,59 +132,29 @@ public:
     {
     }
 
-    void ByApp(const InfoRequest& request, std::vector<Info>& infos)
+    void Ask(const InfoRequest& request, std::vector<Info>& infos) { Send(service_.infoRequest(), request, infos); }
+    void Ask(const SetRequest& request, bool& isSet) { Send(service_.setRequest(), request, isSet); }
+    void Ask(const UsageRequest& request, std::vector<Usage>& usages)
     {
-        SendInfoRequest(service_.byAppRequest(), request, infos);
+        Send(service_.usageRequest(), request, usages);
     }
-    void ByPermission(const InfoRequest& request, std::vector<Info>& infos)
-    {
-        SendInfoRequest(service_.byPermissionRequest(), request, infos);
-    }
-    bool SetCheckedState(const SetRequest& request)
-    {
-        auto call = service_.setCheckedStateRequest();
-        call.setBundleName(request.bundleName);
-        call.setUid(request.uid);
-        call.setPermissionGroup(request.permissionGroup);
-        call.setCheckedState(request.checkedState);
-        call.setFlagsMask(request.flagsMask);
-        call.setFlagsValue(request.flagsValue);
-        return call.send().wait(client_.getWaitScope()).getIsSet();
-    }
-    void Timeline(const UsageRequest& request, std::vector<Usage>& usages)
-    {
-        auto call = service_.timelineRequest();
-        FillTexts(call.initBundleNames(CountOf(request.bundleNames.size())), request.bundleNames);
-        auto userIds = call.initUserIds(CountOf(request.userIds.size()));
-        for (capnp::uint index = 0; index < userIds.size(); ++index) {
-            userIds.set(index, request.userIds[index]);
-        }
-        FillTexts(call.initOperationGroups(CountOf(request.operationGroups.size())), request.operationGroups);
-        call.setBeginTimestamp(request.beginTimestamp);
-        call.setEndTimestamp(request.endTimestamp);
-        call.setLimit(request.limit);
-        call.setOrder(request.order);
-        const auto reply = call.send().wait(client_.getWaitScope());
-        ReadMany(reply.getUsages(), usages);
-    }
-    void GetPolicy(const RowRequest& request, std::vector<Row>& rows)
-    {
-        auto call = service_.getPolicyRequest();
-        call.setPolicyName(request.policyName);
-        FillTexts(call.initBundleNames(CountOf(request.bundleNames.size())), request.bundleNames);
-        const auto reply = call.send().wait(client_.getWaitScope());
-        ReadMany(reply.getRows(), rows);
-    }
+    void Ask(const RowRequest& request, std::vector<Row>& rows) { Send(service_.rowRequest(), request, rows); }
 
 private:
-    template <class Call>
-    void SendInfoRequest(Call call, const InfoRequest& request, std::vector<Info>& infos)
+    template <class Call, class Request, class Answer>
+    void Send(Call call, const Request& request, Answer& answer)
     {
-        call.setName(request.name);
-        call.setUserId(request.userId);
-        FillTexts(call.initInterested(CountOf(request.interested.size())), request.interested);
+        Carry<typename Call::Builder>(call, request);
         const auto reply = call.send().wait(client_.getWaitScope());
-        ReadMany(reply.getInfos(), infos);
+        if constexpr (std::is_same_v<Answer, bool>) {
+            answer = reply.getAnswer();
+        } else {
+            const auto records = reply.getAnswer();
+            answer.resize(records.size());
+            for (capnp::uint index = 0; index < records.size(); ++index) {
+                Carry(records[index], answer[index]);
+            }
+        }
     }
 
     capnp::EzRpcClient client_;
@@ -200,49 +166,25 @@ public:
     explicit Service(const Workload& workload) : answers_(workload) {}
 
 protected:
-    kj::Promise<void> byApp(ByAppContext context) override { return AnswerInfos(context); }
-    kj::Promise<void> byPermission(ByPermissionContext context) override { return AnswerInfos(context); }
-    kj::Promise<void> setCheckedState(SetCheckedStateContext context) override
-    {
-        const auto params = context.getParams();
-        SetRequest request{TextOf(params.getBundleName()),   params.getUid(),       TextOf(params.getPermissionGroup()),
-                           TextOf(params.getCheckedState()), params.getFlagsMask(), params.getFlagsValue()};
-        context.getResults().setIsSet(true);
-        return kj::READY_NOW;
-    }
-    kj::Promise<void> timeline(TimelineContext context) override
-    {
-        const auto params = context.getParams();
-        UsageRequest request;
-        ReadTexts(params.getBundleNames(), request.bundleNames);
-        for (const int32_t userId : params.getUserIds()) {
-            request.userIds.push_back(userId);
-        }
-        ReadTexts(params.getOperationGroups(), request.operationGroups);
-        request.beginTimestamp = params.getBeginTimestamp();
-        request.endTimestamp = params.getEndTimestamp();
-        request.limit = params.getLimit();
-        request.order = params.getOrder();
-        FillMany(context.getResults().initUsages(CountOf(answers_.usages.size())), answers_.usages);
-        return kj::READY_NOW;
-    }
-    kj::Promise<void> getPolicy(GetPolicyContext context) override
-    {
-        const auto params = context.getParams();
-        RowRequest request{TextOf(params.getPolicyName()), {}};
-        ReadTexts(params.getBundleNames(), request.bundleNames);
-        FillMany(context.getResults().initRows(CountOf(answers_.rows.size())), answers_.rows);
-        return kj::READY_NOW;
-    }
+    kj::Promise<void> info(InfoContext context) override { return Answer<InfoRequest>(context, answers_.infos); }
+    kj::Promise<void> set(SetContext context) override { return Answer<SetRequest>(context, answers_.isSet); }
+    kj::Promise<void> usage(UsageContext context) override { return Answer<UsageRequest>(context, answers_.usages); }
+    kj::Promise<void> row(RowContext context) override { return Answer<RowRequest>(context, answers_.rows); }
 
 private:
-    template <class Context>
-    kj::Promise<void> AnswerInfos(Context& context)
+    template <class Request, class Context, class Kept>
+    static kj::Promise<void> Answer(Context& context, const Kept& kept)
     {
-        const auto params = context.getParams();
-        InfoRequest request{TextOf(params.getName()), params.getUserId(), {}};
-        ReadTexts(params.getInterested(), request.interested);
-        FillMany(context.getResults().initInfos(CountOf(answers_.infos.size())), answers_.infos);
+        Request request;
+        Carry(context.getParams(), request);
+        if constexpr (std::is_same_v<Kept, bool>) {
+            context.getResults().setAnswer(kept);
+        } else {
+            auto records = context.getResults().initAnswer(CountOf(kept.size()));
+            for (capnp::uint index = 0; index < records.size(); ++index) {
+                Carry(records[index], kept[index]);
+            }
+        }
         return kj::READY_NOW;
     }
 

@@ -2,11 +2,10 @@
 // What the kernel charges for two messages: as many bytes as ours, there and back, with nothing in them.
 #include <algorithm>
 #include <cstring>
-#include <stdexcept>
 #include <string>
 
-#include "bench/contender.h"
 #include "bench/contenders/unix_socket.h"
+#include "bench/harness.h"
 
 namespace bench {
 namespace {
@@ -22,17 +21,12 @@ std::string MakeMessage(size_t bytes)
 class FloorClient final : public Client {
 public:
     FloorClient(const std::string& directory, const Workload& workload)
-        : socket_(ConnectTo(SocketPath(directory))), request_(MakeMessage(workload.requestBytes))
+        : socket_(ConnectTo(directory)), request_(MakeMessage(workload.requestBytes))
     {
     }
 
-    void Call() override
-    {
-        if (!socket_.Send(request_) || socket_.Receive().empty()) {
-            throw std::runtime_error("the server is gone");
-        }
-    }
-
+    void Call() override { socket_.Call(request_); }
+    void Forget() override {}
     bool IsAnswerRight() const override { return true; }
 
 private:
@@ -45,12 +39,10 @@ private:
 void Serve(const std::string& directory, const Workload& workload)
 {
     const std::string reply = MakeMessage(workload.replyBytes);
-    const int listener = ListenOn(SocketPath(directory));
+    const int listener = ListenAt(directory);
     AnnounceReady();
     ServeOnThreads(listener, [&reply](int descriptor) {
-        MessageSocket socket(descriptor);
-        while (!socket.Receive().empty() && socket.Send(reply)) {
-        }
+        MessageSocket(descriptor).Serve([&reply](std::string_view) { return std::string_view(reply); });
     });
 }
 

@@ -15,134 +15,90 @@ namespace {
 using plain::Reader;
 using plain::Writer;
 
-enum class Operation : uint32_t { kByApp = 1, kByPermission, kSetCheckedState, kTimeline, kGetPolicy };
+// A message begins with its operation.
+template <class Request>
+constexpr uint32_t kOperation = 0;
+template <>
+constexpr uint32_t kOperation<InfoRequest> = 1;
+template <>
+constexpr uint32_t kOperation<SetRequest> = 2;
+template <>
+constexpr uint32_t kOperation<UsageRequest> = 3;
+template <>
+constexpr uint32_t kOperation<RowRequest> = 4;
 
 class FloorCodecPeer : public PlainTypes {
 public:
-    explicit FloorCodecPeer(const std::string& directory) : socket_(ConnectTo(SocketPath(directory))) {}
+    explicit FloorCodecPeer(const std::string& directory) : socket_(ConnectTo(directory)) {}
 
-    void ByApp(const InfoRequest& request, std::vector<Info>& infos) { Fetch(Operation::kByApp, request, infos); }
-    void ByPermission(const InfoRequest& request, std::vector<Info>& infos)
-    {
-        Fetch(Operation::kByPermission, request, infos);
-    }
-    bool SetCheckedState(const SetRequest& request)
-    {
-        Reader reader = Send(Operation::kSetCheckedState, request);
-        bool isSet = false;
-        reader.Get(isSet);
-        return isSet;
-    }
-    void Timeline(const UsageRequest& request, std::vector<Usage>& usages)
-    {
-        Fetch(Operation::kTimeline, request, usages);
-    }
-    void GetPolicy(const RowRequest& request, std::vector<Row>& rows) { Fetch(Operation::kGetPolicy, request, rows); }
-
-private:
-    // Sends the request; the reply behind its result.
-    template <class Request>
-    Reader Send(Operation operation, const Request& request)
+    template <class Request, class Answer>
+    void Ask(const Request& request, Answer& answer)
     {
         writer_.Begin();
-        writer_.Put(static_cast<uint32_t>(operation));
-        plain::Put(writer_, request);
-        if (!socket_.Send(writer_.Finish())) {
-            throw std::runtime_error("the server is gone");
-        }
-        const std::string_view reply = socket_.Receive();
-        if (reply.empty()) {
-            throw std::runtime_error("the server is gone");
-        }
-        Reader reader(reply);
+        writer_.Put(kOperation<Request>);
+        writer_.Put(request);
+        Reader reader(socket_.Call(writer_.Finish()));
         int32_t result = 0;
         reader.Get(result);
         if (result != 0) {
             throw std::runtime_error("the request failed");
         }
-        return reader;
+        reader.Get(answer);
     }
 
-    template <class Request, class Record>
-    void Fetch(Operation operation, const Request& request, std::vector<Record>& records)
-    {
-        Reader reader = Send(operation, request);
-        plain::GetMany(reader, records);
-    }
-
+private:
     MessageSocket socket_;
     Writer writer_;
 };
 
-constexpr bool kFillsList = BENCH_FILLS_LIST;
-
-template <class Record>
-void PutAnswer(Writer& writer, const std::vector<Record>& kept)
+template <class Request, class Answer>
+void Reply(Reader& reader, Writer& writer, const Answer& kept)
 {
-    if constexpr (kFillsList) {
-        plain::PutMany(writer, std::vector<Record>(kept));
+    {
+        Request request;
+        reader.Get(request);
+    }
+    if constexpr (BENCH_FILLS_LIST) {
+        writer.Put(Answer(kept));
     } else {
-        plain::PutMany(writer, kept);
+        writer.Put(kept);
     }
 }
 
-class Service {
-public:
-    explicit Service(const Workload& workload) : answers_(workload) {}
-
-    void Answer(std::string_view message, Writer& writer) const
-    {
-        Reader reader(message);
-        uint32_t operation = 0;
-        reader.Get(operation);
-        writer.Begin();
-        writer.Put(int32_t{0});
-        switch (static_cast<Operation>(operation)) {
-            case Operation::kByApp:
-            case Operation::kByPermission:
-                Read<InfoRequest>(reader);
-                return PutAnswer(writer, answers_.infos);
-            case Operation::kSetCheckedState:
-                Read<SetRequest>(reader);
-                return writer.Put(true);
-            case Operation::kTimeline:
-                Read<UsageRequest>(reader);
-                return PutAnswer(writer, answers_.usages);
-            case Operation::kGetPolicy:
-                Read<RowRequest>(reader);
-                return PutAnswer(writer, answers_.rows);
-        }
-        throw std::runtime_error("no such operation");
+void Handle(const Answers& answers, std::string_view message, Writer& writer)
+{
+    Reader reader(message);
+    uint32_t operation = 0;
+    reader.Get(operation);
+    writer.Begin();
+    writer.Put(int32_t{0});
+    switch (operation) {
+        case kOperation<InfoRequest>:
+            return Reply<InfoRequest>(reader, writer, answers.infos);
+        case kOperation<SetRequest>:
+            return Reply<SetRequest>(reader, writer, answers.isSet);
+        case kOperation<UsageRequest>:
+            return Reply<UsageRequest>(reader, writer, answers.usages);
+        case kOperation<RowRequest>:
+            return Reply<RowRequest>(reader, writer, answers.rows);
+        default:
+            throw std::runtime_error("no such operation");
     }
-
-private:
-    template <class Request>
-    static Request Read(Reader& reader)
-    {
-        Request request;
-        plain::Get(reader, request);
-        return request;
-    }
-
-    const Answers answers_;
-};
+}
 
 }  // namespace
 
 void Serve(const std::string& directory, const Workload& workload)
 {
-    const Service service(workload);
-    const int listener = ListenOn(SocketPath(directory));
+    const Answers answers(workload);
+    const int listener = ListenAt(directory);
     AnnounceReady();
-    ServeOnThreads(listener, [&service](int descriptor) {
-        MessageSocket socket(descriptor);
+    ServeOnThreads(listener, [&answers](int descriptor) {
         Writer writer;
-        for (std::string_view message = socket.Receive(); !message.empty(); message = socket.Receive()) {
-            service.Answer(message, writer);
-            if (!socket.Send(writer.Finish())) {
-                return;
-            }
-        }
+        MessageSocket(descriptor).Serve([&answers, &writer](std::string_view message) {
+            Handle(answers, message, writer);
+            return writer.Finish();
+        });
     });
 }
 

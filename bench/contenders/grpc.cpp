@@ -2,6 +2,7 @@
 // gRPC over a Unix socket with its synchronous server and stub.
 #include <grpcpp/grpcpp.h>
 
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -14,234 +15,197 @@ namespace {
 
 constexpr int kNoLimit = -1;
 
-template <class Field, class Texts>
-void FillTexts(Field* field, const Texts& texts)
+template <class List, class Values>
+void FillList(List* list, const Values& values)
 {
-    field->Reserve(static_cast<int>(texts.size()));
-    for (const std::string& text : texts) {
-        *field->Add() = text;
+    list->Reserve(static_cast<int>(values.size()));
+    for (const auto& value : values) {
+        *list->Add() = value;
     }
+}
+void FillList(google::protobuf::RepeatedField<int32_t>* list, const std::vector<int32_t>& values)
+{
+    list->Add(values.begin(), values.end());
 }
 
 // The message is ours and read once, so that its texts may be moved out.
-template <class Field>
-void TakeTexts(Field* field, std::vector<std::string>& texts)
+template <class List, class Texts>
+void TakeList(List* list, Texts& texts)
 {
-    texts.assign(std::make_move_iterator(field->begin()), std::make_move_iterator(field->end()));
+    texts = Texts(std::make_move_iterator(list->begin()), std::make_move_iterator(list->end()));
 }
 
-template <class Field>
-void TakeTexts(Field* field, std::unordered_set<std::string>& texts)
-{
-    texts.insert(std::make_move_iterator(field->begin()), std::make_move_iterator(field->end()));
-}
-
-void Fill(wire::Info& message, const Info& info)
-{
-    message.set_bundle_name(info.bundleName);
-    message.set_uid(info.uid);
-    message.set_permission_group(info.permissionGroup);
-    message.set_checked_state(info.checkedState);
-    FillTexts(message.mutable_shown_states(), info.shownStates);
-    FillTexts(message.mutable_disabled_states(), info.disabledStates);
-    message.set_disabled_reason(info.disabledReason);
-    message.set_flags(info.flags);
-}
-
-void Take(wire::Info& message, Info& info)
-{
-    info.bundleName = std::move(*message.mutable_bundle_name());
-    info.uid = message.uid();
-    info.permissionGroup = std::move(*message.mutable_permission_group());
-    info.checkedState = std::move(*message.mutable_checked_state());
-    TakeTexts(message.mutable_shown_states(), info.shownStates);
-    TakeTexts(message.mutable_disabled_states(), info.disabledStates);
-    info.disabledReason = std::move(*message.mutable_disabled_reason());
-    info.flags = message.flags();
-}
-
-void Fill(wire::Usage& message, const Usage& usage)
-{
-    message.set_bundle_name(usage.bundleName);
-    message.set_uid(usage.uid);
-    message.set_operation_group(usage.operationGroup);
-    message.set_times(usage.times);
-    message.set_operation_mode(usage.operationMode);
-    message.set_app_state(usage.appState);
-    message.set_screen_state(usage.screenState);
-    message.set_begin_timestamp(usage.beginTimestamp);
-    message.set_end_timestamp(usage.endTimestamp);
-}
-
-void Take(wire::Usage& message, Usage& usage)
-{
-    usage.bundleName = std::move(*message.mutable_bundle_name());
-    usage.uid = message.uid();
-    usage.operationGroup = std::move(*message.mutable_operation_group());
-    usage.times = message.times();
-    usage.operationMode = message.operation_mode();
-    usage.appState = message.app_state();
-    usage.screenState = message.screen_state();
-    usage.beginTimestamp = message.begin_timestamp();
-    usage.endTimestamp = message.end_timestamp();
-}
-
-void Fill(wire::Row& message, const Row& row)
-{
-    message.set_bundle_name(row.bundleName);
-    message.set_fingerprint(row.fingerprint);
-    message.set_version_code(row.versionCode);
-    message.set_policy_value(row.policyValue);
-}
-
-void Take(wire::Row& message, Row& row)
-{
-    row.bundleName = std::move(*message.mutable_bundle_name());
-    row.fingerprint = std::move(*message.mutable_fingerprint());
-    row.versionCode = message.version_code();
-    row.policyValue = message.policy_value();
-}
-
-template <class Field, class Record>
-void FillMany(Field* field, const std::vector<Record>& records)
-{
-    field->Reserve(static_cast<int>(records.size()));
-    for (const Record& record : records) {
-        Fill(*field->Add(), record);
+// One list of fields for both directions: into the message when `record` is const, else out of it.
+#define CARRY(name, field)                   \
+    if constexpr (std::is_const_v<Record>) { \
+        message.set_##name(record.field);    \
+    } else {                                 \
+        record.field = message.name();       \
     }
-}
-
-template <class Field, class Record>
-void TakeMany(Field* field, std::vector<Record>& records)
-{
-    records.resize(static_cast<size_t>(field->size()));
-    size_t index = 0;
-    for (auto& message : *field) {
-        Take(message, records[index++]);
+#define CARRY_TEXT(name, field)                              \
+    if constexpr (std::is_const_v<Record>) {                 \
+        message.set_##name(record.field);                    \
+    } else {                                                 \
+        record.field = std::move(*message.mutable_##name()); \
     }
-}
-
-grpc::ChannelArguments WithoutLimit()
-{
-    grpc::ChannelArguments arguments;
-    arguments.SetMaxReceiveMessageSize(kNoLimit);
-    return arguments;
-}
-
-void Check(const grpc::Status& status)
-{
-    if (!status.ok()) {
-        throw std::runtime_error(status.error_message());
+#define CARRY_LIST(name, field)                           \
+    if constexpr (std::is_const_v<Record>) {              \
+        FillList(message.mutable_##name(), record.field); \
+    } else {                                              \
+        TakeList(message.mutable_##name(), record.field); \
     }
+
+template <class Record>
+void Carry(wire::Info& message, Record& record)
+{
+    CARRY_TEXT(bundle_name, bundleName)
+    CARRY(uid, uid)
+    CARRY_TEXT(permission_group, permissionGroup)
+    CARRY_TEXT(checked_state, checkedState)
+    CARRY_LIST(shown_states, shownStates)
+    CARRY_LIST(disabled_states, disabledStates)
+    CARRY_TEXT(disabled_reason, disabledReason)
+    CARRY(flags, flags)
+}
+
+template <class Record>
+void Carry(wire::Usage& message, Record& record)
+{
+    CARRY_TEXT(bundle_name, bundleName)
+    CARRY(uid, uid)
+    CARRY_TEXT(operation_group, operationGroup)
+    CARRY(times, times)
+    CARRY(operation_mode, operationMode)
+    CARRY(app_state, appState)
+    CARRY(screen_state, screenState)
+    CARRY(begin_timestamp, beginTimestamp)
+    CARRY(end_timestamp, endTimestamp)
+}
+
+template <class Record>
+void Carry(wire::Row& message, Record& record)
+{
+    CARRY_TEXT(bundle_name, bundleName)
+    CARRY_TEXT(fingerprint, fingerprint)
+    CARRY(version_code, versionCode)
+    CARRY(policy_value, policyValue)
+}
+
+void Fill(wire::InfoRequest& message, const InfoRequest& request)
+{
+    message.set_name(request.name);
+    message.set_user_id(request.userId);
+    FillList(message.mutable_interested(), request.interested);
+}
+
+void Fill(wire::SetRequest& message, const SetRequest& request)
+{
+    message.set_bundle_name(request.bundleName);
+    message.set_uid(request.uid);
+    message.set_permission_group(request.permissionGroup);
+    message.set_checked_state(request.checkedState);
+    message.set_flags_mask(request.flagsMask);
+    message.set_flags_value(request.flagsValue);
+}
+
+void Fill(wire::UsageRequest& message, const UsageRequest& request)
+{
+    FillList(message.mutable_bundle_names(), request.bundleNames);
+    FillList(message.mutable_user_ids(), request.userIds);
+    FillList(message.mutable_operation_groups(), request.operationGroups);
+    message.set_begin_timestamp(request.beginTimestamp);
+    message.set_end_timestamp(request.endTimestamp);
+    message.set_limit(request.limit);
+    message.set_order(request.order);
+}
+
+void Fill(wire::RowRequest& message, const RowRequest& request)
+{
+    message.set_policy_name(request.policyName);
+    FillList(message.mutable_bundle_names(), request.bundleNames);
 }
 
 class GrpcPeer : public PlainTypes {
 public:
     explicit GrpcPeer(const std::string& directory)
-        : stub_(wire::Answering::NewStub(grpc::CreateCustomChannel("unix:" + SocketPath(directory),
-                                                                   grpc::InsecureChannelCredentials(), WithoutLimit())))
     {
+        grpc::ChannelArguments withoutLimit;
+        withoutLimit.SetMaxReceiveMessageSize(kNoLimit);
+        stub_ = wire::Answering::NewStub(grpc::CreateCustomChannel("unix:" + SocketPath(directory),
+                                                                   grpc::InsecureChannelCredentials(), withoutLimit));
     }
 
-    void ByApp(const InfoRequest& request, std::vector<Info>& infos)
+    void Ask(const InfoRequest& request, std::vector<Info>& infos)
     {
-        Send(&wire::Answering::Stub::ByApp, request, infos);
+        Send(&wire::Answering::Stub::AskInfo, request, infos);
     }
-    void ByPermission(const InfoRequest& request, std::vector<Info>& infos)
+    void Ask(const SetRequest& request, bool& isSet) { Send(&wire::Answering::Stub::AskSet, request, isSet); }
+    void Ask(const UsageRequest& request, std::vector<Usage>& usages)
     {
-        Send(&wire::Answering::Stub::ByPermission, request, infos);
+        Send(&wire::Answering::Stub::AskUsage, request, usages);
     }
-    bool SetCheckedState(const SetRequest& request)
-    {
-        wire::SetRequest message;
-        message.set_bundle_name(request.bundleName);
-        message.set_uid(request.uid);
-        message.set_permission_group(request.permissionGroup);
-        message.set_checked_state(request.checkedState);
-        message.set_flags_mask(request.flagsMask);
-        message.set_flags_value(request.flagsValue);
-        wire::SetReply reply;
-        grpc::ClientContext context;
-        Check(stub_->SetCheckedState(&context, message, &reply));
-        return reply.is_set();
-    }
-    void Timeline(const UsageRequest& request, std::vector<Usage>& usages)
-    {
-        wire::UsageRequest message;
-        FillTexts(message.mutable_bundle_names(), request.bundleNames);
-        message.mutable_user_ids()->Add(request.userIds.begin(), request.userIds.end());
-        FillTexts(message.mutable_operation_groups(), request.operationGroups);
-        message.set_begin_timestamp(request.beginTimestamp);
-        message.set_end_timestamp(request.endTimestamp);
-        message.set_limit(request.limit);
-        message.set_order(request.order);
-        wire::UsageReply reply;
-        grpc::ClientContext context;
-        Check(stub_->Timeline(&context, message, &reply));
-        TakeMany(reply.mutable_usages(), usages);
-    }
-    void GetPolicy(const RowRequest& request, std::vector<Row>& rows)
-    {
-        wire::RowRequest message;
-        message.set_policy_name(request.policyName);
-        FillTexts(message.mutable_bundle_names(), request.bundleNames);
-        wire::RowReply reply;
-        grpc::ClientContext context;
-        Check(stub_->GetPolicy(&context, message, &reply));
-        TakeMany(reply.mutable_rows(), rows);
-    }
+    void Ask(const RowRequest& request, std::vector<Row>& rows) { Send(&wire::Answering::Stub::AskRow, request, rows); }
 
 private:
-    using InfoOperation = grpc::Status (wire::Answering::Stub::*)(grpc::ClientContext*, const wire::InfoRequest&,
-                                                                  wire::InfoReply*);
-
-    void Send(InfoOperation operation, const InfoRequest& request, std::vector<Info>& infos)
+    template <class Message, class Reply, class Request, class Answer>
+    void Send(grpc::Status (wire::Answering::Stub::*operation)(grpc::ClientContext*, const Message&, Reply*),
+              const Request& request, Answer& answer)
     {
-        wire::InfoRequest message;
-        message.set_name(request.name);
-        message.set_user_id(request.userId);
-        FillTexts(message.mutable_interested(), request.interested);
-        wire::InfoReply reply;
+        Message message;
+        Fill(message, request);
+        Reply reply;
         grpc::ClientContext context;
-        Check((stub_.get()->*operation)(&context, message, &reply));
-        TakeMany(reply.mutable_infos(), infos);
+        const grpc::Status status = ((*stub_).*operation)(&context, message, &reply);
+        if (!status.ok()) {
+            throw std::runtime_error(status.error_message());
+        }
+        if constexpr (std::is_same_v<Answer, bool>) {
+            answer = reply.answer();
+        } else {
+            answer.resize(static_cast<size_t>(reply.answer_size()));
+            for (size_t index = 0; index < answer.size(); ++index) {
+                Carry(*reply.mutable_answer(static_cast<int>(index)), answer[index]);
+            }
+        }
     }
 
-    const std::unique_ptr<wire::Answering::Stub> stub_;
+    std::unique_ptr<wire::Answering::Stub> stub_;
 };
 
-// The service reads its arguments where they are: a message already holds them as std::string.
+// Does not copy the arguments: the message already holds them as std::string.
 class Service final : public wire::Answering::Service {
 public:
     explicit Service(const Workload& workload) : answers_(workload) {}
 
-    grpc::Status ByApp(grpc::ServerContext*, const wire::InfoRequest*, wire::InfoReply* reply) override
+    grpc::Status AskInfo(grpc::ServerContext*, const wire::InfoRequest*, wire::InfoReply* reply) override
     {
-        FillMany(reply->mutable_infos(), answers_.infos);
+        return Answer(answers_.infos, reply);
+    }
+    grpc::Status AskSet(grpc::ServerContext*, const wire::SetRequest*, wire::SetReply* reply) override
+    {
+        reply->set_answer(answers_.isSet);
         return grpc::Status::OK;
     }
-    grpc::Status ByPermission(grpc::ServerContext*, const wire::InfoRequest*, wire::InfoReply* reply) override
+    grpc::Status AskUsage(grpc::ServerContext*, const wire::UsageRequest*, wire::UsageReply* reply) override
     {
-        FillMany(reply->mutable_infos(), answers_.infos);
-        return grpc::Status::OK;
+        return Answer(answers_.usages, reply);
     }
-    grpc::Status SetCheckedState(grpc::ServerContext*, const wire::SetRequest*, wire::SetReply* reply) override
+    grpc::Status AskRow(grpc::ServerContext*, const wire::RowRequest*, wire::RowReply* reply) override
     {
-        reply->set_is_set(true);
-        return grpc::Status::OK;
-    }
-    grpc::Status Timeline(grpc::ServerContext*, const wire::UsageRequest*, wire::UsageReply* reply) override
-    {
-        FillMany(reply->mutable_usages(), answers_.usages);
-        return grpc::Status::OK;
-    }
-    grpc::Status GetPolicy(grpc::ServerContext*, const wire::RowRequest*, wire::RowReply* reply) override
-    {
-        FillMany(reply->mutable_rows(), answers_.rows);
-        return grpc::Status::OK;
+        return Answer(answers_.rows, reply);
     }
 
 private:
+    template <class Record, class Reply>
+    static grpc::Status Answer(const std::vector<Record>& kept, Reply* reply)
+    {
+        reply->mutable_answer()->Reserve(static_cast<int>(kept.size()));
+        for (const Record& record : kept) {
+            Carry(*reply->add_answer(), record);
+        }
+        return grpc::Status::OK;
+    }
+
     const Answers answers_;
 };
 

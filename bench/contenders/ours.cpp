@@ -6,13 +6,13 @@
 #include <stdexcept>
 #include <string>
 
-#include "bench/contenders/library_peer.h"
+#include "bench/contenders/library.h"
 #include "varn/host/ability_server.h"
 
 namespace bench {
 namespace {
 
-// The measurement of idle connections opens a thousand as one user.
+// The measurements of many connections open a thousand as one user.
 constexpr size_t kConnections = 4096;
 
 }  // namespace

@@ -25,24 +25,22 @@ public:
         return buffer_;
     }
 
-    template <class Number>
-    void Put(Number number)
+    // A number, a text, a record or a list of them.
+    template <class T>
+    void Put(const T& value)
     {
-        static_assert(std::is_arithmetic_v<Number>);
-        buffer_.append(reinterpret_cast<const char*>(&number), sizeof(number));
-    }
-    void PutSize(size_t size) { Put(static_cast<uint32_t>(size)); }
-    void PutText(const std::string& text)
-    {
-        PutSize(text.size());
-        buffer_.append(text);
-    }
-    template <class Texts>
-    void PutTexts(const Texts& texts)
-    {
-        PutSize(texts.size());
-        for (const std::string& text : texts) {
-            PutText(text);
+        if constexpr (std::is_arithmetic_v<T>) {
+            buffer_.append(reinterpret_cast<const char*>(&value), sizeof(value));
+        } else if constexpr (std::is_same_v<T, std::string>) {
+            Put(static_cast<uint32_t>(value.size()));
+            buffer_.append(value);
+        } else if constexpr (kHasFields<T>) {
+            std::apply([this](const auto&... fields) { (this->Put(fields), ...); }, T::Fields(value));
+        } else {
+            Put(static_cast<uint32_t>(value.size()));
+            for (const auto& element : value) {
+                Put(element);
+            }
         }
     }
 
@@ -55,17 +53,40 @@ public:
     // `message` with its length.
     explicit Reader(std::string_view message) : left_(message.substr(sizeof(uint32_t))) {}
 
-    template <class Number>
-    void Get(Number& number)
+    template <class T>
+    void Get(T& value)
     {
-        std::memcpy(&number, Take(sizeof(number)), sizeof(number));
+        if constexpr (std::is_arithmetic_v<T>) {
+            std::memcpy(&value, Take(sizeof(value)), sizeof(value));
+        } else if constexpr (std::is_same_v<T, std::string>) {
+            uint32_t size = 0;
+            Get(size);
+            value.assign(Take(size), size);
+        } else {
+            std::apply([this](auto&... fields) { (this->Get(fields), ...); }, T::Fields(value));
+        }
     }
-    void GetText(std::string& text)
+    template <class T>
+    void Get(std::vector<T>& list)
     {
-        uint32_t size = 0;
-        Get(size);
-        text.assign(Take(size), size);
+        list.resize(GetCount(kHasFields<T> ? kShortestRecord : sizeof(uint32_t)));
+        for (T& element : list) {
+            Get(element);
+        }
     }
+    void Get(std::unordered_set<std::string>& texts)
+    {
+        for (uint32_t count = GetCount(sizeof(uint32_t)); count > 0; --count) {
+            std::string text;
+            Get(text);
+            texts.insert(std::move(text));
+        }
+    }
+
+private:
+    // No record is shorter than its numbers.
+    static constexpr size_t kShortestRecord = 24;
+
     // A count of elements that take at least `least` bytes each: no more than can be there.
     uint32_t GetCount(size_t least)
     {
@@ -76,23 +97,7 @@ public:
         }
         return count;
     }
-    void GetTexts(std::vector<std::string>& texts)
-    {
-        texts.resize(GetCount(sizeof(uint32_t)));
-        for (std::string& text : texts) {
-            GetText(text);
-        }
-    }
-    void GetTexts(std::unordered_set<std::string>& texts)
-    {
-        for (uint32_t count = GetCount(sizeof(uint32_t)); count > 0; --count) {
-            std::string text;
-            GetText(text);
-            texts.insert(std::move(text));
-        }
-    }
 
-private:
     const char* Take(size_t bytes)
     {
         if (bytes > left_.size()) {
@@ -105,165 +110,5 @@ private:
 
     std::string_view left_;
 };
-
-inline void Put(Writer& writer, const Info& info)
-{
-    writer.PutText(info.bundleName);
-    writer.Put(info.uid);
-    writer.PutText(info.permissionGroup);
-    writer.PutText(info.checkedState);
-    writer.PutTexts(info.shownStates);
-    writer.PutTexts(info.disabledStates);
-    writer.PutText(info.disabledReason);
-    writer.Put(info.flags);
-}
-
-inline void Get(Reader& reader, Info& info)
-{
-    reader.GetText(info.bundleName);
-    reader.Get(info.uid);
-    reader.GetText(info.permissionGroup);
-    reader.GetText(info.checkedState);
-    reader.GetTexts(info.shownStates);
-    reader.GetTexts(info.disabledStates);
-    reader.GetText(info.disabledReason);
-    reader.Get(info.flags);
-}
-
-inline void Put(Writer& writer, const Usage& usage)
-{
-    writer.PutText(usage.bundleName);
-    writer.Put(usage.uid);
-    writer.PutText(usage.operationGroup);
-    writer.Put(usage.times);
-    writer.Put(usage.operationMode);
-    writer.Put(usage.appState);
-    writer.Put(usage.screenState);
-    writer.Put(usage.beginTimestamp);
-    writer.Put(usage.endTimestamp);
-}
-
-inline void Get(Reader& reader, Usage& usage)
-{
-    reader.GetText(usage.bundleName);
-    reader.Get(usage.uid);
-    reader.GetText(usage.operationGroup);
-    reader.Get(usage.times);
-    reader.Get(usage.operationMode);
-    reader.Get(usage.appState);
-    reader.Get(usage.screenState);
-    reader.Get(usage.beginTimestamp);
-    reader.Get(usage.endTimestamp);
-}
-
-inline void Put(Writer& writer, const Row& row)
-{
-    writer.PutText(row.bundleName);
-    writer.PutText(row.fingerprint);
-    writer.Put(row.versionCode);
-    writer.Put(row.policyValue);
-}
-
-inline void Get(Reader& reader, Row& row)
-{
-    reader.GetText(row.bundleName);
-    reader.GetText(row.fingerprint);
-    reader.Get(row.versionCode);
-    reader.Get(row.policyValue);
-}
-
-inline void Put(Writer& writer, const InfoRequest& request)
-{
-    writer.PutText(request.name);
-    writer.Put(request.userId);
-    writer.PutTexts(request.interested);
-}
-
-inline void Get(Reader& reader, InfoRequest& request)
-{
-    reader.GetText(request.name);
-    reader.Get(request.userId);
-    reader.GetTexts(request.interested);
-}
-
-inline void Put(Writer& writer, const SetRequest& request)
-{
-    writer.PutText(request.bundleName);
-    writer.Put(request.uid);
-    writer.PutText(request.permissionGroup);
-    writer.PutText(request.checkedState);
-    writer.Put(request.flagsMask);
-    writer.Put(request.flagsValue);
-}
-
-inline void Get(Reader& reader, SetRequest& request)
-{
-    reader.GetText(request.bundleName);
-    reader.Get(request.uid);
-    reader.GetText(request.permissionGroup);
-    reader.GetText(request.checkedState);
-    reader.Get(request.flagsMask);
-    reader.Get(request.flagsValue);
-}
-
-inline void Put(Writer& writer, const UsageRequest& request)
-{
-    writer.PutTexts(request.bundleNames);
-    writer.PutSize(request.userIds.size());
-    for (const int32_t userId : request.userIds) {
-        writer.Put(userId);
-    }
-    writer.PutTexts(request.operationGroups);
-    writer.Put(request.beginTimestamp);
-    writer.Put(request.endTimestamp);
-    writer.Put(request.limit);
-    writer.Put(request.order);
-}
-
-inline void Get(Reader& reader, UsageRequest& request)
-{
-    reader.GetTexts(request.bundleNames);
-    request.userIds.resize(reader.GetCount(sizeof(int32_t)));
-    for (int32_t& userId : request.userIds) {
-        reader.Get(userId);
-    }
-    reader.GetTexts(request.operationGroups);
-    reader.Get(request.beginTimestamp);
-    reader.Get(request.endTimestamp);
-    reader.Get(request.limit);
-    reader.Get(request.order);
-}
-
-inline void Put(Writer& writer, const RowRequest& request)
-{
-    writer.PutText(request.policyName);
-    writer.PutTexts(request.bundleNames);
-}
-
-inline void Get(Reader& reader, RowRequest& request)
-{
-    reader.GetText(request.policyName);
-    reader.GetTexts(request.bundleNames);
-}
-
-template <class Record>
-void PutMany(Writer& writer, const std::vector<Record>& records)
-{
-    writer.PutSize(records.size());
-    for (const Record& record : records) {
-        Put(writer, record);
-    }
-}
-
-template <class Record>
-void GetMany(Reader& reader, std::vector<Record>& records)
-{
-    // No record is shorter than its numbers.
-    constexpr size_t kShortest = 24;
-    records.resize(reader.GetCount(kShortest));
-    for (Record& record : records) {
-        Get(reader, record);
-    }
-}
 
 }  // namespace bench::plain

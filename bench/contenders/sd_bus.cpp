@@ -4,7 +4,6 @@
 #include <systemd/sd-bus.h>
 
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <system_error>
 
@@ -16,9 +15,6 @@ namespace {
 
 constexpr const char* kPath = "/bench";
 constexpr const char* kInterface = "org.example.Bench";
-constexpr const char* kInfo = "(sissasassx)";
-constexpr const char* kUsage = "(sisiiiixx)";
-constexpr const char* kRow = "(ssxx)";
 
 int Check(int result)
 {
@@ -35,123 +31,101 @@ struct Unref {
 using Message = std::unique_ptr<sd_bus_message, Unref>;
 using Bus = std::unique_ptr<sd_bus, Unref>;
 
-template <class Texts>
-void AppendTexts(sd_bus_message* message, const Texts& texts)
+template <class T>
+constexpr char kBasic = std::is_same_v<T, bool>        ? 'b'
+                        : sizeof(T) == sizeof(int32_t) ? 'i'
+                                                       : 'x';
+
+// What D-Bus calls the signature of a type. The fields of a record go between parentheses.
+template <class T>
+std::string SignatureOf()
 {
-    Check(sd_bus_message_open_container(message, 'a', "s"));
-    for (const std::string& text : texts) {
-        Check(sd_bus_message_append_basic(message, 's', text.c_str()));
+    if constexpr (std::is_arithmetic_v<T>) {
+        return {kBasic<T>};
+    } else if constexpr (std::is_same_v<T, std::string>) {
+        return "s";
+    } else if constexpr (kHasFields<T>) {
+        T record;
+        return std::apply([](auto&... fields) { return (SignatureOf<std::decay_t<decltype(fields)>>() + ...); },
+                          T::Fields(record));
+    } else {
+        const std::string element = SignatureOf<typename T::value_type>();
+        return "a" + (kHasFields<typename T::value_type> ? "(" + element + ")" : element);
     }
-    Check(sd_bus_message_close_container(message));
 }
 
-template <class Add>
-void ReadTexts(sd_bus_message* message, Add add)
+template <class T>
+const char* Signature()
 {
-    Check(sd_bus_message_enter_container(message, 'a', "s"));
-    const char* text = nullptr;
-    while (Check(sd_bus_message_read_basic(message, 's', &text)) > 0) {
-        add(text);
-    }
-    Check(sd_bus_message_exit_container(message));
+    static const std::string signature = SignatureOf<T>();
+    return signature.c_str();
 }
 
-void ReadTexts(sd_bus_message* message, std::vector<std::string>& texts)
+template <class T>
+void Append(sd_bus_message* message, const T& value)
 {
-    ReadTexts(message, [&texts](const char* text) { texts.emplace_back(text); });
-}
-
-void ReadTexts(sd_bus_message* message, std::unordered_set<std::string>& texts)
-{
-    ReadTexts(message, [&texts](const char* text) { texts.emplace(text); });
-}
-
-// `contents` is a record's type without its parentheses.
-void OpenRecord(sd_bus_message* message, const std::string& type)
-{
-    Check(sd_bus_message_open_container(message, 'r', type.substr(1, type.size() - 2).c_str()));
-}
-
-void Append(sd_bus_message* message, const Info& info)
-{
-    Check(sd_bus_message_append(message, "siss", info.bundleName.c_str(), info.uid, info.permissionGroup.c_str(),
-                                info.checkedState.c_str()));
-    AppendTexts(message, info.shownStates);
-    AppendTexts(message, info.disabledStates);
-    Check(sd_bus_message_append(message, "sx", info.disabledReason.c_str(), info.flags));
-}
-
-void Read(sd_bus_message* message, Info& info)
-{
-    const char* bundleName = nullptr;
-    const char* permissionGroup = nullptr;
-    const char* checkedState = nullptr;
-    const char* disabledReason = nullptr;
-    Check(sd_bus_message_read(message, "siss", &bundleName, &info.uid, &permissionGroup, &checkedState));
-    ReadTexts(message, info.shownStates);
-    ReadTexts(message, info.disabledStates);
-    Check(sd_bus_message_read(message, "sx", &disabledReason, &info.flags));
-    info.bundleName = bundleName;
-    info.permissionGroup = permissionGroup;
-    info.checkedState = checkedState;
-    info.disabledReason = disabledReason;
-}
-
-void Append(sd_bus_message* message, const Usage& usage)
-{
-    Check(sd_bus_message_append(message, "sisiiiixx", usage.bundleName.c_str(), usage.uid, usage.operationGroup.c_str(),
-                                usage.times, usage.operationMode, usage.appState, usage.screenState,
-                                usage.beginTimestamp, usage.endTimestamp));
-}
-
-void Read(sd_bus_message* message, Usage& usage)
-{
-    const char* bundleName = nullptr;
-    const char* operationGroup = nullptr;
-    Check(sd_bus_message_read(message, "sisiiiixx", &bundleName, &usage.uid, &operationGroup, &usage.times,
-                              &usage.operationMode, &usage.appState, &usage.screenState, &usage.beginTimestamp,
-                              &usage.endTimestamp));
-    usage.bundleName = bundleName;
-    usage.operationGroup = operationGroup;
-}
-
-void Append(sd_bus_message* message, const Row& row)
-{
-    Check(sd_bus_message_append(message, "ssxx", row.bundleName.c_str(), row.fingerprint.c_str(), row.versionCode,
-                                row.policyValue));
-}
-
-void Read(sd_bus_message* message, Row& row)
-{
-    const char* bundleName = nullptr;
-    const char* fingerprint = nullptr;
-    Check(sd_bus_message_read(message, "ssxx", &bundleName, &fingerprint, &row.versionCode, &row.policyValue));
-    row.bundleName = bundleName;
-    row.fingerprint = fingerprint;
-}
-
-template <class Record>
-void AppendMany(sd_bus_message* message, const std::vector<Record>& records, const char* type)
-{
-    Check(sd_bus_message_open_container(message, 'a', type));
-    for (const Record& record : records) {
-        OpenRecord(message, type);
-        Append(message, record);
+    if constexpr (std::is_same_v<T, bool>) {
+        const int number = value ? 1 : 0;
+        Check(sd_bus_message_append_basic(message, 'b', &number));
+    } else if constexpr (std::is_arithmetic_v<T>) {
+        Check(sd_bus_message_append_basic(message, kBasic<T>, &value));
+    } else if constexpr (std::is_same_v<T, std::string>) {
+        Check(sd_bus_message_append_basic(message, 's', value.c_str()));
+    } else if constexpr (kHasFields<T>) {
+        std::apply([message](const auto&... fields) { (Append(message, fields), ...); }, T::Fields(value));
+    } else {
+        using Element = typename T::value_type;
+        Check(sd_bus_message_open_container(message, 'a', Signature<T>() + 1));
+        for (const Element& element : value) {
+            if constexpr (kHasFields<Element>) {
+                Check(sd_bus_message_open_container(message, 'r', Signature<Element>()));
+            }
+            Append(message, element);
+            if constexpr (kHasFields<Element>) {
+                Check(sd_bus_message_close_container(message));
+            }
+        }
         Check(sd_bus_message_close_container(message));
     }
-    Check(sd_bus_message_close_container(message));
 }
 
-template <class Record>
-void ReadMany(sd_bus_message* message, std::vector<Record>& records, const std::string& type)
+// False at the end of a list.
+template <class T>
+bool Read(sd_bus_message* message, T& value)
 {
-    const std::string contents = type.substr(1, type.size() - 2);
-    Check(sd_bus_message_enter_container(message, 'a', type.c_str()));
-    while (Check(sd_bus_message_enter_container(message, 'r', contents.c_str())) > 0) {
-        Read(message, records.emplace_back());
+    if constexpr (std::is_same_v<T, bool>) {
+        int number = 0;
+        Check(sd_bus_message_read_basic(message, 'b', &number));
+        value = number != 0;
+        return true;
+    } else if constexpr (std::is_arithmetic_v<T>) {
+        return Check(sd_bus_message_read_basic(message, kBasic<T>, &value)) > 0;
+    } else if constexpr (std::is_same_v<T, std::string>) {
+        const char* text = nullptr;
+        if (Check(sd_bus_message_read_basic(message, 's', &text)) == 0) {
+            return false;
+        }
+        value = text;
+        return true;
+    } else if constexpr (kHasFields<T>) {
+        std::apply([message](auto&... fields) { (Read(message, fields), ...); }, T::Fields(value));
+        return true;
+    } else {
+        using Element = typename T::value_type;
+        Check(sd_bus_message_enter_container(message, 'a', Signature<T>() + 1));
+        if constexpr (kHasFields<Element>) {
+            while (Check(sd_bus_message_enter_container(message, 'r', Signature<Element>())) > 0) {
+                Read(message, value.emplace_back());
+                Check(sd_bus_message_exit_container(message));
+            }
+        } else {
+            for (Element element; Read(message, element); element = {}) {
+                value.insert(value.end(), std::move(element));
+            }
+        }
         Check(sd_bus_message_exit_container(message));
+        return true;
     }
-    Check(sd_bus_message_exit_container(message));
 }
 
 class SdBusPeer : public PlainTypes {
@@ -165,145 +139,51 @@ public:
         Check(sd_bus_start(bus));
     }
 
-    void ByApp(const InfoRequest& request, std::vector<Info>& infos)
-    {
-        ReadMany(Send("ByApp", request).get(), infos, kInfo);
-    }
-    void ByPermission(const InfoRequest& request, std::vector<Info>& infos)
-    {
-        ReadMany(Send("ByPermission", request).get(), infos, kInfo);
-    }
-    bool SetCheckedState(const SetRequest& request)
-    {
-        const Message call = NewCall("SetCheckedState");
-        Check(sd_bus_message_append(call.get(), "sissxx", request.bundleName.c_str(), request.uid,
-                                    request.permissionGroup.c_str(), request.checkedState.c_str(), request.flagsMask,
-                                    request.flagsValue));
-        const Message reply = Send(call.get());
-        int isSet = 0;
-        Check(sd_bus_message_read_basic(reply.get(), 'b', &isSet));
-        return isSet != 0;
-    }
-    void Timeline(const UsageRequest& request, std::vector<Usage>& usages)
-    {
-        const Message call = NewCall("Timeline");
-        AppendTexts(call.get(), request.bundleNames);
-        Check(sd_bus_message_append_array(call.get(), 'i', request.userIds.data(),
-                                          request.userIds.size() * sizeof(int32_t)));
-        AppendTexts(call.get(), request.operationGroups);
-        Check(sd_bus_message_append(call.get(), "xxii", request.beginTimestamp, request.endTimestamp, request.limit,
-                                    request.order));
-        ReadMany(Send(call.get()).get(), usages, kUsage);
-    }
-    void GetPolicy(const RowRequest& request, std::vector<Row>& rows)
-    {
-        const Message call = NewCall("GetPolicy");
-        Check(sd_bus_message_append_basic(call.get(), 's', request.policyName.c_str()));
-        AppendTexts(call.get(), request.bundleNames);
-        ReadMany(Send(call.get()).get(), rows, kRow);
-    }
+    void Ask(const InfoRequest& request, std::vector<Info>& infos) { Send("Info", request, infos); }
+    void Ask(const SetRequest& request, bool& isSet) { Send("Set", request, isSet); }
+    void Ask(const UsageRequest& request, std::vector<Usage>& usages) { Send("Usage", request, usages); }
+    void Ask(const RowRequest& request, std::vector<Row>& rows) { Send("Row", request, rows); }
 
 private:
-    Message NewCall(const char* member)
+    template <class Request, class Answer>
+    void Send(const char* member, const Request& request, Answer& answer)
     {
         sd_bus_message* call = nullptr;
         Check(sd_bus_message_new_method_call(bus_.get(), &call, nullptr, kPath, kInterface, member));
-        return Message(call);
-    }
-    // Sends the call; the reply behind its result.
-    Message Send(sd_bus_message* call)
-    {
+        const Message callOwner(call);
+        Append(call, request);
         sd_bus_message* reply = nullptr;
         Check(sd_bus_call(bus_.get(), call, 0, nullptr, &reply));
+        const Message replyOwner(reply);
         int32_t result = 0;
-        Check(sd_bus_message_read_basic(reply, 'i', &result));
-        return Message(reply);
-    }
-    Message Send(const char* member, const InfoRequest& request)
-    {
-        const Message call = NewCall(member);
-        Check(sd_bus_message_append(call.get(), "si", request.name.c_str(), request.userId));
-        AppendTexts(call.get(), request.interested);
-        return Send(call.get());
+        Read(reply, result);
+        Read(reply, answer);
     }
 
     Bus bus_;
 };
 
-// Answers with result 0 and what `append` adds.
-template <class Append>
-int Reply(sd_bus_message* call, Append append)
+// Answers with result 0 and what the service keeps for this request.
+template <class Request, auto Member>
+int Handle(sd_bus_message* call, void* answers, sd_bus_error*)
 {
-    sd_bus_message* message = nullptr;
-    Check(sd_bus_message_new_method_return(call, &message));
-    const Message reply(message);
-    Check(sd_bus_message_append_basic(message, 'i', &static_cast<const int32_t&>(0)));
-    append(message);
-    return sd_bus_send(nullptr, message, nullptr);
-}
-
-int HandleInfos(sd_bus_message* call, void* answers, sd_bus_error*)
-{
-    InfoRequest request;
-    const char* name = nullptr;
-    Check(sd_bus_message_read(call, "si", &name, &request.userId));
-    request.name = name;
-    ReadTexts(call, request.interested);
-    return Reply(call, [answers](sd_bus_message* reply) {
-        AppendMany(reply, static_cast<const Answers*>(answers)->infos, kInfo);
-    });
-}
-
-int HandleSet(sd_bus_message* call, void*, sd_bus_error*)
-{
-    SetRequest request;
-    const char* bundleName = nullptr;
-    const char* permissionGroup = nullptr;
-    const char* checkedState = nullptr;
-    Check(sd_bus_message_read(call, "sissxx", &bundleName, &request.uid, &permissionGroup, &checkedState,
-                              &request.flagsMask, &request.flagsValue));
-    request.bundleName = bundleName;
-    request.permissionGroup = permissionGroup;
-    request.checkedState = checkedState;
-    return Reply(call, [](sd_bus_message* reply) { Check(sd_bus_message_append(reply, "b", 1)); });
-}
-
-int HandleTimeline(sd_bus_message* call, void* answers, sd_bus_error*)
-{
-    UsageRequest request;
-    ReadTexts(call, request.bundleNames);
-    const void* userIds = nullptr;
-    size_t bytes = 0;
-    Check(sd_bus_message_read_array(call, 'i', &userIds, &bytes));
-    request.userIds.assign(static_cast<const int32_t*>(userIds),
-                           static_cast<const int32_t*>(userIds) + bytes / sizeof(int32_t));
-    ReadTexts(call, request.operationGroups);
-    Check(sd_bus_message_read(call, "xxii", &request.beginTimestamp, &request.endTimestamp, &request.limit,
-                              &request.order));
-    return Reply(call, [answers](sd_bus_message* reply) {
-        AppendMany(reply, static_cast<const Answers*>(answers)->usages, kUsage);
-    });
-}
-
-int HandleGetPolicy(sd_bus_message* call, void* answers, sd_bus_error*)
-{
-    RowRequest request;
-    const char* policyName = nullptr;
-    Check(sd_bus_message_read_basic(call, 's', &policyName));
-    request.policyName = policyName;
-    ReadTexts(call, request.bundleNames);
-    return Reply(call, [answers](sd_bus_message* reply) {
-        AppendMany(reply, static_cast<const Answers*>(answers)->rows, kRow);
-    });
+    Request request;
+    Read(call, request);
+    sd_bus_message* reply = nullptr;
+    Check(sd_bus_message_new_method_return(call, &reply));
+    const Message owner(reply);
+    Append(reply, int32_t{0});
+    Append(reply, static_cast<const Answers*>(answers)->*Member);
+    return sd_bus_send(nullptr, reply, nullptr);
 }
 
 const sd_bus_vtable table[] = {
     SD_BUS_VTABLE_START(0),
-    SD_BUS_METHOD("ByApp", "sias", "ia(sissasassx)", HandleInfos, SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("ByPermission", "sias", "ia(sissasassx)", HandleInfos, SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("SetCheckedState", "sissxx", "ib", HandleSet, SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("Timeline", "asaiasxxii", "ia(sisiiiixx)", HandleTimeline, SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("GetPolicy", "sas", "ia(ssxx)", HandleGetPolicy, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Info", "sias", "ia(sissasassx)", (Handle<InfoRequest, &Answers::infos>), SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Set", "sissxx", "ib", (Handle<SetRequest, &Answers::isSet>), SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Usage", "asaiasxxii", "ia(sisiiiixx)", (Handle<UsageRequest, &Answers::usages>),
+                  SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Row", "sas", "ia(ssxx)", (Handle<RowRequest, &Answers::rows>), SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END};
 
 void ServeConnection(int descriptor, const Answers& answers)
@@ -333,7 +213,7 @@ void ServeConnection(int descriptor, const Answers& answers)
 void Serve(const std::string& directory, const Workload& workload)
 {
     const Answers answers(workload);
-    const int listener = ListenOn(SocketPath(directory));
+    const int listener = ListenAt(directory);
     AnnounceReady();
     ServeOnThreads(listener, [&answers](int descriptor) { ServeConnection(descriptor, answers); });
 }

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <stdexcept>
 #include <system_error>
 #include <thread>
 
@@ -41,18 +42,18 @@ std::string SocketPath(const std::string& directory)
     return directory + "/bench.sock";
 }
 
-int ListenOn(const std::string& path)
+int ListenAt(const std::string& directory)
 {
-    const sockaddr_un address = AddressOf(path);
+    const sockaddr_un address = AddressOf(SocketPath(directory));
     const int descriptor = Check(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
     Check(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), "bind");
     Check(listen(descriptor, kBacklog), "listen");
     return descriptor;
 }
 
-int ConnectTo(const std::string& path)
+int ConnectTo(const std::string& directory)
 {
-    const sockaddr_un address = AddressOf(path);
+    const sockaddr_un address = AddressOf(SocketPath(directory));
     const int descriptor = Check(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
     Check(connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), "connect");
     return descriptor;
@@ -69,6 +70,15 @@ void ServeOnThreads(int listener, const std::function<void(int)>& handle)
 MessageSocket::~MessageSocket()
 {
     close(descriptor_);
+}
+
+std::string_view MessageSocket::Call(std::string_view request)
+{
+    const std::string_view reply = Send(request) ? Receive() : std::string_view();
+    if (reply.empty()) {
+        throw std::runtime_error("the server is gone");
+    }
+    return reply;
 }
 
 std::string_view MessageSocket::Receive()

@@ -12,9 +12,9 @@ namespace bench {
 
 std::string SocketPath(const std::string& directory);
 
-// Both return a descriptor for the caller to close and throw when the system refuses.
-int ListenOn(const std::string& path);
-int ConnectTo(const std::string& path);
+// Both return a descriptor of the socket in `directory` for the caller to close and throw when the system refuses.
+int ListenAt(const std::string& directory);
+int ConnectTo(const std::string& directory);
 
 // Accepts for ever; each connection gets a thread that runs `handle` and owns the descriptor.
 [[noreturn]] void ServeOnThreads(int listener, const std::function<void(int)>& handle);
@@ -29,13 +29,27 @@ public:
     MessageSocket(const MessageSocket&) = delete;
     MessageSocket& operator=(const MessageSocket&) = delete;
 
-    // The next message with its length, valid until the next call; empty when the peer is gone.
+    // Sends a request; the reply with its length, valid until the next call. Throws when the peer is gone.
+    std::string_view Call(std::string_view request);
+
+    // Sends what `answer` makes of each message until the peer is gone.
+    template <class Answer>
+    void Serve(Answer answer)
+    {
+        for (std::string_view message = Receive(); !message.empty(); message = Receive()) {
+            if (!Send(answer(message))) {
+                return;
+            }
+        }
+    }
+
+private:
+    // Empty when the peer is gone.
     std::string_view Receive();
 
     // False when the peer is gone.
     bool Send(std::string_view message) const;
 
-private:
     static constexpr size_t kFirstBuffer = size_t{64} * 1024;
 
     const int descriptor_;

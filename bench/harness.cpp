@@ -7,6 +7,7 @@
 // Commands of `call`, each answered by a line:
 //
 //   run MILLISECONDS   calls for that long, at least kLeastCalls times: "<calls> <elapsed> <median> <p99>", times in ns
+//   work CALLS         calls that often: "<median>", this thread's CPU time in ns without the disposal of answers
 //   times CALLS        calls that often: "done"
 #include <sys/prctl.h>
 
@@ -14,13 +15,14 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <ctime>
 #include <exception>
 #include <iostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "bench/contender.h"
+#include "bench/harness.h"
 
 namespace bench {
 namespace {
@@ -56,6 +58,26 @@ void Report(std::vector<uint32_t>& times)
               << times[times.size() * 99 / 100] << std::endl;
 }
 
+uint32_t CpuNanoseconds()
+{
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<uint32_t>(time.tv_sec * 1000000000 + time.tv_nsec);  // a difference survives that it wraps
+}
+
+void Work(Client& client, uint64_t calls)
+{
+    std::vector<uint32_t> times;
+    while (times.size() < calls) {
+        client.Forget();
+        const uint32_t before = CpuNanoseconds();
+        client.Call();
+        times.push_back(CpuNanoseconds() - before);
+    }
+    std::sort(times.begin(), times.end());
+    std::cout << times.at(times.size() / 2) << std::endl;
+}
+
 void RunClient(const std::string& directory, const Workload& workload)
 {
     const auto client = Connect(directory, workload);
@@ -73,6 +95,8 @@ void RunClient(const std::string& directory, const Workload& workload)
         if (command == "run") {
             CallFor(*client, std::chrono::milliseconds(number), times);
             Report(times);
+        } else if (command == "work") {
+            Work(*client, number);
         } else {
             for (uint64_t call = 0; call < number; ++call) {
                 client->Call();

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "bench/workload.h"
+#include "bench/records.h"
 
 namespace bench {
 
@@ -15,6 +15,9 @@ public:
 
     // One request and its whole answer, which replaces the one before. Throws when it fails.
     virtual void Call() = 0;
+
+    // Drops the last answer, so that the next call does not have to.
+    virtual void Forget() = 0;
 
     // Whether the last answer holds what the makers of records.h make.
     virtual bool IsAnswerRight() const = 0;
