@@ -26,11 +26,13 @@ def table(title, header, body):
     return lines + ["| " + " | ".join(map(str, row)) + " |" for row in body] + [""]
 
 
-def call_tables(calls, label):
+TIME = "Time of a call, {}: median (99th percentile)"
+
+
+def call_tables(calls, label, titles=None):
     floors = ("floor", "floor-codec", "floor-list")
     cells = {
-        "Time of a call, {}: median (99th percentile)":
-            lambda row, one: f"{duration(one['median'])} ({duration(one['p99'])})",
+        TIME: lambda row, one: f"{duration(one['median'])} ({duration(one['p99'])})",
         "The same, {}: times floor / times floor-codec / times floor-list":
             lambda row, one: " / ".join(f"{times(one, row[floor]):.2f}" for floor in floors),
         "CPU time of a call, {}: client + server":
@@ -38,6 +40,8 @@ def call_tables(calls, label):
         "Peak memory in MiB, {}: client + server":
             lambda row, one: f"{mib(one['client peak KiB'])} + {mib(one['server peak KiB'])}"}
     for title, cell in cells.items():
+        if titles and title not in titles:
+            continue
         yield from table(title.format(label), ["", *next(iter(calls.values()))],
                          [[TITLES[case], *(cell(row, one) for one in row.values())] for case, row in calls.items()])
 
@@ -172,6 +176,8 @@ def summary(results):
         met = measured <= goal if relation == "<=" else measured >= goal
         body.append([what, f"{relation} {goal}", f"{measured:.2f}", "yes" if met else "**no**"])
     lines += table("Goals", ["", "goal", "measured", "met"], body)
+    if results["calls"].get("one CPU"):
+        lines += call_tables(results["calls"]["one CPU"], "one CPU", [TIME])
     if results.get("where"):
         lines += where_table(results["where"])
     return "\n".join(lines)
