@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -19,6 +23,16 @@
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
 
+// Whether this process behaves as on a kernel that knows nothing of refusing descriptors.
+bool takesDescriptors = false;
+
+bool IsUnknown(int level, int option)
+{
+    constexpr int PASS_RIGHTS = 83;
+    errno = ENOPROTOOPT;
+    return takesDescriptors && level == SOL_SOCKET && option == PASS_RIGHTS;
+}
+
 // One write, so that what was printed survives a kill.
 void Print(const std::string& line)
 {
@@ -32,7 +46,8 @@ public:
     // Not noted, as neither are the two below, so that nothing grows.
     bool IsMessageCodeAllowed(uint32_t) override { return true; }
 
-    // App "gate": waits until somebody has opened the gate and closed it again. "bulk": `userId` bytes of answer.
+    // App "gate": waits until somebody has opened the gate and closed it again. "nap": takes `userId` milliseconds.
+    // "bulk": `userId` bytes of answer.
     int32_t GetAppPermissionGroupInfosByApp(const std::string& bundleName, int32_t userId,
                                             const std::unordered_set<std::string>&,
                                             std::vector<Permission::AppPermissionGroupInfo>& infos) override
@@ -43,6 +58,9 @@ public:
             while (::read(gate, &byte, 1) > 0) {
             }
             ::close(gate);
+        }
+        if (bundleName == "nap") {
+            ::poll(nullptr, 0, userId);
         }
         Permission::AppPermissionGroupInfo& info = infos.emplace_back();
         info.bundleName = std::string(bundleName == "bulk" ? static_cast<size_t>(userId) : 1, 'x');
@@ -64,6 +82,7 @@ private:
 
 int Serve(std::map<std::string, std::string> given)
 {
+    takesDescriptors = given.count("--takes-descriptors") != 0;
     const auto number = [&given](const char* name) { return std::strtoul(given[name].c_str(), nullptr, 10); };
     // Nothing, like 0, stands for a default.
     Host::AbilityServerOptions options;
@@ -95,6 +114,21 @@ int Serve(std::map<std::string, std::string> given)
 
 }  // namespace
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
+
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing::IsUnknown;
+
+// In front of the C library's.
+extern "C" int setsockopt(int fd, int level, int option, const void* value, socklen_t size) __THROW
+{
+    static const auto real = reinterpret_cast<decltype(&::setsockopt)>(::dlsym(RTLD_NEXT, "setsockopt"));
+    return IsUnknown(level, option) ? -1 : real(fd, level, option, value, size);
+}
+
+extern "C" int getsockopt(int fd, int level, int option, void* value, socklen_t* size) __THROW
+{
+    static const auto real = reinterpret_cast<decltype(&::getsockopt)>(::dlsym(RTLD_NEXT, "getsockopt"));
+    return IsUnknown(level, option) ? -1 : real(fd, level, option, value, size);
+}
 
 int main(int argc, char** argv)
 {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <chrono>
@@ -71,6 +72,16 @@ size_t ReadSize(pid_t pid, const std::string& field)
     return status >> size && IS_SIZE_TELLING ? size * KIBIBYTE : 0;
 }
 
+AsUser::AsUser(uid_t user)
+{
+    ::syscall(SYS_setresuid, -1, user, -1);
+}
+
+AsUser::~AsUser()
+{
+    ::syscall(SYS_setresuid, -1, 0, -1);
+}
+
 void ResetPeak(pid_t pid)
 {
     std::ofstream(ProcPath(pid, "clear_refs")) << "5";
@@ -133,7 +144,12 @@ int ServiceProcess::End(int signal)
 {
     int status = 0;
     ::kill(pid_, signal);
-    ::waitpid(std::exchange(pid_, -1), &status, 0);
+    if (!Eventually([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; })) {
+        ADD_FAILURE() << "it does not end";
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, &status, 0);
+    }
+    pid_ = -1;
     return status;
 }
 

@@ -33,6 +33,15 @@ size_t CountEntries(pid_t pid, const std::string& folder);
 size_t ReadSize(pid_t pid, const std::string& field);
 void ResetPeak(pid_t pid);  // "VmHWM" begins anew
 
+// While it exists, those to whom this thread connects see another user.
+class AsUser {
+public:
+    explicit AsUser(uid_t user);
+    ~AsUser();
+    AsUser(const AsUser&) = delete;
+    AsUser& operator=(const AsUser&) = delete;
+};
+
 // A program in a process of its own.
 class ServiceProcess {
 public:

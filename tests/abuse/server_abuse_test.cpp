@@ -47,15 +47,6 @@ bool IsDropped(const Peer& peer)
     return ::poll(&entry, 1, PATIENCE_MILLISECONDS) == 1;
 }
 
-// While it exists, those to whom this thread connects see another user.
-class AsOtherUser {
-public:
-    AsOtherUser() { ::syscall(SYS_setresuid, -1, OTHER_USER, -1); }
-    ~AsOtherUser() { ::syscall(SYS_setresuid, -1, 0, -1); }
-    AsOtherUser(const AsOtherUser&) = delete;
-    AsOtherUser& operator=(const AsOtherUser&) = delete;
-};
-
 class Abuse;
 
 // Whether the example service can be abused as well, or lacks an operation or an option for it.
@@ -182,7 +173,7 @@ void SilentConnectionsOfAnotherUser(Abuse& abuse)
         GTEST_SKIP() << "only root can be another user";
     }
     const std::deque<Peer> silent = [&abuse] {
-        const AsOtherUser other;
+        const AsUser other(OTHER_USER);
         std::deque<Peer> peers = Connect(abuse, 16);
         EXPECT_TRUE(Peer(abuse.Path()).IsClosed());
         return peers;
@@ -380,33 +371,34 @@ void RequestsAheadThatAreNotRead(Abuse& abuse)
     rest.join();
 }
 
-void DescriptorsThatComeAlong(Abuse& abuse)
+void DescriptorsAreRefusedWhereTheyAreSent(Abuse& abuse)
+{
+    const Peer peer(abuse.Path());
+    if (Host::SendDescriptor(peer.GetFd(), honestFrame, STDIN_FILENO) >= 0) {
+        GTEST_SKIP() << "this kernel lets descriptors in";
+    }
+    EXPECT_EQ(EPERM, errno);
+    EXPECT_TRUE(IsAnswered(peer)) << "on the same connection";
+}
+
+// On a kernel that lets them in the connection is closed with them, whatever else was sent.
+void DescriptorsThatComeIn(Abuse& abuse)
 {
     for (const size_t size : {size_t{1}, HEADER_SIZE + 1, honestFrame.size()}) {
         int pipe[2] = {};
-        ASSERT_EQ(::pipe2(pipe, O_CLOEXEC), 0);
-        iovec piece = {const_cast<char*>(honestFrame.data()), size};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-        msghdr message = {};
-        message.msg_iov = &piece;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof(control);
-        cmsghdr* head = CMSG_FIRSTHDR(&message);
-        head->cmsg_level = SOL_SOCKET;
-        head->cmsg_type = SCM_RIGHTS;
-        head->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(head), &pipe[1], sizeof(int));
+        ASSERT_EQ(0, ::pipe2(pipe, O_CLOEXEC));
         const Peer peer(abuse.Path());
-        EXPECT_EQ(::sendmsg(peer.GetFd(), &message, 0), static_cast<ssize_t>(size));
+        EXPECT_TRUE(IsAnswered(peer));
+        EXPECT_EQ(static_cast<ssize_t>(size), Host::SendDescriptor(peer.GetFd(), honestFrame.substr(0, size), pipe[1]));
         ::close(pipe[1]);
+        peer.Send(honestFrame.substr(size) + honestFrame);
+        EXPECT_TRUE(peer.IsClosed());
         // Ends when the last writer is gone, which the service would be.
-        char byte = 0;
-        EXPECT_EQ(::read(pipe[0], &byte, 1), 0);
+        pollfd entry = {pipe[0], POLLIN, 0};
+        EXPECT_EQ(1, ::poll(&entry, 1, 30000)) << "the descriptor is still open somewhere";
         ::close(pipe[0]);
-        EXPECT_TRUE(peer.Send(honestFrame.substr(size)));
-        EXPECT_NE(peer.ReadReply(), "");
     }
+    abuse.ExpectLimit("descriptors sent along", "1", 0);
 }
 
 void DescriptorsRunOut(Abuse& abuse)
@@ -465,7 +457,8 @@ const std::vector<AbuseCase> abuseCases = {
     {ABUSE(ReplyThatIsNeverRead), {"--reply-timeout-ms", "200"}, On::OWN_SERVICE},
     {ABUSE(RepliesThatWaitForOneUser), {"--max-waiting-reply-bytes", "8388608", "--workers", "1"}, On::OWN_SERVICE},
     {ABUSE(RequestsAheadThatAreNotRead)},
-    {ABUSE(DescriptorsThatComeAlong)},
+    {ABUSE(DescriptorsAreRefusedWhereTheyAreSent)},
+    {ABUSE(DescriptorsThatComeIn), {"--takes-descriptors", "1"}, On::OWN_SERVICE},
     {ABUSE(DescriptorsRunOut), {}, On::BOTH, 32},
     {ABUSE(RefusalsDoNotFillTheLog)},
 };

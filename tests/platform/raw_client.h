@@ -2,6 +2,7 @@
 #pragma once
 
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -32,6 +33,24 @@ inline std::string MakeBody(const std::string& text)
     std::string body = BytesOf(static_cast<int32_t>(text.size())) + text;
     body.resize((body.size() + 4) / 4 * 4);
     return body;
+}
+
+// Sends a descriptor along with the bytes. Returns what sendmsg returns.
+inline ssize_t SendDescriptor(int socket, std::string bytes, int descriptor)
+{
+    iovec piece = {bytes.data(), bytes.size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message = {};
+    message.msg_iov = &piece;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    cmsghdr* head = CMSG_FIRSTHDR(&message);
+    head->cmsg_level = SOL_SOCKET;
+    head->cmsg_type = SCM_RIGHTS;
+    head->cmsg_len = CMSG_LEN(sizeof(int));
+    std::memcpy(CMSG_DATA(head), &descriptor, sizeof(int));
+    return ::sendmsg(socket, &message, MSG_NOSIGNAL);
 }
 
 class RawSocket {

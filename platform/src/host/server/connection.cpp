@@ -21,26 +21,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-enum class Received { SOME, NOTHING, END };
-
-// Plain recv, without room for control messages: the kernel closes descriptors that come along.
-Received Receive(int fd, void* to, size_t room, size_t& size)
-{
-    for (;;) {
-        const ssize_t got = ::recv(fd, to, room, MSG_DONTWAIT);
-        if (got > 0) {
-            size = static_cast<size_t>(got);
-            return Received::SOME;
-        }
-        if (got == 0) {
-            return Received::END;
-        }
-        if (errno != EINTR) {
-            return errno == EAGAIN ? Received::NOTHING : Received::END;
-        }
-    }
-}
-
 }  // namespace
 
 bool WorkerBuffers::HoldsMuch() const noexcept
@@ -73,7 +53,8 @@ std::unique_ptr<MessageParcel> WorkerBuffers::TakeReply()
     return other;
 }
 
-Connection::Connection(UniqueFd fd, const Caller& caller, UserAccount& account, std::atomic<int64_t>& deadline) noexcept
+Connection::Connection(PeerSocket fd, const Caller& caller, UserAccount& account,
+                       std::atomic<int64_t>& deadline) noexcept
     : fd_(std::move(fd)), caller_(caller), account_(account), deadline_(deadline)
 {
 }
@@ -111,12 +92,11 @@ Connection::Next Connection::ReadFirst(ServiceContext& context, WorkerBuffers& b
         std::memcpy(buffers.piece.data(), ahead_.data(), size);
         std::vector<uint8_t>().swap(ahead_);
     } else {
-        const Received received = Receive(fd_.Get(), buffers.piece.data(), buffers.piece.size(), size);
+        const Received received = Receive(buffers.piece.data(), buffers.piece.size(), size);
         if (received != Received::SOME) {
-            return received == Received::END ? Next::CLOSE : Next::INPUT;
+            return StopReading(context, received);
         }
-        // A short read has emptied the socket, so there is no need to ask it again. After a hang-up there is. (It may
-        // also end where a peer sent descriptors along; what it sent behind them then waits until it sends more.)
+        // A short read has emptied the socket, so there is no need to ask it again. After a hang-up there is.
         drained = size < buffers.piece.size() && !hangUp;
     }
     FrameReader reader(context.options.maxRequestBytes);
@@ -156,9 +136,9 @@ Connection::Next Connection::ReadRest(ServiceContext& context, WorkerBuffers& bu
             return Refuse(context, *input_, FrameReader::State::NO_MEMORY);
         }
         size_t size = 0;
-        const Received received = Receive(fd_.Get(), space, room, size);
+        const Received received = Receive(space, room, size);
         if (received != Received::SOME) {
-            return received == Received::END ? Next::CLOSE : Next::INPUT;
+            return StopReading(context, received);
         }
         state = input_->Commit(size);
     }
@@ -169,6 +149,31 @@ Connection::Next Connection::ReadRest(ServiceContext& context, WorkerBuffers& bu
     deadline_.store(0);
     const Next next = Dispatch(context, buffers, input->GetHeader(), input->GetBody());
     return next == Next::INPUT ? Next::TURN : next;
+}
+
+Connection::Received Connection::Receive(void* to, size_t room, size_t& size) const
+{
+    for (;;) {
+        const ssize_t got = fd_.Receive(to, room);
+        if (got > 0) {
+            size = static_cast<size_t>(got);
+            return Received::SOME;
+        }
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        return got < 0 && errno == EAGAIN  ? Received::NOTHING
+               : got < 0 && errno == EPERM ? Received::DESCRIPTORS
+                                           : Received::END;
+    }
+}
+
+Connection::Next Connection::StopReading(ServiceContext& context, Received received)
+{
+    if (received == Received::DESCRIPTORS) {
+        context.refusals.Report(Limit::DESCRIPTORS_SENT, caller_, 1, 0);
+    }
+    return received == Received::NOTHING ? Next::INPUT : Next::CLOSE;
 }
 
 Connection::Next Connection::Refuse(ServiceContext& context, const FrameReader& reader, FrameReader::State state)

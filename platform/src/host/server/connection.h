@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/base/unique_fd.h"
+#include "host/server/peer_socket.h"
 #include "host/server/refusal_log.h"
 #include "host/wire/frame_reader.h"
 #include "varn/host/ability_server.h"
@@ -66,7 +66,7 @@ public:
 
     // In `deadline` the connection writes by when it must have moved on, in nanoseconds of the steady clock; 0: no
     // hurry. Any thread may read it without owning the connection.
-    Connection(UniqueFd fd, const Caller& caller, UserAccount& account, std::atomic<int64_t>& deadline) noexcept;
+    Connection(PeerSocket fd, const Caller& caller, UserAccount& account, std::atomic<int64_t>& deadline) noexcept;
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -80,13 +80,15 @@ public:
     int GetFd() const noexcept { return fd_.Get(); }
 
     // The socket, to be closed when everything else of the connection is gone.
-    UniqueFd TakeFd() noexcept { return std::move(fd_); }
+    PeerSocket TakeFd() noexcept { return std::move(fd_); }
 
     const Caller& GetCaller() const noexcept { return caller_; }
     UserAccount& GetAccount() const noexcept { return account_; }
     bool HasOutput() const noexcept { return output_ != nullptr; }
 
 private:
+    enum class Received { SOME, NOTHING, DESCRIPTORS, END };
+
     struct Output {
         FrameHeader header;
         std::unique_ptr<MessageParcel> body;
@@ -96,13 +98,15 @@ private:
     Next ReadFirst(ServiceContext& context, WorkerBuffers& buffers, bool hangUp);
     Next ReadRest(ServiceContext& context, WorkerBuffers& buffers);
     Next BeginRest(ServiceContext& context, WorkerBuffers& buffers, size_t size);
+    Received Receive(void* to, size_t room, size_t& size) const;
+    Next StopReading(ServiceContext& context, Received received);
     Next Refuse(ServiceContext& context, const FrameReader& reader, FrameReader::State state);
     Next Dispatch(ServiceContext& context, WorkerBuffers& buffers, const FrameHeader& header, MessageParcel& data);
     Next Reply(ServiceContext& context, WorkerBuffers& buffers, const FrameHeader& header);
     bool SendSome(const FrameHeader& header, const MessageParcel& body, size_t& sent) const;
     void SetDeadline(std::chrono::milliseconds fromNow) noexcept;
 
-    UniqueFd fd_;
+    PeerSocket fd_;
     const Caller caller_;
     UserAccount& account_;
     std::atomic<int64_t>& deadline_;

@@ -57,7 +57,7 @@ bool ConnectionSet::Open()
     return static_cast<bool>(epoll_);
 }
 
-void ConnectionSet::Admit(UniqueFd fd)
+void ConnectionSet::Admit(PeerSocket fd)
 {
     ucred peer = {};
     socklen_t size = sizeof(peer);
@@ -119,7 +119,7 @@ void ConnectionSet::Close(uint32_t index)
     Slot& slot = (*this)[index];
     const Caller caller = slot.connection->GetCaller();
     UserAccount& account = slot.connection->GetAccount();
-    UniqueFd fd = slot.connection->TakeFd();
+    const PeerSocket fd = slot.connection->TakeFd();
     slot.connection.reset();
     slot.Free();
     Leave(caller, account, index);

@@ -36,7 +36,7 @@ public:
 
     // Takes an accepted socket in and watches it. Closes it, after a line, when its peer has no identity, a limit
     // leaves no place or the system refuses. Throws std::bad_alloc.
-    void Admit(UniqueFd fd);
+    void Admit(PeerSocket fd);
 
     // Has epoll report what the connection waits for. False when the system refuses.
     bool Arm(uint32_t index, Connection::Next next);

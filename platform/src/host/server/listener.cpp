@@ -13,7 +13,6 @@
 #include "host/base/error_text.h"
 #include "host/base/unix_socket.h"
 #include "host/server/activation.h"
-#include "host/server/descriptors.h"
 #include "host/wire/socket_folder.h"
 
 namespace VARN::Host {
@@ -48,11 +47,11 @@ std::string Listener::Open(const std::string& directory, int32_t id)
     path_ = SocketPath(directory, id);
     fileName_ = path_.substr(directory.size() + 1);
     lockName_ = fileName_ + ".lock";
-    socket_ = TakeActivatedSocket(fileName_);
+    socket_ = PeerSocket(TakeActivatedSocket(fileName_));
     isHanded_ = static_cast<bool>(socket_);
     std::string problem;
     if (isHanded_) {
-        RefuseDescriptors(socket_.Get());
+        socket_.RefuseDescriptors();
         // The other end of the hand-over may have left it blocking.
         if (::fcntl(socket_.Get(), F_SETFL, O_NONBLOCK) != 0) {
             problem = Failure("fcntl", "of the handed socket");
@@ -116,14 +115,14 @@ std::string Listener::Bind()
             return Failure("remove the stale socket", path_);
         }
     }
-    socket_ = MakeUnixSocket();
+    socket_ = PeerSocket(MakeUnixSocket());
     if (!socket_ || ::bind(socket_.Get(), where, sizeof(address)) != 0) {
         problem = Failure("bind", path_);
-        socket_.Reset();
+        socket_ = PeerSocket();
         return problem;
     }
     // Before anybody can connect: a connection inherits it at that moment.
-    RefuseDescriptors(socket_.Get());
+    socket_.RefuseDescriptors();
     if (::fchmodat(folder_.Get(), fileName_.c_str(), SOCKET_MODE, 0) != 0 || ::listen(socket_.Get(), BACKLOG) != 0) {
         return Failure("listen on", path_);
     }
@@ -147,9 +146,9 @@ void Listener::Close()
     Withdraw();
     folder_.Reset();
     if (isHanded_ && socket_) {
-        GiveActivatedSocketBack(std::move(socket_));
+        GiveActivatedSocketBack(UniqueFd(socket_.Release()));
     }
-    socket_.Reset();
+    socket_ = PeerSocket();
 }
 
 }  // namespace VARN::Host

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/base/unique_fd.h"
+#include "host/server/peer_socket.h"
 
 namespace VARN::Host {
 
@@ -38,7 +39,7 @@ private:
     std::string lockName_;
     bool isHanded_ = false;
     UniqueFd folder_;  // files are named within it: the program may change its directory, or the folder its name
-    UniqueFd socket_;
+    PeerSocket socket_;
     UniqueFd lock_;
 };
 

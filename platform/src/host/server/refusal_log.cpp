@@ -11,10 +11,17 @@ namespace VARN::Host {
 namespace {
 
 // In the order of Limit.
-constexpr std::array<const char*, 9> NAMES = {
-    "connections",        "connections per user",       "request bytes",
-    "request time in ms", "reply time in ms",           "waiting reply bytes per user",
-    "protocol",           "descriptors of the process", "workers",
+constexpr std::array<const char*, 10> NAMES = {
+    "connections",
+    "connections per user",
+    "request bytes",
+    "request time in ms",
+    "reply time in ms",
+    "waiting reply bytes per user",
+    "protocol",
+    "descriptors sent along",
+    "descriptors of the process",
+    "workers",
 };
 
 constexpr int64_t PAUSE_NANOSECONDS = 1'000'000'000;

@@ -19,6 +19,7 @@ enum class Limit {
     REPLY_TIME,
     REPLY_BYTES,
     PROTOCOL,
+    DESCRIPTORS_SENT,
     DESCRIPTORS,
     WORKERS
 };

@@ -107,7 +107,7 @@ void Watcher::AcceptSome(int listener)
         const int error = errno;
         if (fd) {
             try {
-                connections_.Admit(std::move(fd));
+                connections_.Admit(PeerSocket(std::move(fd)));
             } catch (const std::bad_alloc&) {
                 PLATFORM_ERROR("service %d: no memory for a connection", context_.id);
             }
