@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Preloaded into a process, counts its heap allocations: a 64-bit number at the start of the file that
-// BENCH_ALLOCATION_COUNTER names, which has to be there and 8 bytes long.
+// BENCH_ALLOCATION_COUNTER names, which has to be there and 8 bytes long. Those that ask for an alignment do not count.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -15,7 +15,6 @@
 extern "C" void* __libc_malloc(size_t bytes);
 extern "C" void* __libc_calloc(size_t count, size_t bytes);
 extern "C" void* __libc_realloc(void* memory, size_t bytes);
-extern "C" void* __libc_memalign(size_t alignment, size_t bytes);
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
@@ -60,18 +59,4 @@ extern "C" void* realloc(void* memory, size_t bytes)
 {
     CountOne();
     return __libc_realloc(memory, bytes);
-}
-
-extern "C" void* aligned_alloc(size_t alignment, size_t bytes)
-{
-    CountOne();
-    return __libc_memalign(alignment, bytes);
-}
-
-extern "C" int posix_memalign(void** memory, size_t alignment, size_t bytes)
-{
-    constexpr int kNoMemory = 12;
-    CountOne();
-    *memory = __libc_memalign(alignment, bytes);
-    return *memory == nullptr ? kNoMemory : 0;
 }

@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs the contenders in interleaved rounds."""
 import contextlib
-import json
 import os
 import pathlib
 import platform
@@ -18,9 +17,8 @@ import weight
 
 CONTENDERS = ["ours", "floor", "floor-codec", "floor-list", "sd-bus", "capnp", "grpc"]
 CASES = {"small": 8, "bulk": 10000, "least": 0, "usage": 10000, "token": 100}
-PARTS = [*CASES, "many", "starts", "work", "turns", "users", "growth", "idle", "weight", "where", "micro"]
+PARTS = [*CASES, "many", "starts", "work", "turns", "users", "idle", "weight", "where"]
 MANY_CLIENTS = 4
-GROWTH = [100, 1000, 10000]
 CONNECTIONS = 1000
 USERS = range(60001, 60009)  # the last one is greedy
 GREEDY_CONNECTIONS = 100
@@ -166,17 +164,6 @@ class Bench:
         return {"alone": statistics.median(p99["alone"]), "crowded": statistics.median(p99["crowded"]),
                 "ratio": statistics.median(crowded / alone for alone, crowded in zip(p99["alone"], p99["crowded"]))}
 
-    def growth(self):
-        """Nanoseconds per record, for lists of several lengths."""
-        results = {}
-        for case in ("bulk", "usage"):
-            keys = [(name, records) for name in ("ours", "floor-list") for records in GROWTH]
-            measured = self.together({key: lambda key=key: self.pair(key[0], case, key[1], self.one_cpu)
-                                      for key in keys})
-            for (name, records), row in measured.items():
-                results.setdefault(f"{case}, {name}", {})[str(records)] = row["median"] / records
-        return results
-
     def idle(self):
         """Small, against servers that hold no idle connections and many."""
         def pair(idle_connections):
@@ -205,15 +192,6 @@ class Bench:
                      for purpose in ("codec", "lists", "checks")}
             row["parts"] = {"kernel": row["time"] - sum(parts.values()), **parts}
         return {"nanoseconds per instruction": per_instruction, **result}
-
-    def micro(self):
-        """CPU nanoseconds of the steps in bench-micro."""
-        if not self.program("micro").exists():
-            return None
-        seconds = 0.01 if self.quick else 0.2
-        text = subprocess.run([self.program("micro"), f"--benchmark_min_time={seconds}", "--benchmark_format=json"],
-                              check=True, text=True, capture_output=True).stdout
-        return {row["name"]: row["cpu_time"] for row in json.loads(text)["benchmarks"]}
 
     def machine(self):
         cpu = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())

@@ -77,12 +77,6 @@ def users_table(users):
                  [[duration(users["alone"]), duration(users["crowded"]), f"{users['ratio']:.2f}"]])
 
 
-def growth_table(growth):
-    return table("growth: time for each record, one CPU", ["", *next(iter(growth.values())), "largest / smallest"], [
-        [what, *(f"{value:.0f} ns" for value in row.values()), f"{max(row.values()) / min(row.values()):.2f}"]
-        for what, row in growth.items()])
-
-
 def idle_table(idle):
     (none, few), (count, crowded) = idle.items()
     return table("idle: small with idle connections, one CPU", [f"{none} idle", f"{count} idle", "ratio"],
@@ -90,15 +84,13 @@ def idle_table(idle):
 
 
 def weight_table(weight):
-    parts = ["resident", "program", "our libraries", "other libraries", "heap and stacks", "private dirty"]
-    lines = table("weight: an idle service, KiB", ["", *parts],
-                  [[name, *(row.get(part, 0) for part in parts)] for name, row in weight["idle memory"].items()])
+    lines = table("weight: an idle service, KiB", ["", *weight["per connection"]],
+                  [[name, *row.values()] for name, row in weight["idle memory"].items()])
     lines += table("Our service's memory for one idle connection, bytes", weight["per connection"],
                    [[f"{value:.0f}" for value in weight["per connection"].values()]])
     lines += table("A service's memory, MiB", ["", "peak while it answers bulk", "after five seconds of quiet"],
                    [[name, mib(row["peak"]), mib(row["quiet"])] for name, row in weight["after bulk"].items()])
-    contenders = list(weight["client threads"])
-    body = [["threads of a client", *weight["client threads"].values()]]
+    contenders, body = list(weight["idle memory"]), []
     for case, row in weight["allocations"].items():
         body.append([f"heap allocations, {case}: client + server",
                      *("{:.0f} + {:.0f}".format(*row[name]) if name in row else "" for name in contenders)])
@@ -119,11 +111,6 @@ def where_table(where):
     body.append(["time", *(duration(where[name]["time"]) for name in names)])
     return table(f"where: one small call, one CPU, {where['nanoseconds per instruction']:.3f} ns an instruction",
                  ["", *names], body)
-
-
-def micro_table(micro):
-    return table("micro: steps by themselves", ["", "CPU time"],
-                 [[name, f"{nanoseconds:.1f} ns"] for name, nanoseconds in micro.items()])
 
 
 def goals(results):
@@ -188,7 +175,7 @@ def details(results):
     for label, calls in results["calls"].items():
         if calls:
             lines += call_tables(calls, label)
-    for part in ("many", "starts", "work", "turns", "users", "growth", "idle", "weight", "micro"):
+    for part in ("many", "starts", "work", "turns", "users", "idle", "weight"):
         if results.get(part):
             lines += globals()[f"{part}_table"](results[part])
     return "\n".join(lines)

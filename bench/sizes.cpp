@@ -44,7 +44,7 @@ int main(int argc, char** argv)
     }
     try {
         const bench::Workload workload{bench::CaseNamed(argv[1]), std::stoul(argv[2]), 0, 0};
-        VARN::Host::AbilityManager::Get()->AddSystemAbility(bench::kAbilityId, new bench::Meter(workload));
+        VARN::Host::AbilityManager::Get()->AddSystemAbility(bench::SECURITY_PRIVACY_SA_ID, new bench::Meter(workload));
         bench::TypedClient<bench::LibraryPeer>(std::string(), workload).Call();
         return 0;
     } catch (const std::exception& exception) {

@@ -1,6 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What a service weighs: memory, threads, heap allocations and system calls."""
-import collections
+"""What a service weighs: memory, heap allocations and system calls."""
 import pathlib
 import re
 import shutil
@@ -8,35 +7,19 @@ import tempfile
 import time
 
 from crowd import Crowd
-from processes import Process, status
+from processes import status
 
 CONNECTIONS = 1000
 COUNTED_CALLS = 200
 COUNTED_CASES = {"none": 0, "least": 0, "small": 8}
 QUIET_SECONDS = 5
-OUR_LIBRARIES = ("libsecurity_privacy", "libvarn_platform")
 
 
 def memory(pid):
-    """Resident KiB by what they belong to, and Private_Dirty, what no other process shares."""
-    parts = collections.Counter()
-    owner = None
-    for line in pathlib.Path(f"/proc/{pid}/smaps").read_text().splitlines():
-        mapping = re.match(r"[0-9a-f]+-[0-9a-f]+ \S+ \S+ \S+ (\d+)\s*(.*)", line)
-        if mapping:
-            path = mapping.group(2)
-            if any(name in path for name in OUR_LIBRARIES):
-                owner = "our libraries"
-            elif ".so" in path:
-                owner = "other libraries"
-            else:
-                owner = "program" if path.startswith("/") else "heap and stacks"
-        elif line.startswith("Rss:"):
-            parts[owner] += int(line.split()[1])
-            parts["resident"] += int(line.split()[1])
-        elif line.startswith("Private_Dirty:"):
-            parts["private dirty"] += int(line.split()[1])
-    return dict(parts)
+    """What is resident, and what no other process shares, in KiB."""
+    text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text()
+    return {what: int(re.search(rf"^{field}: *(\d+)", text, re.MULTILINE).group(1))
+            for what, field in (("resident", "Rss"), ("private dirty", "Private_Dirty"))}
 
 
 def per_connection(bench):
@@ -51,23 +34,10 @@ def per_connection(bench):
     return {kind: (after[kind] - before[kind]) * 1024 / CONNECTIONS for kind in ("resident", "private dirty")}
 
 
-def idle_memory(bench):
-    bare = Process([bench.program("bare")], bench.all_cpus)
-    result = {"bare": memory(bare.pid)}
-    bare.end()
-    for name in bench.contenders:
-        with bench.pair(name, "none", 0, bench.all_cpus, clients=0) as pair:
-            time.sleep(0.2)  # for threads that start a little later
-            result[name] = memory(pair.server.pid)
-    return result
-
-
-def client_threads(bench):
-    result = {}
-    for name in bench.contenders:
-        with bench.pair(name, "small", 8, bench.all_cpus) as pair:
-            result[name] = status(pair.clients[0].pid, "Threads")
-    return result
+def idle_memory(bench, name):
+    with bench.pair(name, "none", 0, bench.all_cpus, clients=0) as pair:
+        time.sleep(0.2)  # for threads that start a little later
+        return memory(pair.server.pid)
 
 
 def after_bulk(bench, name):
@@ -112,8 +82,8 @@ def system_calls(bench, name, case, side):
 
 
 def measure(bench):
-    result = {"idle memory": idle_memory(bench), "per connection": per_connection(bench),
-              "client threads": client_threads(bench),
+    result = {"idle memory": {name: idle_memory(bench, name) for name in bench.contenders},
+              "per connection": per_connection(bench),
               "after bulk": {name: after_bulk(bench, name) for name in ("ours", "floor-list")},
               "allocations": {case: {name: allocations(bench, name, case) for name in bench.contenders
                                      if name != "floor"} for case in COUNTED_CASES}}

@@ -14,7 +14,7 @@ case "${1:-}" in
     "") ;;
     all)
         packages+=(abigail-tools capnproto ccache clang clang-format clang-tidy doxygen dpkg-dev file git jq
-            libbenchmark-dev libcapnp-dev libclang-rt-dev libgrpc++-dev libprotobuf-dev libsystemd-dev llvm make lintian
+            libcapnp-dev libclang-rt-dev libgrpc++-dev libprotobuf-dev libsystemd-dev llvm make lintian
             man-db pkg-config protobuf-compiler protobuf-compiler-grpc shellcheck strace systemd valgrind xz-utils zsh)
         ;;
     *)

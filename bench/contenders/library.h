@@ -6,15 +6,13 @@
 #include <vector>
 
 #include "bench/typed_client.h"
+#include "security_privacy/contract.h"
 #include "security_privacy/security_privacy_client.h"
 #include "security_privacy/security_privacy_service_stub.h"
 
 namespace bench {
 
 using namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer;
-
-// The id under which the library looks for its service.
-constexpr int32_t kAbilityId = 65993;
 
 // The library's arguments with the values of the plain requests.
 Permission::CheckedStateParameter ToParameter(const SetRequest& request);

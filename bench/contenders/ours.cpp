@@ -23,7 +23,7 @@ void Serve(const std::string& directory, const Workload& workload)
     options.directory = directory;
     options.maxConnections = kConnections;
     options.maxConnectionsPerUser = kConnections;
-    VARN::Host::AbilityServer server(kAbilityId, MakeLibraryService(workload), options);
+    VARN::Host::AbilityServer server(SECURITY_PRIVACY_SA_ID, MakeLibraryService(workload), options);
     if (!server.Start()) {
         throw std::runtime_error("the server does not start");
     }
