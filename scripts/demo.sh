@@ -82,7 +82,7 @@ echo "built $service and $client"
 
 export VARN_ABILITY_DIR=$folder
 heading "The service starts, with a socket in a private folder"
-start_service --state "$folder/state.json"
+start_service --database "$folder/device.db"
 ask 0 ping --count 2
 
 heading "Permission groups: of one app, and who holds one"
@@ -122,7 +122,7 @@ heading "Nobody is there"
 ask 3 --wait 0 ping
 
 heading "It starts again, read-only: the change is still there, another one is refused"
-start_service --state "$folder/state.json" --read-only
+start_service --database "$folder/device.db" --read-only
 ask 0 groups by-app com.example.camera --group LOCATION
 ask 4 groups set com.example.camera LOCATION allow_in_use
 stop_service >/dev/null

@@ -73,7 +73,7 @@ expect 2 gtoken add --bundle b --fingerprint "$secret" --policy p
 
 for level in '' 3; do
     export VARN_LOG_LEVEL=$level
-    start "$service" --data "$data" --directory "$folder" --state "$folder/state"
+    start "$service" --data "$data" --directory "$folder" --database "$folder/device.db"
     every_request
     kill -USR1 "$server"
     finish

@@ -173,9 +173,9 @@ void JsonNode::Fail(const std::string& complaint) const
     throw InputError(*path_ + ": " + (place_.empty() ? "" : place_ + ": ") + complaint);
 }
 
-JsonDocument::JsonDocument(const std::string& path) : path_(path), value_(Parse(path, ReadFile(path, MAX_JSON_BYTES)))
-{
-}
+JsonDocument::JsonDocument(const std::string& path) : JsonDocument(path, ReadFile(path, MAX_JSON_BYTES)) {}
+
+JsonDocument::JsonDocument(const std::string& name, const std::string& text) : path_(name), value_(Parse(name, text)) {}
 
 GTokenInfo ReadGTokenInfo(const JsonNode& node)
 {

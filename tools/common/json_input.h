@@ -66,6 +66,8 @@ class JsonDocument {
 public:
     // Throws InputError when the file cannot be read or is not JSON.
     explicit JsonDocument(const std::string& path);
+    // Text that was read already; `name` stands for the path in what is thrown.
+    JsonDocument(const std::string& name, const std::string& text);
 
     JsonDocument(const JsonDocument&) = delete;
     JsonDocument& operator=(const JsonDocument&) = delete;

@@ -23,7 +23,10 @@ constexpr Description DESCRIPTIONS[] = {
     {RESULT_FINGERPRINT_MISMATCH, "FINGERPRINT_MISMATCH",
      "a bundle is stored with another fingerprint; nothing was changed"},
     {RESULT_UNKNOWN_BUNDLE, "UNKNOWN_BUNDLE", "nothing is stored for one of the bundles; nothing was changed"},
-    {RESULT_NOT_SAVED, "NOT_SAVED", "the state file could not be written; nothing was changed"},
+    {RESULT_NOT_SAVED, "NOT_SAVED", "the database could not be written; nothing was changed"},
+    {RESULT_TOO_LONG, "TOO_LONG", "a bundle name, fingerprint or policy name is too long to be stored"},
+    {RESULT_ANSWER_TOO_LONG, "ANSWER_TOO_LONG", "the answer would be too long; ask for less at a time"},
+    {RESULT_NOT_READ, "NOT_READ", "the database could not be read"},
 };
 
 const Description* Find(int32_t code)

@@ -21,6 +21,9 @@ enum ResultCode : int32_t {
     RESULT_FINGERPRINT_MISMATCH = 1009,
     RESULT_UNKNOWN_BUNDLE = 1010,
     RESULT_NOT_SAVED = 1011,
+    RESULT_TOO_LONG = 1012,
+    RESULT_ANSWER_TOO_LONG = 1013,
+    RESULT_NOT_READ = 1014,
 };
 
 // The name of a code without its prefix ("STATE_DISABLED") and what it means, in a sentence. Null for other numbers.

@@ -3,20 +3,24 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cinttypes>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <exception>
 #include <string>
 #include <utility>
 
 #include "common/json_input.h"
 #include "common/standard_files.h"
-#include "service/device_data.h"
-#include "service/device_store.h"
+#include "security_privacy/contract.h"
+#include "service/database.h"
+#include "service/device_import.h"
 #include "service/options.h"
 #include "service/request_counters.h"
 #include "service/security_privacy_service.h"
+#include "service/usage_recorder.h"
 #include "varn/host/ability_server.h"
 #include "varn/host/log_sink.h"
 
@@ -24,9 +28,10 @@ namespace {
 
 using namespace SecurityPrivacyExample;
 
-constexpr int32_t SYSTEM_ABILITY_ID = 65993;
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::SECURITY_PRIVACY_SA_ID;
 constexpr int VERBOSE_LEVEL = 3;
 constexpr int CANNOT_START = 1;
+constexpr time_t HOUSEKEEPING_SECONDS = 60;
 
 // The signals that the main thread waits for. Blocked before any other thread exists, they interrupt none.
 sigset_t BlockSignals()
@@ -42,22 +47,52 @@ sigset_t BlockSignals()
     return signals;
 }
 
-void WaitForTheEnd(const sigset_t& signals, const RequestCounters& counters)
+int64_t Now()
 {
-    int signal = 0;
-    while (sigwait(&signals, &signal) == 0 && signal == SIGUSR1) {
-        counters.Print(stdout);
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+// What has to be done now and then while the server runs. It must not end the program: a disk may be full for a while.
+void DropOldUsage(Database& database, const Options& options)
+{
+    try {
+        while (options.keepUsage.count() != 0 && DropUsageBefore(database, Now() - options.keepUsage.count()) != 0) {
+        }
+    } catch (const DatabaseError& error) {
+        std::fprintf(stderr, "security-privacy-service: cannot drop old usage: %s\n", error.what());
     }
 }
 
-DeviceData LoadDevice(const Options& options)
+void WaitForTheEnd(const sigset_t& signals, Database& database, const Options& options, const RequestCounters& counters)
 {
-    DeviceData device = LoadDeviceData(options.dataPath);
-    if (options.shiftsToNow) {
-        const auto now = std::chrono::system_clock::now().time_since_epoch();
-        ShiftUsage(device, std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+    for (;;) {
+        DropOldUsage(database, options);
+        const timespec pause = {HOUSEKEEPING_SECONDS, 0};
+        const int signal = ::sigtimedwait(&signals, nullptr, &pause);
+        if (signal == SIGUSR1) {
+            counters.Print(stdout);
+        } else if (signal > 0) {
+            return;
+        }
     }
-    return device;
+}
+
+int Import(const Options& options)
+{
+    Database database(options.databasePath, Database::Use::FEED);
+    const ImportCounts counts = ImportDevice(database, options.inputPath, options.shiftsToNow ? Now() : 0);
+    std::printf("imported %" PRId64 " apps and %" PRId64 " new usage events; dropped %" PRId64
+                " choices that are not offered any more\n",
+                counts.apps, counts.usageEvents, counts.droppedChoices);
+    return 0;
+}
+
+int Record(const Options& options)
+{
+    Database database(options.databasePath, Database::Use::FEED);
+    std::printf("recorded %" PRId64 " usage events\n", RecordUsage(database, options.inputPath));
+    return 0;
 }
 
 // Where clients find the service, as AbilityServer decides it. To be asked before that starts: it consumes the
@@ -73,25 +108,28 @@ std::string SocketName(const Options& options)
         const char* fromEnvironment = secure_getenv("VARN_ABILITY_DIR");
         directory = fromEnvironment != nullptr && *fromEnvironment != '\0' ? fromEnvironment : "/run/varn";
     }
-    return directory + "/" + std::to_string(SYSTEM_ABILITY_ID) + ".sock";
+    return directory + "/" + std::to_string(SECURITY_PRIVACY_SA_ID) + ".sock";
 }
 
 int Serve(Options options, const sigset_t& signals)
 {
     const std::string socketName = SocketName(options);
-    DeviceStore store(LoadDevice(options), options.statePath);
+    Database database(options.databasePath);
+    if (IsEmpty(database)) {
+        ImportDevice(database, options.inputPath, options.shiftsToNow ? Now() : 0);
+    }
     const VARN::sptr<SecurityPrivacyService> service(
-        new SecurityPrivacyService(store, AccessPolicy(options.changers, options.isReadOnly)));
+        new SecurityPrivacyService(database, {options.changers, options.isReadOnly}));
     RequestCounters counters;
     options.server.observer = [&](const VARN::Host::Transaction& transaction) { counters.Count(transaction); };
-    VARN::Host::AbilityServer server(SYSTEM_ABILITY_ID, service, options.server);
+    VARN::Host::AbilityServer server(SECURITY_PRIVACY_SA_ID, service, options.server);
     if (!server.Start()) {
         std::fprintf(stderr, "security-privacy-service: cannot serve, see the error line above\n");
         return CANNOT_START;
     }
     std::printf("ready %s\n", socketName.c_str());
     std::fflush(stdout);
-    WaitForTheEnd(signals, counters);
+    WaitForTheEnd(signals, database, options, counters);
     server.Stop();
     counters.Print(stdout);
     return 0;
@@ -102,7 +140,6 @@ int Serve(Options options, const sigset_t& signals)
 int main(int argc, char** argv)
 {
     OccupyStandardDescriptors();
-    const sigset_t signals = BlockSignals();
     int exitCode = 0;
     std::optional<Options> options = ReadOptions(argc, argv, exitCode);
     if (!options) {
@@ -115,7 +152,15 @@ int main(int argc, char** argv)
         VARN::Host::SetLogLevel(VARN::LOG_LEVEL_INFO);
     }
     try {
-        return Serve(std::move(*options), signals);
+        switch (options->task) {
+            case Task::IMPORT:
+                return Import(*options);
+            case Task::RECORD:
+                return Record(*options);
+            case Task::SERVE:
+                break;
+        }
+        return Serve(std::move(*options), BlockSignals());
     } catch (const InputError& error) {
         std::fprintf(stderr, "security-privacy-service: %s\nSee 'security-privacy-service --help'.\n", error.what());
         return CANNOT_START;

@@ -4,20 +4,19 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <system_error>
+
+#include "security_privacy/version.h"
 
 namespace SecurityPrivacyExample {
 namespace {
 
 constexpr int USAGE_ERROR = 2;
-constexpr int MAX_WORKERS = 1024;
-constexpr int MAX_CONNECTIONS = 1000000;
-constexpr int MAX_REQUEST_BYTES = 128 * 1024 * 1024;
-constexpr int MAX_STALL_MS = 3600000;
 constexpr int64_t MAX_UID = 4294967294;  // the one above means "nobody in particular" to the kernel
+constexpr int64_t MAX_KEEP_SECONDS = int64_t{100} * 366 * 86400;
 
 // The data that is installed along with the program, wherever that is.
 std::string InstalledDataPath()
@@ -27,25 +26,52 @@ std::string InstalledDataPath()
     return (program.parent_path().parent_path() / "share" / "security-privacy" / "device.json").string();
 }
 
-template <class Number>
-std::string WithDefault(const std::string& description, Number value)
+void AddLimits(CLI::App& app, VARN::Host::AbilityServerOptions& server, int64_t& stallTimeoutMs)
 {
-    return description + " [" + std::to_string(value) + "]";
+    struct Limit {
+        const char* name;
+        size_t& value;
+        int64_t max;
+        const char* description;
+    };
+    const Limit limits[] = {
+        {"--workers", server.workers, 1024, "Threads that run requests [one a processor, at least 8]"},
+        {"--max-connections", server.maxConnections, 1000000, "Connections at a time"},
+        {"--max-connections-per-user", server.maxConnectionsPerUser, 1000000, "The same for one user id"},
+        {"--max-request-bytes", server.maxRequestBytes, 128 * 1024 * 1024, "Length of a request"},
+    };
+    for (const Limit& limit : limits) {
+        const std::string standard = limit.value != 0 ? " [" + std::to_string(limit.value) + "]" : "";
+        app.add_option(limit.name, limit.value, limit.description + standard)
+            ->option_text("N")
+            ->check(CLI::Range(int64_t{1}, limit.max))
+            ->group("Limits");
+    }
+    app.add_option("--stall-timeout-ms", stallTimeoutMs,
+                   "Time from the first byte of a request to its last [" + std::to_string(stallTimeoutMs) + "]")
+        ->option_text("N")
+        ->check(CLI::Range(1, 3600000))
+        ->group("Limits");
 }
 
-void AddOptions(CLI::App& app, Options& options, int64_t& stallTimeoutMs)
+void AddOptions(CLI::App& app, Options& options, int64_t& keepSeconds)
 {
-    app.add_option("--data", options.dataPath,
-                   "Device data, JSON: users, apps, groups, usage, policies [that installed with the program]")
+    app.add_option("--database", options.databasePath,
+                   "Keep the device in this SQLite database, made if there is none; without it, in memory alone")
         ->option_text("FILE");
-    app.add_option("--state", options.statePath,
-                   "Keep changes in this file across restarts; without it they live in memory alone")
+    app.add_option("--data", options.inputPath,
+                   "Device data, JSON, that fills an empty database [that installed with the program]")
         ->option_text("FILE");
     app.add_option("--directory", options.server.directory,
-                   "Folder of the socket 65993.sock [$VARN_ABILITY_DIR or /run/varn]")
+                   "Folder of the sockets 65993.sock and 65993.status.sock [$VARN_ABILITY_DIR or /run/varn]")
         ->option_text("FOLDER");
     app.add_flag("--shift-to-now", options.shiftsToNow,
-                 "Move the usage in time, so that it ends now and \"usage --since 2d\" finds some");
+                 "Move the usage of the device data in time, so that it ends now and \"usage --since 2d\" finds some");
+    const std::map<std::string, int64_t> units{{"m", 60}, {"h", 3600}, {"d", 86400}};
+    app.add_option("--keep-usage", keepSeconds, "Drop usage that began longer ago: 90m, 12h, 30d [keep all]")
+        ->option_text("TIME")
+        ->transform(CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::UNIT_REQUIRED, "TIME") &
+                    CLI::Range(int64_t{1}, MAX_KEEP_SECONDS));
 
     const char* access = "Who may change something";
     app.add_option("--change-uids", options.changers, "User ids that may change something [root and my own]")
@@ -54,34 +80,23 @@ void AddOptions(CLI::App& app, Options& options, int64_t& stallTimeoutMs)
         ->check(CLI::Range(int64_t{0}, MAX_UID))
         ->group(access);
     app.add_flag("--read-only", options.isReadOnly, "Refuse every change, whoever asks")->group(access);
+    app.add_flag("-v,--verbose", options.isVerbose, "Show every log line on standard error");
+}
 
-    const char* limits = "Limits";
-    app.add_option("--workers", options.server.workers, "Threads that run requests [one a processor, at least 8]")
-        ->option_text("N")
-        ->check(CLI::Range(1, MAX_WORKERS))
-        ->group(limits);
-    app.add_option("--max-connections", options.server.maxConnections,
-                   WithDefault("Connections at a time", options.server.maxConnections))
-        ->option_text("N")
-        ->check(CLI::Range(1, MAX_CONNECTIONS))
-        ->group(limits);
-    app.add_option("--max-connections-per-user", options.server.maxConnectionsPerUser,
-                   WithDefault("The same for one user id", options.server.maxConnectionsPerUser))
-        ->option_text("N")
-        ->check(CLI::Range(1, MAX_CONNECTIONS))
-        ->group(limits);
-    app.add_option("--max-request-bytes", options.server.maxRequestBytes,
-                   WithDefault("Length of a request", options.server.maxRequestBytes))
-        ->option_text("N")
-        ->check(CLI::Range(1, MAX_REQUEST_BYTES))
-        ->group(limits);
-    app.add_option("--stall-timeout-ms", stallTimeoutMs,
-                   WithDefault("Time from the first byte of a request to its last", stallTimeoutMs))
-        ->option_text("N")
-        ->check(CLI::Range(1, MAX_STALL_MS))
-        ->group(limits);
-
-    app.add_flag("-v,--verbose", options.isVerbose, "Show every log line (level 3) on standard error");
+void AddTasks(CLI::App& app, Options& options)
+{
+    const auto add = [&](Task task, const char* name, const char* description, const char* input) {
+        CLI::App* command = app.add_subcommand(name, description);
+        command->add_option("--database", options.databasePath, "The database")->option_text("FILE")->required();
+        command->add_option("FILE", options.inputPath, input)->required()->option_text(" ");
+        command->callback([&options, task] { options.task = task; });
+        return command;
+    };
+    add(Task::IMPORT, "import", "Make a database say what a device file says; also while the service runs",
+        "Device data, JSON")
+        ->add_flag("--shift-to-now", options.shiftsToNow, "Move its usage in time, so that it ends now");
+    add(Task::RECORD, "record", "Append usage events to a database; also while the service runs",
+        "One JSON object a line, as in the usageEvents of device data; - is standard input");
 }
 
 }  // namespace
@@ -89,27 +104,33 @@ void AddOptions(CLI::App& app, Options& options, int64_t& stallTimeoutMs)
 std::optional<Options> ReadOptions(int argc, char** argv, int& exitCode)
 {
     Options options;
-    options.dataPath = InstalledDataPath();
-    int64_t stallTimeoutMs = std::chrono::milliseconds(options.server.stallTimeout).count();
+    options.inputPath = InstalledDataPath();
+    int64_t stallTimeoutMs = options.server.stallTimeout.count();
+    int64_t keepSeconds = 0;
     CLI::App app(
-        "The example security-privacy service: answers for the device that a JSON file describes.\n"
+        "The security-privacy service: answers for the device in its database.\n"
         "Prints \"ready\" and the socket on standard output when clients can come.",
         "security-privacy-service");
     app.get_formatter()->column_width(32);
     app.set_help_flag("-h,--help", "Print this and exit");
-    AddOptions(app, options, stallTimeoutMs);
+    app.set_version_flag("--version", "security-privacy-service " SECURITY_PRIVACY_VERSION,
+                         "Print the version and exit");
+    AddOptions(app, options, keepSeconds);
+    AddLimits(app, options.server, stallTimeoutMs);
+    AddTasks(app, options);
+    app.require_subcommand(0, 1);
     app.footer(
         "\nSignals:\n"
-        "  TERM, INT   finish the running requests, print the counters, end with 0\n"
-        "  USR1        print the counters: requests, errors, bytes and time by request code\n"
+        "  TERM, INT   finish the running requests, print the status, end with 0\n"
+        "  USR1        print the status: one JSON document, as 'security-privacy-cli status --json' gives it\n"
         "\nExit codes:\n"
-        "  0  stopped by a signal\n"
-        "  1  could not start: data, state or socket; the message says which and why\n"
+        "  0  stopped by a signal; or imported, recorded\n"
+        "  1  could not start: data, database or socket; or nothing of a batch was stored; the message says why\n"
         "  2  the command line is wrong\n"
         "\nResult codes are listed by 'security-privacy-cli --help'.\n"
         "\nExample:\n"
-        "  mkdir -m 0700 /tmp/try && security-privacy-service --directory /tmp/try --state /tmp/try/state.json &\n"
-        "  security-privacy-cli --directory /tmp/try groups by-app com.example.camera");
+        "  mkdir -m 0700 ~/try && security-privacy-service --directory ~/try --database ~/try/device.db &\n"
+        "  security-privacy-cli --directory ~/try groups by-app com.example.camera");
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
         return std::string("security-privacy-service: ") + error.what() + "\nSee 'security-privacy-service --help'.\n";
     });
@@ -120,6 +141,7 @@ std::optional<Options> ReadOptions(int argc, char** argv, int& exitCode)
         return std::nullopt;
     }
     options.server.stallTimeout = std::chrono::milliseconds(stallTimeoutMs);
+    options.keepUsage = std::chrono::seconds(keepSeconds);
     if (options.changers.empty()) {
         options.changers = {0, ::geteuid()};
     }

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,11 +12,15 @@
 
 namespace SecurityPrivacyExample {
 
+enum class Task { SERVE, IMPORT, RECORD };
+
 // What the command line says.
 struct Options {
-    std::string dataPath;
-    std::string statePath;  // empty: changes are forgotten at the end
+    Task task = Task::SERVE;
+    std::string databasePath;  // empty: in memory, forgotten at the end
+    std::string inputPath;     // device data, or the events to record ("-": standard input)
     bool shiftsToNow = false;
+    std::chrono::milliseconds keepUsage{0};  // 0: for ever
     bool isReadOnly = false;
     std::vector<uid_t> changers;
     bool isVerbose = false;

@@ -1,54 +1,168 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "service/security_privacy_service.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "common/result_codes.h"
-#include "service/usage_evaluation.h"
+#include "security_privacy/contract.h"
+#include "service/policies.h"
 #include "varn/host/caller.h"
 #include "varn/log.h"
 
 namespace SecurityPrivacyExample {
-
 namespace {
-
-constexpr int LOG_TYPE = 3;
-constexpr int LOG_WARN = 5;
-constexpr uint32_t LOG_DOMAIN = 0xD0E0;
-
-}  // namespace
 
 using VARN::Host::CurrentCaller;
 
-SecurityPrivacyService::SecurityPrivacyService(DeviceStore& store, AccessPolicy policy)
-    : store_(store), policy_(std::move(policy))
+constexpr int LOG_TYPE = 3;
+constexpr int LOG_WARN = 5;
+constexpr int LOG_ERROR = 6;
+constexpr uint32_t LOG_DOMAIN = 0xD0E0;
+constexpr const char* LOG_TAG = "SERVICE";
+
+// One more than an answer may carry; the library tells that it leaves the rest out.
+constexpr size_t MAX_INFOS =
+    size_t{VARN::AppSecurityPrivacy::SecurityPrivacyServer::MAX_APP_PERMISSION_GROUP_INFO_SIZE} + 1;
+
+// A row for each state that a group shows, groups and states in the order of the device file.
+const std::string GROUP_ROWS =
+    "SELECT app_group.id, bundle, uid, name, coalesce(choice.state, app_group.state), "
+    "coalesce(choice.flags, app_group.flags), disabled_reason, shown_state.state, is_disabled "
+    "FROM app JOIN app_group ON app_group.app = app.id "
+    "JOIN permission_group ON permission_group.id = app_group.permission_group "
+    "JOIN shown_state ON shown_state.app_group = app_group.id LEFT JOIN choice ON choice.app_group = app_group.id "
+    "WHERE user = ? AND ";
+
+// Makes a record of the rows of each group whose column `filtered` is among the wanted names; of none, all.
+int32_t ReadGroups(Statement& rows, int filtered, const std::unordered_set<std::string>& wanted,
+                   std::vector<AppPermissionGroupInfo>& infos)
 {
+    std::vector<AppPermissionGroupInfo> found;
+    size_t bytes = 0;
+    int64_t last = 0;
+    while (rows.Step()) {
+        if (!wanted.empty() && wanted.count(std::string(rows.Text(filtered))) == 0) {
+            continue;
+        }
+        if (rows.Integer(0) != last) {
+            if (found.size() == MAX_INFOS) {
+                break;
+            }
+            last = rows.Integer(0);
+            AppPermissionGroupInfo& info = found.emplace_back();
+            info.bundleName = rows.Text(1);
+            info.uid = rows.Int32(2);
+            info.permissionGroup = rows.Text(3);
+            info.checkedState = rows.Text(4);
+            info.flags = rows.Integer(5);
+            info.disabledReason = rows.Text(6);
+            bytes += info.bundleName.size() + info.permissionGroup.size() + info.checkedState.size() +
+                     info.disabledReason.size();
+        }
+        found.back().shownStates.emplace_back(rows.Text(7));
+        if (rows.Integer(8) != 0) {
+            found.back().disabledStates.emplace(rows.Text(7));
+        }
+        bytes += rows.Text(7).size();
+        if (bytes > MAX_ANSWER_BYTES) {
+            return RESULT_ANSWER_TOO_LONG;
+        }
+    }
+    infos.insert(infos.end(), std::make_move_iterator(found.begin()), std::make_move_iterator(found.end()));
+    return RESULT_OK;
+}
+
+bool HasRow(Statement&& select)
+{
+    return select.Step();
+}
+
+bool HasUser(Connection& connection, int64_t userId)
+{
+    return HasRow(Statement(connection, "SELECT 1 FROM user WHERE id = ?", userId));
+}
+
+}  // namespace
+
+SecurityPrivacyService::SecurityPrivacyService(Database& database, AccessPolicy policy)
+    : database_(database), policy_(std::move(policy))
+{
+}
+
+bool SecurityPrivacyService::IsChanger(uid_t uid) const
+{
+    return std::find(policy_.changers.begin(), policy_.changers.end(), uid) != policy_.changers.end();
 }
 
 bool SecurityPrivacyService::IsMessageCodeAllowed(uint32_t messageCode)
 {
+    const bool isChange = messageCode == MessageCode::SET_APP_PERMISSION_GROUP_CHECKED_STATE ||
+                          messageCode == MessageCode::GTOKEN_POLICY_ADD_POLICY ||
+                          messageCode == MessageCode::GTOKEN_POLICY_REMOVE_POLICY;
     const VARN::Host::Caller caller = CurrentCaller();
-    if (policy_.IsAllowed(messageCode, caller.uid)) {
+    if (!isChange || (!policy_.isReadOnly && IsChanger(caller.uid))) {
         return true;
     }
     // The library's own line says what was refused, but not to whom.
-    VoLogPrint(LOG_TYPE, LOG_WARN, LOG_DOMAIN, "EXAMPLE", "user %u, process %d: %s is refused", caller.uid, caller.pid,
+    VoLogPrint(LOG_TYPE, LOG_WARN, LOG_DOMAIN, LOG_TAG, "user %u, process %d: %s is refused", caller.uid, caller.pid,
                MessageCode::ToString(messageCode).c_str());
     return false;
+}
+
+int32_t SecurityPrivacyService::Read(const Work& work)
+{
+    try {
+        return database_.Read(work);
+    } catch (const DatabaseError& error) {
+        VoLogPrint(LOG_TYPE, LOG_ERROR, LOG_DOMAIN, LOG_TAG, "cannot read the database: %s", error.what());
+        return RESULT_NOT_READ;
+    }
+}
+
+int32_t SecurityPrivacyService::Write(const Work& work)
+{
+    try {
+        return database_.Write(work);
+    } catch (const DatabaseError& error) {
+        VoLogPrint(LOG_TYPE, LOG_ERROR, LOG_DOMAIN, LOG_TAG, "cannot write the database: %s", error.what());
+        return RESULT_NOT_SAVED;
+    }
 }
 
 int32_t SecurityPrivacyService::GetAppPermissionGroupInfosByApp(
     const std::string& bundleName, int32_t userId, const std::unordered_set<std::string>& interestedPermissionGroups,
     std::vector<AppPermissionGroupInfo>& appPermissionGroupInfos)
 {
-    return store_.ListGroupsOfApp(bundleName, userId, interestedPermissionGroups, appPermissionGroupInfos);
+    return Read([&](Connection& connection) -> int32_t {
+        const int64_t user = userId;
+        if (!HasUser(connection, user)) {
+            return RESULT_UNKNOWN_USER;
+        }
+        if (!HasRow(Statement(connection, "SELECT 1 FROM app WHERE bundle = ? AND user = ?", bundleName, user))) {
+            return RESULT_UNKNOWN_APP;
+        }
+        Statement rows(connection, GROUP_ROWS + "bundle = ? ORDER BY app_group.id, place", user, bundleName);
+        return ReadGroups(rows, 3, interestedPermissionGroups, appPermissionGroupInfos);
+    });
 }
 
 int32_t SecurityPrivacyService::GetAppPermissionGroupInfosByPermission(
     const std::string& permissionGroup, int32_t userId, const std::unordered_set<std::string>& interestedBundleNames,
     std::vector<AppPermissionGroupInfo>& appPermissionGroupInfos)
 {
-    return store_.ListAppsOfGroup(permissionGroup, userId, interestedBundleNames, appPermissionGroupInfos);
+    return Read([&](Connection& connection) -> int32_t {
+        const int64_t user = userId;
+        if (!HasUser(connection, user)) {
+            return RESULT_UNKNOWN_USER;
+        }
+        if (!HasRow(Statement(connection, "SELECT 1 FROM permission_group WHERE name = ?", permissionGroup))) {
+            return RESULT_UNKNOWN_PERMISSION_GROUP;
+        }
+        Statement rows(connection, GROUP_ROWS + "name = ? ORDER BY app.id, place", user, permissionGroup);
+        return ReadGroups(rows, 1, interestedBundleNames, appPermissionGroupInfos);
+    });
 }
 
 int32_t SecurityPrivacyService::SetAppPermissionGroupCheckedState(const std::string& bundleName, int32_t uid,
@@ -56,43 +170,83 @@ int32_t SecurityPrivacyService::SetAppPermissionGroupCheckedState(const std::str
                                                                   const CheckedStateParameter& checkedStateParameter,
                                                                   bool& returns)
 {
-    return store_.SetCheckedState(bundleName, uid, permissionGroup, checkedStateParameter, returns);
+    const std::string& state = checkedStateParameter.checkedState;
+    const int64_t mask = checkedStateParameter.flagsMask;
+    bool differs = false;
+    const int32_t result = Write([&](Connection& connection) -> int32_t {
+        Statement app(connection, "SELECT id FROM app WHERE bundle = ? AND uid = ?", bundleName, int64_t{uid});
+        if (!app.Step()) {
+            return RESULT_UNKNOWN_APP;
+        }
+        Statement group(connection,
+                        "SELECT app_group.id, coalesce(choice.state, app_group.state), "
+                        "coalesce(choice.flags, app_group.flags) FROM app_group "
+                        "JOIN permission_group ON permission_group.id = app_group.permission_group "
+                        "LEFT JOIN choice ON choice.app_group = app_group.id WHERE app = ? AND name = ?",
+                        app.Integer(0), permissionGroup);
+        if (!group.Step()) {
+            return RESULT_UNKNOWN_PERMISSION_GROUP;
+        }
+        Statement shown(connection, "SELECT is_disabled FROM shown_state WHERE app_group = ? AND state = ?",
+                        group.Integer(0), state);
+        if (!shown.Step()) {
+            return RESULT_STATE_NOT_SHOWN;
+        }
+        if (shown.Integer(0) != 0) {
+            return RESULT_STATE_DISABLED;
+        }
+        const int64_t flags = (group.Integer(2) & ~mask) | (checkedStateParameter.flagsValue & mask);
+        differs = group.Text(1) != state || group.Integer(2) != flags;
+        Statement(connection, "INSERT OR REPLACE INTO choice (app_group, state, flags) VALUES (?, ?, ?)",
+                  group.Integer(0), state, flags)
+            .Run();
+        return RESULT_OK;
+    });
+    returns = differs && result == RESULT_OK;
+    return result;
 }
 
 int32_t SecurityPrivacyService::GetPermissionUsageSummary(const PermissionUsageRecordQuery& query,
                                                           std::vector<PermissionUsageRecord>& records)
 {
-    return SummariseUsage(store_.Device().usageEvents, query, records);
+    return Read([&](Connection& connection) { return SummariseUsage(connection, query, records); });
 }
 
 int32_t SecurityPrivacyService::GetPermissionUsageTimeline(const PermissionUsageRecordQuery& query,
                                                            std::vector<PermissionUsageRecord>& records)
 {
-    return ListUsage(store_.Device().usageEvents, query, records);
+    return Read([&](Connection& connection) { return ListUsage(connection, query, records); });
 }
 
 int32_t SecurityPrivacyService::GTokenPolicyAddPolicy(const std::vector<GTokenInfo>& gTokenInfos)
 {
-    return store_.Add(gTokenInfos);
+    return Write([&](Connection& connection) -> int32_t {
+        for (const GTokenInfo& info : gTokenInfos) {
+            const int32_t result = AddPolicies(connection, info);
+            if (result != RESULT_OK) {
+                return result;
+            }
+        }
+        return RESULT_OK;
+    });
 }
 
 GTokenResultWithRet SecurityPrivacyService::GTokenPolicyGetPolicy(std::string policyName,
                                                                   const std::vector<std::string>& bundleNames)
 {
     GTokenResultWithRet result;
-    result.ret = RESULT_OK;
-    result.gTokenResults = store_.Get(policyName, bundleNames);
-    if (!policy_.MaySeeFingerprints(CurrentCaller().uid)) {
-        for (GTokenResult& row : result.gTokenResults) {
-            row.fingerprint.clear();
-        }
+    result.ret = Read([&](Connection& connection) {
+        return GetPolicies(connection, policyName, bundleNames, IsChanger(CurrentCaller().uid), result.gTokenResults);
+    });
+    if (result.ret != RESULT_OK) {
+        result.gTokenResults.clear();
     }
     return result;
 }
 
 int32_t SecurityPrivacyService::GTokenPolicyRemovePolicy(const std::vector<std::string>& bundleNames)
 {
-    return store_.Remove(bundleNames);
+    return Write([&](Connection& connection) { return RemovePolicies(connection, bundleNames); });
 }
 
 }  // namespace SecurityPrivacyExample

@@ -6,9 +6,12 @@
 
 #include "security_privacy/permission_usage_record.h"
 #include "security_privacy/permission_usage_record_query.h"
-#include "service/device_data.h"
+#include "service/sqlite.h"
 
 namespace SecurityPrivacyExample {
+
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord;
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery;
 
 // What a query means to this service:
 //
@@ -18,19 +21,19 @@ namespace SecurityPrivacyExample {
 //   order    0 oldest first, 1 newest first, by the begin; equal ones by app, group and the other columns.
 //   limit    The first so many records in that order; 0 means all.
 //
-// Both functions append to `records` and answer RESULT_OK, or RESULT_BAD_ORDER or RESULT_BAD_LIMIT with nothing
-// appended.
+// Whatever the limit, reading stops one record past what an answer may carry: the library then refuses the answer as
+// too long.
+//
+// Both append to `records` and answer RESULT_OK, or RESULT_BAD_ORDER or RESULT_BAD_LIMIT with nothing appended. They
+// throw DatabaseError.
 
 // One record per app, operation group, mode, app state and screen state: the times added up (no further than an int32
 // goes), from the first begin to the last end.
-int32_t SummariseUsage(
-    const std::vector<UsageEvent>& events,
-    const VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery& query,
-    std::vector<VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord>& records);
+int32_t SummariseUsage(Connection& connection, const PermissionUsageRecordQuery& query,
+                       std::vector<PermissionUsageRecord>& records);
 
 // One record per event.
-int32_t ListUsage(const std::vector<UsageEvent>& events,
-                  const VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery& query,
-                  std::vector<VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord>& records);
+int32_t ListUsage(Connection& connection, const PermissionUsageRecordQuery& query,
+                  std::vector<PermissionUsageRecord>& records);
 
 }  // namespace SecurityPrivacyExample

@@ -1,0 +1,388 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "common/json_input.h"
+#include "common/result_codes.h"
+#include "service/device_import.h"
+#include "service/security_privacy_service.h"
+#include "service/usage_recorder.h"
+
+namespace SecurityPrivacyExample {
+namespace {
+
+using nlohmann::json;
+using VARN::sptr;
+using Code = SecurityPrivacyService::MessageCode;
+using Names = std::unordered_set<std::string>;
+using Texts = std::vector<std::string>;
+
+PermissionUsageRecordQuery Query(const std::string& text)
+{
+    const json fields = json::parse(text);
+    PermissionUsageRecordQuery query;
+    query.SetBundleNames(fields.value("apps", Texts()));
+    query.SetUserIds(fields.value("users", std::vector<int>()));
+    query.SetOperationGroups(fields.value("groups", Texts()));
+    query.SetOperationModes(fields.value("modes", std::vector<int>()));
+    query.SetAppStates(fields.value("states", std::vector<int>()));
+    query.SetScreenStates(fields.value("screens", std::vector<int>()));
+    query.SetBeginTimestamp(fields.value("begin", 0));
+    query.SetEndTimestamp(fields.value("end", 0));
+    query.SetLimit(fields.value("limit", 0));
+    query.SetOrder(fields.value("order", 0));
+    return query;
+}
+
+std::vector<GTokenInfo> Bundles(const std::string& text)
+{
+    const JsonDocument document("bundles", text);
+    std::vector<GTokenInfo> bundles;
+    for (const JsonNode& node : document.Root().Items()) {
+        bundles.push_back(ReadGTokenInfo(node));
+    }
+    return bundles;
+}
+
+// "bundle,fingerprint,version,value " of each row; the result alone when it is another than 0.
+std::string Policies(const sptr<SecurityPrivacyService>& service, const std::string& policy, const Texts& names)
+{
+    const GTokenResultWithRet result = service->GTokenPolicyGetPolicy(policy, names);
+    std::string text = result.ret == RESULT_OK ? "" : std::to_string(result.ret);
+    for (const auto& row : result.gTokenResults) {
+        text += row.bundleName + "," + row.fingerprint + "," + std::to_string(row.versionCode) + "," +
+                std::to_string(row.policyValue) + " ";
+    }
+    return text;
+}
+
+// "bundle uid group state flags: shown states, a star behind disabled ones; reason|" of each.
+std::string Text(int32_t result, const std::vector<AppPermissionGroupInfo>& infos)
+{
+    std::string text = result == RESULT_OK ? "" : std::to_string(result);
+    for (const AppPermissionGroupInfo& info : infos) {
+        text += info.bundleName + " " + std::to_string(info.uid) + " " + info.permissionGroup + " " +
+                info.checkedState + " " + std::to_string(info.flags) + ":";
+        for (const std::string& state : info.shownStates) {
+            text += " " + state + (info.disabledStates.count(state) != 0 ? "*" : "");
+        }
+        text += info.disabledReason + "|";
+    }
+    return text;
+}
+
+class ServiceTest : public testing::Test {
+protected:
+    ServiceTest() { Import(database_, device_.dump()); }
+    ~ServiceTest() override { std::filesystem::remove_all(folder_); }
+
+    ImportCounts Import(Database& database, const std::string& device)
+    {
+        std::ofstream(folder_ + "/device") << device;
+        return ImportDevice(database, folder_ + "/device", 0);
+    }
+
+    std::vector<int32_t> Timeline(const PermissionUsageRecordQuery& query, int32_t expected = RESULT_OK)
+    {
+        std::vector<PermissionUsageRecord> records;
+        EXPECT_EQ(expected, service_->GetPermissionUsageTimeline(query, records));
+        std::vector<int32_t> times;
+        for (const PermissionUsageRecord& record : records) {
+            times.push_back(record.GetTimes());
+        }
+        return times;
+    }
+    std::string OfApp(const std::string& app, int32_t user, const Names& wanted = {})
+    {
+        std::vector<AppPermissionGroupInfo> infos;
+        const int32_t result = service_->GetAppPermissionGroupInfosByApp(app, user, wanted, infos);
+        return Text(result, infos);
+    }
+    std::string OfGroup(const std::string& group, int32_t user, const Names& wanted = {})
+    {
+        std::vector<AppPermissionGroupInfo> infos;
+        const int32_t result = service_->GetAppPermissionGroupInfosByPermission(group, user, wanted, infos);
+        return Text(result, infos);
+    }
+    int32_t Set(const std::string& app, int32_t uid, const char* group, const char* state, int64_t mask, int64_t value)
+    {
+        VARN::AppSecurityPrivacy::SecurityPrivacyServer::Permission::CheckedStateParameter parameter;
+        parameter.checkedState = state;
+        parameter.flagsMask = mask;
+        parameter.flagsValue = value;
+        return service_->SetAppPermissionGroupCheckedState(app, uid, group, parameter, isChanged_);
+    }
+
+    char template_[32] = "/tmp/service_testXXXXXX";
+    const std::string folder_ = ::mkdtemp(template_);
+    // The times of its usage events are powers of two, so that they tell one from the others, in sums as well.
+    const json device_ = json::parse(ReadFile(DEVICE_PATH, 100000));
+    Database database_{""};
+    const sptr<SecurityPrivacyService> service_{new SecurityPrivacyService(database_, {{::getuid()}, false})};
+    const sptr<SecurityPrivacyService> foreign_{new SecurityPrivacyService(database_, {{::getuid() + 1}, false})};
+    bool isChanged_ = false;
+};
+
+TEST_F(ServiceTest, QueryAdmitsWhatMeetsAllItsFilters)
+{
+    const struct {
+        const char* query;
+        std::vector<int32_t> expected;
+    } cases[] = {
+        {R"({})", {1, 8, 32, 16, 4, 2, 64}},
+        {R"({"order": 1})", {64, 2, 8, 32, 16, 4, 1}},
+        {R"({"apps": ["maps"]})", {1, 32, 16, 4, 2}},
+        {R"({"apps": ["chat"], "order": 1})", {64, 8}},
+        {R"({"apps": ["chat", "maps", "chat"], "limit": 2})", {1, 8}},
+        {R"({"apps": ["nobody"]})", {}},
+        {R"({"apps": ["no'\u0000body", "chat"]})", {8, 64}},
+        {R"({"users": [101]})", {4}},
+        {R"({"apps": ["maps"], "users": [100]})", {1, 32, 16, 2}},
+        {R"({"apps": ["chat"], "users": [101]})", {}},
+        {R"({"groups": ["LOCATION"]})", {16}},
+        {R"({"groups": ["LOCATION", "CAMERA"], "limit": 3})", {1, 8, 32}},
+        {R"({"groups": ["SMS"]})", {}},
+        {R"({"modes": [1]})", {8, 4, 64}},
+        {R"({"states": [1]})", {8, 16, 64}},
+        {R"({"screens": [2, 1]})", {8, 32, 16, 4}},
+        {R"({"apps": ["maps"], "users": [100, 101], "groups": ["CAMERA"], "modes": [0], "states": [0], "screens": [1],
+             "begin": 2000, "end": 2001})",
+         {32}},
+        {R"({"begin": 3000})", {2, 64}},
+        {R"({"begin": 3001})", {64}},
+        {R"({"end": 2000})", {1}},
+        {R"({"end": 2001, "limit": 2, "order": 1})", {8, 32}},
+        {R"({"begin": 2000, "end": 2000})", {}},
+        {R"({"limit": 1})", {1}},
+        {R"({"limit": 7})", {1, 8, 32, 16, 4, 2, 64}},
+        {R"({"limit": 2147483647})", {1, 8, 32, 16, 4, 2, 64}},
+    };
+    for (const auto& [text, expected] : cases) {
+        SCOPED_TRACE(text);
+        PermissionUsageRecordQuery query = Query(text);
+        EXPECT_EQ(expected, Timeline(query));
+        // A summary adds up the same events.
+        query.SetLimit(0);
+        const std::vector<int32_t> all = Timeline(query);
+        std::vector<PermissionUsageRecord> sums;
+        EXPECT_EQ(RESULT_OK, service_->GetPermissionUsageSummary(query, sums));
+        EXPECT_EQ(std::accumulate(all.begin(), all.end(), 0),
+                  std::accumulate(sums.begin(), sums.end(), 0,
+                                  [](int32_t total, const auto& sum) { return total + sum.GetTimes(); }));
+    }
+    EXPECT_EQ(std::vector<int32_t>(), Timeline(Query(R"({"order": 2})"), RESULT_BAD_ORDER));
+    EXPECT_EQ(std::vector<int32_t>(), Timeline(Query(R"({"order": -1})"), RESULT_BAD_ORDER));
+    EXPECT_EQ(std::vector<int32_t>(), Timeline(Query(R"({"limit": -1})"), RESULT_BAD_LIMIT));
+}
+
+TEST_F(ServiceTest, SummaryAddsUpTimesAloneAndSaturates)
+{
+    json device = device_;
+    device["usageEvents"].push_back(device["usageEvents"].back());
+    device["usageEvents"].back().update({{"times", std::numeric_limits<int32_t>::max()}, {"end", 4600}});
+    EXPECT_EQ(1, Import(database_, device.dump()).usageEvents) << "the others are there already";
+    std::vector<PermissionUsageRecord> sums;
+    EXPECT_EQ(RESULT_OK, service_->GetPermissionUsageSummary(Query(R"({"order": 1})"), sums));
+    std::string text;
+    for (const PermissionUsageRecord& sum : sums) {
+        for (const int64_t number : {int64_t{sum.GetUid()}, int64_t{sum.GetOperationMode()}, int64_t{sum.GetAppState()},
+                                     int64_t{sum.GetScreenState()}, int64_t{sum.GetTimes()}, sum.GetBeginTimestamp()}) {
+            text += std::to_string(number) + " ";
+        }
+        text +=
+            std::to_string(sum.GetEndTimestamp()) + " " + sum.GetBundleName() + " " + sum.GetOperationGroup() + "\n";
+    }
+    EXPECT_EQ(
+        "12 1 1 0 2147483647 4000 4600 chat CAMERA\n12 1 1 2 8 2000 2100 chat CAMERA\n"
+        "11 0 0 1 32 2000 2001 maps CAMERA\n11 0 1 1 16 2000 2200 maps LOCATION\n"
+        "21 1 0 1 4 2000 2500 maps CAMERA\n11 0 0 0 3 1000 3001 maps CAMERA\n",
+        text);
+}
+
+TEST_F(ServiceTest, TimelineStopsReadingOnePastAnAnswer)
+{
+    database_.Write([](Connection& connection) {
+        connection.Execute(
+            "WITH RECURSIVE n (i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 12000) INSERT INTO usage "
+            "SELECT NULL, i + 9000, i + 9000, app.id, permission_group.id, 0, 0, 0, 1 FROM n, app, permission_group "
+            "WHERE uid = 12 AND name = 'CAMERA'");
+        return RESULT_OK;
+    });
+    EXPECT_EQ(10001U, Timeline(Query("{}")).size());
+    EXPECT_EQ(10001U, Timeline(Query(R"({"limit": 11000})")).size());
+    EXPECT_EQ(10000U, Timeline(Query(R"({"limit": 10000, "apps": ["chat"]})")).size());
+    EXPECT_EQ(1000, DropUsageBefore(database_, 10000)) << "a bounded number at a time";
+    EXPECT_EQ(6, DropUsageBefore(database_, 10000)) << "what began before, not at the time";
+    EXPECT_EQ(0, DropUsageBefore(database_, 10000));
+}
+
+TEST_F(ServiceTest, GroupsComeInTheOrderOfTheDeviceWithWhatWasChosen)
+{
+    const std::string location = "maps 11 LOCATION ask 6: allow* ask deny!|";
+    const std::string camera = "maps 11 CAMERA deny 0: allow deny|";
+    const std::string chat = "chat 12 CAMERA allow 2: allow|";
+    EXPECT_EQ(location + camera, OfApp("maps", 100));
+    EXPECT_EQ(camera, OfApp("maps", 100, {"CAMERA", "SMS"}));
+    EXPECT_EQ("", OfApp("maps", 100, {"SMS"}));
+    EXPECT_EQ("1001", OfApp("maps", 102));
+    EXPECT_EQ("1002", OfApp("chat", 101));
+    EXPECT_EQ(camera + chat, OfGroup("CAMERA", 100));
+    EXPECT_EQ(chat, OfGroup("CAMERA", 100, {"chat", "nobody"}));
+    EXPECT_EQ("", OfGroup("SMS", 100));
+    EXPECT_EQ("1001", OfGroup("CAMERA", 102));
+    EXPECT_EQ("1003", OfGroup("NFC", 100));
+
+    const struct {
+        const char *app, *group, *state;
+        int32_t uid;
+        int64_t mask, value;
+        int32_t expected;
+        bool isChanged;
+        std::string then;
+    } changes[] = {
+        {"maps", "LOCATION", "ask", 12, 0, 0, RESULT_UNKNOWN_APP, false, location},
+        {"nobody", "LOCATION", "ask", 11, 0, 0, RESULT_UNKNOWN_APP, false, location},
+        {"maps", "SMS", "ask", 11, 0, 0, RESULT_UNKNOWN_PERMISSION_GROUP, false, location},
+        {"maps", "LOCATION", "never", 11, 0, 0, RESULT_STATE_NOT_SHOWN, false, location},
+        {"maps", "LOCATION", "allow", 11, 0, 0, RESULT_STATE_DISABLED, false, location},
+        {"maps", "LOCATION", "ask", 11, 0, -1, RESULT_OK, false, location},
+        {"maps", "LOCATION", "ask", 11, 3, 5, RESULT_OK, true, "maps 11 LOCATION ask 5: allow* ask deny!|"},
+        {"maps", "LOCATION", "deny", 11, 0, 0, RESULT_OK, true, "maps 11 LOCATION deny 5: allow* ask deny!|"},
+        {"maps", "LOCATION", "deny", 11, 4, 4, RESULT_OK, false, "maps 11 LOCATION deny 5: allow* ask deny!|"},
+    };
+    for (const auto& row : changes) {
+        SCOPED_TRACE(std::string(row.app) + row.group + row.state + std::to_string(row.value));
+        isChanged_ = !row.isChanged;
+        EXPECT_EQ(row.expected, Set(row.app, row.uid, row.group, row.state, row.mask, row.value));
+        EXPECT_EQ(row.isChanged, isChanged_);
+        EXPECT_EQ(row.then + camera, OfApp("maps", 100));
+    }
+
+    // Another device file: choices stay where they are still offered, and what the file does not name is gone.
+    EXPECT_EQ(RESULT_OK, Set("maps", 11, "CAMERA", "allow", 0, 0));
+    json device = device_;
+    device["users"] = {100};
+    device["apps"].erase(1);
+    device["apps"][0]["installations"].erase(1);
+    device["apps"][0]["installations"][0]["uid"] = 21;
+    device["apps"][0]["installations"][0]["groups"][0]["disabledStates"].push_back("deny");
+    device["usageEvents"].clear();
+    EXPECT_EQ(1, Import(database_, device.dump()).droppedChoices);
+    EXPECT_EQ("maps 21 LOCATION ask 6: allow* ask deny*!|maps 21 CAMERA allow 0: allow deny|", OfApp("maps", 100));
+    EXPECT_EQ("1001", OfApp("maps", 101));
+    EXPECT_EQ((std::vector<int32_t>{1, 32, 16, 2}), Timeline(Query("{}")));
+}
+
+TEST_F(ServiceTest, PoliciesOfABatchAreStoredTogetherOrNotAtAll)
+{
+    const std::string name255(255, 'n');
+    const std::string print1024(1024, 'f');
+    const auto bundle = [](const std::string& name, const std::string& print, const std::string& policy) {
+        return R"({"bundleName": ")" + name + R"(", "fingerprint": ")" + print +
+               R"(", "versionCode": 9, "policies": {")" + policy + R"(": 1}})";
+    };
+    const std::pair<std::string, int32_t> additions[] = {
+        {bundle("maps", "F2", "p"), RESULT_FINGERPRINT_MISMATCH},
+        {bundle("b", "", "p"), RESULT_BAD_NAME},
+        {bundle("a b", "F", "p"), RESULT_BAD_NAME},
+        {bundle("b", "F", "\u00e4"), RESULT_BAD_NAME},
+        {bundle(name255 + "n", "F", "p"), RESULT_TOO_LONG},
+        {bundle("b", print1024 + "f", "p"), RESULT_TOO_LONG},
+        {bundle("b", "F", name255 + "n"), RESULT_TOO_LONG},
+        {bundle(name255, print1024, name255), RESULT_OK},
+    };
+    for (const auto& [last, expected] : additions) {
+        SCOPED_TRACE(last.substr(0, 60));
+        const std::string good = bundle("first", "F", "p");
+        EXPECT_EQ(expected, service_->GTokenPolicyAddPolicy(Bundles("[" + good + "," + last + "]")));
+        EXPECT_EQ(expected == RESULT_OK ? "first,F,9,1 " : "", Policies(service_, "p", {"first"}));
+    }
+    EXPECT_EQ(name255 + "," + print1024 + ",9,1 ", Policies(service_, name255, {name255}));
+    EXPECT_EQ("maps,F1,3,7 ", Policies(service_, "p", {"maps"}));
+    EXPECT_EQ(RESULT_OK, service_->GTokenPolicyAddPolicy(Bundles("[" + bundle("maps", "F1", "q") + "]")));
+    EXPECT_EQ("maps,F1,9,7 first,F,9,1 maps,F1,9,7 ", Policies(service_, "p", {"maps", "nobody", "first", "maps"}));
+    EXPECT_EQ("maps,,9,7 ", Policies(foreign_, "p", {"maps"})) << "fingerprints are for those who may change";
+    EXPECT_EQ("", Policies(service_, "none", {"maps"}));
+
+    EXPECT_EQ("1013", Policies(service_, name255, Texts(3500, name255))) << "more than an answer may have";
+    EXPECT_EQ(3500U, foreign_->GTokenPolicyGetPolicy(name255, Texts(3500, name255)).gTokenResults.size());
+
+    EXPECT_EQ(RESULT_UNKNOWN_BUNDLE, service_->GTokenPolicyRemovePolicy({"maps", "nobody"}));
+    EXPECT_EQ(RESULT_OK, service_->GTokenPolicyRemovePolicy({"maps", "maps", "first"}));
+    EXPECT_EQ("", Policies(service_, "p", {"maps", "first"}));
+}
+
+TEST_F(ServiceTest, ChangesAreForTheChangersAndReadingForAll)
+{
+    SecurityPrivacyService readOnly(database_, {{::getuid()}, true});
+    for (uint32_t code = 0; code < 16; ++code) {
+        const bool isChange = code == Code::SET_APP_PERMISSION_GROUP_CHECKED_STATE ||
+                              code == Code::GTOKEN_POLICY_ADD_POLICY || code == Code::GTOKEN_POLICY_REMOVE_POLICY;
+        EXPECT_TRUE(service_->IsMessageCodeAllowed(code)) << code;
+        EXPECT_EQ(!isChange, foreign_->IsMessageCodeAllowed(code)) << code;
+        EXPECT_EQ(!isChange, readOnly.IsMessageCodeAllowed(code)) << code;
+    }
+}
+
+// The service is killed while it makes one change after the other; whatever it had answered is there.
+TEST_F(ServiceTest, AcknowledgedChangesOutliveTheProcess)
+{
+    const std::string path = folder_ + "/device.db";
+    int64_t acknowledged = 0;
+    for (int round = 1; round <= 12; ++round) {
+        int answers[2];
+        ASSERT_EQ(0, ::pipe(answers));
+        const pid_t child = ::fork();
+        if (child == 0) {
+            Database database(path);
+            SecurityPrivacyService service(database, {{::getuid()}, false});
+            for (int64_t next = acknowledged + 1;; ++next) {
+                auto bundle =
+                    Bundles(R"([{"bundleName": "b", "fingerprint": "F", "versionCode": 1, "policies": {"p": 0}}])");
+                bundle[0].policies[0].policyValue = next;
+                bundle[0].versionCode = next;
+                if (service.GTokenPolicyAddPolicy(bundle) != RESULT_OK || ::write(answers[1], &next, 8) != 8) {
+                    ::_exit(1);
+                }
+            }
+        }
+        ::close(answers[1]);
+        for (int answer = 0; answer < round; ++answer) {
+            ASSERT_EQ(8, ::read(answers[0], &acknowledged, 8));
+        }
+        ::kill(child, SIGKILL);
+        ASSERT_EQ(child, ::waitpid(child, nullptr, 0));
+        while (::read(answers[0], &acknowledged, 8) == 8) {
+        }
+        ::close(answers[0]);
+
+        Database database(path);
+        const int64_t stored = database.Read([](Connection& connection) {
+            Statement check(connection, "PRAGMA integrity_check");
+            EXPECT_TRUE(check.Step());
+            EXPECT_EQ("ok", check.Text(0));
+            EXPECT_EQ(0, connection.Number("SELECT count(*) FROM pragma_foreign_key_check"));
+            EXPECT_EQ(connection.Number("SELECT version_code FROM bundle"),
+                      connection.Number("SELECT value FROM policy"));
+            EXPECT_EQ(2, connection.Number("PRAGMA synchronous")) << "an answer waits for the disk";
+            return static_cast<int32_t>(connection.Number("SELECT value FROM policy"));
+        });
+        EXPECT_LE(acknowledged, stored);
+        EXPECT_GE(acknowledged + 1, stored) << "one was under way";
+        acknowledged = stored;
+    }
+}
+
+}  // namespace
+}  // namespace SecurityPrivacyExample

@@ -1,0 +1,270 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "service/database.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+
+namespace SecurityPrivacyExample {
+namespace {
+
+constexpr const char* IN_MEMORY = ":memory:";
+constexpr mode_t OWNER_ONLY = 0600;
+
+// Tells our databases from those of other programs: "SPdv".
+constexpr int64_t APPLICATION_ID = 0x53506476;
+
+// What each connection is told. The wait is for the batches of a program that writes beside the service; it ends well
+// before a client gives up. The cache, in KiB, is for each connection.
+constexpr const char* SETTINGS =
+    "PRAGMA busy_timeout = 2000;"
+    "PRAGMA foreign_keys = ON;"
+    "PRAGMA synchronous = FULL;"
+    "PRAGMA cache_size = -512;"
+    "PRAGMA journal_size_limit = 4194304;"
+    "PRAGMA trusted_schema = OFF;";
+
+// Each step brings a database from the version before to its own; the first from nothing to 1. Never change one that
+// was released: add another.
+constexpr const char* MIGRATIONS[] = {
+    R"sql(
+CREATE TABLE user (
+    id INTEGER PRIMARY KEY,
+    is_listed INTEGER NOT NULL
+) STRICT;
+CREATE TABLE permission_group (
+    id INTEGER PRIMARY KEY,
+    name TEXT NOT NULL UNIQUE,
+    is_listed INTEGER NOT NULL
+) STRICT;
+CREATE TABLE app (
+    id INTEGER PRIMARY KEY,
+    bundle TEXT NOT NULL,
+    user INTEGER NOT NULL REFERENCES user ON DELETE CASCADE,
+    uid INTEGER NOT NULL UNIQUE,
+    UNIQUE (bundle, user)
+) STRICT;
+CREATE INDEX app_of_user ON app (user);
+-- A group that an app holds, as the device came with it.
+CREATE TABLE app_group (
+    id INTEGER PRIMARY KEY,
+    app INTEGER NOT NULL REFERENCES app ON DELETE CASCADE,
+    permission_group INTEGER NOT NULL REFERENCES permission_group ON DELETE CASCADE,
+    state TEXT NOT NULL,
+    flags INTEGER NOT NULL,
+    disabled_reason TEXT NOT NULL,
+    UNIQUE (app, permission_group)
+) STRICT;
+CREATE INDEX app_group_of_group ON app_group (permission_group);
+CREATE TABLE shown_state (
+    app_group INTEGER NOT NULL REFERENCES app_group ON DELETE CASCADE,
+    place INTEGER NOT NULL,
+    state TEXT NOT NULL,
+    is_disabled INTEGER NOT NULL,
+    PRIMARY KEY (app_group, place)
+) STRICT, WITHOUT ROWID;
+-- What a client chose in place of it.
+CREATE TABLE choice (
+    app_group INTEGER PRIMARY KEY REFERENCES app_group ON DELETE CASCADE,
+    state TEXT NOT NULL,
+    flags INTEGER NOT NULL
+) STRICT;
+-- Times in milliseconds since the epoch.
+CREATE TABLE usage (
+    id INTEGER PRIMARY KEY,
+    began INTEGER NOT NULL,
+    ended INTEGER NOT NULL,
+    app INTEGER NOT NULL REFERENCES app ON DELETE CASCADE,
+    permission_group INTEGER NOT NULL REFERENCES permission_group ON DELETE CASCADE,
+    mode INTEGER NOT NULL,
+    app_state INTEGER NOT NULL,
+    screen_state INTEGER NOT NULL,
+    times INTEGER NOT NULL
+) STRICT;
+CREATE INDEX usage_of_span ON usage (began);
+CREATE INDEX usage_of_app ON usage (app, began);
+CREATE INDEX usage_of_group ON usage (permission_group, began);
+CREATE TABLE bundle (
+    id INTEGER PRIMARY KEY,
+    name TEXT NOT NULL UNIQUE,
+    fingerprint TEXT NOT NULL,
+    version_code INTEGER NOT NULL
+) STRICT;
+CREATE TABLE policy (
+    bundle INTEGER NOT NULL REFERENCES bundle ON DELETE CASCADE,
+    name TEXT NOT NULL,
+    value INTEGER NOT NULL,
+    PRIMARY KEY (bundle, name)
+) STRICT, WITHOUT ROWID;
+)sql",
+};
+constexpr auto VERSION = static_cast<int64_t>(std::size(MIGRATIONS));
+
+[[noreturn]] void FailFile(const std::string& path, const std::string& complaint)
+{
+    throw DatabaseError(path + ": " + complaint);
+}
+
+[[noreturn]] void FailStep(const std::string& path, const char* step)
+{
+    FailFile(path, std::string("cannot ") + step + ": " + std::strerror(errno));
+}
+
+// A file that is not there yet is private from its first moment.
+void MakeFile(const std::string& path)
+{
+    const int made = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, OWNER_ONLY);
+    if (made >= 0) {
+        ::close(made);
+        return;
+    }
+    struct stat status = {};
+    if (errno != EEXIST || ::stat(path.c_str(), &status) != 0) {
+        FailStep(path, "open");
+    }
+    if (!S_ISREG(status.st_mode)) {
+        FailFile(path, "is not a file");
+    }
+}
+
+// SQLite gives the files beside it the mode of the database, so that is set before there are any.
+void MakePrivate(const std::string& path)
+{
+    struct stat status = {};
+    if (::stat(path.c_str(), &status) != 0 ||
+        ((status.st_mode & 0777 & ~OWNER_ONLY) != 0 && ::chmod(path.c_str(), OWNER_ONLY) != 0)) {
+        FailStep(path, "make private");
+    }
+}
+
+}  // namespace
+
+Database::Database(const std::string& path, Use use) : path_(path.empty() ? IN_MEMORY : path)
+{
+    if (path_ == IN_MEMORY) {
+        writer_ = Open();
+        Prepare();
+        return;
+    }
+    if (use == Use::SERVE) {
+        Lock();
+    }
+    try {
+        MakeFile(path_);
+        writer_ = Open();
+        Prepare();
+    } catch (const DatabaseError& error) {
+        writer_.reset();
+        if (lock_ >= 0) {
+            ::close(lock_);
+        }
+        const bool isNamed = std::strncmp(error.what(), path_.c_str(), path_.size()) == 0;
+        throw DatabaseError((isNamed ? "" : path_ + ": ") + error.what());
+    }
+}
+
+Database::~Database()
+{
+    readers_.clear();
+    writer_.reset();
+    if (lock_ >= 0) {
+        ::close(lock_);
+    }
+}
+
+void Database::Lock()
+{
+    const std::string path = path_ + ".lock";
+    lock_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, OWNER_ONLY);
+    if (lock_ < 0) {
+        FailStep(path, "open");
+    }
+    if (::flock(lock_, LOCK_EX | LOCK_NB) != 0) {
+        const int error = errno;
+        ::close(lock_);
+        FailFile(path_, error == EWOULDBLOCK ? "another service uses this database" : std::strerror(error));
+    }
+}
+
+std::unique_ptr<Connection> Database::Open() const
+{
+    auto connection = std::make_unique<Connection>(path_);
+    connection->Execute(SETTINGS);
+    return connection;
+}
+
+void Database::Prepare()
+{
+    // Nothing is written before it is clear whose database this is.
+    const bool isNew = writer_->Number("PRAGMA page_count") == 0;
+    if (!isNew && writer_->Number("PRAGMA application_id") != APPLICATION_ID) {
+        FailFile(path_, "is the database of another program");
+    }
+    if (writer_->Number("PRAGMA user_version") > VERSION) {
+        FailFile(path_, "was written by a newer version of this program");
+    }
+    if (writer_->IsReadOnly()) {
+        FailFile(path_, "cannot be written");
+    }
+    if (path_ != IN_MEMORY) {
+        MakePrivate(path_);
+    }
+    writer_->Execute("PRAGMA journal_mode = WAL");
+    Transaction transaction(*writer_, Transaction::Kind::WRITE);
+    const int64_t version = writer_->Number("PRAGMA user_version");
+    for (int64_t next = version; next < VERSION; ++next) {
+        writer_->Execute(MIGRATIONS[next]);
+    }
+    if (version < VERSION) {
+        writer_->Execute(("PRAGMA application_id = " + std::to_string(APPLICATION_ID) +
+                          "; PRAGMA user_version = " + std::to_string(VERSION))
+                             .c_str());
+    }
+    transaction.Commit();
+}
+
+int32_t Database::Read(const std::function<int32_t(Connection&)>& work)
+{
+    if (path_ == IN_MEMORY) {
+        const std::lock_guard<std::mutex> lock(writing_);
+        return work(*writer_);
+    }
+    std::unique_ptr<Connection> reader;
+    {
+        const std::lock_guard<std::mutex> lock(readersMutex_);
+        if (!readers_.empty()) {
+            reader = std::move(readers_.back());
+            readers_.pop_back();
+        }
+    }
+    if (!reader) {
+        reader = Open();
+    }
+    int32_t result = 0;
+    {
+        // One state of the device for all statements.
+        const Transaction transaction(*reader, Transaction::Kind::READ);
+        result = work(*reader);
+    }
+    const std::lock_guard<std::mutex> lock(readersMutex_);
+    readers_.push_back(std::move(reader));
+    return result;
+}
+
+int32_t Database::Write(const std::function<int32_t(Connection&)>& work)
+{
+    const std::lock_guard<std::mutex> lock(writing_);
+    Transaction transaction(*writer_, Transaction::Kind::WRITE);
+    const int32_t result = work(*writer_);
+    if (result == 0) {
+        transaction.Commit();
+    }
+    return result;
+}
+
+}  // namespace SecurityPrivacyExample

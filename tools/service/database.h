@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "service/sqlite.h"
+
+namespace SecurityPrivacyExample {
+
+// Bounds of what is stored, in bytes. Without them one stored text, asked for again and again, makes an answer as long
+// as memory.
+constexpr size_t MAX_NAME_BYTES = 255;  // bundles, groups, states, policies
+constexpr size_t MAX_FINGERPRINT_BYTES = 1024;
+constexpr size_t MAX_REASON_BYTES = 1024;
+// The same for all texts of one answer: each worker may be making one, and the server has one total for all.
+constexpr size_t MAX_ANSWER_BYTES = size_t{4} * 1024 * 1024;
+
+// The device: users, apps and their permission groups, what was chosen, what was used, and policies, in one SQLite
+// database. The tables and their rules are in database.cpp.
+//
+// A change is one transaction: when it is answered, it is on the disk. Readers see the state before it or after it, and
+// neither wait for it nor hold it up. A database in memory has one connection, which all take in turn.
+//
+// Thread safety: every operation may be called from any thread.
+class Database {
+public:
+    enum class Use {
+        SERVE,  // the service: one at a time for a file; `<path>.lock`, which stays behind empty, sees to it
+        FEED,   // a program that writes beside it
+    };
+
+    // Opens the file, makes it (mode 0600) when there is none, and brings an older one to today's schema in one
+    // transaction. An empty path keeps all in memory. Throws DatabaseError, which says what is wrong, for a file that
+    // is no database or that of another program, has a newer schema, cannot be written, or is served already; the file
+    // is left as it is.
+    explicit Database(const std::string& path, Use use = Use::SERVE);
+    ~Database();
+
+    Database(const Database&) = delete;
+    Database& operator=(const Database&) = delete;
+
+    // Both run `work` in a transaction and hand on what it answers and throws. `Write` keeps what it wrote when it
+    // answers 0, and undoes it otherwise.
+    int32_t Read(const std::function<int32_t(Connection&)>& work);
+    int32_t Write(const std::function<int32_t(Connection&)>& work);
+
+private:
+    std::unique_ptr<Connection> Open() const;
+    void Lock();
+    void Prepare();
+
+    const std::string path_;
+    int lock_ = -1;
+
+    std::mutex writing_;                  // held for a change, the disk included; in memory for a read as well
+    std::unique_ptr<Connection> writer_;  // guarded by writing_
+
+    std::mutex readersMutex_;                           // held for as long as a pointer takes to move
+    std::vector<std::unique_ptr<Connection>> readers_;  // the idle ones, as many as have read at once
+};
+
+}  // namespace SecurityPrivacyExample
