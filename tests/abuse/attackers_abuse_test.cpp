@@ -41,12 +41,6 @@ milliseconds Scaled(milliseconds time)
     return time * factor;
 }
 
-std::string MakeByAppFrame(const std::string& bundleName, int32_t userId)
-{
-    return Host::MakeFrame(1, MakeRequest(bundleName, userId, int32_t{0}));
-}
-const std::string honest = MakeByAppFrame("com.example.bank", 100);
-
 struct AttackerCase {
     std::string name;
     Flood (*make)();
@@ -58,13 +52,13 @@ struct AttackerCase {
 
 using Then = Flood::Then;
 const AttackerCase allAttackers[] = {
-    {"DescriptorsWhoseCloseBlocks", [] { return Flood{20, honest, Then::SEND_AGAIN, true, SIZE_MAX, true}; }},
+    {"DescriptorsWhoseCloseBlocks", [] { return Flood{20, honestFrame, Then::SEND_AGAIN, true, SIZE_MAX, true}; }},
     {"DescriptorsWhoseCloseBlocksThatComeIn",
-     [] { return Flood{20, honest, Then::SEND_AGAIN, true, SIZE_MAX, true}; },
+     [] { return Flood{20, honestFrame, Then::SEND_AGAIN, true, SIZE_MAX, true}; },
      {"--takes-descriptors", "1"}},
     {"ConnectionsThatComeAndGo",
      [] {
-         return Flood{20, honest, Then::HANG_UP};
+         return Flood{20, honestFrame, Then::HANG_UP};
      }},
     {"Garbage",
      [] {
@@ -108,10 +102,10 @@ protected:
             const Clock::time_point begin = Clock::now();
             std::string answer;
             if (time % 2 == 0) {
-                answer = kept.Send(honest) ? kept.ReadReply() : "";
+                answer = kept.Send(honestFrame) ? kept.ReadReply() : "";
             } else {
                 const Peer fresh(folder_.SocketPath());
-                answer = fresh.Send(honest) ? fresh.ReadReply() : "";
+                answer = fresh.Send(honestFrame) ? fresh.ReadReply() : "";
             }
             const auto taken = std::chrono::duration_cast<milliseconds>(Clock::now() - begin);
             answer_ = answer_.empty() ? answer : answer_;

@@ -28,6 +28,21 @@ std::string MakeRequest(const T&... values)
     return BytesLeftIn(parcel);
 }
 
+inline std::string MakeByAppFrame(const std::string& bundleName, int32_t userId)
+{
+    return Host::MakeFrame(1, MakeRequest(bundleName, userId, int32_t{0}));
+}
+inline const std::string honestFrame = MakeByAppFrame("com.example.bank", 100);
+
+inline std::string Repeat(const std::string& text, size_t times)
+{
+    std::string all;
+    while (times-- > 0) {
+        all += text;
+    }
+    return all;
+}
+
 // What an honest client sends.
 inline std::string MakeHonestRequest(uint32_t code)
 {
