@@ -73,11 +73,11 @@ void WriteRecords(MessageParcel& parcel, const std::vector<Record>& records,
 }
 
 // How many more records a list is to have room for, when it is full and `announced` are still to come. That is only a
-// claim: the first get room for a few, and what these took on average says how many more the message can hold.
+// claim: the first get room for a few dozen, and what these took on average says how many more the message can hold.
 template <class Record>
 size_t RoomFor(size_t announced, size_t readRecords, size_t readBytes, size_t leftBytes)
 {
-    constexpr size_t FIRST = 16;
+    constexpr size_t FIRST = 16384 / sizeof(Record);
     const size_t expected =
         readRecords == 0 ? FIRST : std::max(leftBytes * readRecords / readBytes + 1, readRecords / 4);
     return std::max<size_t>(std::min({announced, expected, Util::MostElements<Record>(leftBytes)}), 1);

@@ -2,12 +2,64 @@
 #include "varn/parcel.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 
 #include "parcel_buffer.h"
 #include "varn/message_parcel.h"
 
 namespace VARN {
+
+namespace {
+
+// Buffers of parcels that are gone, for the next ones: a call makes two parcels, and a large block from the heap makes
+// the allocator tidy up, which costs the many small ones of a record list more than the block itself. Each place holds
+// one buffer, whose first bytes say how large it is, and is taken and filled by one atomic step: no lock, so a fork may
+// happen at any time. Larger buffers go back to the heap, so that a program that had one long answer does not pay for
+// it for ever.
+constexpr size_t MAX_SPARE_CAPACITY = size_t{2} * 1024 * 1024;
+constexpr size_t SMALL_SPARE_CAPACITY = 65536;
+
+struct SparePlace {
+    const size_t maxCapacity;
+    std::atomic<uint8_t*> buffer{nullptr};
+};
+SparePlace sparePlaces[] = {{SMALL_SPARE_CAPACITY}, {MAX_SPARE_CAPACITY}};
+
+void GiveBack(uint8_t* buffer, size_t capacity) noexcept
+{
+    std::memcpy(buffer, &capacity, sizeof(capacity));
+    for (SparePlace& place : sparePlaces) {
+        uint8_t* none = nullptr;
+        // Release: whoever takes it reads what stands in it.
+        if (capacity <= place.maxCapacity &&
+            place.buffer.compare_exchange_strong(none, buffer, std::memory_order_release, std::memory_order_relaxed)) {
+            return;
+        }
+    }
+    std::free(buffer);
+}
+
+// A buffer of at least `capacity` bytes, which is set to how many there are; null when there is none.
+uint8_t* TakeSpare(size_t& capacity) noexcept
+{
+    for (SparePlace& place : sparePlaces) {
+        uint8_t* buffer = place.buffer.exchange(nullptr, std::memory_order_acquire);
+        if (buffer == nullptr) {
+            continue;
+        }
+        size_t found = 0;
+        std::memcpy(&found, buffer, sizeof(found));
+        if (found >= capacity) {
+            capacity = found;
+            return buffer;
+        }
+        std::free(buffer);  // the longer one comes back in its place
+    }
+    return nullptr;
+}
+
+}  // namespace
 
 Parcelable::~Parcelable() = default;
 
@@ -16,7 +68,7 @@ MessageParcel::~MessageParcel() = default;
 Parcel::~Parcel()
 {
     if (ownsHeap_) {
-        std::free(data_);
+        GiveBack(data_, capacity_);
     }
 }
 
@@ -150,8 +202,11 @@ bool Parcel::Grow(size_t bytes) noexcept
     }
     // Doubling keeps the cost of a long series of small writes linear.
     const size_t doubled = capacity_ > maxCapacity_ / 2 ? maxCapacity_ : capacity_ * 2;
-    const size_t capacity = std::max(size_ + bytes, doubled);
-    auto* data = static_cast<uint8_t*>(ownsHeap_ ? std::realloc(data_, capacity) : std::malloc(capacity));
+    size_t capacity = std::max(size_ + bytes, doubled);
+    uint8_t* data = ownsHeap_ ? nullptr : TakeSpare(capacity);
+    if (data == nullptr) {
+        data = static_cast<uint8_t*>(ownsHeap_ ? std::realloc(data_, capacity) : std::malloc(capacity));
+    }
     if (data == nullptr) {
         return false;
     }
@@ -159,7 +214,7 @@ bool Parcel::Grow(size_t bytes) noexcept
         std::memcpy(data, data_, size_);
     }
     data_ = data;
-    capacity_ = capacity;
+    capacity_ = std::min(capacity, maxCapacity_);
     ownsHeap_ = true;
     return true;
 }
