@@ -7,7 +7,6 @@
 #include <set>
 #include <string>
 #include <string_view>
-#include <tuple>
 #include <utility>
 
 #include "cli/output.h"
@@ -104,37 +103,33 @@ std::string CommonPrefix(const Records& records)
     return dot == std::string::npos ? "" : first.substr(0, dot + 1);
 }
 
-// The labels of the rows: the app, and its uid where the app has several rows. Where one is too wide for `room`, all
-// uids lose what stands behind the last digit in which those of an app differ; only then names are cut.
+// The labels of the rows: the app, and its uid where the app has several rows. Where one is too wide for `room`, uids
+// lose what stands behind the last digit in which those of an app differ; only then names are cut.
 std::vector<std::string> MakeLabels(const Records& records, size_t prefixLength, size_t room)
 {
-    struct Row {
-        std::string name;
-        std::string uid;
-    };
-    std::vector<Row> rows;
+    std::vector<std::pair<std::string, std::string>> rows;  // name and uid
     size_t digits = 0;
-    for (size_t index = 0; index < records.size(); ++index) {
-        const PermissionUsageRecord& record = *records[index];
-        const bool isSameApp = index > 0 && records[index - 1]->GetBundleName() == record.GetBundleName();
-        if (isSameApp && records[index - 1]->GetUid() == record.GetUid()) {
+    size_t widest = 0;
+    const PermissionUsageRecord* last = nullptr;
+    for (const PermissionUsageRecord* record : records) {
+        if (last != nullptr && RowOf(*last) == RowOf(*record)) {
             continue;
         }
-        rows.push_back({Visible(record.GetBundleName().substr(prefixLength)), ""});
-        if (isSameApp) {
-            Row& before = rows[rows.size() - 2];
-            before.uid = " " + std::to_string(records[index - 1]->GetUid());
-            std::string& uid = rows.back().uid = " " + std::to_string(record.GetUid());
-            const auto differs = std::mismatch(uid.begin(), uid.end(), before.uid.begin(), before.uid.end()).first;
+        rows.emplace_back(VisibleText(record->GetBundleName().substr(prefixLength)), "");
+        if (last != nullptr && last->GetBundleName() == record->GetBundleName()) {
+            std::string& uid = rows.back().second = " " + std::to_string(record->GetUid());
+            std::string& before = rows[rows.size() - 2].second = " " + std::to_string(last->GetUid());
+            const auto differs = std::mismatch(uid.begin(), uid.end(), before.begin(), before.end()).first;
             digits = std::max(digits, static_cast<size_t>(differs - uid.begin()) + 1);
+            widest = std::max(widest, DisplayWidth(rows.back().first) + std::max(uid.size(), before.size()));
         }
+        last = record;
     }
-    const bool isTight = std::any_of(rows.begin(), rows.end(),
-                                     [room](const Row& row) { return DisplayWidth(row.name) + row.uid.size() > room; });
     std::vector<std::string> labels;
-    for (const Row& row : rows) {
-        const std::string uid = isTight && row.uid.size() > digits + 2 ? row.uid.substr(0, digits) + ".." : row.uid;
-        labels.push_back(FitEnd(row.name, room - std::min(uid.size(), room)) + uid);
+    for (const auto& [name, uid] : rows) {
+        const bool isShort = widest > room && uid.size() > digits + 2;
+        const std::string end = isShort ? uid.substr(0, digits) + ".." : uid;
+        labels.push_back(FitEnd(name, room - std::min(end.size(), room)) + end);
     }
     return labels;
 }
@@ -178,7 +173,7 @@ void PrintLegend(const Letters& letters, const std::set<char>& shown, const Char
         entries.emplace_back("! denied");
     }
     for (const auto& [group, letter] : letters) {
-        entries.push_back(letter + (" " + Visible(group)));
+        entries.push_back(letter + (" " + VisibleText(group)));
     }
     if (shown.count(SEVERAL) != 0) {
         entries.emplace_back("* several");
@@ -243,7 +238,7 @@ void PrintChart(const std::vector<PermissionUsageRecord>& records, const ChartOp
     const std::string prefix = CommonPrefix(sorted);
     const size_t room = std::max(options.width / 3, MIN_LABEL);
     std::vector<std::string> labels = MakeLabels(sorted, prefix.size(), room);
-    labels.push_back(FitEnd(Visible(prefix), room));
+    labels.push_back(FitEnd(VisibleText(prefix), room));
     size_t labelWidth = 0;
     for (const std::string& label : labels) {
         labelWidth = std::max(labelWidth, DisplayWidth(label));

@@ -122,8 +122,8 @@ void RunSet(const Program& program, const SetOptions& options)
                                    {"checkedState", options.parameter.checkedState},
                                    {"changed", isChanged}});
     } else {
-        PrintLine(Visible(options.bundleName + " (uid " + std::to_string(uid) + ") " + options.permissionGroup + ": " +
-                          options.parameter.checkedState + (isChanged ? "" : ", as it was before")));
+        PrintLine(VisibleText(options.bundleName + " (uid " + std::to_string(uid) + ") " + options.permissionGroup +
+                              ": " + options.parameter.checkedState + (isChanged ? "" : ", as it was before")));
     }
 }
 

@@ -49,7 +49,8 @@ GTokenPolicy ParsePolicy(const std::string& text)
             return policy;
         }
     }
-    throw Failure(EXIT_USAGE, "--policy: \"" + Visible(text) + "\" is not NAME=VALUE with a whole number as the value");
+    throw Failure(EXIT_USAGE,
+                  "--policy: \"" + VisibleText(text) + "\" is not NAME=VALUE with a whole number as the value");
 }
 
 std::string ReadFingerprint(const std::string& path)

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
+#include <sstream>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "cli/failure.h"
@@ -95,19 +95,17 @@ Failure ExplainParseError(const CLI::App& app, const CLI::Error& error)
     if (!command->get_subcommands(nullptr).empty()) {
         what = unread.empty() ? "a command is missing" : "\"" + unread.front() + "\" is no command";
     }
-    return Failure(EXIT_USAGE, Visible(what) + "\nSee '" + path + " --help'.");
+    return Failure(EXIT_USAGE, VisibleText(what) + "\nSee '" + path + " --help'.");
 }
 
 int Report(const Program& program, const Failure& failure)
 {
     std::fflush(stdout);
     // Lines are ours, what stands in them may be anybody's.
+    std::istringstream lines(failure.what());
     std::string message;
-    std::string_view text = failure.what();
-    while (!text.empty()) {
-        const std::string_view line = text.substr(0, text.find('\n'));
-        message += (message.empty() ? "" : "\n") + Visible(line);
-        text.remove_prefix(std::min(line.size() + 1, text.size()));
+    for (std::string line; std::getline(lines, line);) {
+        message += (message.empty() ? "" : "\n") + VisibleText(line);
     }
     std::fprintf(stderr, "security-privacy-cli: %s\n", message.c_str());
     if (program.output.isJson) {
@@ -140,7 +138,7 @@ int Run(CLI::App& app, Program& program, const std::vector<std::string>& words)
         program.output.isJson = program.output.isCompact || isGiven("--json");
         throw ExplainParseError(app, error);
     } catch (const InputError& error) {
-        throw Failure(EXIT_USAGE, Visible(error.what()));
+        throw Failure(EXIT_USAGE, VisibleText(error.what()));
     }
 }
 

@@ -54,13 +54,13 @@ void PrintTable(const TableRow& headings, size_t count, const std::function<Tabl
     for (size_t index = 0; index < count; ++index) {
         const TableRow row = makeRow(index);
         for (size_t column = 0; column < row.size(); ++column) {
-            widths[column] = std::max(widths[column], std::min(DisplayWidth(Visible(row[column])), MAX_COLUMN));
+            widths[column] = std::max(widths[column], std::min(DisplayWidth(VisibleText(row[column])), MAX_COLUMN));
         }
     }
     const auto printRow = [&widths](const TableRow& row) {
         std::string line;
         for (size_t column = 0; column < row.size(); ++column) {
-            line += Padded(Visible(row[column]), widths[column]) + std::string(GAP, ' ');
+            line += Padded(VisibleText(row[column]), widths[column]) + std::string(GAP, ' ');
         }
         PrintLine(std::string_view(line).substr(0, line.find_last_not_of(' ') + 1));
     };
@@ -101,23 +101,6 @@ void FinishOutput()
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         throw Failure(EXIT_BROKEN, std::string("cannot write to standard output: ") + std::strerror(errno));
     }
-}
-
-std::string Visible(std::string_view text)
-{
-    constexpr unsigned char DELETE = 0x7f;
-    std::string visible;
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte >= ' ' && byte != DELETE) {
-            visible += character;
-            continue;
-        }
-        char escaped[5];
-        std::snprintf(escaped, sizeof(escaped), "\\x%02x", byte);
-        visible += escaped;
-    }
-    return visible;
 }
 
 size_t DisplayWidth(std::string_view text)

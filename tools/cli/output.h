@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "varn/host/visible_text.h"
+
 namespace SecurityPrivacyExample {
 
 // Every function that prints makes visible what a terminal would obey: names and texts come from the service.
@@ -16,6 +18,8 @@ struct OutputOptions {
     bool isJson = false;
     bool isCompact = false;  // JSON without line breaks; only with isJson
 };
+
+using VARN::Host::VisibleText;
 
 using TableRow = std::vector<std::string>;
 
@@ -49,9 +53,6 @@ void PrintLine(std::string_view text);
 
 // Brings out what was printed. Throws Failure when that cannot be written.
 void FinishOutput();
-
-// The text on one line, with everything that a terminal would obey shown as \x1b.
-std::string Visible(std::string_view text);
 
 // How many columns a terminal takes for a visible text.
 size_t DisplayWidth(std::string_view text);

@@ -2,13 +2,14 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -95,103 +96,94 @@ public:
     {
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
+        path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
         if (path_.size() >= sizeof(address.sun_path)) {
-            throw Failure(EXIT_USAGE, path_ + ": the path is longer than a socket's may be");
+            Fail(EXIT_USAGE, "the path is longer than a socket's may be");
         }
-        std::memcpy(address.sun_path, path_.data(), path_.size());
         if (::connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-            const int error = errno;
-            ::close(socket_);
-            const bool isRefused = error == EACCES || error == EPERM;
-            throw Failure(isRefused ? EXIT_REFUSED : EXIT_UNREACHABLE,
-                          "cannot reach the service's status: " + path_ + ": " + std::strerror(error) +
-                              (isRefused ? "\nOnly root and the service's own user may see it." : ""));
+            const bool isRefused = errno == EACCES || errno == EPERM;
+            Fail(isRefused ? EXIT_REFUSED : EXIT_UNREACHABLE, std::strerror(errno));
         }
     }
-
-    ~StatusStream() { ::close(socket_); }
-
-    StatusStream(const StatusStream&) = delete;
-    StatusStream& operator=(const StatusStream&) = delete;
 
     // The next line. Throws Failure at the end, and when none is whole within the time (negative: for ever).
     Json Next(int timeoutMs)
     {
         constexpr size_t MAX_LINE = 1024 * 1024;
+        // Against a document so deep that printing it would overflow the stack.
+        constexpr int MAX_DEPTH = 8;
         size_t end = 0;
         while ((end = unread_.find('\n')) == std::string::npos) {
             pollfd waiting = {socket_, POLLIN, 0};
             char bytes[4096];
             const ssize_t count =
                 ::poll(&waiting, 1, timeoutMs) > 0 ? ::recv(socket_, bytes, sizeof(bytes), 0) : ssize_t{-1};
-            if (count == 0 && !isBegun_) {
-                throw Failure(EXIT_REFUSED, path_ + ": only root and the service's own user may see the status");
-            }
             if (count <= 0 || unread_.size() > MAX_LINE) {
-                throw Failure(EXIT_BROKEN, path_ + (count == 0  ? ": the service has ended the connection"
-                                                    : count < 0 ? ": the service took too long"
-                                                                : ": a line is too long"));
+                Fail(count == 0 && !isBegun_ ? EXIT_REFUSED : EXIT_BROKEN,
+                     count == 0 ? "the service has ended the connection"
+                                : "the service took too long, or said too much");
             }
             unread_.append(bytes, static_cast<size_t>(count));
         }
         isBegun_ = true;
-        const std::string line = unread_.substr(0, end);
+        bool isFlat = true;
+        const auto check = [&isFlat](int depth, Json::parse_event_t, Json&) {
+            return isFlat = isFlat && depth <= MAX_DEPTH;
+        };
+        Json line = Json::parse(unread_.begin(), unread_.begin() + static_cast<std::ptrdiff_t>(end), check, false);
         unread_.erase(0, end + 1);
-        return Parse(line);
+        if (!isFlat || !line.is_object()) {
+            Fail(EXIT_BROKEN, "a line makes no sense");
+        }
+        return line;
     }
 
 private:
-    Json Parse(const std::string& line) const
+    [[noreturn]] void Fail(ExitCode code, const std::string& what) const
     {
-        // Against a document so deep that printing it would overflow the stack.
-        constexpr int MAX_DEPTH = 8;
-        bool isFlat = true;
-        Json json = Json::parse(
-            line, [&isFlat](int depth, Json::parse_event_t, Json&) { return isFlat = isFlat && depth <= MAX_DEPTH; },
-            false);
-        if (!isFlat || !json.is_object()) {
-            throw Failure(EXIT_BROKEN, path_ + ": a line makes no sense");
-        }
-        return json;
+        throw Failure(code, "cannot read the service's status: " + path_ + ": " + what +
+                                (code == EXIT_REFUSED ? "\nOnly root and the service's own user may see it." : ""));
     }
 
     const std::string path_;
-    const int socket_;
+    const int socket_;  // the process has no other and ends with it
     std::string unread_;
     bool isBegun_ = false;
 };
 
-// A member's text, whatever it is.
-std::string Text(const Json& object, const char* key)
+Json Member(const Json& object, const char* key)
 {
     const auto member = object.find(key);
-    if (member == object.end()) {
-        return "";
-    }
-    return member->is_string() ? member->get<std::string>() : member->dump();
+    return member != object.end() ? *member : Json();
+}
+
+std::string Text(const Json& object, const char* key)
+{
+    const Json member = Member(object, key);
+    return member.is_string() ? member.get<std::string>() : member.dump();
 }
 
 int64_t Number(const Json& object, const char* key)
 {
-    const auto member = object.find(key);
-    return member != object.end() && member->is_number_integer() ? member->get<int64_t>() : 0;
+    const Json member = Member(object, key);
+    return member.is_number_integer() ? member.get<int64_t>() : 0;
 }
 
 // A table of objects, with the members of the first one as columns.
 void PrintObjects(const Json& objects)
 {
-    if (!objects.is_array() || objects.empty() || !objects.front().is_object()) {
+    if (!objects.is_array() || objects.empty()) {
         return;
     }
     TableRow headings;
     for (const auto& [key, value] : objects.front().items()) {
-        headings.push_back(Visible(key));
+        headings.push_back(key);
     }
     PrintLine("");
     PrintTable(headings, objects.size(), [&](size_t index) {
         TableRow row;
-        for (const auto& [key, value] : objects.front().items()) {
-            row.push_back(objects[index].is_object() ? Text(objects[index], key.c_str()) : "");
+        for (const std::string& heading : headings) {
+            row.push_back(Text(objects[index], heading.c_str()));
         }
         return row;
     });
@@ -204,18 +196,17 @@ void RunStatus(const Program& program, const StatusOptions& /*options*/)
         PrintJson(program.output, status);
         return;
     }
-    PrintLine(Visible(Text(status, "service") + " " + Text(status, "version") + ", process " + Text(status, "pid") +
-                      ", up " + FormatSpan(Number(status, "startedAt"), Number(status, "time"))));
-    PrintObjects(status.value("requests", Json::array()));
-    const Json server = status.value("server", Json::object());
+    PrintLine(VisibleText(Text(status, "service") + " " + Text(status, "version") + ", process " + Text(status, "pid") +
+                          ", up " + FormatSpan(Number(status, "startedAt"), Number(status, "time"))));
+    PrintObjects(Member(status, "requests"));
+    const Json server = Member(status, "server");
+    PrintLine("");
     for (const auto& [key, value] : server.items()) {
         if (!value.is_structured()) {
-            PrintLine(Visible(key + ": " + value.dump()));
+            PrintLine(VisibleText(key + ": " + value.dump()));
         }
     }
-    if (server.is_object()) {
-        PrintObjects(server.value("users", Json::array()));
-    }
+    PrintObjects(Member(server, "users"));
 }
 
 bool IsWanted(const Json& request, const MonitorOptions& options)
@@ -226,24 +217,40 @@ bool IsWanted(const Json& request, const MonitorOptions& options)
     return contains(options.names, Text(request, "name")) && contains(options.uids, Number(request, "uid"));
 }
 
+void PrintMonitorLine(const TableRow& cells)
+{
+    constexpr size_t WIDTHS[] = {23, 10, 8, 44, 9, 9, 6, 0};
+    std::string line;
+    for (size_t index = 0; index < cells.size(); ++index) {
+        line += Padded(VisibleText(cells[index]), WIDTHS[index]) + (WIDTHS[index] == 0 ? "" : "  ");
+    }
+    PrintLine(line);
+}
+
+TableRow ToMonitorLine(const Json& request)
+{
+    const int64_t time = Number(request, "time");
+    char milliseconds[8];
+    std::snprintf(milliseconds, sizeof(milliseconds), ".%03d", static_cast<int>(std::abs(time % SECOND)));
+    return {FormatTime(time) + milliseconds,
+            Text(request, "uid"),
+            Text(request, "pid"),
+            Text(request, "name"),
+            Text(request, "bytesIn"),
+            Text(request, "bytesOut"),
+            Text(request, "status"),
+            Decimal(static_cast<double>(Number(request, "durationUs")) / MICROSECONDS_PER_MILLISECOND)};
+}
+
 void RunMonitor(const Program& program, const MonitorOptions& options)
 {
-    constexpr const char* FORMAT = "%-23s %10s %8s %-44s %9s %9s %6s %10s";
-    const auto print = [](const std::string& time, const std::string& uid, const std::string& pid,
-                          const std::string& name, const std::string& in, const std::string& out,
-                          const std::string& status, const std::string& duration) {
-        char line[512];
-        std::snprintf(line, sizeof(line), FORMAT, time.c_str(), uid.c_str(), pid.c_str(), name.c_str(), in.c_str(),
-                      out.c_str(), status.c_str(), duration.c_str());
-        PrintLine(Visible(line));
-    };
     StatusStream stream(program.service);
     stream.Next(ANSWER_TIMEOUT_MS);
     if (!program.output.isJson) {
-        print("TIME", "UID", "PID", "REQUEST", "BYTES IN", "BYTES OUT", "STATUS", "MS");
-        FinishOutput();
+        PrintMonitorLine({"TIME", "UID", "PID", "REQUEST", "BYTES IN", "BYTES OUT", "STATUS", "MS"});
     }
     for (int64_t shown = 0; options.count == 0 || shown < options.count;) {
+        FinishOutput();
         const Json request = stream.Next(-1);
         const bool isGap = request.contains("lost");
         if (!isGap && !IsWanted(request, options)) {
@@ -252,17 +259,12 @@ void RunMonitor(const Program& program, const MonitorOptions& options)
         if (program.output.isJson) {
             PrintJson({true, true}, request);
         } else if (isGap) {
-            PrintLine(Visible("lost: " + Text(request, "lost") + " requests, which came faster than they were read"));
+            PrintLine(
+                VisibleText("lost: " + Text(request, "lost") + " requests, which came faster than they were read"));
         } else {
-            const int64_t time = Number(request, "time");
-            char milliseconds[8];
-            std::snprintf(milliseconds, sizeof(milliseconds), ".%03d", static_cast<int>(time % SECOND));
-            print(FormatTime(time) + milliseconds, Text(request, "uid"), Text(request, "pid"), Text(request, "name"),
-                  Text(request, "bytesIn"), Text(request, "bytesOut"), Text(request, "status"),
-                  Decimal(static_cast<double>(Number(request, "durationUs")) / MICROSECONDS_PER_MILLISECOND));
+            PrintMonitorLine(ToMonitorLine(request));
         }
         shown += isGap ? 0 : 1;
-        FinishOutput();
     }
 }
 

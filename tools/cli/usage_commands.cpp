@@ -50,7 +50,7 @@ int ParseUsageCode(const char* option, const std::vector<UsageCode>& codes, cons
     const char* end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, number);
     if (error != std::errc() || stop != end) {
-        throw Failure(EXIT_USAGE, std::string(option) + ": \"" + Visible(text) + "\" is none of " +
+        throw Failure(EXIT_USAGE, std::string(option) + ": \"" + VisibleText(text) + "\" is none of " +
                                       UsageCodeNames(codes) + ", nor a number");
     }
     return number;
@@ -75,7 +75,7 @@ int64_t ParseTimeOption(const char* option, const std::string& text, int64_t now
     }
     const std::optional<int64_t> time = ParseTime(text, now);
     if (!time) {
-        throw Failure(EXIT_USAGE, std::string(option) + ": \"" + Visible(text) +
+        throw Failure(EXIT_USAGE, std::string(option) + ": \"" + VisibleText(text) +
                                       "\" is no time; write 2026-11-20, 2026-11-20T10:00, today, 10:00, 2h, 7d, or "
                                       "@SECONDS since 1970");
     }
