@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <thread>
 #include <utility>
 
@@ -90,9 +91,9 @@ int32_t ToIpcCode(int error)
 }  // namespace
 
 // One request and its reply on one connection. The steps return 0 or an errno.
-class Channel::Exchange {
+class Channel::Call {
 public:
-    Exchange(int fd, const Deadline& deadline) : fd_(fd), deadline_(deadline) {}
+    Call(int fd, const Deadline& deadline) : fd_(fd), deadline_(deadline) {}
 
     int Send(FrameHeader& header, const MessageParcel& data);
     int Receive(uint32_t code, MessageParcel& reply, int32_t& status);
@@ -123,7 +124,7 @@ private:
     const char* reason_ = nullptr;
 };
 
-int Channel::Exchange::Send(FrameHeader& header, const MessageParcel& data)
+int Channel::Call::Send(FrameHeader& header, const MessageParcel& data)
 {
     std::array<iovec, 2> pieces{
         {{&header, sizeof(header)}, {const_cast<uint8_t*>(ParcelBuffer::Data(data)), data.GetDataSize()}}};
@@ -157,7 +158,7 @@ int Channel::Exchange::Send(FrameHeader& header, const MessageParcel& data)
 }
 
 // Receives what is there, waiting for the first byte. End of file is an error here.
-int Channel::Exchange::ReceiveSome(void* to, size_t room, size_t& got)
+int Channel::Call::ReceiveSome(void* to, size_t room, size_t& got)
 {
     // A receive that blocks saves a poll. SO_RCVTIMEO bounds it, by the whole of the wait time: so only at the
     // beginning.
@@ -183,7 +184,7 @@ int Channel::Exchange::ReceiveSome(void* to, size_t room, size_t& got)
     }
 }
 
-int Channel::Exchange::ReceiveHeader(uint8_t* piece, size_t room, size_t& got)
+int Channel::Call::ReceiveHeader(uint8_t* piece, size_t room, size_t& got)
 {
     int error = ReceiveSome(piece, room, got);
     while (error == 0 && got < FRAME_HEADER_SIZE) {
@@ -194,7 +195,7 @@ int Channel::Exchange::ReceiveHeader(uint8_t* piece, size_t room, size_t& got)
     return error;
 }
 
-int Channel::Exchange::ReceiveRest(MessageParcel& reply, size_t length)
+int Channel::Call::ReceiveRest(MessageParcel& reply, size_t length)
 {
     while (reply.GetDataSize() < length) {
         const size_t room = std::min(length - reply.GetDataSize(), std::max(reply.GetDataSize(), FIRST_ROOM_SIZE));
@@ -212,7 +213,7 @@ int Channel::Exchange::ReceiveRest(MessageParcel& reply, size_t length)
     return 0;
 }
 
-int Channel::Exchange::Receive(uint32_t code, MessageParcel& reply, int32_t& status)
+int Channel::Call::Receive(uint32_t code, MessageParcel& reply, int32_t& status)
 {
     alignas(FrameHeader) uint8_t piece[FIRST_PIECE_SIZE];
     size_t got = 0;
@@ -250,6 +251,13 @@ int Channel::Exchange::Receive(uint32_t code, MessageParcel& reply, int32_t& sta
 Channel::Channel(std::string directory, int32_t id)
     : directory_(std::move(directory)), path_(SocketPath(directory_, id))
 {
+    // Giving a connection back never needs memory.
+    idle_.reserve(MAX_IDLE_LINKS);
+}
+
+Channel::Identity Channel::Identity::Current()
+{
+    return {::geteuid(), ::getegid()};
 }
 
 bool Channel::IsObjectDead() const
@@ -268,6 +276,7 @@ int Channel::Connect(Link& link, std::string& problem) const
     if (unsafe != 0) {
         return unsafe;
     }
+    const Identity identity = Identity::Current();
     LinkFd fd = LinkFd::MakeSocket();
     if (!fd) {
         const int error = errno;
@@ -284,8 +293,28 @@ int Channel::Connect(Link& link, std::string& problem) const
         problem = "connect to " + path_ + ": " + ErrorText(error);
         return error;
     }
+    // The folder was looked at by name, and whoever owns one above may have put another in its place since: so the peer
+    // must be one to trust too.
+    ucred peer = {};
+    socklen_t size = sizeof(peer);
+    if (::getsockopt(fd.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+        const int error = errno;
+        problem = "the service at " + path_ + " cannot be told: " + ErrorText(error);
+        return error;
+    }
+    if (peer.uid != 0 && peer.uid != identity.uid) {
+        problem = "the service at " + path_ + " runs as user " + std::to_string(peer.uid) +
+                  ", not as root or as user " + std::to_string(identity.uid);
+        return EPERM;
+    }
+    if (!(identity == Identity::Current())) {
+        // Another thread changed it meanwhile; nobody can say for whom the service takes this connection.
+        problem = "connect to " + path_ + ": this process became another user's meanwhile";
+        return EAGAIN;
+    }
     link = Link();
     link.fd = std::move(fd);
+    link.identity = identity;
     return 0;
 }
 
@@ -346,19 +375,22 @@ int32_t Channel::Report(uint32_t code, const char* step, int32_t ipcCode, const 
     return ipcCode;
 }
 
-// Takes an idle connection that is alive, or was when `Prepare` looked.
+// Takes an idle connection that is alive, or was when `Prepare` looked. One that was made as somebody else is closed: a
+// program that gave up its privileges must not go on using them.
 bool Channel::TakeAlive(Link& link)
 {
+    const Identity identity = Identity::Current();
     while (TakeIdle(link)) {
-        if (link.fd.IsOurs() && (std::exchange(link.checked, false) || IsAlive(link.fd.Get()))) {
+        if (link.fd.IsOurs() && link.identity == identity &&
+            (std::exchange(link.checked, false) || IsAlive(link.fd.Get()))) {
             return true;
         }
     }
     return false;
 }
 
-// Has the socket itself bound what the exchange waits for.
-void Channel::LimitWait(Link& link, Exchange& exchange, int32_t seconds)
+// Has the socket itself bound what the call waits for.
+void Channel::LimitWait(Link& link, Call& call, int32_t seconds)
 {
     if (link.waitTimeSeconds == seconds) {
         return;
@@ -369,11 +401,22 @@ void Channel::LimitWait(Link& link, Exchange& exchange, int32_t seconds)
         link.waitTimeSeconds = seconds;
     } else {
         link.waitTimeSeconds = 0;
-        exchange.NeverBlock();
+        call.NeverBlock();
     }
 }
 
 int32_t Channel::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
+{
+    try {
+        return Send(code, data, reply, option);
+    } catch (const std::bad_alloc&) {
+        ParcelBuffer::Clear(reply, 0);
+        PLATFORM_ERROR("request %u failed: out of memory", code);
+        return IPC_NO_MEMORY;
+    }
+}
+
+int32_t Channel::Send(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
 {
     const Deadline deadline(std::chrono::seconds(option.GetWaitTime()));
     FrameHeader header;
@@ -390,11 +433,11 @@ int32_t Channel::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& 
         if (error != 0) {
             return Report(code, "connecting", ToIpcCode(error), problem);
         }
-        Exchange exchange(link.fd.Get(), deadline);
-        LimitWait(link, exchange, option.GetWaitTime());
+        Call call(link.fd.Get(), deadline);
+        LimitWait(link, call, option.GetWaitTime());
         const char* step = "sending";
-        error = exchange.Send(header, data);
-        if (isKept && exchange.WasClosedBefore(error)) {
+        error = call.Send(header, data);
+        if (isKept && call.WasClosedBefore(error)) {
             // The service was restarted since somebody looked. Nothing of the request has left, so it may be tried on
             // the next connection; there are fewer each time, and a new one is not tried again.
             continue;
@@ -402,11 +445,11 @@ int32_t Channel::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& 
         int32_t status = 0;
         if (error == 0) {
             step = "receiving";
-            error = exchange.Receive(code, reply, status);
+            error = call.Receive(code, reply, status);
         }
         if (error != 0) {
             ParcelBuffer::Clear(reply, 0);
-            return Report(code, step, ToIpcCode(error), exchange.GetReason(error));
+            return Report(code, step, ToIpcCode(error), call.GetReason(error));
         }
         dead_.store(false, std::memory_order_relaxed);
         GiveBack(std::move(link));

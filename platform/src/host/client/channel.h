@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstdint>
 #include <string>
@@ -16,6 +18,10 @@ namespace VARN::Host {
 // The stand-in for a service that listens on a socket. It owns the connections to it: each request takes an idle one,
 // or makes one, and gives it back when the reply was whole. After any failure the connection is closed, so the next
 // request never meets the rest of an earlier one, and nothing is ever sent twice.
+//
+// What the system calls of a request are for: `LoadSystemAbility` looks at the connection that would be used (recv), so
+// that a service that has gone counts as not there instead of as a failed request; `SendRequest` asks who the process
+// is (geteuid, getegid), sends (sendmsg) and receives (recv, which also waits).
 //
 // Thread safety: every operation may be called from any thread; requests that run at the same time have a connection
 // each.
@@ -35,19 +41,28 @@ public:
     const std::string& GetDirectory() const noexcept { return directory_; }
 
 private:
+    // Whom the service takes this process for: that was settled when the connection was made.
+    struct Identity {
+        uid_t uid;
+        gid_t gid;
+        static Identity Current();
+        bool operator==(const Identity& other) const { return uid == other.uid && gid == other.gid; }
+    };
     struct Link {
         LinkFd fd;
+        Identity identity = {};
         int32_t waitTimeSeconds = 0;  // what SO_RCVTIMEO is set to
         bool checked = false;         // found alive by Prepare and not used since
     };
-    class Exchange;
+    class Call;
 
     int Connect(Link& link, std::string& problem) const;
     int ConnectInTime(Link& link, std::string& problem, const Deadline& deadline) const;
     bool TakeIdle(Link& link);
     bool TakeAlive(Link& link);
     void GiveBack(Link&& link);
-    static void LimitWait(Link& link, Exchange& exchange, int32_t seconds);
+    static void LimitWait(Link& link, Call& call, int32_t seconds);
+    int32_t Send(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option);
     int32_t Report(uint32_t code, const char* step, int32_t ipcCode, const std::string& reason);
 
     const std::string directory_;
