@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "security_privacy/security_privacy_client.h"
 
+#include <exception>
 #include <mutex>
 #include <new>
 #include <type_traits>
 #include <utility>
 
+#include "security_privacy/connect.h"
 #include "security_privacy/contract.h"
 #include "util/format_utils.h"
 #include "util/log_line.h"
@@ -34,23 +36,41 @@ sptr<SecurityPrivacyServiceIntf> CastToInterface(const sptr<IRemoteObject>& obje
     return dynamic_cast<SecurityPrivacyServiceIntf*>(broker.Get());
 }
 
-// What `operation` returns for the service, or the default of its result, 0, when the service cannot be had: that looks
-// like success; meant. `method` is whom the error line names.
-template <class Operation>
-auto Request(SecurityPrivacyClient& client, const char* method, Operation operation)
+// Looks the service up, each time anew: it may have been restarted. The lines bear the name of `function`. Sets the
+// error of the step that it is at, for when that one throws.
+sptr<SecurityPrivacyServiceIntf> LookUp(const char* function, int32_t timeoutSeconds, ConnectError& error)
 {
-    std::invoke_result_t<Operation&, SecurityPrivacyServiceIntf&> result{};
-    const auto callback = [&](const sptr<SecurityPrivacyServiceIntf>& proxy) {
-        if (proxy == nullptr) {
-            LOG_ERROR_AS(method, "proxy is nullptr, please check.");
-            return;
-        }
-        result = operation(*proxy);
-    };
-    // By reference: a function object of one pointer needs no allocation.
-    client.WithSystemAbilityProxy(std::cref(callback));
-    return result;
+    error = ConnectError::NO_MANAGER;
+    const sptr<ISystemAbilityManager> manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    if (manager == nullptr) {
+        LOG_ERROR_AS(function, "SAM is nullptr, please check.");
+        return nullptr;
+    }
+    error = ConnectError::NO_SERVICE;
+    const sptr<IRemoteObject> object = manager->LoadSystemAbility(SECURITY_PRIVACY_SA_ID, timeoutSeconds);
+    if (object == nullptr) {
+        LOG_ERROR_AS(function, "SA=%s is nullptr, please check.", Text(SECURITY_PRIVACY_SA_ID).c_str());
+        return nullptr;
+    }
+    error = ConnectError::SERVICE_DEAD;
+    if (object->IsObjectDead()) {
+        LOG_ERROR_AS(function, "SA is IsObjectDead, why load system ability return a dead SA?");
+        return nullptr;
+    }
+    error = ConnectError::NO_PROXY;
+    sptr<SecurityPrivacyServiceIntf> proxy = CastToInterface(object);
+    if (proxy == nullptr) {
+        LOG_ERROR_AS(function, "iface_cast SA=%s is nullptr, there is nothing we can do.",
+                     Text(SECURITY_PRIVACY_SA_ID).c_str());
+        return nullptr;
+    }
+    error = ConnectError::NONE;
+    LOG_DEBUG_AS(function, "LoadSystemAbility succeed");
+    return proxy;
 }
+
+// The name in the lines of the client's lookup, whichever request it is for.
+constexpr char CLIENT_LOOKUP[] = "WithSystemAbilityProxy";
 
 // How often this thread holds the client's lock: the child of a fork inside a callback holds it as often.
 thread_local int holds = 0;
@@ -65,6 +85,63 @@ public:
 private:
     const std::lock_guard<std::recursive_mutex> lock_;
 };
+
+// No exception leaves the library, whoever throws it (above all for want of memory).
+void ReportException(const char* method) noexcept
+{
+    try {
+        throw;
+    } catch (const std::bad_alloc&) {
+        LOG_ERROR_AS(method, "out of memory.");
+    } catch (const std::exception& exception) {
+        LOG_ERROR_AS(method, "an exception came back: %s", exception.what());
+    } catch (...) {
+        LOG_ERROR_AS(method, "an exception of unknown type came back.");
+    }
+}
+
+void Fail(int32_t& result)
+{
+    result = RESULT_TRANSPORT_FAILED;
+}
+
+void Fail(GTokenResultWithRet& result)
+{
+    result.ret = RESULT_TRANSPORT_FAILED;
+}
+
+// What `operation` returns for the service, or the default of its result, 0, when the service cannot be had: callers
+// who need to tell that from success use `Connect`. `method` is whom the error line names.
+template <class Operation>
+auto Request(std::recursive_mutex& mutex, const char* method, Operation operation)
+{
+    std::invoke_result_t<Operation&, SecurityPrivacyServiceIntf&> result{};
+    try {
+        const Hold hold(mutex);
+        ConnectError error = ConnectError::NONE;
+        const sptr<SecurityPrivacyServiceIntf> proxy = LookUp(CLIENT_LOOKUP, SA_LOAD_TIMEOUT, error);
+        if (proxy == nullptr) {
+            LOG_ERROR_AS(method, "proxy is nullptr, please check.");
+        } else {
+            result = operation(*proxy);
+        }
+    } catch (...) {
+        ReportException(method);
+        Fail(result);
+    }
+    return result;
+}
+
+void LogRecords(const char* method, const std::vector<Record::PermissionUsageRecord>& records) noexcept
+{
+    try {
+        for (const Record::PermissionUsageRecord& record : records) {
+            LOG_DEBUG_AS(method, "%s", record.ToString().c_str());
+        }
+    } catch (...) {
+        ReportException(method);
+    }
+}
 
 }  // namespace
 
@@ -89,30 +166,13 @@ void SecurityPrivacyClient::WithSystemAbilityProxy(
     // Held to the end, the callback and with it the whole call included.
     const Hold hold(mutex_);
 
-    const sptr<ISystemAbilityManager> manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
-    if (manager == nullptr) {
-        LOG_ERROR("SAM is nullptr, please check.");
-        callback(nullptr);
-        return;
+    sptr<SecurityPrivacyServiceIntf> proxy;
+    try {
+        ConnectError error = ConnectError::NONE;
+        proxy = LookUp(CLIENT_LOOKUP, SA_LOAD_TIMEOUT, error);
+    } catch (...) {
+        ReportException(CLIENT_LOOKUP);
     }
-    const sptr<IRemoteObject> object = manager->LoadSystemAbility(SECURITY_PRIVACY_SA_ID, SA_LOAD_TIMEOUT);
-    if (object == nullptr) {
-        LOG_ERROR("SA=%s is nullptr, please check.", Text(SECURITY_PRIVACY_SA_ID).c_str());
-        callback(nullptr);
-        return;
-    }
-    if (object->IsObjectDead()) {
-        LOG_ERROR("SA is IsObjectDead, why load system ability return a dead SA?");
-        callback(nullptr);
-        return;
-    }
-    const sptr<SecurityPrivacyServiceIntf> proxy = CastToInterface(object);
-    if (proxy == nullptr) {
-        LOG_ERROR("iface_cast SA=%s is nullptr, there is nothing we can do.", Text(SECURITY_PRIVACY_SA_ID).c_str());
-        callback(nullptr);
-        return;
-    }
-    LOG_DEBUG("LoadSystemAbility succeed");
     callback(proxy);
 }
 
@@ -120,7 +180,7 @@ int32_t SecurityPrivacyClient::GetAppPermissionGroupInfosByApp(
     const std::string& bundleName, int32_t userId, const std::unordered_set<std::string>& interestedPermissionGroups,
     std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos)
 {
-    return Request(*this, __func__, [&](SecurityPrivacyServiceIntf& service) {
+    return Request(mutex_, __func__, [&](SecurityPrivacyServiceIntf& service) {
         return service.GetAppPermissionGroupInfosByApp(bundleName, userId, interestedPermissionGroups,
                                                        appPermissionGroupInfos);
     });
@@ -130,7 +190,7 @@ int32_t SecurityPrivacyClient::GetAppPermissionGroupInfosByPermission(
     const std::string& permissionGroup, int32_t userId, const std::unordered_set<std::string>& interestedBundleNames,
     std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos)
 {
-    return Request(*this, __func__, [&](SecurityPrivacyServiceIntf& service) {
+    return Request(mutex_, __func__, [&](SecurityPrivacyServiceIntf& service) {
         return service.GetAppPermissionGroupInfosByPermission(permissionGroup, userId, interestedBundleNames,
                                                               appPermissionGroupInfos);
     });
@@ -140,7 +200,7 @@ int32_t SecurityPrivacyClient::SetAppPermissionGroupCheckedState(
     const std::string& bundleName, int32_t uid, const std::string& permissionGroup,
     const Permission::CheckedStateParameter& checkedStateParameter, bool& returns)
 {
-    return Request(*this, __func__, [&](SecurityPrivacyServiceIntf& service) {
+    return Request(mutex_, __func__, [&](SecurityPrivacyServiceIntf& service) {
         return service.SetAppPermissionGroupCheckedState(bundleName, uid, permissionGroup, checkedStateParameter,
                                                          returns);
     });
@@ -150,31 +210,27 @@ int32_t SecurityPrivacyClient::GetPermissionUsageSummary(const Record::Permissio
                                                          std::vector<Record::PermissionUsageRecord>& records)
 {
     // The error line bears the timeline's name here too; meant.
-    const int32_t result = Request(*this, "GetPermissionUsageTimeline", [&](SecurityPrivacyServiceIntf& service) {
+    const int32_t result = Request(mutex_, "GetPermissionUsageTimeline", [&](SecurityPrivacyServiceIntf& service) {
         return service.GetPermissionUsageSummary(query, records);
     });
-    for (const Record::PermissionUsageRecord& record : records) {
-        LOG_DEBUG("%s", record.ToString().c_str());
-    }
+    LogRecords(__func__, records);
     return result;
 }
 
 int32_t SecurityPrivacyClient::GetPermissionUsageTimeline(const Record::PermissionUsageRecordQuery& query,
                                                           std::vector<Record::PermissionUsageRecord>& records)
 {
-    const int32_t result = Request(*this, __func__, [&](SecurityPrivacyServiceIntf& service) {
+    const int32_t result = Request(mutex_, __func__, [&](SecurityPrivacyServiceIntf& service) {
         return service.GetPermissionUsageTimeline(query, records);
     });
-    for (const Record::PermissionUsageRecord& record : records) {
-        LOG_DEBUG("%s", record.ToString().c_str());
-    }
+    LogRecords(__func__, records);
     return result;
 }
 
 int32_t SecurityPrivacyClient::GTokenPolicyAddPolicy(const std::vector<GTokenInfo>& gTokenInfos)
 {
     LOG_INFO("GTokenPolicySdkAdaptor AddPolicy called");
-    return Request(*this, __func__,
+    return Request(mutex_, __func__,
                    [&](SecurityPrivacyServiceIntf& service) { return service.GTokenPolicyAddPolicy(gTokenInfos); });
 }
 
@@ -182,7 +238,7 @@ GTokenResultWithRet SecurityPrivacyClient::GTokenPolicyGetPolicy(std::string pol
                                                                  const std::vector<std::string>& bundleNames)
 {
     LOG_INFO("GTokenPolicySdkAdaptor GetPolicy called");
-    return Request(*this, __func__, [&](SecurityPrivacyServiceIntf& service) {
+    return Request(mutex_, __func__, [&](SecurityPrivacyServiceIntf& service) {
         return service.GTokenPolicyGetPolicy(std::move(policyName), bundleNames);
     });
 }
@@ -190,8 +246,19 @@ GTokenResultWithRet SecurityPrivacyClient::GTokenPolicyGetPolicy(std::string pol
 int32_t SecurityPrivacyClient::GTokenPolicyRemovePolicy(const std::vector<std::string>& bundleNames)
 {
     LOG_INFO("GTokenPolicySdkAdaptor RemovePolicy called");
-    return Request(*this, __func__,
+    return Request(mutex_, __func__,
                    [&](SecurityPrivacyServiceIntf& service) { return service.GTokenPolicyRemovePolicy(bundleNames); });
+}
+
+ConnectResult Connect(int32_t timeoutSeconds)
+{
+    ConnectResult result;
+    try {
+        result.service = LookUp(__func__, timeoutSeconds, result.error);
+    } catch (...) {
+        ReportException(__func__);
+    }
+    return result;
 }
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer

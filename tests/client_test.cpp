@@ -8,9 +8,11 @@
 #include <atomic>
 #include <functional>
 #include <future>
+#include <new>
 #include <string>
 #include <thread>
 
+#include "security_privacy/connect.h"
 #include "support/calls.h"
 #include "varn/host/ability_manager.h"
 #include "varn/log.h"
@@ -61,6 +63,38 @@ TEST_F(Client, WritesUsageRecordsAfterOthersAreLetIn)
     Host::SetLogLevel(INFO);
     Host::SetLogSink({});
     EXPECT_EQ(2, others);
+}
+
+TEST_F(Client, ConnectTellsWhyNot)
+{
+    class OutOfMemory : public ISystemAbilityManager {
+    public:
+        sptr<IRemoteObject> LoadSystemAbility(int32_t, int32_t) override { throw std::bad_alloc(); }
+    };
+    const auto expect = [](ConnectError error, const std::string& line) {
+        LogCapture log;
+        const ConnectResult result = Connect(3);
+        EXPECT_EQ(error, result.error);
+        EXPECT_EQ(error == ConnectError::NONE, result.service != nullptr);
+        EXPECT_EQ(Line(error == ConnectError::NONE ? DEBUG : ERROR, "Connect", line), log.Lines());
+    };
+    expect(ConnectError::NONE, "LoadSystemAbility succeed");
+    EXPECT_EQ(3, fake.Manager().Lookups().back().timeoutSeconds);
+    fake.Manager().SetPresence(FakePresence::ABSENT);
+    expect(ConnectError::NO_SERVICE, "SA=65993 is nullptr, please check.");
+    fake.Manager().SetPresence(FakePresence::DEAD);
+    expect(ConnectError::SERVICE_DEAD, "SA is IsObjectDead, why load system ability return a dead SA?");
+    fake.Manager().SetPresence(FakePresence::HERE);
+
+    auto& managers = SystemAbilityManagerClient::GetInstance();
+    const sptr<ISystemAbilityManager> manager = managers.GetSystemAbilityManager();
+    managers.SetSystemAbilityManager(nullptr);
+    expect(ConnectError::NO_MANAGER, "SAM is nullptr, please check.");
+    managers.SetSystemAbilityManager(sptr<ISystemAbilityManager>(new OutOfMemory()));
+    expect(ConnectError::NO_SERVICE, "out of memory.");
+    EXPECT_EQ(-1, CallOperation(client, MessageCode::GTOKEN_POLICY_REMOVE_POLICY).result);
+    EXPECT_EQ(-1, CallOperation(client, MessageCode::GTOKEN_POLICY_GET_POLICY).result);
+    managers.SetSystemAbilityManager(manager);
 }
 
 // Whether the child of a fork made now returns true from the function. A child that hangs is ended.

@@ -212,5 +212,52 @@ TEST(Memory, ThatRunsOutInAReplyYieldsMinusOneAndLeavesTheListAsItWas)
     EXPECT_EQ(2U, rows.gTokenResults.size());
 }
 
+class MemoryOfACall : public CallTest {};
+
+TEST_P(MemoryOfACall, ThatRunsOutEndsItWithMinusOneAndTheNextOneWorks)
+{
+    const auto parameter = MakeCheckedStateParameter();
+    const auto query = MakePermissionUsageRecordQuery();
+    const std::vector<std::string> bundles = {"a bundle whose name needs memory of its own"};
+    const std::vector<GTokenInfo> infos = {MakeGTokenInfo()};
+    std::vector<Permission::AppPermissionGroupInfo> groups;
+    std::vector<Record::PermissionUsageRecord> records;
+    bool returns = false;
+    constexpr size_t ADD = 5;
+    const std::function<int64_t()> calls[] = {
+        [&] { return client.GetAppPermissionGroupInfosByApp(bundles[0], 1, {}, groups); },
+        [&] { return client.GetAppPermissionGroupInfosByPermission(bundles[0], 1, {}, groups); },
+        [&] { return client.SetAppPermissionGroupCheckedState(bundles[0], 1, bundles[0], parameter, returns); },
+        [&] { return client.GetPermissionUsageSummary(query, records); },
+        [&] { return client.GetPermissionUsageTimeline(query, records); },
+        [&] { return client.GTokenPolicyAddPolicy(infos); },
+        [&] { return client.GTokenPolicyGetPolicy("policy", bundles).ret; },
+        [&] { return client.GTokenPolicyRemovePolicy(bundles); },
+    };
+    for (const int level : {int{LOG_LEVEL_FATAL}, DEBUG}) {
+        Host::SetLogSink([](const Host::LogLine&) {});
+        Host::SetLogLevel(level);
+        for (size_t index = 0; index < std::size(calls); ++index) {
+            SCOPED_TRACE(index);
+            EXPECT_EQ(0, calls[index]());
+            int64_t result = 0;
+            int zeros = 0;
+            FailEach([&] { result = calls[index](); },
+                     [&](size_t number) {
+                         EXPECT_TRUE(result == -1 || result == 0) << result << ", allocation " << number;
+                         zeros += result == 0 ? 1 : 0;
+                         EXPECT_EQ(0, calls[index]()) << "after allocation " << number;
+                     });
+            // Without a proxy it is 0; a line that cannot be made changes nothing; a bundle that the service has no
+            // memory for is left out.
+            EXPECT_TRUE(zeros == 1 || level == DEBUG || index == ADD) << zeros;
+        }
+        Host::SetLogLevel(INFO);
+        Host::SetLogSink({});
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Roads, MemoryOfACall, ::testing::Values(Road::IN_PROCESS, Road::SOCKET), RoadName);
+
 }  // namespace
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing

@@ -25,9 +25,12 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 //
 // Results: as `SecurityPrivacyServiceIntf` describes them, with one addition that is easy to miss: when the service
 // cannot be found, a request returns 0 and leaves what it should fill untouched. Only the log tells. A caller that
-// needs to know asks the system ability manager, or calls `WithSystemAbilityProxy` and looks for null.
+// needs to know uses `Connect` (security_privacy/connect.h). When memory runs out, a request returns -1; no exception
+// leaves it.
 //
-// Time: once it is its turn, a request takes at most the 4 seconds of finding the service and the 8 of the call.
+// Time: once it is its turn, a request takes at most the 4 seconds of finding the service and the 8 of the call. A
+// service that is an object of the same process answers on the caller's thread, and nothing ends its operation: then
+// neither bound holds.
 //
 // Thread safety: requests may come from any thread and are handled one after the other.
 class SECURITY_PRIVACY_API SecurityPrivacyClient {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <atomic>
@@ -10,8 +12,10 @@
 #include <thread>
 
 #include "abuse/processes.h"
+#include "security_privacy/connect.h"
 #include "support/calls.h"
 #include "varn/host/ability_manager.h"
+#include "varn/log.h"
 
 // What a service can do to its clients.
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
@@ -74,11 +78,17 @@ public:
 
     int Requests() const { return requests_; }
     int Connections() const { return accepted_; }
+    // Who made each connection, in turn. For when all of them have been served.
+    const std::vector<std::pair<uid_t, gid_t>>& Peers() const { return peers_; }
 
 private:
     void Accept()
     {
         for (int fd = 0; (fd = ::accept4(listener_.GetFd(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+            ucred peer = {};
+            socklen_t size = sizeof(peer);
+            ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
+            peers_.emplace_back(peer.uid, peer.gid);
             ++accepted_;
             connections_.emplace_back(fd, [this, fd] {
                 while (Serve(fd)) {
@@ -108,6 +118,7 @@ private:
     Answer answer_ = honestAnswer;  // guarded by mutex_
     std::atomic<int> requests_{0};
     std::atomic<int> accepted_{0};
+    std::vector<std::pair<uid_t, gid_t>> peers_;
     std::vector<std::pair<int, std::thread>> connections_;
     std::thread accepting_;
 };
@@ -270,6 +281,103 @@ TEST_F(ClientAbuseTest, ForkedChildHasAConnectionOfItsOwn)
     EXPECT_EQ(Ask(), 0);
     EXPECT_EQ(service.Connections(), 2) << "the parent's went on, the child made one";
     EXPECT_EQ(service.Requests(), 4);
+}
+
+// All are in the service at once, while the lock of the client is held.
+TEST_F(ClientAbuseTest, ThreadsShareWhatConnectGaveSideBySide)
+{
+    constexpr int THREADS = 4;
+    HostileService service(folder_.SocketPath());
+    std::atomic<int> inside{0};
+    service.Become([&inside](int connection) {
+        ++inside;
+        return Eventually([&] { return inside == THREADS; }) && honestAnswer(connection);
+    });
+    SecurityPrivacyClient::GetInstance().WithSystemAbilityProxy([&](const auto&) {
+        const sptr<SecurityPrivacyServiceIntf> shared = Connect(4).service;
+        ASSERT_NE(nullptr, shared);
+        std::vector<std::thread> threads;
+        for (int thread = 0; thread < THREADS; ++thread) {
+            threads.emplace_back([&] { EXPECT_EQ(0, CallOperation(*shared, CODE).result); });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+    });
+    EXPECT_EQ(THREADS, inside);
+    EXPECT_EQ(THREADS, service.Connections());
+}
+
+// Acts as another user while it exists; the process must be root.
+class AsUser {
+public:
+    explicit AsUser(uid_t user, gid_t group = 0)
+    {
+        EXPECT_EQ(0, ::setegid(group));
+        EXPECT_EQ(0, ::seteuid(user));
+    }
+    ~AsUser()
+    {
+        EXPECT_EQ(0, ::seteuid(0));
+        EXPECT_EQ(0, ::setegid(0));
+    }
+};
+
+constexpr uid_t NOBODY = 65534;
+
+TEST_F(ClientAbuseTest, ConnectionIsNeverUsedAsSomebodyElse)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root may become another user";
+    }
+    HostileService service(folder_.SocketPath());
+    EXPECT_EQ(0, ::chmod(folder_.Path().c_str(), 0755));
+    EXPECT_EQ(0, ::chmod(folder_.SocketPath().c_str(), 0777));
+    EXPECT_EQ(0, Ask());
+    const sptr<IRemoteObject> object = Load();
+    const auto ask = [&](uid_t user, gid_t group) {
+        const AsUser somebody(user, group);
+        return Ask() == 0 && Ask() == 0;
+    };
+    EXPECT_TRUE(ask(NOBODY, 0));
+    EXPECT_TRUE(ask(NOBODY, NOBODY));
+    EXPECT_TRUE(ask(0, NOBODY));
+    EXPECT_TRUE(ask(0, 0));
+    const std::vector<std::pair<uid_t, gid_t>> expected = {{0, 0}, {NOBODY, 0}, {NOBODY, NOBODY}, {0, NOBODY}, {0, 0}};
+    EXPECT_EQ(expected, service.Peers());
+}
+
+TEST_F(ClientAbuseTest, ServiceOfAnotherUserIsNotTrusted)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root may become another user";
+    }
+    const Host::RawServer stranger(folder_.SocketPath());
+    {
+        const AsUser somebody(NOBODY);
+        ::listen(stranger.GetFd(), 8);
+    }
+    EXPECT_EQ(nullptr, Load());
+    ExpectLogged("the service at " + folder_.SocketPath() + " runs as user 65534, not as root or as user 0");
+}
+
+TEST_F(ClientAbuseTest, ClosedStandardErrorIsNotTakenForAConnection)
+{
+    HostileService service(folder_.SocketPath());
+    EXPECT_EQ(0, Ask());
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(STDIN_FILENO);
+        ::close(STDERR_FILENO);
+        Host::SetLogSink({});
+        const sptr<IRemoteObject> object = Load();
+        VoLogPrint(0, LOG_LEVEL_ERROR, 0, "TEST", "a line that nobody sees");
+        const bool isAnswered = Ask() == 0;
+        ::_exit(isAnswered && ::fcntl(STDERR_FILENO, F_GETFD) < 0 ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(child, ::waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
 }
 
 TEST_F(ClientAbuseTest, OneDeadConnectionDoesNotMakeTheServiceDead)
