@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "abuse/processes.h"
+#include "abuse/requests.h"
 #include "support/calls.h"
 #include "varn/host/log_sink.h"
 
@@ -65,22 +66,6 @@ int WaitFor(pid_t pid)
     int status = -1;
     EXPECT_EQ(::waitpid(pid, &status, 0), pid);
     return status;
-}
-
-// As the init system does it, in the process that becomes the service; `pid`: null for its own.
-void HandOver(std::vector<int> descriptors, const char* pid, const char* count)
-{
-    // First far away from the numbers that they are to have.
-    for (int& fd : descriptors) {
-        fd = ::fcntl(fd, F_DUPFD, 100);
-    }
-    int number = 3;
-    for (const int fd : descriptors) {
-        ::dup2(fd, number++);
-        ::close(fd);
-    }
-    ::setenv("LISTEN_PID", pid != nullptr ? pid : std::to_string(::getpid()).c_str(), 1);
-    ::setenv("LISTEN_FDS", count, 1);
 }
 
 class LifeTest : public ::testing::Test {
@@ -205,97 +190,78 @@ TEST_F(LifeTest, KilledAgainAndAgainUnderLoad)
     }
 }
 
-TEST_F(LifeTest, FirstRequestsOfManyClientsStartOneService)
-{
-    const std::string activate = "/usr/bin/systemd-socket-activate";
-    if (!std::filesystem::exists(activate)) {
-        GTEST_SKIP() << activate << " is missing";
-    }
-    constexpr int CLIENTS = 8;
-    // It hands on no part of its environment but what it is told to.
-    ServiceProcess service(folder_, {activate, "-l", folder_.SocketPath(), "-E", "LSAN_OPTIONS", ABUSE_SERVICE,
-                                     "--directory", folder_.Path()});
-    std::vector<pid_t> clients;
-    for (int32_t id = 0; id < CLIENTS; ++id) {
-        clients.push_back(Fork([id] { return Do(id) == Result::DONE; }));
-    }
-    for (const pid_t client : clients) {
-        EXPECT_EQ(WaitFor(client), 0) << service.Log();
-    }
-    EXPECT_EQ(service.End(SIGTERM), 0) << service.Log();
-    std::map<int32_t, int> executed;
-    EXPECT_EQ(CountExecuted(service, executed), 1);
-    EXPECT_EQ(executed.size(), size_t{CLIENTS});
-    EXPECT_TRUE(std::filesystem::exists(folder_.SocketPath())) << "the file is the init system's";
-}
-
 TEST_F(LifeTest, OnlyTheServicesOwnSocketIsTakenOfThoseHandedOver)
 {
     const std::string own = folder_.SocketPath();
     const std::string other = folder_.Path() + "/1.sock";
     const std::string odd = folder_.Path() + "/odd.status.sock";
-    const std::string connected;
+    const std::string connected = folder_.Path() + "/connected";
+    const std::string noNumber = "LISTEN_FDS is not a number from 1 to 256";
     const struct {
         std::vector<std::string> handed;
         std::string served;  // where the service answers then
-        const char* logged = "";
+        std::string logged = "";
+        const char* pid = nullptr;    // null: the service's own
+        const char* count = nullptr;  // null: as many as there are
     } cases[] = {{{own}, own},
                  {{odd, other, own}, own},
                  {{odd}, odd},
                  {{other}, own},
                  {{odd, other}, own},
-                 {{connected, odd}, odd, "descriptor 3 of socket activation is not a listening Unix stream socket"}};
+                 {{connected, odd}, odd, "descriptor 3 of socket activation is not a listening Unix stream socket"},
+                 {{odd}, own, "", "1"},
+                 {{odd}, own, "", "x"},
+                 {{odd}, own, "", "", ""},
+                 {{odd}, own, noNumber, nullptr, ""},
+                 {{odd}, own, noNumber, nullptr, "0"},
+                 {{odd}, own, noNumber, nullptr, "-1"},
+                 {{odd}, own, noNumber, nullptr, "1x"},
+                 {{odd}, own, noNumber, nullptr, "257"},
+                 {{odd}, own, noNumber, nullptr, "2147483648"},
+                 {{odd}, odd, "descriptor 202 of socket activation is not", nullptr, "200"}};
     for (const auto& sockets : cases) {
-        SCOPED_TRACE(testing::PrintToString(sockets.handed));
-        std::deque<Host::RawServer> handed;
+        SCOPED_TRACE(testing::PrintToString(sockets.handed) + (sockets.count != nullptr ? sockets.count : ""));
+        std::deque<Host::RawServer> listening;
+        std::vector<int> descriptors;
         for (const std::string& path : sockets.handed) {
-            handed.emplace_back(path.empty() ? folder_.Path() + "/end" : path);
+            descriptors.push_back(listening.emplace_back(path).GetFd());
         }
-        const Peer peer(folder_.Path() + "/end");
+        std::deque<Peer> peers;
+        if (sockets.handed.front() == connected) {
+            descriptors.front() = peers.emplace_back(connected).GetFd();
+        }
+        // As the init system does it, in the process that becomes the service.
         ServiceProcess service(folder_, command_, [&] {
-            std::vector<int> descriptors;
-            for (const Host::RawServer& server : handed) {
-                const bool isConnected = sockets.handed[descriptors.size()].empty();
-                descriptors.push_back(isConnected ? peer.GetFd() : server.GetFd());
+            // First far away from the numbers that they are to have.
+            for (int& fd : descriptors) {
+                fd = ::fcntl(fd, F_DUPFD, 300);
             }
-            HandOver(descriptors, nullptr, std::to_string(descriptors.size()).c_str());
+            int number = 3;
+            for (const int fd : descriptors) {
+                ::dup2(fd, number++);
+                ::close(fd);
+            }
+            const std::string count = std::to_string(descriptors.size());
+            ::setenv("LISTEN_PID", sockets.pid != nullptr ? sockets.pid : std::to_string(::getpid()).c_str(), 1);
+            ::setenv("LISTEN_FDS", sockets.count != nullptr ? sockets.count : count.c_str(), 1);
         });
         ASSERT_TRUE(service.IsReady()) << service.Log();
-        const size_t descriptors = CountEntries(service.Pid(), "fd");
+        const size_t before = CountEntries(service.Pid(), "fd");
         for (const bool isAfterRestart : {false, true}) {
             const Peer asking(sockets.served);
-            EXPECT_TRUE(asking.Send(Host::MakeFrame(1, "")));
+            EXPECT_TRUE(asking.Send(honestFrame));
             EXPECT_NE("", asking.ReadReply()) << isAfterRestart;
             ::kill(service.Pid(), SIGHUP);
             EXPECT_TRUE(service.IsReady()) << service.Log();
         }
-        EXPECT_EQ(descriptors, CountEntries(service.Pid(), "fd"));
+        EXPECT_TRUE(Eventually([&] { return CountEntries(service.Pid(), "fd") == before; }));
         EXPECT_NE(std::string::npos, service.Log().find(sockets.logged)) << service.Log();
         EXPECT_EQ(0, service.End(SIGTERM));
         for (const std::string& path : sockets.handed) {
-            EXPECT_TRUE(path.empty() || std::filesystem::remove(path)) << "the file is the init system's";
+            EXPECT_TRUE(std::filesystem::remove(path)) << "the file is the init system's";
         }
-        std::filesystem::remove(folder_.Path() + "/end");
         EXPECT_FALSE(std::filesystem::exists(own));
-    }
-}
-
-TEST_F(LifeTest, VariablesOfActivationThatAreNotMeantAreIgnored)
-{
-    const struct {
-        const char* pid;  // null: the service's own
-        const char* count;
-    } cases[] = {{"1", "1"},       {"x", "1"},      {"", ""},           {nullptr, "0"},
-                 {nullptr, "-1"},  {nullptr, "1x"}, {nullptr, "99999"}, {nullptr, "2147483648"},
-                 {nullptr, "200"}, {nullptr, ""}};
-    const Host::RawServer listening(folder_.Path() + "/odd");
-    for (const auto& variables : cases) {
-        ServiceProcess service(folder_, command_,
-                               [&] { HandOver({listening.GetFd()}, variables.pid, variables.count); });
-        EXPECT_TRUE(service.IsReady()) << variables.count << service.Log();
-        // The one number that is good, though too high, has led to the socket that is there.
-        EXPECT_EQ(variables.count != std::string("200"), std::filesystem::exists(folder_.SocketPath()));
-        EXPECT_EQ(0, service.End(SIGTERM));
+        std::filesystem::remove(folder_.Path() + "/log");
     }
 }
 
