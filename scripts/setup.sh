@@ -9,13 +9,13 @@
 # Runs as root or with sudo. Says nothing when nothing is missing.
 set -euo pipefail
 
-packages=(cmake g++ libcli11-dev libgmock-dev libgtest-dev libsqlite3-dev libsystemd-dev ninja-build nlohmann-json3-dev python3)
+packages=(cmake g++ libcli11-dev libgmock-dev libgtest-dev libsqlite3-dev libsystemd-dev ninja-build nlohmann-json3-dev pkg-config python3)
 case "${1:-}" in
     "") ;;
     all)
         packages+=(abigail-tools capnproto ccache clang clang-format clang-tidy doxygen dpkg-dev file git jq
             libcapnp-dev libclang-rt-dev libgrpc++-dev libprotobuf-dev llvm make lintian
-            man-db pkg-config protobuf-compiler protobuf-compiler-grpc shellcheck strace systemd valgrind xz-utils zsh)
+            man-db protobuf-compiler protobuf-compiler-grpc shellcheck strace systemd valgrind xz-utils zsh)
         ;;
     *)
         echo "usage: scripts/setup.sh [all]" >&2

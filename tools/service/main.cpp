@@ -1,37 +1,64 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
 #include <pthread.h>
-#include <unistd.h>
+#include <sys/socket.h>
+#include <systemd/sd-daemon.h>
 
-#include <chrono>
+#include <algorithm>
+#include <cerrno>
 #include <cinttypes>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <exception>
+#include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "common/json_input.h"
 #include "common/standard_files.h"
 #include "security_privacy/contract.h"
+#include "security_privacy/security_privacy_client.h"
 #include "service/database.h"
 #include "service/device_import.h"
 #include "service/options.h"
-#include "service/request_counters.h"
 #include "service/security_privacy_service.h"
+#include "service/status.h"
+#include "service/status_server.h"
 #include "service/usage_recorder.h"
 #include "varn/host/ability_server.h"
 #include "varn/host/log_sink.h"
+#include "varn/log.h"
 
 namespace {
 
 using namespace SecurityPrivacyExample;
 
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::SECURITY_PRIVACY_SA_ID;
-constexpr int VERBOSE_LEVEL = 3;
+using Client = VARN::AppSecurityPrivacy::SecurityPrivacyServer::SecurityPrivacyClient;
+using Service = VARN::AppSecurityPrivacy::SecurityPrivacyServer::SecurityPrivacyServiceIntf;
+
 constexpr int CANNOT_START = 1;
 constexpr time_t HOUSEKEEPING_SECONDS = 60;
+// Batches of old usage that are dropped before signals are looked at again.
+constexpr int MAX_DROPS = 100;
+constexpr int LOG_TYPE = 3;
+constexpr uint32_t LOG_DOMAIN = 0xD0E0;
+
+void Print(const std::string& line)
+{
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+}
+
+void Warn(const char* what, const char* why)
+{
+    VoLogPrint(LOG_TYPE, VARN::LOG_LEVEL_WARN, LOG_DOMAIN, "SERVICE", "%s: %s", what, why);
+}
 
 // The signals that the main thread waits for. Blocked before any other thread exists, they interrupt none.
 sigset_t BlockSignals()
@@ -47,31 +74,50 @@ sigset_t BlockSignals()
     return signals;
 }
 
-int64_t Now()
-{
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-}
-
 // What has to be done now and then while the server runs. It must not end the program: a disk may be full for a while.
 void DropOldUsage(Database& database, const Options& options)
 {
     try {
-        while (options.keepUsage.count() != 0 && DropUsageBefore(database, Now() - options.keepUsage.count()) != 0) {
+        const int64_t oldest = Now() - options.keepUsage.count();
+        for (int batch = 0; options.keepUsage.count() != 0 && batch < MAX_DROPS; ++batch) {
+            if (DropUsageBefore(database, oldest) == 0) {
+                return;
+            }
         }
     } catch (const DatabaseError& error) {
-        std::fprintf(stderr, "security-privacy-service: cannot drop old usage: %s\n", error.what());
+        Warn("cannot drop old usage", error.what());
     }
 }
 
-void WaitForTheEnd(const sigset_t& signals, Database& database, const Options& options, const RequestCounters& counters)
+// Whether a request of our own gets through, from the socket to the database and back.
+bool IsAnswering()
 {
+    PermissionUsageRecordQuery query;
+    query.SetLimit(1);
+    bool isAnswering = false;
+    Client::GetInstance().WithSystemAbilityProxy([&](const VARN::sptr<Service>& service) {
+        std::vector<PermissionUsageRecord> records;
+        isAnswering = service && service->GetPermissionUsageTimeline(query, records) == 0;
+    });
+    return isAnswering;
+}
+
+void WaitForTheEnd(const sigset_t& signals, Database& database, const Options& options,
+                   const std::function<std::string()>& status)
+{
+    uint64_t watchdogMicroseconds = 0;
+    const bool isWatched = ::sd_watchdog_enabled(0, &watchdogMicroseconds) > 0;
+    // A third of the time leaves room for a request that is slow.
+    const auto seconds = static_cast<time_t>(std::max<uint64_t>(watchdogMicroseconds / 3000000, 1));
+    const timespec pause = {isWatched ? std::min(seconds, HOUSEKEEPING_SECONDS) : HOUSEKEEPING_SECONDS, 0};
     for (;;) {
+        if (isWatched && IsAnswering()) {
+            ::sd_notify(0, "WATCHDOG=1");
+        }
         DropOldUsage(database, options);
-        const timespec pause = {HOUSEKEEPING_SECONDS, 0};
         const int signal = ::sigtimedwait(&signals, nullptr, &pause);
         if (signal == SIGUSR1) {
-            counters.Print(stdout);
+            Print(status());
         } else if (signal > 0) {
             return;
         }
@@ -95,43 +141,67 @@ int Record(const Options& options)
     return 0;
 }
 
-// Where clients find the service, as AbilityServer decides it. To be asked before that starts: it consumes the
-// variables of socket activation.
-std::string SocketName(const Options& options)
+std::string Directory(const Options& options)
 {
-    const char* listenPid = std::getenv("LISTEN_PID");
-    if (listenPid != nullptr && listenPid == std::to_string(::getpid())) {
-        return "(socket from the init system)";
+    const char* environment = ::secure_getenv("VARN_ABILITY_DIR");
+    const std::string standard = environment != nullptr && *environment != '\0' ? environment : "/run/varn";
+    return options.server.directory.empty() ? standard : options.server.directory;
+}
+
+// The socket that the init system handed over under the name "status", or -1. To be asked before the server starts: it
+// consumes the variables of socket activation.
+int HandedStatusSocket(bool& isActivated)
+{
+    char** names = nullptr;
+    const int count = ::sd_listen_fds_with_names(0, &names);
+    int found = -1;
+    for (int index = 0; index < count; ++index) {
+        const int descriptor = SD_LISTEN_FDS_START + index;
+        if (std::strcmp(names[index], "status") == 0 && ::sd_is_socket(descriptor, AF_UNIX, SOCK_STREAM, 1) > 0) {
+            found = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+        }
+        std::free(names[index]);
     }
-    std::string directory = options.server.directory;
-    if (directory.empty()) {
-        const char* fromEnvironment = secure_getenv("VARN_ABILITY_DIR");
-        directory = fromEnvironment != nullptr && *fromEnvironment != '\0' ? fromEnvironment : "/run/varn";
-    }
-    return directory + "/" + std::to_string(SECURITY_PRIVACY_SA_ID) + ".sock";
+    std::free(names);
+    isActivated = count > 0;
+    return found;
 }
 
 int Serve(Options options, const sigset_t& signals)
 {
-    const std::string socketName = SocketName(options);
+    const std::string sockets = Directory(options) + "/" + std::to_string(SECURITY_PRIVACY_SA_ID);
+    bool isActivated = false;
+    const int statusSocket = HandedStatusSocket(isActivated);
     Database database(options.databasePath);
     if (IsEmpty(database)) {
         ImportDevice(database, options.inputPath, options.shiftsToNow ? Now() : 0);
     }
+    // For the requests of our own.
+    ::setenv("VARN_ABILITY_DIR", Directory(options).c_str(), 1);
     const VARN::sptr<SecurityPrivacyService> service(
         new SecurityPrivacyService(database, {options.changers, options.isReadOnly}));
-    RequestCounters counters;
-    options.server.observer = [&](const VARN::Host::Transaction& transaction) { counters.Count(transaction); };
-    VARN::Host::AbilityServer server(SECURITY_PRIVACY_SA_ID, service, options.server);
-    if (!server.Start()) {
+    Status counters;
+    std::optional<VARN::Host::AbilityServer> server;
+    const auto status = [&] { return counters.Document(*server); };
+    StatusServer watchers(status);
+    options.server.observer = [&](const VARN::Host::Transaction& transaction) {
+        counters.Count(transaction);
+        watchers.Tell(transaction);
+    };
+    server.emplace(SECURITY_PRIVACY_SA_ID, service, options.server);
+    if (!server->Start()) {
         std::fprintf(stderr, "security-privacy-service: cannot serve, see the error line above\n");
         return CANNOT_START;
     }
-    std::printf("ready %s\n", socketName.c_str());
-    std::fflush(stdout);
-    WaitForTheEnd(signals, database, options, counters);
-    server.Stop();
-    counters.Print(stdout);
+    if (!watchers.Start(statusSocket, sockets + ".status.sock")) {
+        Warn("nobody can ask for the status or watch requests", std::strerror(errno));
+    }
+    Print("ready " + (isActivated ? "(socket from the init system)" : sockets + ".sock"));
+    ::sd_notify(0, "READY=1");
+    WaitForTheEnd(signals, database, options, status);
+    ::sd_notify(0, "STOPPING=1");
+    server->Stop();
+    Print(status());
     return 0;
 }
 
@@ -146,9 +216,8 @@ int main(int argc, char** argv)
         return exitCode;
     }
     if (options->isVerbose) {
-        VARN::Host::SetLogLevel(VERBOSE_LEVEL);
-    } else if (::getenv("VARN_LOG_LEVEL") == nullptr) {
-        // Who runs a service wants to see when it starts and stops; the library by itself tells only what went wrong.
+        VARN::Host::SetLogLevel(VARN::LOG_LEVEL_DEBUG);
+    } else if (std::getenv("VARN_LOG_LEVEL") == nullptr) {
         VARN::Host::SetLogLevel(VARN::LOG_LEVEL_INFO);
     }
     try {

@@ -5,22 +5,28 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <mutex>
+#include <string>
 
 #include "varn/host/ability_server.h"
 
 namespace SecurityPrivacyExample {
 
-// Counts the requests that the server answers, by request code. Nothing of what they say is looked at.
+// Milliseconds since the epoch.
+int64_t Now();
+
+// What an operator may know: numbers about requests and connections, and nothing of what requests say.
 //
 // Thread safety: every operation may be called from any thread.
-class RequestCounters {
+class Status {
 public:
     void Count(const VARN::Host::Transaction& transaction);
 
-    // One line for each code that was seen.
-    void Print(std::FILE* out) const;
+    // One JSON document on one line. tools/README.md describes its members.
+    std::string Document(const VARN::Host::AbilityServer& server) const;
+
+    // The same for one request that is finished.
+    static std::string Line(int64_t time, const VARN::Host::Transaction& transaction);
 
 private:
     struct Counter {
@@ -36,6 +42,7 @@ private:
     // which tries them all takes no memory.
     static constexpr size_t PLACES = 14;
 
+    const int64_t startedAt_ = Now();
     mutable std::mutex mutex_;
     std::array<Counter, PLACES> counters_;  // guarded by mutex_
 };

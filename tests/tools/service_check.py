@@ -1,0 +1,264 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""The service program from outside: what it refuses at its start, import and record while it runs, its second socket, and
+what it tells the init system.
+
+  service_check.py SERVICE CLIENT DATA
+"""
+import contextlib
+import json
+import os
+import signal
+import socket
+import sqlite3
+import subprocess
+import sys
+import tempfile
+
+SERVICE, CLIENT, DATA = sys.argv[1:4]
+WAIT = 60
+folder = tempfile.TemporaryDirectory()
+os.chmod(folder.name, 0o755)
+
+
+def path(name):
+    return os.path.join(folder.name, name)
+
+
+def check(expected, actual, what):
+    if expected != actual:
+        sys.exit(f"service_check: {what}: expected {expected!r}, got {actual!r}")
+
+
+def has(part, text, what):
+    if part not in text:
+        sys.exit(f"service_check: {what}: no {part!r} in {text!r}")
+
+
+def run(expected, *arguments, **options):
+    done = subprocess.run(arguments, capture_output=True, text=True, timeout=WAIT, **options)
+    check(expected, done.returncode, " ".join(arguments) + ": " + done.stderr)
+    return done.stdout + done.stderr
+
+
+def ask(expected, *arguments):
+    return run(expected, CLIENT, "--directory", folder.name, *arguments)
+
+
+class Service:
+    """Runs while the block does; `output` is what it printed at its end."""
+
+    def __init__(self, *options, **popen):
+        self.command = [SERVICE, "--data", DATA, "--directory", folder.name, *options]
+        self.popen = popen
+
+    def __enter__(self):
+        self.process = subprocess.Popen(self.command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                        **self.popen)
+        if not self.process.stdout.readline().startswith("ready"):
+            sys.exit("service_check: it did not start: " + self.process.stderr.read())
+        return self
+
+    def __exit__(self, *_):
+        self.process.send_signal(signal.SIGTERM)
+        self.output, self.errors = self.process.communicate(timeout=WAIT)
+        check(0, self.process.returncode, "its end: " + self.errors)
+
+
+def watch(reads=True):
+    watcher = socket.socket(socket.AF_UNIX)
+    watcher.settimeout(WAIT)
+    watcher.connect(path("65993.status.sock"))
+    lines = watcher.makefile("r")
+    return (watcher, lines, json.loads(lines.readline())) if reads else watcher
+
+
+EVENT = {"bundleName": "com.example.camera", "userId": 100, "operationGroup": "CAMERA", "times": 1, "mode": "allowed",
+         "app": "foreground", "screen": "on", "begin": 4000000000000, "end": 4000000000001}
+database = path("device.db")
+
+
+def write(name, text):
+    with open(path(name), "w", encoding="utf-8") as file:
+        file.write(text)
+    return path(name)
+
+
+def sql(name, statement):
+    with contextlib.closing(sqlite3.connect(name, isolation_level=None)) as connection:
+        return connection.execute(statement).fetchone()
+
+
+def count():
+    return sql(database, "SELECT count(*) FROM usage")[0]
+
+
+def content(name):
+    if not os.path.isfile(name):
+        return None
+    with open(name, "rb") as file:
+        return hash(file.read()), os.stat(name).st_mode
+
+
+def starts_that_fail():
+    other = path("other.db")
+    sql(other, "CREATE TABLE t (a)")
+    run(0, SERVICE, "import", "--database", path("newer.db"), DATA)
+    sql(path("newer.db"), "PRAGMA user_version = 99")
+    with open(path("newer.db"), "rb") as file:
+        torn = file.read()[:20000]
+    with open(path("torn.db"), "wb") as file:
+        file.write(torn)
+    for name, complaint in [(write("text", "not a database, but long enough to be one\n" * 200), "not a database"),
+                            (other, "another program"), (path("newer.db"), "newer version"),
+                            (path("torn.db"), "malformed"), (folder.name, "not a file"),
+                            (path("none/x.db"), "No such file")]:
+        before = content(name)
+        has(complaint, run(1, SERVICE, "--directory", folder.name, "--database", name), name)
+        check(before, content(name), name + " is left as it is")
+    for complaint, edit in [("apps[0].installations[0].uid: another app has", lambda d: d["apps"][0]["installations"][0].
+                             update(uid=d["apps"][1]["installations"][0]["uid"])),
+                            ("users[2]: the user is listed twice", lambda d: d["users"].append(100)),
+                            ("permissionGroups[1]: the group is listed", lambda d: d["permissionGroups"].insert(0, "SMS")
+                             or d["permissionGroups"].insert(1, "SMS")),
+                            ("the app holds the group already", lambda d: d["apps"][0]["installations"][0]["groups"].append(
+                                d["apps"][0]["installations"][0]["groups"][0])),
+                            ("the app is installed for the user already", lambda d: d["apps"][0]["installations"].append(
+                                dict(d["apps"][0]["installations"][0], uid=7))),
+                            ("is longer than 255 bytes", lambda d: d["apps"][0].update(bundleName="b" * 256)),
+                            ("gTokens[1]: a bundle is stored with another", lambda d: d["gTokens"].insert(
+                                1, dict(d["gTokens"][0], fingerprint="X"))),
+                            ("usageEvents[0].screen: expected one of", lambda d: d["usageEvents"][0].update(screen="off?")),
+                            ("is not among the shownStates", lambda d: d["apps"][0]["installations"][0]["groups"][0].update(
+                                checkedState="never"))]:
+        device = json.load(open(DATA, encoding="utf-8"))
+        edit(device)
+        said = run(1, SERVICE, "import", "--database", path("broken.db"), write("broken.json", json.dumps(device)))
+        if complaint.startswith("apps[0]"):
+            complaint = "another app has the uid"
+        has(complaint, said, "import")
+        check((0,), sql(path("broken.db"), "SELECT count(*) FROM user"), "what a bad import leaves behind")
+
+
+def feeding():
+    os.umask(0)
+    with Service("--database", database):
+        check(0o600, os.stat(database).st_mode & 0o777, "mode of the database")
+        check(0o600, os.stat(database + "-wal").st_mode & 0o777, "mode of its log")
+        has("another service uses", run(1, SERVICE, "--directory", folder.name, "--database", database), "a second one")
+        before = count()
+        line = json.dumps(EVENT)
+        text = "\n".join([line] * 1500 + [line.replace("allowed", "maybe"), line])
+        has("line 1501: mode: expected one of: allowed, denied; the first 1000 lines are stored",
+            run(1, SERVICE, "record", "--database", database, write("events", text)), "a bad line")
+        check(before + 1000, count(), "what came before its batch")
+        has("is longer than 65536", run(1, SERVICE, "record", "--database", database, "-", input="x" * 200000), "a long line")
+        has("line 2: is not JSON", run(1, SERVICE, "record", "--database", database, "-", input=line + "\n{,"), "not JSON")
+        # What is fed in is there at once, without an end of the input.
+        recorder = subprocess.Popen([SERVICE, "record", "--database", database, "-"], stdin=subprocess.PIPE, text=True)
+        recorder.stdin.write(line.replace("4000000000000", "4000000000001") + "\n")
+        recorder.stdin.flush()
+        while count() != before + 1001:
+            check(None, recorder.poll(), "the recorder waits for more")
+        newest = json.loads(ask(0, "--json", "usage", "timeline", "--newest-first", "--limit", "1"))
+        has("4000000000001", json.dumps(newest), "a recorded event")
+        recorder.communicate(line, timeout=WAIT)
+        check(before + 1002, count(), "the last line needs no end")
+        ask(0, "groups", "set", "com.example.camera", "LOCATION", "deny")
+        has("dropped 0 choices", run(0, SERVICE, "import", "--database", database, DATA), "import beside the service")
+        check(before + 1002, count(), "an import of what is there already")
+        # Somebody else holds the database: a change is refused, reading goes on.
+        holder = sqlite3.connect(database, isolation_level=None)
+        holder.execute("BEGIN IMMEDIATE")
+        has("NOT_SAVED", ask(1, "groups", "set", "com.example.camera", "LOCATION", "ask"), "a locked database")
+        has("deny", ask(0, "groups", "by-app", "com.example.camera", "--group", "LOCATION"), "reading meanwhile")
+        holder.execute("ROLLBACK")
+        holder.close()
+    with Service("--database", database, "--keep-usage", "1m"):
+        has("deny", ask(0, "groups", "by-app", "com.example.camera", "--group", "LOCATION"), "a restart")
+        while count() != 1002:
+            pass
+
+
+def watching():
+    with Service() as service:
+        ask(0, "groups", "by-app", "com.example.camera")
+        watcher, lines, status = watch()
+        check(["GET_APP_PERMISSION_GROUP_INFOS_BY_APP"], [request["name"] for request in status["requests"]], "status")
+        check((1, 0), (status["requests"][0]["count"], status["requests"][0]["errors"]), "its numbers")
+        slow = watch(reads=False)
+        client = subprocess.Popen([CLIENT, "--directory", folder.name, "groups", "by-app", "com.example.secret"],
+                                  stderr=subprocess.DEVNULL)
+        request = json.loads(lines.readline())
+        client.wait(WAIT)
+        check((os.geteuid(), client.pid, "GET_APP_PERMISSION_GROUP_INFOS_BY_APP", 1, 1002),
+              tuple(request[key] for key in ("uid", "pid", "name", "code", "status")), "a line")
+        check({"time", "uid", "pid", "name", "code", "bytesIn", "bytesOut", "status", "durationUs"}, set(request), "keys")
+        # A watcher that does not read loses lines and is told; the requests go on.
+        for _ in range(8):
+            ask(0, "ping", "--count", "1000")
+        lost = seen = 0
+        with slow.makefile("r") as text:
+            text.readline()
+            while lost + seen < 8001:
+                line = json.loads(text.readline())
+                lost += line.get("lost", 0)
+                seen += 0 if "lost" in line else 1
+        if lost == 0:
+            sys.exit("service_check: nothing was lost")
+        check(8001, lost + seen, "lines seen and lost")
+        if os.geteuid() == 0:
+            child = os.fork()
+            if child == 0:
+                os.setuid(65534)
+                try:
+                    watch(reads=False)
+                    os._exit(1)
+                except PermissionError:
+                    os._exit(0)
+            check(0, os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]), "another user is kept out")
+        service.process.send_signal(signal.SIGUSR1)
+        has("GET_PERMISSION_USAGE_RECORD_TIMELINE", service.process.stdout.readline(), "USR1")
+    lines.read()
+    check(False, os.path.exists(path("65993.status.sock")), "the socket is taken away")
+
+
+def under_the_init_system():
+    notified = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    notified.bind(path("notify"))
+    notified.settimeout(WAIT)
+    sockets = []
+    for name in ("65993.sock", "65993.status.sock"):
+        sockets.append(socket.socket(socket.AF_UNIX))
+        sockets[-1].bind(path(name))
+        sockets[-1].listen()
+
+    def hand_over():
+        # Beyond the numbers first, so that neither takes the other's place.
+        for place, number in enumerate([os.dup2(one.fileno(), 100 + index) for index, one in enumerate(sockets)]):
+            os.dup2(number, 3 + place)
+        os.environ.update(LISTEN_PID=str(os.getpid()), LISTEN_FDS="2", LISTEN_FDNAMES="requests:status",
+                          NOTIFY_SOCKET=path("notify"), WATCHDOG_USEC="3000000", WATCHDOG_PID=str(os.getpid()))
+        os.execv(SERVICE, [SERVICE, "--data", DATA, "--directory", folder.name])
+
+    out = os.pipe()
+    child = os.fork()
+    if child == 0:
+        os.dup2(out[1], 1)
+        hand_over()
+    os.close(out[1])
+    check(b"READY=1", notified.recv(100), "ready")
+    check(b"WATCHDOG=1", notified.recv(100), "its own request gets through")
+    check("GET_PERMISSION_USAGE_RECORD_TIMELINE", watch()[2]["requests"][0]["name"], "the status on a handed socket")
+    os.kill(child, signal.SIGTERM)
+    while notified.recv(100) != b"STOPPING=1":
+        pass
+    check(0, os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]), "its end")
+    check(True, os.path.exists(path("65993.status.sock")), "a handed socket stays")
+
+
+starts_that_fail()
+feeding()
+watching()
+under_the_init_system()
+print("the service keeps its word")

@@ -1,0 +1,226 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Workers put finished requests into a queue of fixed length and wake the thread, which makes lines of them and gives
+// each watcher what its socket and a buffer of fixed length take. Whatever does not fit is counted. So memory and the
+// time that a worker spends here are bounded, however slow a watcher is.
+#include "service/status_server.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <utility>
+
+#include "service/status.h"
+
+namespace SecurityPrivacyExample {
+namespace {
+
+constexpr size_t MAX_WATCHERS = 16;
+constexpr size_t MAX_FINISHED = 4096;
+constexpr size_t MAX_PENDING_BYTES = size_t{256} * 1024;
+constexpr int BACKLOG = 16;
+constexpr mode_t OWNER_ONLY = 0600;
+
+std::string LostLine(uint64_t count)
+{
+    return "{\"lost\":" + std::to_string(count) + "}\n";
+}
+
+bool MayWatch(int socket)
+{
+    ucred peer = {};
+    socklen_t size = sizeof(peer);
+    return ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
+           (peer.uid == 0 || peer.uid == ::geteuid());
+}
+
+}  // namespace
+
+StatusServer::~StatusServer()
+{
+    if (thread_.joinable()) {
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            isStopping_ = true;
+        }
+        Wake();
+        thread_.join();
+    }
+    for (const int descriptor : {listener_, wake_}) {
+        if (descriptor >= 0) {
+            ::close(descriptor);
+        }
+    }
+    if (!path_.empty()) {
+        ::unlink(path_.c_str());
+    }
+}
+
+bool StatusServer::Start(int listener, const std::string& path)
+{
+    listener_ = listener;
+    if ((listener_ < 0 && !Bind(path)) || ::fcntl(listener_, F_SETFL, O_NONBLOCK) != 0) {
+        return false;
+    }
+    wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wake_ < 0) {
+        return false;
+    }
+    finished_.reserve(MAX_FINISHED);
+    thread_ = std::thread(&StatusServer::Run, this);
+    return true;
+}
+
+bool StatusServer::Bind(const std::string& path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path)) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    path.copy(address.sun_path, path.size());
+    listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // Whoever serves the requests owns the name: what is in its place was left behind. The mode is set before anybody
+    // can see the file.
+    if (listener_ < 0 || ::fchmod(listener_, OWNER_ONLY) != 0 || (::unlink(path.c_str()) != 0 && errno != ENOENT) ||
+        ::bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        return false;
+    }
+    path_ = path;
+    return ::listen(listener_, BACKLOG) == 0;
+}
+
+void StatusServer::Tell(const VARN::Host::Transaction& transaction) noexcept
+{
+    if (!isWatched_.load(std::memory_order_relaxed)) {
+        return;
+    }
+    const int64_t time = Now();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (finished_.size() == MAX_FINISHED) {
+        ++lost_;
+        return;
+    }
+    finished_.push_back({time, transaction});
+    if (finished_.size() == 1) {
+        Wake();
+    }
+}
+
+void StatusServer::Wake()
+{
+    ::eventfd_write(wake_, 1);
+}
+
+void StatusServer::Run()
+{
+    for (;;) {
+        std::vector<pollfd> polled{{wake_, POLLIN, 0}, {listener_, POLLIN, 0}};
+        for (const Watcher& watcher : watchers_) {
+            polled.push_back({watcher.socket, static_cast<short>(watcher.pending.empty() ? 0 : POLLOUT), 0});
+        }
+        ::poll(polled.data(), polled.size(), -1);
+        eventfd_t woken = 0;
+        ::eventfd_read(wake_, &woken);
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            if (isStopping_) {
+                break;
+            }
+        }
+        PassOn();
+        for (size_t index = watchers_.size(); index > 0; --index) {
+            const bool hasHungUp = (polled[index + 1].revents & (POLLHUP | POLLERR)) != 0;
+            if (hasHungUp || !Flush(watchers_[index - 1])) {
+                ::close(watchers_[index - 1].socket);
+                watchers_.erase(watchers_.begin() + static_cast<std::ptrdiff_t>(index - 1));
+            }
+        }
+        if (polled[1].revents != 0) {
+            Accept();
+        }
+        isWatched_ = !watchers_.empty();
+    }
+    for (const Watcher& watcher : watchers_) {
+        ::close(watcher.socket);
+    }
+}
+
+void StatusServer::Accept()
+{
+    const int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (socket < 0) {
+        // Out of descriptors, perhaps: the connection stays where it is, and must not keep this thread busy.
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        return;
+    }
+    if (watchers_.size() == MAX_WATCHERS || !MayWatch(socket)) {
+        ::close(socket);
+        return;
+    }
+    // Nothing that it sends is ever taken in.
+    ::shutdown(socket, SHUT_RD);
+    watchers_.push_back({socket, status_() + "\n", 0});
+}
+
+void StatusServer::PassOn()
+{
+    std::vector<Finished> finished;
+    finished.reserve(MAX_FINISHED);
+    uint64_t lost = 0;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        finished.swap(finished_);
+        std::swap(lost, lost_);
+    }
+    for (const Finished& request : finished) {
+        const std::string line = Status::Line(request.time, request.transaction) + "\n";
+        for (Watcher& watcher : watchers_) {
+            Offer(watcher, line);
+        }
+    }
+    for (Watcher& watcher : watchers_) {
+        watcher.lost += lost;
+    }
+}
+
+void StatusServer::Offer(Watcher& watcher, const std::string& line)
+{
+    if (watcher.pending.size() + line.size() > MAX_PENDING_BYTES) {
+        ++watcher.lost;
+        return;
+    }
+    if (watcher.lost != 0) {
+        watcher.pending += LostLine(std::exchange(watcher.lost, 0));
+    }
+    watcher.pending += line;
+}
+
+bool StatusServer::Flush(Watcher& watcher)
+{
+    for (;;) {
+        if (watcher.pending.empty() && watcher.lost != 0) {
+            watcher.pending = LostLine(std::exchange(watcher.lost, 0));
+        }
+        if (watcher.pending.empty()) {
+            return true;
+        }
+        const ssize_t sent =
+            ::send(watcher.socket, watcher.pending.data(), watcher.pending.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0) {
+            return errno == EAGAIN || errno == EINTR;
+        }
+        watcher.pending.erase(0, static_cast<size_t>(sent));
+    }
+}
+
+}  // namespace SecurityPrivacyExample
