@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cstdint>
 #include <iterator>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -35,25 +34,6 @@ TEST(ConformanceTest, EveryRequestReachesTheService)
     for (const FakeServiceManager::Lookup& lookup : fake.Manager().Lookups()) {
         EXPECT_EQ(65993, lookup.systemAbilityId);
         EXPECT_EQ(4, lookup.timeoutSeconds);
-    }
-}
-
-TEST(ConformanceTest, FailuresKeepTheirResults)
-{
-    const FakeServiceScope fake;
-    for (const uint32_t code : CODES) {
-        SCOPED_TRACE(code);
-        const auto request = [code] { return CallOperation(Client(), code).result; };
-        fake.Manager().SetPresence(FakePresence::ABSENT);
-        EXPECT_EQ(0, request());
-        fake.Manager().SetPresence(FakePresence::DYING);
-        EXPECT_EQ(-1, request());
-        fake.Manager().SetPresence(FakePresence::HERE);
-        fake.Service().SetRefused({code});
-        EXPECT_EQ(-1, request());
-        fake.Service().SetRefused({});
-        fake.Service().SetResponder(code, [](const FakeCall&) -> FakeAnswer { throw std::runtime_error("broken"); });
-        EXPECT_EQ(-1, request()) << "an exception must not leave the platform";
     }
 }
 

@@ -45,12 +45,14 @@ public:
             case RUN_OUT_OF_MEMORY:
                 throw std::bad_alloc();
             default:
+                entered.set_value();
                 release.get_future().wait();
                 return reply.WriteString("too late") ? 0 : IPC_NO_MEMORY;
         }
     }
 
     std::atomic<int> executions{0};
+    std::promise<void> entered;
     std::promise<void> release;
 };
 
@@ -103,6 +105,7 @@ TEST_F(TransportTest, LookupWaitsForAServiceThatIsLate)
     auto late = std::async(std::launch::async, [] { return Find(OTHER_ID, 30); });
     EXPECT_EQ(std::future_status::timeout, late.wait_for(200ms)) << "it gave up before its time";
     ASSERT_TRUE(Serve(OTHER_ID, actor));
+    EXPECT_EQ(std::future_status::ready, late.wait_for(10s)) << "nobody told it";
     const sptr<IRemoteObject> found = late.get();
     ASSERT_NE(nullptr, found);
     EXPECT_EQ("hello", Ask(found, ECHO, "hello").text);
@@ -121,6 +124,19 @@ TEST_F(TransportTest, ServiceThatHasGoneFailsRequestsAndIsFoundAgainWhenItIsBack
     const sptr<IRemoteObject> found = Find(ID, 8);
     ASSERT_NE(nullptr, found);
     EXPECT_EQ("back", Ask(found, ECHO, "back").text);
+}
+
+TEST_F(TransportTest, EndOfAServiceWaitsForTheRequestThatIsRunningAndEndsAll)
+{
+    auto sender = std::async(std::launch::async, [this] { return Ask(object, WAIT, "", 60); });
+    ASSERT_EQ(std::future_status::ready, actor->entered.get_future().wait_for(10s));
+    auto waiting = std::async(std::launch::async, [this] { return Ask(object, ECHO, "", 60); });
+    auto end = std::async(std::launch::async, [] { StopServing(ID); });
+    EXPECT_EQ(std::future_status::timeout, end.wait_for(200ms)) << "an operation is still running";
+    actor->release.set_value();
+    EXPECT_EQ(std::future_status::ready, end.wait_for(10s));
+    EXPECT_EQ(std::future_status::ready, sender.wait_for(10s));
+    EXPECT_EQ(std::future_status::ready, waiting.wait_for(10s));
 }
 
 TEST_F(TransportTest, BodiesArriveWholeAndInTheirOrder)
