@@ -27,6 +27,8 @@ offers "allowed denied" usage timeline --mode ""
 offers "--directory" usage timeline --bundle x --dir
 offers "background" usage timeline --app-state = b
 cd "$2"
+offers "" usage timeline --bundle ""
+offers "--count --compact" ping --c
 offers "security-privacy-cli.bash" gtoken add --from secu
 [[ $(complete -p security-privacy-cli) == *_security_privacy_cli* ]]
 
@@ -34,5 +36,5 @@ if command -v zsh >/dev/null; then
     # shellcheck disable=SC2016
     offered=$(zsh -fc '_describe() { print -r -- "${(P@)2}" }; words=(security-privacy-cli usage timeline --app-state "")
         CURRENT=5; source "$1"' zsh "$2/_security-privacy-cli")
-    [[ $offered == "foreground: background:" ]] || { echo "completion: zsh offers '$offered'" >&2; exit 1; }
+    [[ $offered == "foreground background" ]] || { echo "completion: zsh offers '$offered'" >&2; exit 1; }
 fi

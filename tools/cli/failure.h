@@ -19,24 +19,16 @@ enum ExitCode : int {
 };
 
 // Ends the command: main prints the message and returns the exit code.
-class Failure : public std::runtime_error {
-public:
-    Failure(ExitCode exitCode, const std::string& message) : Failure(exitCode, 0, "", message) {}
-
-    // With the number that came back, and its name where it has one.
-    Failure(ExitCode exitCode, int32_t code, std::string name, const std::string& message)
-        : std::runtime_error(message), exitCode_(exitCode), code_(code), name_(std::move(name))
+struct Failure : std::runtime_error {
+    // `code` is the number that came back, `name` its name where it has one.
+    Failure(ExitCode failureExit, const std::string& message, int32_t failureCode = 0, std::string failureName = "")
+        : std::runtime_error(message), exitCode(failureExit), code(failureCode), name(std::move(failureName))
     {
     }
 
-    ExitCode GetExitCode() const { return exitCode_; }
-    int32_t GetCode() const { return code_; }
-    const std::string& GetName() const { return name_; }
-
-private:
-    ExitCode exitCode_;
-    int32_t code_;
-    std::string name_;
+    ExitCode exitCode;
+    int32_t code;
+    std::string name;
 };
 
 }  // namespace SecurityPrivacyExample

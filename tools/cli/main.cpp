@@ -3,7 +3,6 @@
 #include <clocale>
 #include <cstdio>
 #include <exception>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -22,26 +21,11 @@ using namespace SecurityPrivacyExample;
 
 constexpr int32_t MAX_WAIT_SECONDS = 600;
 
-// Tells in the manual of each command where the common options are.
-class ManualFormatter final : public CLI::Formatter {
-public:
-    std::string make_footer(const CLI::App* app) const override
-    {
-        const bool isCommand = app->get_parent() != nullptr;
-        return (isCommand
-                    ? "\nCommon options (--json, --compact, --directory, --wait, --verbose), the forms of TIME and "
-                      "exit codes:\n  security-privacy-cli --help\n"
-                    : "") +
-               CLI::Formatter::make_footer(app);
-    }
-};
-
 std::string Manual()
 {
     std::string manual =
-        "\nTIME is local: 2026-11-20, 2026-11-20T10:00, today, 10:00 (of today), or with an offset, Z or +01:00, "
-        "behind\n"
-        "it; 2h, 7d, 1d12h (so long ago); @SECONDS or milliseconds since 1970. A span ends before its end.\n"
+        "\nTIME is local: 2026-11-20, 2026-11-20T10:00, today, 10:00 (of today); or with an offset behind it, Z or\n"
+        "+01:00; or 2h, 7d, 1d12h (so long ago), @SECONDS or milliseconds since 1970. A span ends before its end.\n"
         "\nExit codes:\n"
         "  0  the service did what was asked\n"
         "  1  the service answered with a result code, see below\n"
@@ -61,17 +45,25 @@ std::string Manual()
            "  security-privacy-cli usage timeline --since 2d --chart\n";
 }
 
+// Tells in the manual of each command where the common options are.
+void AddFooters(CLI::App& app)
+{
+    for (CLI::App* command : app.get_subcommands(nullptr)) {
+        command->footer(
+            "\nCommon options (--json, --compact, --directory, --wait, --verbose), TIME and exit codes:\n"
+            "  security-privacy-cli --help\n" +
+            command->get_footer());
+        AddFooters(*command);
+    }
+}
+
 void AddCommonOptions(CLI::App& app, Program& program)
 {
     app.set_help_flag("-h,--help", "Print this and exit; every command has its own");
     app.set_version_flag("--version", "security-privacy-cli " SECURITY_PRIVACY_VERSION, "Print the version and exit");
     app.add_flag("--json", program.output.isJson, "Print JSON in place of tables; a failure is an object \"error\"");
-    app.add_flag_callback(
-        "--compact",
-        [&program] {
-            program.output = {true, true};
-        },
-        "Print JSON without line breaks");
+    const auto setCompact = [&program] { program.output = {true, true}; };
+    app.add_flag_callback("--compact", setCompact, "Print JSON without line breaks");
     app.add_flag("-v,--verbose", program.service.isVerbose,
                  "Show the log lines of library and platform on standard error");
     AddOption(app, "--directory", program.service.directory, "FOLDER",
@@ -110,13 +102,13 @@ int Report(const Program& program, const Failure& failure)
     std::fprintf(stderr, "security-privacy-cli: %s\n", message.c_str());
     if (program.output.isJson) {
         PrintJson(program.output, {{"error",
-                                    {{"exitCode", static_cast<int>(failure.GetExitCode())},
-                                     {"code", failure.GetCode()},
-                                     {"name", failure.GetName()},
+                                    {{"exitCode", static_cast<int>(failure.exitCode)},
+                                     {"code", failure.code},
+                                     {"name", failure.name},
                                      {"message", message}}}});
         std::fflush(stdout);
     }
-    return failure.GetExitCode();
+    return failure.exitCode;
 }
 
 // Reads the command line and runs its command. Throws Failure.
@@ -154,7 +146,6 @@ int main(int argc, char** argv)
         CLI::App app(
             "Asks the security-privacy service: permission groups of apps, what was used when, GToken policies.",
             "security-privacy-cli");
-        app.formatter(std::make_shared<ManualFormatter>());
         app.get_formatter()->column_width(34);
         app.require_subcommand(1);
         // Common options may stand behind the command as well.
@@ -164,12 +155,9 @@ int main(int argc, char** argv)
         AddUsageCommands(app, program);
         AddGTokenCommands(app, program);
         AddServiceCommands(app, program);
+        AddFooters(app);
         app.footer(Manual());
         const std::vector<std::string> words(argv + 1, argv + argc);
-        if (words.size() > 1 && words[0] == "complete" && words[1] == "--") {
-            PrintCompletions(app, {words.begin() + 2, words.end()});
-            return EXIT_OK;
-        }
         return Run(app, program, words);
     } catch (const Failure& failure) {
         return Report(program, failure);

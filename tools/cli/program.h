@@ -29,10 +29,6 @@ void AddUsageCommands(CLI::App& app, const Program& program);
 void AddGTokenCommands(CLI::App& app, const Program& program);
 void AddServiceCommands(CLI::App& app, const Program& program);
 
-// Prints what may stand behind `words`, the command line up to and including the word that is being typed, one a line:
-// the word, a tab, its description. A line "@file" stands for the name of a file. For the shells' completion.
-void PrintCompletions(CLI::App& app, const std::vector<std::string>& words);
-
 // Adds a command that runs `run` with options of its own, which live as long as the parser.
 template <class Options>
 std::pair<CLI::App*, Options*> AddCommand(CLI::App& parent, const Program& program, const char* name,
@@ -44,9 +40,9 @@ std::pair<CLI::App*, Options*> AddCommand(CLI::App& parent, const Program& progr
     return {command, options.get()};
 }
 
-// Adds an option, or with a name in capitals an argument that has to be there. `text` says what its value is:
-// completion offers the words of "a|b", and files for FILE and FOLDER. One that may be repeated takes one value each
-// time, so that it never swallows what follows.
+// Adds an option, or with a name in capitals an argument that has to be there. `text` says what its value is: where
+// that is "a|b", FILE or FOLDER, shells offer it. One that may be repeated takes one value each time, so that it never
+// swallows what follows.
 template <class T>
 CLI::Option* AddOption(CLI::App& command, const char* name, T& value, const char* text, const std::string& description)
 {

@@ -10,6 +10,7 @@
 #include "common/result_codes.h"
 #include "security_privacy/contract.h"
 #include "varn/host/log_sink.h"
+#include "varn/log.h"
 #include "varn/remote_broker.h"
 #include "varn/remote_object.h"
 #include "varn/system_ability_manager.h"
@@ -25,8 +26,6 @@ using SecurityPrivacyService = RemoteService::Interface;
 constexpr const char* DIRECTORY_VARIABLE = "VARN_ABILITY_DIR";
 // At most so long is an answer without records: its result and their number.
 constexpr size_t EMPTY_LIST_BYTES = 12;
-constexpr int DEBUG_LEVEL = 3;
-constexpr int WARN_LEVEL = 5;
 
 // Why a call with such a status failed; null for a status that is the service's own result.
 const char* Describe(int32_t status)
@@ -63,8 +62,8 @@ Failure ServiceResult(int32_t code)
     const char* name = ResultCodeName(code);
     const std::string what = name != nullptr ? std::string(name) + ": " + ResultCodeMeaning(code)
                                              : "which is no code that this program knows";
-    return Failure(EXIT_SERVICE_RESULT, code, name != nullptr ? name : "",
-                   "the service answered " + std::to_string(code) + ", " + what);
+    return Failure(EXIT_SERVICE_RESULT, "the service answered " + std::to_string(code) + ", " + what, code,
+                   name != nullptr ? name : "");
 }
 
 }  // namespace
@@ -106,7 +105,7 @@ RemoteService::RemoteService(const ServiceOptions& options) : isVerbose_(options
     if (!options.directory.empty()) {
         ::setenv(DIRECTORY_VARIABLE, options.directory.c_str(), 1);
     }
-    VARN::Host::SetLogLevel(isVerbose_ ? DEBUG_LEVEL : WARN_LEVEL);
+    VARN::Host::SetLogLevel(isVerbose_ ? VARN::LOG_LEVEL_DEBUG : VARN::LOG_LEVEL_WARN);
     if (!isVerbose_) {
         VARN::Host::SetLogSink([this](const VARN::Host::LogLine& line) {
             // The library's lines follow from the platform's, which say what really happened.
@@ -144,16 +143,17 @@ void RemoteService::CheckAnswer() const
     }
     if (call_.status == Contract::STATUS_REFUSED) {
         const uid_t uid = ::geteuid();
-        throw Failure(EXIT_REFUSED, call_.status, "",
-                      "the service refused the request: user id " + std::to_string(uid) + " may not do this\n" +
-                          (uid == 0 ? "It is read-only, or lets other users alone make changes."
-                                    : "Try again as root or as the service's own user, unless the service is "
-                                      "read-only."));
+        const char* hint = uid == 0
+                               ? "It is read-only, or lets other users alone make changes."
+                               : "Try again as root or as the service's own user, unless the service is read-only.";
+        throw Failure(EXIT_REFUSED,
+                      "the service refused the request: user id " + std::to_string(uid) + " may not do this\n" + hint,
+                      call_.status);
     }
     if (const char* reason = Describe(call_.status)) {
         const std::string line = call_.status < 0 ? "\n" + Reason() : "";
-        throw Failure(EXIT_BROKEN, call_.status, "",
-                      std::string(reason) + " (status " + std::to_string(call_.status) + ")" + line);
+        throw Failure(EXIT_BROKEN, std::string(reason) + " (status " + std::to_string(call_.status) + ")" + line,
+                      call_.status);
     }
 }
 

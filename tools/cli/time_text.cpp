@@ -6,6 +6,7 @@
 #include <charconv>
 #include <chrono>
 #include <ctime>
+#include <string_view>
 
 namespace SecurityPrivacyExample {
 namespace {
@@ -27,20 +28,10 @@ std::optional<int64_t> ParseNumber(const char*& position, const char* end)
 
 int64_t UnitLength(char unit)
 {
-    switch (unit) {
-        case 's':
-            return SECOND;
-        case 'm':
-            return MINUTE;
-        case 'h':
-            return HOUR;
-        case 'd':
-            return DAY;
-        case 'w':
-            return WEEK;
-        default:
-            return 0;
-    }
+    constexpr std::string_view UNITS = "smhdw";
+    constexpr int64_t LENGTHS[] = {SECOND, MINUTE, HOUR, DAY, WEEK};
+    const size_t index = UNITS.find(unit);
+    return index != std::string_view::npos ? LENGTHS[index] : 0;
 }
 
 // "1d12h" or nothing.
