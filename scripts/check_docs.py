@@ -31,6 +31,7 @@ PREAMBLE = """
 #include <cstdio>
 #include <string>
 #include <vector>
+#include "security_privacy/connect.h"
 #include "security_privacy/security_privacy_client.h"
 #include "security_privacy/security_privacy_service_stub.h"
 #include "security_privacy/testing/fake_service.h"

@@ -18,18 +18,12 @@
 
 #include "host/base/process.h"
 #include "host/base/thread_safety.h"
+#include "host/base/unix_socket.h"
 #include "platform_log.h"
 
 namespace VARN::Host {
 
 namespace {
-
-#if defined(SO_PASSRIGHTS)
-constexpr int PASS_RIGHTS = SO_PASSRIGHTS;
-#else
-// The kernel may know it although the headers do not. On the few architectures with numbers of their own it is unknown.
-constexpr int PASS_RIGHTS = 83;
-#endif
 
 // Closes one socket after the other on a thread that ends when there are no more. Nobody waits for it, not even the end
 // of the server: the process's own end closes what is left without waiting.
