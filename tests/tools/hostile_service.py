@@ -28,9 +28,9 @@ COMMANDS = [["groups", "by-app", "b"], ["groups", "by-permission", "G"], ["group
             ["usage", "summary"], USAGE, [*USAGE, "--chart"], ["ping"], ["gtoken", "get", "p", "b"],
             ["gtoken", "remove", "b"], ["gtoken", "add", "--bundle", "b", "--fingerprint", "f", "--policy", "p=1"]]
 STATUSES = [1, 4, 5, 401, 1002, 77, -2, -3, -4, -5, -6, -7, -8, -2**31, 2**31 - 1]
-TEXTS = [b"", b"com.example.a", b"\x1b[2J\x1b]0;x\x07", b"\x7f\r\n\t\0", b"\xc2\x9b31m", b"\xe2\x80\xae\xe2\x81\xa6\xd8\x9c",
-         b"\xe2\x80\xa8\xe2\x80\xa9", b"\xff\xfe\xc3", b"\xed\xa0\x80\xf4\x90\x80\x80\xc0\xaf", "漢字e\u0301".encode(),
-         b"x" * 5000, b"\x9b" * 300]
+TEXTS = [b"", b"com.example.a", b"\x1b[2J\x1b]0;x\x07", b"\x7f\r\n\t\0", b"\xc2\x9b31m",
+         b"\xe2\x80\xae\xe2\x81\xa6\xd8\x9c", b"\xe2\x80\xa8\xe2\x80\xa9", b"\xff\xfe\xc3",
+         b"\xed\xa0\x80\xf4\x90\x80\x80\xc0\xaf", "漢字e\u0301".encode(), b"x" * 5000, b"\x9b" * 300]
 NUMBERS = [0, 1, -1, 2**31 - 1, -2**31]
 LONGS = NUMBERS + [2**63 - 1, -2**63, 1795197600000, 253402300799999]
 # What a terminal or a bidirectional text obeys; a newline is the client's own.
@@ -141,16 +141,19 @@ def main():
                     run(client, folder, words + form, f"seed {seed}, {words + form}")
 
         status = struct.pack("=i", 0)
-        empty_group = struct.pack("=i", 1) + text(b"") + struct.pack("=i", 0) + text(b"") * 2 + bytes(8) + text(b"") + bytes(8)
+        empty_group = (struct.pack("=i", 1) + text(b"") + struct.pack("=i", 0) + text(b"") * 2 + bytes(8) + text(b"") +
+                       bytes(8))
         empty_use = struct.pack("=i", 1) + text(b"") + struct.pack("=i", 0) + text(b"") + bytes(32)
         empty_row = struct.pack("=i", 1) + text(b"") * 2 + bytes(16)
         long_use = struct.pack("=i", 1) + text(b"n" * 100000) + struct.pack("=i", 0) + text(b"") + bytes(32)
+        uneven = HEADER.pack(MAGIC, 1, 2, 5, 0, 8 + len(long_use) + 9999 * len(empty_use)) + status
+        uneven += struct.pack("=i", 10000) + long_use + 9999 * empty_use
         cases = [(["groups", "by-app", "b"], lambda code: reply(code, status, 10000, empty_group)),
                  (USAGE, lambda code: reply(code, status, 10000, empty_use)),
                  ([*USAGE, "--chart"], lambda code: reply(code, status, 10000, empty_use)),
-                 (USAGE, lambda code: HEADER.pack(MAGIC, 1, 2, code, 0, 8 + len(long_use) + 9999 * len(empty_use)) + status +
-                  struct.pack("=i", 10000) + long_use + 9999 * empty_use),
-                 (["gtoken", "get", "p", "b"], lambda code: reply(code, bytes(8), 34 * MIB // len(empty_row), empty_row)),
+                 (USAGE, lambda code: uneven),
+                 (["gtoken", "get", "p", "b"],
+                  lambda code: reply(code, bytes(8), 34 * MIB // len(empty_row), empty_row)),
                  (["groups", "by-app", "b", "--json"], lambda code: reply(code, status, 10001, empty_group)),
                  (["usage", "summary"], lambda code: reply(code, status, 10001, empty_use))]
         for words, make in cases:
