@@ -11,6 +11,7 @@ constexpr int COMES_SHORT = -1;  // not a failure: one byte at the most is recei
 struct Fault {
     const char* call;  // a function of the C library, or "new" for the form that does not throw
     int error;         // an errno or COMES_SHORT
+    int fatalTimes;    // from the next time on nothing is lost by it, so nothing may fail
 };
 
 void Arm(const Fault& fault, int number);
