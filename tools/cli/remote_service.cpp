@@ -4,16 +4,17 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <new>
 #include <utility>
 
 #include "cli/failure.h"
 #include "common/result_codes.h"
+#include "security_privacy/connect.h"
 #include "security_privacy/contract.h"
 #include "varn/host/log_sink.h"
 #include "varn/log.h"
 #include "varn/remote_broker.h"
 #include "varn/remote_object.h"
-#include "varn/system_ability_manager.h"
 
 namespace SecurityPrivacyExample {
 namespace {
@@ -115,23 +116,22 @@ RemoteService::RemoteService(const ServiceOptions& options) : isVerbose_(options
         });
     }
     const auto start = steady_clock::now();
-    const auto manager = VARN::SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
-    const VARN::sptr<VARN::IRemoteObject> object =
-        manager->LoadSystemAbility(Contract::SECURITY_PRIVACY_SA_ID, options.waitSeconds);
+    const Contract::ConnectResult found = Contract::Connect(options.waitSeconds);
     finding_ = steady_clock::now() - start;
-    if (object == nullptr) {
-        const std::string reason = Reason();
-        VARN::Host::SetLogSink(nullptr);
-        throw Failure(EXIT_UNREACHABLE, "cannot reach the service: " + reason +
+    if (found.service == nullptr) {
+        throw Failure(EXIT_UNREACHABLE, "cannot reach the service: " + Reason() +
                                             "\nStart security-privacy-service, or name the folder of its socket with "
                                             "--directory.");
     }
-    const auto broker = VARN::BrokerRegistration::Get().NewInstance(SecurityPrivacyService::GetDescriptor(),
-                                                                    new WatchedObject(call_, object));
+    const auto broker = VARN::BrokerRegistration::Get().NewInstance(
+        SecurityPrivacyService::GetDescriptor(), new WatchedObject(call_, found.service->AsObject()));
     service_ = dynamic_cast<SecurityPrivacyService*>(broker.Get());
+    if (service_ == nullptr) {
+        throw std::bad_alloc();
+    }
 }
 
-RemoteService::~RemoteService()
+RemoteService::SinkReset::~SinkReset()
 {
     VARN::Host::SetLogSink(nullptr);
 }

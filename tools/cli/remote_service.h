@@ -41,7 +41,6 @@ public:
 
     // Throws Failure when the service is not found within the time.
     explicit RemoteService(const ServiceOptions& options);
-    ~RemoteService();
 
     RemoteService(const RemoteService&) = delete;
     RemoteService& operator=(const RemoteService&) = delete;
@@ -59,7 +58,7 @@ public:
         CheckRecords(records.size());
     }
 
-    // The same without a look at the result: only whether there was an answer.
+    // Throws Failure unless there was an answer, whatever it says.
     void CheckAnswer() const;
 
     const Call& LastCall() const { return call_; }
@@ -67,12 +66,16 @@ public:
 
 private:
     class WatchedObject;
+    struct SinkReset {
+        ~SinkReset();
+    };
 
     void CheckRecords(size_t count) const;
     std::string Reason() const;
 
     const bool isVerbose_;
     std::string lastLine_;
+    SinkReset sinkReset_;  // after what the sink writes to, so that it goes first
     std::chrono::nanoseconds finding_{0};
     Call call_;
     VARN::sptr<Interface> service_;
