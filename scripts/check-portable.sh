@@ -31,10 +31,39 @@ kit()
 }
 kit "$build" -DSECURITY_PRIVACY_PLATFORM=portable_platform -Dportable_platform_DIR="$PWD/tests/porting/portable_platform"
 
-rm -rf "$build-port/installed"
-cmake -S examples/port -B "$build-port" -DCMAKE_BUILD_TYPE=Debug -DCMAKE_INSTALL_PREFIX="$PWD/$build-port/installed" \
-    -DCMAKE_CXX_FLAGS="-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror"
-cmake --build "$build-port"
-cmake --install "$build-port"
-kit "$build-port/kit" -DSECURITY_PRIVACY_PLATFORM=smallest_port -DCMAKE_PREFIX_PATH="$PWD/$build-port/installed" \
+# port: builds a copy of the smallest port and installs it where the kit looks for it.
+port()
+{
+    cmake -S "$build-port/source" -B "$build-port" -DTREE="$PWD" -DCMAKE_BUILD_TYPE=Debug \
+        -DCMAKE_INSTALL_PREFIX="$PWD/$build-port/installed" \
+        -DCMAKE_CXX_FLAGS="-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -Wno-unused-parameter"
+    cmake --build "$build-port"
+    cmake --install "$build-port"
+}
+mkdir -p "$build-port"
+rm -rf "$build-port/source"
+cp -r examples/port "$build-port/source"
+port
+kit "$build-port-kit" -DSECURITY_PRIVACY_PLATFORM=smallest_port -DCMAKE_PREFIX_PATH="$PWD/$build-port/installed" \
     -DPORT="$PWD/examples/port/kit.cpp"
+
+# Whether the kit can fail: what is broken in the port, how, and the test that has to see it.
+while IFS='|' read -r what edit test; do
+    sed -e "$edit" examples/port/smallest_port.cpp >"$build-port/source/smallest_port.cpp"
+    if cmp -s examples/port/smallest_port.cpp "$build-port/source/smallest_port.cpp"; then
+        echo "check-portable: nothing to break with $edit" >&2
+        exit 1
+    fi
+    port >"$build-port/log" 2>&1 || { cat "$build-port/log" >&2; exit 1; }
+    report=$("$build-port-kit/conformance_test" --gtest_filter="TransportTest.$test*" 2>/dev/null || true)
+    if ! grep -q "FAILED.*TransportTest.$test" <<<"$report"; then
+        printf '%s\ncheck-portable: the kit does not notice a port that %s\n' "$report" "$what" >&2
+        exit 1
+    fi
+    echo "check-portable: a port that $what fails the kit"
+done <<'END'
+finds nothing|s/return sptr<IRemoteObject>(found ?/return sptr<IRemoteObject>(false \&\& found ?/|LookupGivesUp
+does not wait for a service|s/seconds(timeoutSeconds)/seconds(0)/|LookupGivesUp
+loses statuses|s/[*]request->status :/0 :/|Statuses
+ignores the wait time|s/seconds(option.GetWaitTime())/seconds(8)/|WaitTime
+END

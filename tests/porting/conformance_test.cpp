@@ -1,43 +1,213 @@
 // SPDX-License-Identifier: Apache-2.0
+// What a port has to do, through the seam and port.h alone.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdint>
-#include <iterator>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <new>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "porting/port.h"
 #include "security_privacy/security_privacy_client.h"
 #include "security_privacy/testing/fake_service.h"
 #include "support/call_operation.h"
 #include "varn/log.h"
 
-// The library at work on whatever platform it was built on, with client and service in one process.
-namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+namespace VARN::Porting {
 namespace {
+
+using namespace AppSecurityPrivacy::SecurityPrivacyServer;
+using namespace AppSecurityPrivacy::SecurityPrivacyServer::Testing;
+using namespace std::chrono_literals;
+
+constexpr auto READY = std::future_status::ready;
+constexpr auto TIMEOUT = std::future_status::timeout;
+constexpr int32_t ID = 4711;
+constexpr int32_t OTHER_ID = 4712;
+enum Code : uint32_t { ECHO, STATUS, THROW, RUN_OUT_OF_MEMORY, WAIT };
+
+// Does what the code of a request says.
+class Actor final : public IPCObjectStub {
+public:
+    int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
+                            MessageOption& /*option*/) override
+    {
+        ++executions;
+        switch (code) {
+            case STATUS:
+                return std::stoi(data.ReadString());
+            case THROW:
+                throw std::runtime_error("broken");
+            case RUN_OUT_OF_MEMORY:
+                throw std::bad_alloc();
+            case WAIT:
+                entered.set_value();
+                release.get_future().wait();
+                break;
+            default:
+                break;
+        }
+        return reply.WriteString(data.ReadString()) ? 0 : IPC_NO_MEMORY;
+    }
+
+    std::atomic<int> executions{0};
+    std::promise<void> entered;
+    std::promise<void> release;
+};
+
+// Four threads of a hundred requests each.
+void InThreads(const std::function<void(int thread, int request)>& send)
+{
+    std::vector<std::future<void>> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+        threads.push_back(std::async(std::launch::async, [&send, thread] {
+            for (int request = 0; request < 100; ++request) {
+                send(thread, request);
+            }
+        }));
+    }
+}
+
+class TransportTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(Serve(ID, actor));
+        object = Find(ID, 8);
+        ASSERT_NE(nullptr, object);
+    }
+    void TearDown() override { StopServing(ID); }
+
+    static sptr<IRemoteObject> Find(int32_t id, int32_t timeoutSeconds)
+    {
+        return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager()->LoadSystemAbility(id,
+                                                                                                      timeoutSeconds);
+    }
+    int32_t Status(uint32_t code, const std::string& text = {}, int32_t waitTimeSeconds = 60)
+    {
+        MessageParcel data;
+        MessageParcel reply;
+        MessageOption option(MessageOption::TF_SYNC, waitTimeSeconds);
+        EXPECT_TRUE(data.WriteString(text));
+        const int32_t status = object->SendRequest(code, data, reply, option);
+        if (code == ECHO && status == 0) {
+            EXPECT_TRUE(text == reply.ReadString()) << text.size() << " bytes";
+        }
+        return status;
+    }
+
+    const sptr<Actor> actor{new Actor()};
+    sptr<IRemoteObject> object;
+};
+
+TEST_F(TransportTest, LookupGivesUpWhenItsTimeIsOverAndWaitsUntilThen)
+{
+    const auto began = std::chrono::steady_clock::now();
+    EXPECT_EQ(nullptr, Find(OTHER_ID, 0));
+    EXPECT_EQ(nullptr, Find(OTHER_ID, 1));
+    EXPECT_LT(std::chrono::steady_clock::now() - began, 6s);
+    auto late = std::async(std::launch::async, [] { return Find(OTHER_ID, 30); });
+    EXPECT_EQ(TIMEOUT, late.wait_for(200ms)) << "it gave up before its time";
+    ASSERT_TRUE(Serve(OTHER_ID, actor));
+    EXPECT_EQ(READY, late.wait_for(10s)) << "nobody told it";
+    EXPECT_NE(nullptr, late.get());
+    StopServing(OTHER_ID);
+}
+
+TEST_F(TransportTest, ServiceThatHasGoneFailsRequestsAndIsFoundAgainWhenItIsBack)
+{
+    EXPECT_FALSE(object->IsObjectDead());
+    EXPECT_EQ(0, Status(ECHO));
+    StopServing(ID);
+    EXPECT_NE(0, Status(ECHO));
+    EXPECT_EQ(1, actor->executions);
+    EXPECT_EQ(nullptr, Find(ID, 0));
+    EXPECT_EQ(1, actor->StrongCount()) << "the port still holds the stub";
+    SetUp();
+    EXPECT_EQ(0, Status(ECHO, "back"));
+}
+
+TEST_F(TransportTest, EndOfAServiceWaitsForTheRequestThatIsRunningAndEndsAll)
+{
+    auto running = std::async(std::launch::async, [this] { return Status(WAIT); });
+    ASSERT_EQ(READY, actor->entered.get_future().wait_for(10s));
+    auto waiting = std::async(std::launch::async, [this] { return Status(ECHO); });
+    auto end = std::async(std::launch::async, [] { StopServing(ID); });
+    EXPECT_EQ(TIMEOUT, end.wait_for(200ms)) << "an operation is still running";
+    actor->release.set_value();
+    EXPECT_EQ(READY, end.wait_for(10s));
+    EXPECT_EQ(READY, running.wait_for(10s));
+    EXPECT_EQ(READY, waiting.wait_for(10s));
+}
+
+TEST_F(TransportTest, BodiesArriveWholeAndInTheirOrder)
+{
+    for (const size_t size : {0U, 1U, 507U, 508U, 509U, 16384U, 70000U, 4U << 20U}) {
+        std::string text(size, '\0');
+        for (size_t at = 0; at < size; ++at) {
+            text[at] = static_cast<char>(at * 131 >> 3U);
+        }
+        EXPECT_EQ(0, Status(ECHO, text)) << size;
+    }
+}
+
+TEST_F(TransportTest, StatusesReachTheCallerAndExceptionsBecomeOne)
+{
+    for (const int32_t status : {0, 1, 4, 5, 401, 1001, 0x7FFFFFFF}) {
+        EXPECT_EQ(status, Status(STATUS, std::to_string(status)));
+    }
+    EXPECT_NE(0, Status(STATUS, "-1"));
+    for (const uint32_t code : {THROW, RUN_OUT_OF_MEMORY}) {
+        EXPECT_NE(0, Status(code)) << code;
+        EXPECT_EQ(0, Status(ECHO, "alive")) << code;
+    }
+}
+
+TEST_F(TransportTest, WaitTimeEndsARequestWhichIsNeitherRepeatedNorMistakenForTheNext)
+{
+    const auto began = std::chrono::steady_clock::now();
+    EXPECT_NE(0, Status(WAIT, "late", 1));
+    EXPECT_LT(std::chrono::steady_clock::now() - began, 6s);
+    actor->release.set_value();
+    EXPECT_EQ(0, Status(ECHO, "next"));
+    EXPECT_EQ(2, actor->executions);
+}
+
+TEST_F(TransportTest, ThreadsGetTheirOwnAnswers)
+{
+    InThreads([this](int thread, int request) {
+        EXPECT_EQ(0, Status(ECHO, std::string(static_cast<size_t>(request), static_cast<char>('a' + thread))));
+    });
+    EXPECT_EQ(400, actor->executions);
+}
 
 SecurityPrivacyClient& Client()
 {
     return SecurityPrivacyClient::GetInstance();
 }
 
-TEST(ConformanceTest, EveryRequestReachesTheService)
+TEST(LibraryTest, SendsEveryRequestOverTheTransport)
 {
-    const FakeServiceScope fake;
+    const sptr<FakeService> service(new FakeService());
+    ASSERT_TRUE(Serve(SECURITY_PRIVACY_SA_ID, service));
+    FakeAnswer answer;
+    answer.records = {MakePermissionUsageRecord()};
     for (const uint32_t code : CODES) {
-        EXPECT_EQ(0, CallOperation(Client(), code).result) << code;
-        EXPECT_EQ(code, fake.Service().Calls().back().code);
+        service->SetAnswer(code, answer);
+        const Outcome outcome = CallOperation(Client(), code);
+        EXPECT_EQ(0, outcome.result) << code;
+        EXPECT_EQ(code == 4 || code == 5 ? 2U : 1U, outcome.records.size()) << code;
+        EXPECT_EQ(code, service->Calls().back().code);
     }
-    EXPECT_EQ(std::vector<uint32_t>(std::begin(CODES), std::end(CODES)), fake.Service().AccessChecks());
-    EXPECT_EQ(std::size(CODES), fake.Manager().Lookups().size()) << "every request looks the service up";
-    for (const FakeServiceManager::Lookup& lookup : fake.Manager().Lookups()) {
-        EXPECT_EQ(65993, lookup.systemAbilityId);
-        EXPECT_EQ(4, lookup.timeoutSeconds);
-    }
+    StopServing(SECURITY_PRIVACY_SA_ID);
 }
 
-TEST(ConformanceTest, LetsRequestsInFromInsideARequest)
+TEST(LibraryTest, LetsRequestsInFromInsideARequest)
 {
     const FakeServiceScope fake;
     FakeAnswer answer;
@@ -49,9 +219,13 @@ TEST(ConformanceTest, LetsRequestsInFromInsideARequest)
         return inner;
     });
     EXPECT_EQ(9, Client().GTokenPolicyAddPolicy({MakeGTokenInfo()}));
+    for (const FakeServiceManager::Lookup& lookup : fake.Manager().Lookups()) {
+        EXPECT_EQ(65993, lookup.systemAbilityId);
+        EXPECT_EQ(4, lookup.timeoutSeconds);
+    }
 }
 
-TEST(ConformanceTest, HandlesRequestsOfSeveralThreadsOneAfterTheOther)
+TEST(LibraryTest, HandlesRequestsOfSeveralThreadsOneAfterTheOther)
 {
     const FakeServiceScope fake;
     std::atomic<int> inside{0};
@@ -62,27 +236,18 @@ TEST(ConformanceTest, HandlesRequestsOfSeveralThreadsOneAfterTheOther)
         return FakeAnswer();
     };
     fake.Service().SetResponder(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, beAlone);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            for (int request = 0; request < 100; ++request) {
-                Client().GTokenPolicyRemovePolicy({"app"});
-                Client().WithSystemAbilityProxy(beAlone);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    InThreads([&](int /*thread*/, int /*request*/) {
+        Client().GTokenPolicyRemovePolicy({"app"});
+        Client().WithSystemAbilityProxy(beAlone);
+    });
     EXPECT_EQ(400U, fake.Service().Calls().size());
 }
 
-TEST(ConformanceTest, LogCallTakesOutMarkersAndReturnsTheLengthOfTheLine)
+TEST(LogTest, MarkersAreTakenOutAndTheLengthIsReturned)
 {
-    const auto text = [](const char* characters) { return std::string(characters); };
-    EXPECT_EQ(7, VoLogPrint(0, 7, 0, "TEST", "[%{public}s] %s %{private}d", text("a").c_str(), text("b").c_str(), 3));
+    EXPECT_EQ(7, VoLogPrint(0, 7, 0, "TEST", "[%{public}s] %s %{private}d", "a", std::string("b").c_str(), 3));
     EXPECT_GT(0, VoLogPrint(0, 7, 0, "TEST", "%"));
 }
 
 }  // namespace
-}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
+}  // namespace VARN::Porting

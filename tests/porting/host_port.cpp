@@ -15,28 +15,23 @@ namespace {
 
 // Set before main, since the host reads the variable once.
 struct Folder {
-    std::string path = std::filesystem::temp_directory_path() / "porting-XXXXXX";
-    std::map<int32_t, std::unique_ptr<Host::AbilityServer>> servers;
-
     Folder() { ::setenv("VARN_ABILITY_DIR", ::mkdtemp(path.data()), 1); }
-    ~Folder()
-    {
-        servers.clear();
-        std::filesystem::remove_all(path);
-    }
-} folder;
+    ~Folder() { std::filesystem::remove_all(path); }
+    std::string path = std::filesystem::temp_directory_path() / "porting-XXXXXX";
+} const folder;
+std::map<int32_t, std::unique_ptr<Host::AbilityServer>> servers;
 
 }  // namespace
 
 bool Serve(int32_t id, const sptr<IPCObjectStub>& stub)
 {
-    folder.servers[id] = std::make_unique<Host::AbilityServer>(id, stub);
-    return folder.servers[id]->Start();
+    servers[id] = std::make_unique<Host::AbilityServer>(id, stub);
+    return servers[id]->Start();
 }
 
 void StopServing(int32_t id)
 {
-    folder.servers.erase(id);
+    servers.erase(id);
 }
 
 }  // namespace VARN::Porting
