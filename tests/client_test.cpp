@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include <thread>
 
 #include "security_privacy/connect.h"
+#include "security_privacy/contract.h"
 #include "support/calls.h"
 #include "varn/host/ability_manager.h"
 #include "varn/log.h"
@@ -30,19 +30,15 @@ TEST_F(Client, CallsBackOnceAndKeepsNothingAfterwards)
 {
     const int32_t owners = fake.Service().StrongCount();
     int calls = 0;
-    client.WithSystemAbilityProxy([&](const sptr<SecurityPrivacyServiceIntf>& proxy) {
+    const auto take = [&](const sptr<SecurityPrivacyServiceIntf>& proxy) {
         ++calls;
-        ASSERT_NE(nullptr, proxy);
-        EXPECT_EQ(static_cast<IRemoteObject*>(&fake.Service()), proxy->AsObject().Get());
-        EXPECT_GT(fake.Service().StrongCount(), owners);
-    });
-    EXPECT_EQ(1, calls);
+        EXPECT_EQ(calls == 1 ? &fake.Service() : nullptr, proxy == nullptr ? nullptr : proxy->AsObject().Get());
+        EXPECT_EQ(calls == 1, fake.Service().StrongCount() > owners);
+    };
+    client.WithSystemAbilityProxy(take);
     EXPECT_EQ(owners, fake.Service().StrongCount());
     fake.Manager().SetPresence(FakePresence::ABSENT);
-    client.WithSystemAbilityProxy([&](const sptr<SecurityPrivacyServiceIntf>& proxy) {
-        ++calls;
-        EXPECT_EQ(nullptr, proxy);
-    });
+    client.WithSystemAbilityProxy(take);
     EXPECT_EQ(2, calls);
 }
 
@@ -97,108 +93,69 @@ TEST_F(Client, ConnectTellsWhyNot)
     managers.SetSystemAbilityManager(manager);
 }
 
-// Whether the child of a fork made now returns true from the function. A child that hangs is ended.
-bool DoesInChild(const std::function<bool()>& function)
+bool IsThere()
 {
-    constexpr unsigned LIMIT_SECONDS = 30;
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(LIMIT_SECONDS);
-        ::_exit(function() ? 0 : 1);
-    }
+    bool isThere = false;
+    const auto look = [&isThere](const auto& service) { isThere = service != nullptr; };
+    SecurityPrivacyClient::GetInstance().WithSystemAbilityProxy(look);
+    return isThere;
+}
+
+int StatusOf(pid_t child)
+{
     int status = -1;
-    return ::waitpid(child, &status, 0) == child && status == 0;
+    EXPECT_EQ(child, ::waitpid(child, &status, 0));
+    return status;
 }
 
-bool Asks()
+constexpr unsigned LIMIT_SECONDS = 30;  // for a child that hangs
+
+TEST_F(Client, ChildMadeInsideACallbackHoldsTheLockUntilItLeaves)
 {
-    return CallOperation(SecurityPrivacyClient::GetInstance(), MessageCode::GTOKEN_POLICY_REMOVE_POLICY).result == 9;
-}
-
-class Fork : public Client {
-protected:
-    // The service answers at once, except when this process has something else in mind.
-    explicit Fork()
-    {
-        FakeAnswer nine;
-        nine.result = 9;
-        fake.Service().SetResponder(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, [this, nine](const FakeCall&) {
-            if (::getpid() == parent && isHeld.exchange(false)) {
-                inside.set_value();
-                leave.get_future().wait();
-            }
-            return nine;
-        });
-    }
-
-    const pid_t parent = ::getpid();
-    std::atomic<bool> isHeld{false};
-    std::promise<void> inside;
-    std::promise<void> leave;
-};
-
-TEST_F(Fork, ChildAsksWhileAThreadOfItsParentIsInARequest)
-{
-    isHeld = true;
-    std::thread other(Asks);
-    inside.get_future().wait();
-    EXPECT_TRUE(DoesInChild(Asks));
-    leave.set_value();
-    other.join();
-    EXPECT_TRUE(Asks());
-}
-
-TEST_F(Fork, ChildMadeInsideACallbackHoldsTheLockUntilItLeaves)
-{
-    const auto isFree = [] {
-        auto done = std::async(std::launch::async, Asks);
-        const bool wasHeld = done.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout;
-        return std::make_pair(std::move(done), wasHeld);
-    };
-    int child = -1;
-    std::future<bool> waiting;
+    pid_t child = -1;
+    std::future<bool> other;
     client.WithSystemAbilityProxy([&](const auto&) {
         client.WithSystemAbilityProxy([&](const auto&) { child = ::fork(); });
         if (child == 0) {
-            ::alarm(30);
-            auto [done, wasHeld] = isFree();
-            waiting = std::move(done);
-            if (!wasHeld || !Asks()) {
+            ::alarm(LIMIT_SECONDS);
+            other = std::async(std::launch::async, IsThere);
+            if (other.wait_for(std::chrono::milliseconds(50)) == std::future_status::ready || !IsThere()) {
                 ::_exit(1);
             }
         }
     });
     if (child == 0) {
-        ::_exit(waiting.get() && Asks() ? 0 : 2);
+        ::_exit(other.get() && IsThere() ? 0 : 1);
     }
-    int status = -1;
-    EXPECT_EQ(child, ::waitpid(child, &status, 0));
-    EXPECT_EQ(0, status);
-    EXPECT_TRUE(Asks());
+    EXPECT_EQ(0, StatusOf(child));
 }
 
-// Each thread holds one lock most of the time. The fake service is not asked, since it has locks of its own.
-TEST_F(Fork, ChildFindsEveryLockFree)
+// One thread is inside a request all the time, each other one holds one lock most of the time. The fake manager is not
+// asked, since it has a lock of its own.
+TEST_F(Client, ChildOfAForkFindsEveryLockFree)
 {
     const sptr<Host::AbilityManager> manager = Host::AbilityManager::Get();
-    SystemAbilityManagerClient::GetInstance().SetSystemAbilityManager(manager);
-    ASSERT_TRUE(manager->AddSystemAbility(FAKE_SERVICE_ID, sptr<IRemoteObject>(&fake.Service())));
+    auto& managers = SystemAbilityManagerClient::GetInstance();
+    managers.SetSystemAbilityManager(manager);
+    ASSERT_TRUE(manager->AddSystemAbility(SECURITY_PRIVACY_SA_ID, sptr<IRemoteObject>(&fake.Service())));
     const std::function<bool()> holders[] = {
-        [&] {
-            bool isThere = false;
-            client.WithSystemAbilityProxy([&](const auto& service) { isThere = service != nullptr; });
-            return isThere;
-        },
         [&] { return !manager->RemoveSystemAbility(4711); },
-        [] { return VoLogPrint(0, 6, 0, "TEST", "to standard error") > 0; },
-        [&] { return SystemAbilityManagerClient::GetInstance().SetSystemAbilityManager(manager), true; },
-        [&] { return BrokerRegistration::Get().NewInstance(u"nobody's", nullptr) == nullptr; },
+        [] { return VoLogPrint(0, LOG_LEVEL_ERROR, 0, "TEST", "to standard error") > 0; },
+        [&] { return managers.SetSystemAbilityManager(manager), true; },
+        [] { return BrokerRegistration::Get().NewInstance(u"nobody's", nullptr) == nullptr; },
     };
-    const int standardError = ::dup(STDERR_FILENO);
-    const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    ::dup2(nowhere, STDERR_FILENO);
+    ::testing::internal::CaptureStderr();
     std::atomic<bool> isOver{false};
+    std::promise<void> inside;
+    std::promise<void> leave;
     std::vector<std::thread> threads;
+    threads.emplace_back([&] {
+        client.WithSystemAbilityProxy([&](const auto&) {
+            inside.set_value();
+            leave.get_future().wait();
+        });
+    });
+    inside.get_future().wait();
     for (const auto& holder : holders) {
         threads.emplace_back([&isOver, holder] {
             while (!isOver) {
@@ -207,22 +164,23 @@ TEST_F(Fork, ChildFindsEveryLockFree)
         });
     }
     int failures = 0;
-    for (int child = 0; child < 50; ++child) {
-        failures += DoesInChild([&] {
-            return std::all_of(std::begin(holders), std::end(holders), [](const auto& holder) { return holder(); });
-        })
-                        ? 0
-                        : 1;
+    for (int forks = 0; forks < 50; ++forks) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::alarm(LIMIT_SECONDS);
+            const auto isFree = [](const auto& holder) { return holder(); };
+            ::_exit(IsThere() && std::all_of(std::begin(holders), std::end(holders), isFree) ? 0 : 1);
+        }
+        failures += StatusOf(child) == 0 ? 0 : 1;
     }
     isOver = true;
+    leave.set_value();
     for (std::thread& thread : threads) {
         thread.join();
     }
-    ::dup2(standardError, STDERR_FILENO);
-    ::close(standardError);
-    ::close(nowhere);
+    ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(0, failures);
-    EXPECT_TRUE(manager->RemoveSystemAbility(FAKE_SERVICE_ID));
+    EXPECT_TRUE(manager->RemoveSystemAbility(SECURITY_PRIVACY_SA_ID));
 }
 
 }  // namespace
