@@ -63,13 +63,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
     options.maxRequestBytes = MAX_REQUEST_BYTES;
     // Bites on the longest replies when they are not read.
     options.maxWaitingReplyBytesPerUser = size_t{doesRead ? 2U : 1U} << 20;
-    ServiceContext context{1, echo, options, RefusalLog(1)};
+    ServiceContext context(1, echo, options);
     WorkerBuffers buffers;
-    UserAccount account;
+    Account account(1);
     std::atomic<int64_t> deadline{0};
     std::vector<uint8_t> sent;
     {
-        Connection connection(UniqueFd{ends[0]}, Caller{1, 1, 1}, account, deadline);
+        Connection connection(context, PeerSocket(UniqueFd{ends[0]}), Caller{1, 1, 1}, account, deadline);
         auto next = Connection::Next::INPUT;
         while (next != Connection::Next::CLOSE && input.GetSize() != 0) {
             size_t length = input.TakeByte();
@@ -79,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
             sent.insert(sent.end(), piece, piece + std::max<ssize_t>(part, 0));
             do {
                 const size_t before = echo->executed.size();
-                next = connection.Serve(context, buffers, input.GetSize() == 0);
+                next = connection.Serve(buffers, input.GetSize() == 0);
                 fuzz::Require(echo->executed.size() <= before + 1);
                 while (doesRead && ::recv(peer.Get(), sink.data(), sink.size(), 0) > 0) {
                 }
@@ -90,6 +90,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
     const std::vector<uint32_t> expected = Expected(sent);
     fuzz::Require(echo->executed.size() <= expected.size() && (!doesRead || echo->executed.size() == expected.size()));
     fuzz::Require(std::equal(echo->executed.begin(), echo->executed.end(), expected.begin()));
-    fuzz::Require(account.waitingReplyBytes == 0 && deadline == 0);
+    fuzz::Require(account.bytes == 0 && account.replyBytes == 0 && account.requestBytes == 0 && deadline == 0);
     return 0;
 }

@@ -79,7 +79,7 @@ protected:
 
     std::atomic<int> started_{0};
     RefusalLog refusals_{1};
-    WorkerPool pool_{6, refusals_, [this] { ++started_; }};
+    WorkerPool pool_{6, 0, refusals_, [this] { ++started_; }};
 };
 
 TEST_F(WorkerPoolTest, AtTheLimitOneThatStaysIsWokenAndWakesTheNextUntilOneIsIdle)

@@ -2,9 +2,11 @@
 #include "varn/host/ability_server.h"
 
 #include <algorithm>
+#include <chrono>
 #include <thread>
 #include <utility>
 
+#include "host/base/process.h"
 #include "host/server/engine.h"
 #include "host/wire/socket_folder.h"
 #include "platform_log.h"
@@ -15,6 +17,8 @@ namespace {
 
 // So that a few slow operations do not stop the others, however few processors there are.
 constexpr size_t LEAST_WORKERS = 8;
+
+constexpr std::chrono::milliseconds LONGEST_TIME = std::chrono::hours(24 * 365);
 
 AbilityServerOptions FillDefaults(AbilityServerOptions options)
 {
@@ -31,23 +35,39 @@ AbilityServerOptions FillDefaults(AbilityServerOptions options)
     fill(options.stallTimeout, defaults.stallTimeout);
     fill(options.replyTimeout, defaults.replyTimeout);
     fill(options.maxWaitingReplyBytesPerUser, defaults.maxWaitingReplyBytesPerUser);
+    fill(options.maxBegunRequestBytesPerUser, defaults.maxBegunRequestBytesPerUser);
+    fill(options.maxBytes, defaults.maxBytes);
+    fill(options.maxSpareWorkers, defaults.maxSpareWorkers);
+    fill(options.stuckAfter, defaults.stuckAfter);
+    // A time point that far away must still be one.
+    for (std::chrono::milliseconds* time : {&options.stallTimeout, &options.replyTimeout, &options.stuckAfter}) {
+        *time = std::clamp(*time, std::chrono::milliseconds(1), LONGEST_TIME);
+    }
     return options;
 }
 
 }  // namespace
 
 AbilityServer::AbilityServer(int32_t id, sptr<IPCObjectStub> stub, AbilityServerOptions options)
-    : id_(id), stub_(std::move(stub)), options_(FillDefaults(std::move(options)))
+    : id_(id), stub_(std::move(stub)), options_(FillDefaults(std::move(options))), generation_(ProcessGeneration())
 {
 }
 
 AbilityServer::~AbilityServer()
 {
     Stop();
+    if (generation_ != ProcessGeneration()) {
+        // The threads are the parent's, and so are the files: nothing of it may be touched.
+        static_cast<void>(engine_.release());
+    }
 }
 
 bool AbilityServer::Start()
 {
+    if (generation_ != ProcessGeneration()) {
+        PLATFORM_ERROR("service %d cannot be started: the server belongs to the process that forked this one", id_);
+        return false;
+    }
     const std::lock_guard<std::mutex> lock(mutex_);
     std::string problem;
     if (engine_) {
@@ -58,6 +78,7 @@ bool AbilityServer::Start()
         auto engine = std::make_unique<Engine>(*this);
         problem = engine->Start();
         if (problem.empty()) {
+            const std::lock_guard<std::mutex> engineLock(engineMutex_);
             engine_ = std::move(engine);
         }
     }
@@ -69,12 +90,28 @@ bool AbilityServer::Start()
 
 void AbilityServer::Stop()
 {
+    if (generation_ != ProcessGeneration()) {
+        return;
+    }
     if (Engine::IsThreadOf(*this)) {
         PLATFORM_ERROR("service %d cannot be stopped from inside one of its own operations", id_);
         return;
     }
     const std::lock_guard<std::mutex> lock(mutex_);
-    engine_.reset();
+    std::unique_ptr<Engine> engine;
+    {
+        const std::lock_guard<std::mutex> engineLock(engineMutex_);
+        engine = std::move(engine_);
+    }
+}
+
+ServerStatistics AbilityServer::Statistics() const
+{
+    if (generation_ != ProcessGeneration()) {
+        return {};
+    }
+    const std::lock_guard<std::mutex> lock(engineMutex_);
+    return engine_ ? engine_->Statistics() : ServerStatistics();
 }
 
 }  // namespace VARN::Host

@@ -53,18 +53,15 @@ std::unique_ptr<MessageParcel> WorkerBuffers::TakeReply()
     return other;
 }
 
-Connection::Connection(PeerSocket fd, const Caller& caller, UserAccount& account,
+Connection::Connection(ServiceContext& context, PeerSocket fd, const Caller& caller, Account& account,
                        std::atomic<int64_t>& deadline) noexcept
-    : fd_(std::move(fd)), caller_(caller), account_(account), deadline_(deadline)
+    : context_(context), fd_(std::move(fd)), caller_(caller), account_(account), deadline_(deadline)
 {
 }
 
 Connection::~Connection()
 {
     deadline_.store(0);
-    if (output_) {
-        account_.waitingReplyBytes.fetch_sub(output_->body->GetDataSize(), std::memory_order_relaxed);
-    }
 }
 
 void Connection::SetDeadline(std::chrono::milliseconds fromNow) noexcept
@@ -73,18 +70,18 @@ void Connection::SetDeadline(std::chrono::milliseconds fromNow) noexcept
     deadline_.store(std::chrono::duration_cast<std::chrono::nanoseconds>(end).count());
 }
 
-Connection::Next Connection::Serve(ServiceContext& context, WorkerBuffers& buffers, bool hangUp)
+Connection::Next Connection::Serve(WorkerBuffers& buffers, bool hangUp)
 {
     if (output_) {
         const Next next = Flush(buffers);
         // Requests may have been waiting behind the reply: look again, after the others.
         return next == Next::INPUT ? Next::TURN : next;
     }
-    return input_ ? ReadRest(context, buffers) : ReadFirst(context, buffers, hangUp);
+    return input_ ? ReadRest(buffers) : ReadFirst(buffers, hangUp);
 }
 
 // Most requests arrive whole and are handled where they were received.
-Connection::Next Connection::ReadFirst(ServiceContext& context, WorkerBuffers& buffers, bool hangUp)
+Connection::Next Connection::ReadFirst(WorkerBuffers& buffers, bool hangUp)
 {
     size_t size = ahead_.size();
     bool drained = false;
@@ -94,60 +91,67 @@ Connection::Next Connection::ReadFirst(ServiceContext& context, WorkerBuffers& b
     } else {
         const Received received = Receive(buffers.piece.data(), buffers.piece.size(), size);
         if (received != Received::SOME) {
-            return StopReading(context, received);
+            return StopReading(received);
         }
         // A short read has emptied the socket, so there is no need to ask it again. After a hang-up there is.
         drained = size < buffers.piece.size() && !hangUp;
     }
-    FrameReader reader(context.options.maxRequestBytes);
+    FrameReader reader(context_.options.maxRequestBytes);
     const FrameReader::State state = reader.CheckHeader(buffers.piece.data(), size);
     if (state != FrameReader::State::COMPLETE && state != FrameReader::State::PARTIAL) {
-        return Refuse(context, reader, state);
+        return Refuse(reader, state);
     }
     const FrameHeader& header = reader.GetHeader();
     if (state == FrameReader::State::PARTIAL || size - FRAME_HEADER_SIZE < header.length) {
-        return BeginRest(context, buffers, size);
+        return BeginRest(buffers, size);
     }
     const size_t end = FRAME_HEADER_SIZE + header.length;
     ahead_.assign(buffers.piece.begin() + static_cast<ptrdiff_t>(end),
                   buffers.piece.begin() + static_cast<ptrdiff_t>(size));
     ParcelBuffer::Lend(reader.GetBody(), buffers.piece.data() + FRAME_HEADER_SIZE, header.length);
-    const Next next = Dispatch(context, buffers, header, reader.GetBody());
+    const Next next = Dispatch(buffers, header, reader.GetBody());
     // A peer that sends without end must not keep the worker to itself.
     return next == Next::INPUT && !(drained && ahead_.empty()) ? Next::TURN : next;
 }
 
-Connection::Next Connection::BeginRest(ServiceContext& context, WorkerBuffers& buffers, size_t size)
+Connection::Next Connection::BeginRest(WorkerBuffers& buffers, size_t size)
 {
-    input_ = std::make_unique<FrameReader>(context.options.maxRequestBytes);
-    SetDeadline(context.options.stallTimeout);
+    input_ = std::make_unique<Input>(context_, account_);
+    SetDeadline(context_.options.stallTimeout);
     size_t taken = 0;
-    const FrameReader::State state = input_->Feed(buffers.piece.data(), size, taken);
-    return state == FrameReader::State::PARTIAL ? ReadRest(context, buffers) : Refuse(context, *input_, state);
+    const FrameReader::State state = input_->reader.Feed(buffers.piece.data(), size, taken);
+    return state == FrameReader::State::PARTIAL ? ReadRest(buffers) : Refuse(input_->reader, state);
 }
 
-Connection::Next Connection::ReadRest(ServiceContext& context, WorkerBuffers& buffers)
+Connection::Next Connection::ReadRest(WorkerBuffers& buffers)
 {
     FrameReader::State state = FrameReader::State::PARTIAL;
     while (state == FrameReader::State::PARTIAL) {
         size_t room = 0;
-        uint8_t* space = input_->Space(room);
+        uint8_t* space = input_->reader.Space(room);
         if (space == nullptr) {
-            return Refuse(context, *input_, FrameReader::State::NO_MEMORY);
+            return Refuse(input_->reader, FrameReader::State::NO_MEMORY);
+        }
+        // Before the room is filled, it is only promised by the system.
+        size_t used = 0;
+        size_t allowed = 0;
+        if (!input_->charge.GrowTo(ParcelBuffer::Capacity(input_->reader.GetBody()), used, allowed)) {
+            context_.Refuse(account_, Limit::BEGUN_REQUEST_BYTES, caller_, used, allowed);
+            return Next::CLOSE;
         }
         size_t size = 0;
         const Received received = Receive(space, room, size);
         if (received != Received::SOME) {
-            return StopReading(context, received);
+            return StopReading(received);
         }
-        state = input_->Commit(size);
+        state = input_->reader.Commit(size);
     }
     if (state != FrameReader::State::COMPLETE) {
-        return Refuse(context, *input_, state);
+        return Refuse(input_->reader, state);
     }
-    const std::unique_ptr<FrameReader> input = std::move(input_);
+    const std::unique_ptr<Input> input = std::move(input_);
     deadline_.store(0);
-    const Next next = Dispatch(context, buffers, input->GetHeader(), input->GetBody());
+    const Next next = Dispatch(buffers, input->reader.GetHeader(), input->reader.GetBody());
     return next == Next::INPUT ? Next::TURN : next;
 }
 
@@ -168,21 +172,21 @@ Connection::Received Connection::Receive(void* to, size_t room, size_t& size) co
     }
 }
 
-Connection::Next Connection::StopReading(ServiceContext& context, Received received)
+Connection::Next Connection::StopReading(Received received)
 {
     if (received == Received::DESCRIPTORS) {
-        context.refusals.Report(Limit::DESCRIPTORS_SENT, caller_, 1, 0);
+        context_.Refuse(account_, Limit::DESCRIPTORS_SENT, caller_, 1, 0);
     }
     return received == Received::NOTHING ? Next::INPUT : Next::CLOSE;
 }
 
-Connection::Next Connection::Refuse(ServiceContext& context, const FrameReader& reader, FrameReader::State state)
+Connection::Next Connection::Refuse(const FrameReader& reader, FrameReader::State state)
 {
     const uint64_t length = reader.GetHeader().length;
     if (state == FrameReader::State::TOO_LONG) {
-        context.refusals.Report(Limit::REQUEST_BYTES, caller_, length, context.options.maxRequestBytes);
+        context_.Refuse(account_, Limit::REQUEST_BYTES, caller_, length, context_.options.maxRequestBytes);
     } else if (state == FrameReader::State::INVALID) {
-        context.refusals.Report(Limit::PROTOCOL, caller_, 1, 0, reader.GetProblem());
+        context_.Refuse(account_, Limit::PROTOCOL, caller_, 1, 0, reader.GetProblem());
     } else {
         PLATFORM_ERROR("no memory for a request of %u bytes from uid %u pid %d", reader.GetHeader().length, caller_.uid,
                        caller_.pid);
@@ -190,17 +194,16 @@ Connection::Next Connection::Refuse(ServiceContext& context, const FrameReader& 
     return Next::CLOSE;
 }
 
-Connection::Next Connection::Dispatch(ServiceContext& context, WorkerBuffers& buffers, const FrameHeader& header,
-                                      MessageParcel& data)
+Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader& header, MessageParcel& data)
 {
     if (!buffers.reply) {
         buffers.reply = std::make_unique<MessageParcel>();
     }
     MessageParcel& reply = *buffers.reply;
     ParcelBuffer::Clear(reply, WorkerBuffers::KEPT_CAPACITY);
-    // An operation before may have set a bound of its own.
-    reply.SetMaxCapacity(Parcel::kDefaultMaxCapacity);
-    const bool observed = static_cast<bool>(context.options.observer);
+    reply.SetMaxCapacity(context_.accounts.GetReplyBound());
+    buffers.running.code.store(header.code, std::memory_order_relaxed);
+    const bool observed = static_cast<bool>(context_.options.observer);
     const Clock::time_point begin = observed ? Clock::now() : Clock::time_point();
     MessageOption option;
     FrameHeader answer;
@@ -208,15 +211,16 @@ Connection::Next Connection::Dispatch(ServiceContext& context, WorkerBuffers& bu
     answer.code = header.code;
     {
         const CallerScope scope(caller_);
-        answer.status = context.stub->SendRequest(header.code, data, reply, option);
+        answer.status = context_.stub->SendRequest(header.code, data, reply, option);
     }
     const Clock::time_point end = observed ? Clock::now() : Clock::time_point();
     answer.length = static_cast<uint32_t>(reply.GetDataSize());
-    const Next next = Reply(context, buffers, answer);
+    context_.accounts.NoteUse(answer.length);
+    const Next next = Reply(buffers, answer);
     // Now, since the worker's next request may be long in coming.
     ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
     if (observed) {
-        context.options.observer({header.code, caller_, header.length, answer.length, end - begin, answer.status});
+        context_.options.observer({header.code, caller_, header.length, answer.length, end - begin, answer.status});
     }
     return next;
 }
@@ -246,7 +250,7 @@ bool Connection::SendSome(const FrameHeader& header, const MessageParcel& body, 
     return true;
 }
 
-Connection::Next Connection::Reply(ServiceContext& context, WorkerBuffers& buffers, const FrameHeader& header)
+Connection::Next Connection::Reply(WorkerBuffers& buffers, const FrameHeader& header)
 {
     size_t sent = 0;
     if (!SendSome(header, *buffers.reply, sent)) {
@@ -256,17 +260,17 @@ Connection::Next Connection::Reply(ServiceContext& context, WorkerBuffers& buffe
         return Next::INPUT;
     }
     auto body = buffers.TakeReply();
-    output_ = std::make_unique<Output>();
+    output_ = std::make_unique<Output>(context_, account_);
     output_->header = header;
     output_->sent = sent;
     output_->body = std::move(body);
-    const size_t waiting =
-        account_.waitingReplyBytes.fetch_add(header.length, std::memory_order_relaxed) + header.length;
-    if (waiting > context.options.maxWaitingReplyBytesPerUser) {
-        context.refusals.Report(Limit::REPLY_BYTES, caller_, waiting, context.options.maxWaitingReplyBytesPerUser);
+    size_t used = 0;
+    size_t allowed = 0;
+    if (!output_->charge.GrowTo(header.length, used, allowed)) {
+        context_.Refuse(account_, Limit::REPLY_BYTES, caller_, used, allowed);
         return Next::CLOSE;
     }
-    SetDeadline(context.options.replyTimeout);
+    SetDeadline(context_.options.replyTimeout);
     return Next::OUTPUT;
 }
 
@@ -281,7 +285,6 @@ Connection::Next Connection::Flush(WorkerBuffers& buffers)
     if (output_->sent < sizeof(output_->header) + output_->header.length) {
         return Next::OUTPUT;
     }
-    account_.waitingReplyBytes.fetch_sub(output_->header.length, std::memory_order_relaxed);
     buffers.reply.swap(output_->body);
     ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
     output_.reset();

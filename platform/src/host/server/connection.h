@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/server/accounts.h"
 #include "host/server/peer_socket.h"
 #include "host/server/refusal_log.h"
 #include "host/wire/frame_reader.h"
@@ -16,19 +17,36 @@
 
 namespace VARN::Host {
 
-// What one user id holds of a server.
-struct UserAccount {
-    size_t connections = 0;  // guarded by the slot table's lock
-    // Relaxed: a sum that is compared with a limit; nothing else hangs on it.
-    std::atomic<size_t> waitingReplyBytes{0};
-};
-
 // What the connections of one server share.
 struct ServiceContext {
+    ServiceContext(int32_t serviceId, sptr<IPCObjectStub> object, AbilityServerOptions all)
+        : id(serviceId), stub(std::move(object)), options(std::move(all)), refusals(id), accounts(options)
+    {
+    }
+
+    // Counts that a limit bit, and writes its line.
+    void Refuse(Account& account, Limit limit, const Caller& caller, uint64_t used, uint64_t allowed,
+                const char* detail = "")
+    {
+        account.refused.fetch_add(1, std::memory_order_relaxed);
+        refusals.Report(limit, caller, used, allowed, detail);
+    }
+
     const int32_t id;
     const sptr<IPCObjectStub> stub;
     const AbilityServerOptions options;
     RefusalLog refusals;
+    Accounts accounts;
+};
+
+// What a worker is doing, for the watcher, which tells of workers that are stuck.
+struct Running {
+    // Since when it has been serving a connection, in milliseconds; 0: it is not. Sequentially consistent together with
+    // the watcher's next look, as a deadline is.
+    std::atomic<int64_t> since{0};
+    // Relaxed: for a line.
+    std::atomic<uint32_t> code{0};
+    std::atomic<uid_t> uid{0};
 };
 
 // What a worker brings along from one request to the next, so that an idle connection needs no buffer.
@@ -49,6 +67,8 @@ struct WorkerBuffers {
 
     alignas(FrameHeader) std::array<uint8_t, PIECE_SIZE> piece;
     std::unique_ptr<MessageParcel> reply;  // null until it is first needed
+
+    Running running;
 };
 
 // One accepted connection: reads requests, has them handled, writes replies, and never waits. It reads nothing while a
@@ -66,13 +86,15 @@ public:
 
     // In `deadline` the connection writes by when it must have moved on, in nanoseconds of the steady clock; 0: no
     // hurry. Any thread may read it without owning the connection.
-    Connection(PeerSocket fd, const Caller& caller, UserAccount& account, std::atomic<int64_t>& deadline) noexcept;
+    // `context` and `account` outlive the connection.
+    Connection(ServiceContext& context, PeerSocket fd, const Caller& caller, Account& account,
+               std::atomic<int64_t>& deadline) noexcept;
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
     // Does what can be done without waiting, one request at the most. `hangUp`: the peer has closed its end.
-    Next Serve(ServiceContext& context, WorkerBuffers& buffers, bool hangUp);
+    Next Serve(WorkerBuffers& buffers, bool hangUp);
 
     // Writes what waits. INPUT when nothing waits any more; the reply's buffer then goes to `buffers`.
     Next Flush(WorkerBuffers& buffers);
@@ -83,36 +105,49 @@ public:
     PeerSocket TakeFd() noexcept { return std::move(fd_); }
 
     const Caller& GetCaller() const noexcept { return caller_; }
-    UserAccount& GetAccount() const noexcept { return account_; }
+    Account& GetAccount() const noexcept { return account_; }
     bool HasOutput() const noexcept { return output_ != nullptr; }
+    // Whether nothing is in hand: no reply, no part of a request.
+    bool IsAtStart() const noexcept { return !output_ && !input_ && ahead_.empty(); }
 
 private:
     enum class Received { SOME, NOTHING, DESCRIPTORS, END };
 
+    struct Input {
+        Input(ServiceContext& context, Account& account)
+            : charge(context.accounts, account, Bytes::REQUEST), reader(context.options.maxRequestBytes)
+        {
+        }
+        Charge charge;
+        FrameReader reader;
+    };
     struct Output {
+        Output(ServiceContext& context, Account& account) : charge(context.accounts, account, Bytes::REPLY) {}
+        Charge charge;
         FrameHeader header;
         std::unique_ptr<MessageParcel> body;
         size_t sent = 0;
     };
 
-    Next ReadFirst(ServiceContext& context, WorkerBuffers& buffers, bool hangUp);
-    Next ReadRest(ServiceContext& context, WorkerBuffers& buffers);
-    Next BeginRest(ServiceContext& context, WorkerBuffers& buffers, size_t size);
+    Next ReadFirst(WorkerBuffers& buffers, bool hangUp);
+    Next ReadRest(WorkerBuffers& buffers);
+    Next BeginRest(WorkerBuffers& buffers, size_t size);
     Received Receive(void* to, size_t room, size_t& size) const;
-    Next StopReading(ServiceContext& context, Received received);
-    Next Refuse(ServiceContext& context, const FrameReader& reader, FrameReader::State state);
-    Next Dispatch(ServiceContext& context, WorkerBuffers& buffers, const FrameHeader& header, MessageParcel& data);
-    Next Reply(ServiceContext& context, WorkerBuffers& buffers, const FrameHeader& header);
+    Next StopReading(Received received);
+    Next Refuse(const FrameReader& reader, FrameReader::State state);
+    Next Dispatch(WorkerBuffers& buffers, const FrameHeader& header, MessageParcel& data);
+    Next Reply(WorkerBuffers& buffers, const FrameHeader& header);
     bool SendSome(const FrameHeader& header, const MessageParcel& body, size_t& sent) const;
     void SetDeadline(std::chrono::milliseconds fromNow) noexcept;
 
+    ServiceContext& context_;
     PeerSocket fd_;
     const Caller caller_;
-    UserAccount& account_;
+    Account& account_;
     std::atomic<int64_t>& deadline_;
-    std::unique_ptr<FrameReader> input_;  // a request that has arrived in part
-    std::vector<uint8_t> ahead_;          // what the peer sent behind a request
-    std::unique_ptr<Output> output_;      // a reply that the peer has read in part
+    std::unique_ptr<Input> input_;    // a request that has arrived in part
+    std::vector<uint8_t> ahead_;      // what the peer sent behind a request
+    std::unique_ptr<Output> output_;  // a reply that the peer has read in part
 };
 
 }  // namespace VARN::Host

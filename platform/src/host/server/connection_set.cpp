@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/server/connection_set.h"
 
+#include <linux/sockios.h>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -9,6 +11,7 @@
 #include <utility>
 
 #include "host/base/error_text.h"
+#include "host/server/clock.h"
 #include "platform_log.h"
 
 namespace VARN::Host {
@@ -27,6 +30,16 @@ uint32_t EventsFor(Connection::Next next)
     return next == Connection::Next::OUTPUT ? OUTPUT_EVENTS
            : next == Connection::Next::TURN ? TURN_EVENTS
                                             : INPUT_EVENTS;
+}
+
+// So many idle connections are tried for one newcomer: each may turn out to be busy.
+constexpr int MAX_EVICTIONS = 8;
+
+int CountUnread(int fd)
+{
+    int bytes = 0;
+    ::ioctl(fd, SIOCINQ, &bytes);
+    return bytes;
 }
 
 uint64_t MakeToken(uint32_t generation, uint32_t index)
@@ -67,20 +80,21 @@ void ConnectionSet::Admit(PeerSocket fd)
     }
     const Caller caller{peer.pid, peer.uid, peer.gid};
     uint32_t index = 0;
-    UserAccount* account = Enter(caller, index);
+    Account* account = Enter(caller, index);
     if (account == nullptr) {
         return;
     }
     Slot& slot = (*this)[index];
     const int number = fd.Get();
-    slot.connection.reset(new (std::nothrow) Connection(std::move(fd), caller, *account, slot.deadline));
+    slot.connection.reset(new (std::nothrow) Connection(context_, std::move(fd), caller, *account, slot.deadline));
     if (!slot.connection) {
         PLATFORM_ERROR("service %d: no memory for a connection of uid %u", context_.id, caller.uid);
-        Leave(caller, *account, index);
+        Leave(index);
         return;
     }
     slot.armedEvents = INPUT_EVENTS;
-    slot.pace = Pace();
+    slot.pace.quickVisits = 0;
+    slot.pace.lastVisit.store(CoarseMilliseconds(), std::memory_order_relaxed);
     epoll_event event = {};
     event.events = INPUT_EVENTS;
     event.data.u64 = MakeToken(slot.GetGeneration(), index);
@@ -117,12 +131,10 @@ bool ConnectionSet::ArmFor(uint32_t index, uint32_t events)
 void ConnectionSet::Close(uint32_t index)
 {
     Slot& slot = (*this)[index];
-    const Caller caller = slot.connection->GetCaller();
-    UserAccount& account = slot.connection->GetAccount();
     const PeerSocket fd = slot.connection->TakeFd();
     slot.connection.reset();
     slot.Free();
-    Leave(caller, account, index);
+    Leave(index);
     // Last, so that a peer that sees the end and comes back at once finds the place free. A child that the service has
     // forked may hold a copy of the descriptor; the peer should see the end all the same.
     ::shutdown(fd.Get(), SHUT_RDWR);
@@ -136,50 +148,107 @@ void ConnectionSet::LetGo(uint32_t index)
     } while (!(*this)[index].Release(hangUp));
 }
 
-UserAccount* ConnectionSet::Enter(const Caller& caller, uint32_t& index)
+Account* ConnectionSet::Enter(const Caller& caller, uint32_t& index)
 {
-    const size_t limit = context_.options.maxConnections;
-    const size_t limitOfUser = context_.options.maxConnectionsPerUser;
-    size_t ofUser = 0;
-    {
-        const MutexLock lock(mutex_);
-        std::unique_ptr<UserAccount>& account = accounts_[caller.uid];
-        if (!account) {
-            account = std::make_unique<UserAccount>();
-        }
-        ofUser = account->connections;
-        const bool full = free_.empty() && used_ == limit;
-        if (!full && ofUser < limitOfUser) {
-            if (free_.empty()) {
-                if (used_ % BLOCK_SIZE == 0) {
-                    blocks_[used_ / BLOCK_SIZE].store(new Slot[BLOCK_SIZE], std::memory_order_release);
-                }
-                free_.push_back(used_++);
+    for (int evictions = 0;; ++evictions) {
+        uint32_t victim = 0;
+        size_t held = 0;
+        size_t allowed = 0;
+        auto answer = Stock::Answer::TAKEN;
+        {
+            const MutexLock lock(mutex_);
+            Account& account = context_.accounts.Open(caller.uid);
+            Stock& stock = context_.accounts.connections;
+            answer = stock.Take(account, account.connections, 1, allowed);
+            if (answer == Stock::Answer::TAKEN) {
+                return TakePlace(account, index);
             }
-            ++account->connections;
-            index = free_.back();
-            free_.pop_back();
-            return account.get();
+            const bool ofUser = answer == Stock::Answer::BEYOND_SHARE;
+            held = ofUser ? account.connections.load() : stock.CountHeld();
+            if (evictions == MAX_EVICTIONS || !FindLongestIdle(ofUser ? &account : nullptr, victim)) {
+                context_.Refuse(account, ofUser ? Limit::CONNECTIONS_PER_USER : Limit::CONNECTIONS, caller, held,
+                                ofUser ? allowed : context_.options.maxConnections);
+                context_.accounts.Leave(account);
+                return nullptr;
+            }
         }
-        if (ofUser == 0) {
-            accounts_.erase(caller.uid);
-        }
+        Evict(victim);
     }
-    if (ofUser >= limitOfUser) {
-        context_.refusals.Report(Limit::CONNECTIONS_PER_USER, caller, ofUser, limitOfUser);
-    } else {
-        context_.refusals.Report(Limit::CONNECTIONS, caller, limit, limit);
-    }
-    return nullptr;
 }
 
-void ConnectionSet::Leave(const Caller& caller, UserAccount& account, uint32_t index)
+// For a connection that is counted; throws when there is no memory, and then it is not.
+Account* ConnectionSet::TakePlace(Account& account, uint32_t& index)
+{
+    try {
+        if (free_.empty()) {
+            if (used_ % BLOCK_SIZE == 0) {
+                blocks_[used_ / BLOCK_SIZE].store(new Slot[BLOCK_SIZE], std::memory_order_release);
+            }
+            free_.push_back(used_++);
+        }
+    } catch (const std::bad_alloc&) {
+        context_.accounts.connections.Give(account.connections, 1);
+        context_.accounts.Leave(account);
+        throw;
+    }
+    index = free_.back();
+    free_.pop_back();
+    (*this)[index].account = &account;
+    return &account;
+}
+
+void ConnectionSet::Leave(uint32_t index)
 {
     const MutexLock lock(mutex_);
+    Account& account = *std::exchange((*this)[index].account, nullptr);
     free_.push_back(index);
-    if (--account.connections == 0) {
-        accounts_.erase(caller.uid);
+    context_.accounts.connections.Give(account.connections, 1);
+    context_.accounts.Leave(account);
+}
+
+// Of that user, or, for null, of the user with the most connections that has an idle one.
+bool ConnectionSet::FindLongestIdle(const Account* user, uint32_t& index)
+{
+    size_t most = 0;
+    int64_t longest = 0;
+    for (uint32_t candidate = 0; candidate < used_; ++candidate) {
+        Slot& slot = (*this)[candidate];
+        // A connection with a deadline has something in hand.
+        if (slot.account == nullptr || (user != nullptr && slot.account != user) || !slot.IsIdle() ||
+            slot.deadline.load() != 0) {
+            continue;
+        }
+        const size_t count = slot.account->connections.load();
+        const int64_t visit = slot.pace.lastVisit.load(std::memory_order_relaxed);
+        if (count > most || (count == most && visit < longest)) {
+            most = count;
+            longest = visit;
+            index = candidate;
+        }
     }
+    return most != 0;
+}
+
+// False when it was not idle after all. What has come in meanwhile is answered by a worker, which then sees the end.
+bool ConnectionSet::Evict(uint32_t index)
+{
+    Slot& slot = (*this)[index];
+    if (!slot.AcquireIdle()) {
+        return false;
+    }
+    const int fd = slot.connection->GetFd();
+    const bool isIdle = slot.deadline.load() == 0 && slot.connection->IsAtStart() && CountUnread(fd) == 0;
+    if (isIdle) {
+        ::shutdown(fd, SHUT_RD);
+    }
+    if (!isIdle || CountUnread(fd) != 0) {
+        // Not the longest idle one any more.
+        slot.pace.lastVisit.store(CoarseMilliseconds(), std::memory_order_relaxed);
+        LetGo(index);
+        return false;
+    }
+    Close(index);
+    return true;
 }
 
 uint32_t ConnectionSet::CountUsed()

@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "host/base/thread_safety.h"
@@ -17,8 +14,12 @@
 
 namespace VARN::Host {
 
-// The connections of a server, each in a place of its own, the epoll set that tells their events, and how many each
-// user holds. Places are made in blocks when they are first needed, so a high limit costs no memory.
+// The connections of a server, each in a place of its own, and the epoll set that tells their events. Places are made
+// in blocks when they are first needed, so a high limit costs no memory.
+//
+// The attack that eviction stops: peers that connect and ask nothing hold all places. An idle connection is worth
+// little, since its client makes a new one; so the longest idle one goes when a newcomer needs its place, and only
+// where none is idle the newcomer is refused. It stops receiving first: what the peer had sent by then is answered.
 //
 // Thread safety: any thread may call anything, with the index of a place only its owner (see Slot) unless said.
 class ConnectionSet {
@@ -61,8 +62,11 @@ public:
 private:
     static constexpr uint32_t BLOCK_SIZE = 64;
 
-    UserAccount* Enter(const Caller& caller, uint32_t& index);
-    void Leave(const Caller& caller, UserAccount& account, uint32_t index);
+    Account* Enter(const Caller& caller, uint32_t& index);
+    Account* TakePlace(Account& account, uint32_t& index) REQUIRES(mutex_);
+    void Leave(uint32_t index);
+    bool FindLongestIdle(const Account* user, uint32_t& index) REQUIRES(mutex_);
+    bool Evict(uint32_t index);
     bool ArmFor(uint32_t index, uint32_t events);
 
     ServiceContext& context_;
@@ -73,7 +77,6 @@ private:
     Mutex mutex_;
     std::vector<uint32_t> free_ GUARDED_BY(mutex_);  // of the used ones; has room for all, so that leaving cannot fail
     uint32_t used_ GUARDED_BY(mutex_) = 0;
-    std::unordered_map<uid_t, std::unique_ptr<UserAccount>> accounts_ GUARDED_BY(mutex_);
 };
 
 }  // namespace VARN::Host

@@ -5,11 +5,14 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <exception>
+#include <vector>
 
 #include "host/base/deadline.h"
 #include "host/base/error_text.h"
@@ -28,7 +31,28 @@ constexpr int IDLE_MILLISECONDS = 1000;
 // What a peer gets to read a reply that waits when the server stops.
 constexpr std::chrono::seconds DRAIN_TIME{2};
 
+// Of the descriptors that the process may open, these are for the service's own files, and for the server's.
+constexpr size_t RESERVED_DESCRIPTORS = 64;
+constexpr size_t RESERVED_PART = 4;
+
 thread_local const AbilityServer* currentServer = nullptr;
+
+// Without descriptors for its connections a server could accept none, and its service could open no file.
+AbilityServerOptions FitToDescriptors(int32_t id, AbilityServerOptions options)
+{
+    rlimit limit = {};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+        return options;
+    }
+    const size_t allowed = limit.rlim_cur;
+    const size_t most = std::max<size_t>(allowed - std::min(RESERVED_DESCRIPTORS, allowed / RESERVED_PART), 1);
+    if (options.maxConnections > most) {
+        PLATFORM_WARN("service %d: at most %zu connections instead of %zu, since the process may open %zu descriptors",
+                      id, most, options.maxConnections, allowed);
+        options.maxConnections = most;
+    }
+    return options;
+}
 
 int GetPatience(const WorkerBuffers& buffers)
 {
@@ -37,30 +61,47 @@ int GetPatience(const WorkerBuffers& buffers)
 
 }  // namespace
 
-// A connection that the calling worker owns and may stay with.
+// A connection that the calling worker owns and may stay with. Once it waits for its turn it is the queue's, and
+// nothing of it is touched any more.
 class AbilityServer::Engine::OwnedConnection final : public WorkerPool::Visit {
 public:
-    OwnedConnection(Engine& engine, uint32_t index, WorkerBuffers& buffers, bool hangUp)
+    OwnedConnection(Engine& engine, uint32_t index, WorkerBuffers& buffers)
         : engine_(engine), index_(index), slot_(engine.connections_[index]), buffers_(buffers)
     {
-        next_ = engine_.ServeOnce(slot_, buffers_, hangUp);
     }
 
+    // For a connection that has begun already; else `Serve` begins.
+    void ServeBegun(bool hangUp)
+    {
+        Account& account = slot_.connection->GetAccount();
+        next_ = engine_.ServeOnce(slot_, buffers_, hangUp);
+        engine_.turns_.End(account);
+    }
+    void Serve() override { Serve(false); }
+    void Serve(bool hangUp)
+    {
+        slot_.hasHungUp = hangUp;
+        waits_ = !engine_.turns_.Begin(index_);
+        if (!waits_) {
+            ServeBegun(hangUp);
+        }
+    }
+
+    bool Waits() const noexcept { return waits_; }
     Connection::Next GetNext() const noexcept { return next_; }
 
     int GetFd() const override { return slot_.connection->GetFd(); }
     bool Prepare() override { return engine_.connections_.ArmForStay(index_); }
     Ahead GetAhead() const override
     {
-        // A deadline is for the watcher, which takes no connection that is owned.
-        if (slot_.deadline.load() != 0) {
+        // A deadline is for the watcher, which takes no connection that is owned. Others' turn comes before a stay.
+        if (waits_ || slot_.deadline.load() != 0 || engine_.turns_.HasWaiting()) {
             return Ahead::NOTHING;
         }
         return next_ == Connection::Next::INPUT  ? Ahead::INPUT
                : next_ == Connection::Next::TURN ? Ahead::MORE
                                                  : Ahead::NOTHING;
     }
-    void Serve() override { next_ = engine_.ServeOnce(slot_, buffers_, false); }
     int GetPatience() const override { return Host::GetPatience(buffers_); }
 
 private:
@@ -68,15 +109,18 @@ private:
     const uint32_t index_;
     Slot& slot_;
     WorkerBuffers& buffers_;
-    Connection::Next next_;
+    Connection::Next next_ = Connection::Next::INPUT;
+    bool waits_ = false;
 };
 
 AbilityServer::Engine::Engine(const AbilityServer& server)
     : server_(server),
-      context_{server.id_, server.stub_, server.options_, RefusalLog(server.id_)},
+      context_(server.id_, server.stub_, FitToDescriptors(server.id_, server.options_)),
       connections_(context_),
+      turns_(context_.accounts, connections_),
       watcher_(context_, connections_),
-      workers_(server.options_.workers, context_.refusals, [this] { RunThread(&Engine::Work); })
+      workers_(server.options_.workers, server.options_.maxSpareWorkers, context_.refusals,
+               [this] { RunThread(&Engine::Work); })
 {
 }
 
@@ -134,6 +178,12 @@ void AbilityServer::Engine::Stop()
     if (watcherThread_.joinable()) {
         watcherThread_.join();
     }
+    // What has not begun is not executed; what waits for its turn still has an owner, the queue.
+    for (uint32_t index = 0; turns_.TakeAny(index);) {
+        bool hangUp = false;
+        while (!connections_[index].Release(hangUp)) {
+        }
+    }
     DrainOutput();
     listener_.Close();
     const uint32_t used = connections_.CountUsed();
@@ -157,52 +207,104 @@ void AbilityServer::Engine::RunThread(void (Engine::*loop)())
 void AbilityServer::Engine::Work()
 {
     WorkerBuffers buffers;
+    watcher_.Add(buffers.running);
     while (!stopping_.load(std::memory_order_relaxed)) {
         // One event at a time: what waits behind a slow operation is there for the other workers to take.
         epoll_event event = {};
         int count = 0;
         int error = 0;
         workers_.AwaitAny([&] {
-            count = ::epoll_wait(connections_.GetEpoll(), &event, 1, GetPatience(buffers));
+            const int patience = workers_.HasSpare() ? IDLE_MILLISECONDS : GetPatience(buffers);
+            count = ::epoll_wait(connections_.GetEpoll(), &event, 1, patience);
             error = errno;
             return count == 1 && event.data.u64 != STOP_TOKEN;
         });
         if (count == 0) {
             buffers.LetGo();
+            if (workers_.Retire()) {
+                break;
+            }
         } else if (count > 0 && event.data.u64 != STOP_TOKEN) {
             HandleEvent(event.data.u64, event.events, buffers);
         } else if (count < 0 && error != EINTR) {
             PLATFORM_ERROR("service %d: a worker ends: epoll_wait: %s", context_.id, ErrorText(error).c_str());
-            return;
+            break;
         }
     }
+    watcher_.Remove(buffers.running);
 }
 
 void AbilityServer::Engine::HandleEvent(uint64_t token, uint32_t events, WorkerBuffers& buffers)
 {
-    const auto index = static_cast<uint32_t>(token);
-    Slot& slot = connections_[index];
-    bool hangUp = (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
-    if (!slot.Acquire(static_cast<uint32_t>(token >> 32), hangUp)) {
+    auto index = static_cast<uint32_t>(token);
+    const bool hangUp = (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
+    if (!connections_[index].Acquire(static_cast<uint32_t>(token >> 32), hangUp)) {
+        // It may wait for its turn: then nobody would read the reply.
+        if ((events & EPOLLHUP) != 0 && turns_.HasWaiting() && turns_.Remove(index)) {
+            EndConnection(index);
+        }
         return;
     }
-    do {
-        OwnedConnection owned(*this, index, buffers, hangUp);
-        workers_.StayIfBusy(slot.pace, owned, CoarseMilliseconds);
-        watcher_.WatchFor(slot.deadline.load());
-        if (owned.GetNext() == Connection::Next::CLOSE || !connections_.Arm(index, owned.GetNext())) {
-            connections_.Close(index);
-            watcher_.ConnectionEnded();
+    OwnedConnection owned(*this, index, buffers);
+    owned.Serve(hangUp);
+    Finish(index, owned);
+    while (turns_.HasWaiting() && !stopping_.load(std::memory_order_relaxed) && turns_.TakeNext(index)) {
+        Slot& slot = connections_[index];
+        pollfd entry = {slot.connection->GetFd(), 0, 0};
+        if (::poll(&entry, 1, 0) == 1 && (entry.revents & POLLHUP) != 0) {
+            // It hung up while the worker that got the event was busy putting it into the queue.
+            turns_.End(slot.connection->GetAccount());
+            EndConnection(index);
+            continue;
+        }
+        OwnedConnection next(*this, index, buffers);
+        next.ServeBegun(slot.hasHungUp);
+        Finish(index, next);
+    }
+}
+
+// Stays with a connection that was served, and gives it up in the end.
+void AbilityServer::Engine::Finish(uint32_t index, OwnedConnection& owned)
+{
+    Slot& slot = connections_[index];
+    for (;;) {
+        if (owned.Waits()) {
             return;
         }
-    } while (!slot.Release(hangUp));
+        workers_.StayIfBusy(slot.pace, owned, CoarseMilliseconds);
+        if (owned.Waits()) {
+            return;
+        }
+        watcher_.WatchFor(slot.deadline.load());
+        if (owned.GetNext() == Connection::Next::CLOSE || !connections_.Arm(index, owned.GetNext())) {
+            EndConnection(index);
+            return;
+        }
+        bool hangUp = false;
+        if (slot.Release(hangUp)) {
+            return;
+        }
+        owned.Serve(hangUp);
+    }
+}
+
+void AbilityServer::Engine::EndConnection(uint32_t index)
+{
+    connections_.Close(index);
+    watcher_.ConnectionEnded();
 }
 
 Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buffers, bool hangUp)
 {
+    Running& running = buffers.running;
+    const int64_t now = CoarseMilliseconds();
+    running.uid.store(slot.connection->GetAccount().uid, std::memory_order_relaxed);
+    running.since.store(now);
+    watcher_.NoteRequest(now);
+    Connection::Next next = Connection::Next::CLOSE;
     // The service's own exceptions never get here; an observer's or a failed allocation may.
     try {
-        return slot.connection->Serve(context_, buffers, hangUp);
+        next = slot.connection->Serve(buffers, hangUp);
     } catch (const std::exception& exception) {
         PLATFORM_ERROR("service %d: a connection of uid %u is dropped: %s", context_.id,
                        slot.connection->GetCaller().uid, exception.what());
@@ -210,26 +312,41 @@ Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buf
         PLATFORM_ERROR("service %d: a connection of uid %u is dropped: unknown exception", context_.id,
                        slot.connection->GetCaller().uid);
     }
-    return Connection::Next::CLOSE;
+    running.since.store(0, std::memory_order_relaxed);
+    return next;
 }
 
+// All readers of waiting replies read at the same time, so that one that never reads costs the others nothing.
 void AbilityServer::Engine::DrainOutput()
 {
     const Deadline end(DRAIN_TIME);
     WorkerBuffers buffers;
-    const uint32_t used = connections_.CountUsed();
-    for (uint32_t index = 0; index < used; ++index) {
-        Slot& slot = connections_[index];
-        if (!slot.AcquireIdle()) {
-            continue;
+    std::vector<pollfd> waiting;
+    do {
+        waiting.clear();
+        const uint32_t used = connections_.CountUsed();
+        for (uint32_t index = 0; index < used; ++index) {
+            Slot& slot = connections_[index];
+            if (!slot.AcquireIdle()) {
+                continue;
+            }
+            if (slot.connection->Flush(buffers) == Connection::Next::OUTPUT) {
+                waiting.push_back({slot.connection->GetFd(), POLLOUT, 0});
+            }
+            bool hangUp = false;
+            slot.Release(hangUp);
         }
-        while (slot.connection->Flush(buffers) == Connection::Next::OUTPUT && !end.IsOver()) {
-            pollfd entry = {slot.connection->GetFd(), POLLOUT, 0};
-            ::poll(&entry, 1, end.LeftMilliseconds());
-        }
-        bool hangUp = false;
-        slot.Release(hangUp);
-    }
+    } while (!waiting.empty() && ::poll(waiting.data(), waiting.size(), end.LeftMilliseconds()) != 0 && !end.IsOver());
+}
+
+ServerStatistics AbilityServer::Engine::Statistics()
+{
+    ServerStatistics statistics;
+    context_.accounts.Describe(statistics);
+    statistics.workers = workers_.Count();
+    statistics.workersStuck = watcher_.CountStuck();
+    statistics.refused = context_.refusals.CountRefused();
+    return statistics;
 }
 
 }  // namespace VARN::Host

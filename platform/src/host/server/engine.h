@@ -9,6 +9,7 @@
 #include "host/base/unique_fd.h"
 #include "host/server/connection_set.h"
 #include "host/server/listener.h"
+#include "host/server/turns.h"
 #include "host/server/watcher.h"
 #include "host/server/worker_pool.h"
 
@@ -16,7 +17,8 @@ namespace VARN::Host {
 
 // The threads of a server and what they do with events. One thread watches (see Watcher). The workers wait together on
 // one epoll set with edge triggers; the one that gets an event owns that connection and serves it until there is
-// nothing left to do without waiting (see Slot), or stays with it while its requests keep coming (see WorkerPool). A
+// nothing left to do without waiting (see Slot), or stays with it while its requests keep coming (see WorkerPool).
+// When the user has its share of the workers at work, the connection waits in the user's queue instead (see Turns). A
 // request costs the three system calls that wait, receive and send; no thread passes it to another.
 class __attribute__((visibility("hidden"))) AbilityServer::Engine {
 public:
@@ -29,6 +31,7 @@ public:
     // Empty on success, else what is wrong.
     std::string Start();
     void Stop();
+    ServerStatistics Statistics();
 
     // Whether the calling thread is one of that server's: it cannot wait for itself to end.
     static bool IsThreadOf(const AbilityServer& server) noexcept;
@@ -42,6 +45,8 @@ private:
 
     void HandleEvent(uint64_t token, uint32_t events, WorkerBuffers& buffers);
     Connection::Next ServeOnce(Slot& slot, WorkerBuffers& buffers, bool hangUp);
+    void Finish(uint32_t index, OwnedConnection& owned);
+    void EndConnection(uint32_t index);
     void DrainOutput();
 
     const AbilityServer& server_;
@@ -52,6 +57,7 @@ private:
     std::atomic<bool> stopping_{false};
 
     ConnectionSet connections_;
+    Turns turns_;
     Watcher watcher_;
     WorkerPool workers_;
     std::thread watcherThread_;

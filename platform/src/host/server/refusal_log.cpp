@@ -11,13 +11,14 @@ namespace VARN::Host {
 namespace {
 
 // In the order of Limit.
-constexpr std::array<const char*, 10> NAMES = {
+constexpr std::array<const char*, 11> NAMES = {
     "connections",
     "connections per user",
     "request bytes",
     "request time in ms",
     "reply time in ms",
     "waiting reply bytes per user",
+    "begun request bytes per user",
     "protocol",
     "descriptors sent along",
     "descriptors of the process",
@@ -47,6 +48,7 @@ RefusalLog::~RefusalLog()
 void RefusalLog::Report(Limit limit, const Caller& caller, uint64_t used, uint64_t allowed, const char* detail)
 {
     const auto index = static_cast<size_t>(limit);
+    refused_.fetch_add(1, std::memory_order_relaxed);
     uint64_t suppressed = 0;
     {
         const MutexLock lock(mutex_);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -18,6 +19,7 @@ enum class Limit {
     REQUEST_TIME,
     REPLY_TIME,
     REPLY_BYTES,
+    BEGUN_REQUEST_BYTES,
     PROTOCOL,
     DESCRIPTORS_SENT,
     DESCRIPTORS,
@@ -37,6 +39,9 @@ public:
     RefusalLog(const RefusalLog&) = delete;
     RefusalLog& operator=(const RefusalLog&) = delete;
 
+    // How often a limit bit, with and without a line.
+    uint64_t CountRefused() const noexcept { return refused_.load(std::memory_order_relaxed); }
+
     void Report(Limit limit, const Caller& caller, uint64_t used, uint64_t allowed, const char* detail = "");
 
 private:
@@ -47,6 +52,7 @@ private:
     static constexpr size_t LIMITS = static_cast<size_t>(Limit::WORKERS) + 1;
 
     const int32_t id_;
+    std::atomic<uint64_t> refused_{0};
     Mutex mutex_;
     std::array<Entry, LIMITS> entries_ GUARDED_BY(mutex_);
 };

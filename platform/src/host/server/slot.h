@@ -56,7 +56,10 @@ public:
         }
     }
 
-    // The same without an event: false, and nothing is noted, unless the connection is idle.
+    // Whether there is a connection that nobody owns. It may be otherwise a moment later.
+    bool IsIdle() const noexcept { return (state_.load(std::memory_order_relaxed) & PHASE_MASK) == IDLE; }
+
+    // The same as `Acquire` without an event: false, and nothing is noted, unless the connection is idle.
     bool AcquireIdle() noexcept
     {
         uint64_t state = state_.load(std::memory_order_relaxed);
@@ -93,7 +96,11 @@ public:
     // Only the owner touches these.
     std::unique_ptr<Connection> connection;
     uint32_t armedEvents = 0;  // what the connection is registered for
+    bool hasHungUp = false;    // an event said that the peer has closed its end
+    uint32_t nextWaiting = 0;  // see Turns
     Pace pace;
+
+    Account* account = nullptr;  // whose connection it is; guarded by the lock of ConnectionSet
 
 private:
     static constexpr unsigned PHASE_BITS = 3;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/server/watcher.h"
 
+#include <malloc.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -29,6 +30,9 @@ constexpr int64_t RECHECK_NANOSECONDS = 20 * NANOSECONDS_PER_MILLISECOND;
 
 // After so many the deadlines are looked at again: peers that connect without end must not keep the watcher busy.
 constexpr int MAX_ACCEPTS_AT_ONCE = 64;
+
+// After a request has begun: is a worker stuck, is there memory to give back? Without requests nobody looks.
+constexpr int64_t LOOK_NANOSECONDS = 1500 * NANOSECONDS_PER_MILLISECOND;
 
 // When descriptors or memory ran out, accepting is tried again after this, or when a connection ends.
 constexpr int ACCEPT_PAUSE_MILLISECONDS = 100;
@@ -66,6 +70,11 @@ void Watcher::WatchFor(int64_t deadline)
     }
 }
 
+void Watcher::NoteRequest(int64_t now)
+{
+    WatchFor(now * NANOSECONDS_PER_MILLISECOND + LOOK_NANOSECONDS);
+}
+
 void Watcher::ConnectionEnded()
 {
     if (acceptPaused_.load(std::memory_order_relaxed)) {
@@ -92,6 +101,7 @@ void Watcher::Run(int listener)
         if (entries[0].revents != 0) {
             eventfd_t ignored = 0;
             ::eventfd_read(wakeEvent_.Get(), &ignored);
+            lookUntil_ = SteadyNanoseconds() + LOOK_NANOSECONDS;
         }
         acceptPaused_.store(false, std::memory_order_relaxed);
         if (entries[1].revents != 0 || paused) {
@@ -156,8 +166,67 @@ int64_t Watcher::EndOverdue()
             next = now;
         }
     }
+    next = std::min({next, LookForStuck(now), GiveMemoryBack(now), now < lookUntil_ ? lookUntil_ : NEVER});
     nextLook_.store(next);
     return next;
+}
+
+void Watcher::Add(const Running& running)
+{
+    const MutexLock lock(mutex_);
+    workers_.push_back({&running, ++lastNumber_, 0});
+}
+
+void Watcher::Remove(const Running& running)
+{
+    const MutexLock lock(mutex_);
+    workers_.erase(std::find_if(workers_.begin(), workers_.end(),
+                                [&running](const Worker& worker) { return worker.running == &running; }));
+}
+
+// Returns when to look again.
+int64_t Watcher::LookForStuck(int64_t now)
+{
+    const MutexLock lock(mutex_);
+    const int64_t limit = context_.options.stuckAfter.count();
+    int64_t next = NEVER;
+    size_t stuck = 0;
+    for (Worker& worker : workers_) {
+        const int64_t since = worker.running->since.load();
+        if (since == 0) {
+            continue;
+        }
+        const int64_t taken = now / NANOSECONDS_PER_MILLISECOND - since;
+        if (taken < limit) {
+            next = std::min(next, now + (limit - taken) * NANOSECONDS_PER_MILLISECOND);
+            continue;
+        }
+        ++stuck;
+        next = std::min(next, now + LOOK_NANOSECONDS);
+        if (worker.toldSince != since) {
+            worker.toldSince = since;
+            PLATFORM_WARN("service %d: worker %zu is stuck: request %u of uid %u runs for %lld ms", context_.id,
+                          worker.number, worker.running->code.load(std::memory_order_relaxed),
+                          worker.running->uid.load(std::memory_order_relaxed), static_cast<long long>(taken));
+        }
+    }
+    stuck_.store(stuck, std::memory_order_relaxed);
+    // The other half of the spare ones is for users that have none at work.
+    context_.accounts.workers.SetExtra(std::min(stuck, context_.options.maxSpareWorkers / 2));
+    return next;
+}
+
+// What a burst has freed stays in the allocator's lists until it is told. That is done once it is quiet, since a
+// service that is at work would take it again at once. Returns when to look again.
+int64_t Watcher::GiveMemoryBack(int64_t now)
+{
+    if (context_.accounts.TakeBurst()) {
+        trimIsDue_ = true;
+    } else if (trimIsDue_) {
+        trimIsDue_ = false;
+        ::malloc_trim(0);
+    }
+    return trimIsDue_ ? now + LOOK_NANOSECONDS : NEVER;
 }
 
 void Watcher::EndForTime(uint32_t index, int64_t lateNanoseconds)
@@ -166,8 +235,8 @@ void Watcher::EndForTime(uint32_t index, int64_t lateNanoseconds)
     const bool reply = connection.HasOutput();
     const int64_t allowed = (reply ? context_.options.replyTimeout : context_.options.stallTimeout).count();
     const int64_t taken = allowed + lateNanoseconds / NANOSECONDS_PER_MILLISECOND;
-    context_.refusals.Report(reply ? Limit::REPLY_TIME : Limit::REQUEST_TIME, connection.GetCaller(),
-                             static_cast<uint64_t>(taken), static_cast<uint64_t>(allowed));
+    context_.Refuse(connection.GetAccount(), reply ? Limit::REPLY_TIME : Limit::REQUEST_TIME, connection.GetCaller(),
+                    static_cast<uint64_t>(taken), static_cast<uint64_t>(allowed));
     connections_.Close(index);
 }
 

@@ -4,9 +4,11 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <exception>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -32,16 +34,16 @@ constexpr int64_t WAKE_MILLISECONDS = 1000;
 
 bool IsBusy(Pace& pace, int64_t now)
 {
-    const bool isQuick = now - pace.lastVisit <= QUICK_MILLISECONDS;
-    pace.lastVisit = now;
+    const bool isQuick = now - pace.lastVisit.load(std::memory_order_relaxed) <= QUICK_MILLISECONDS;
+    pace.lastVisit.store(now, std::memory_order_relaxed);
     pace.quickVisits = isQuick ? pace.quickVisits + 1 : 0;
     return pace.quickVisits >= QUICK_VISITS;
 }
 
 }  // namespace
 
-WorkerPool::WorkerPool(size_t limit, RefusalLog& refusals, std::function<void()> work)
-    : limit_(limit), refusals_(refusals), work_(std::move(work))
+WorkerPool::WorkerPool(size_t usual, size_t spare, RefusalLog& refusals, std::function<void()> work)
+    : usual_(usual), limit_(usual + spare), refusals_(refusals), work_(std::move(work))
 {
 }
 
@@ -58,6 +60,7 @@ void WorkerPool::Start()
     }
     {
         const MutexLock lock(mutex_);
+        retired_.reserve(1);
         threads_.emplace_back(work_);
         workers_.store(1, std::memory_order_relaxed);
     }
@@ -72,6 +75,8 @@ void WorkerPool::Stop()
         const MutexLock lock(mutex_);
         stopping_.store(true, std::memory_order_relaxed);
         threads.swap(threads_);
+        std::move(retired_.begin(), retired_.end(), std::back_inserter(threads));
+        retired_.clear();
     }
     if (wakeEvent_) {
         WakeStaying();
@@ -79,6 +84,26 @@ void WorkerPool::Stop()
     for (std::thread& thread : threads) {
         thread.join();
     }
+}
+
+// The last idle one stays, to be there for whatever comes.
+bool WorkerPool::Retire() noexcept
+{
+    const MutexLock lock(mutex_);
+    const auto self = std::find_if(threads_.begin(), threads_.end(), [](const std::thread& thread) {
+        return thread.get_id() == std::this_thread::get_id();
+    });
+    if (threads_.size() <= usual_ || self == threads_.end() || idle_.load() == 0) {
+        return false;
+    }
+    for (std::thread& before : retired_) {
+        before.join();
+    }
+    retired_.clear();
+    retired_.push_back(std::move(*self));
+    threads_.erase(self);
+    workers_.store(threads_.size(), std::memory_order_relaxed);
+    return true;
 }
 
 // Rule 1.

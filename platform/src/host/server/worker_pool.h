@@ -14,9 +14,9 @@
 
 namespace VARN::Host {
 
-// How soon the visits to one connection follow each other. Only the connection's owner touches it.
+// How soon the visits to one connection follow each other. Only the connection's owner changes it.
 struct Pace {
-    int64_t lastVisit = 0;  // in milliseconds
+    std::atomic<int64_t> lastVisit{0};  // in milliseconds; relaxed: any thread may read how long ago it was
     uint32_t quickVisits = 0;
 };
 
@@ -66,9 +66,9 @@ public:
         virtual int GetPatience() const = 0;
     };
 
-    // At most `limit` threads, each of which runs `work` once. `refusals`, which outlives the pool, is told when the
-    // system refuses one.
-    WorkerPool(size_t limit, RefusalLog& refusals, std::function<void()> work);
+    // At most `usual` threads, and `spare` more which end when they are idle; each runs `work` once. `refusals`, which
+    // outlives the pool, is told when the system refuses one.
+    WorkerPool(size_t usual, size_t spare, RefusalLog& refusals, std::function<void()> work);
     ~WorkerPool();
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
@@ -79,6 +79,13 @@ public:
 
     // Waits until all have returned from `work`. Those that stay are woken; the owner wakes the idle ones.
     void Stop();
+
+    // Whether there are more than the usual ones, and, for one that has been idle, whether it has to end.
+    bool HasSpare() const noexcept { return Count() > usual_; }
+    bool Retire() noexcept;
+
+    // Those that were started and have not retired.
+    size_t Count() const noexcept { return workers_.load(std::memory_order_relaxed); }
 
     // Idle while `wait` runs. It returns whether it got work.
     template <class Wait>
@@ -100,6 +107,7 @@ private:
     void WakeStaying() const noexcept;
     bool AddWorker() noexcept;
 
+    const size_t usual_;
     const size_t limit_;
     RefusalLog& refusals_;
     const std::function<void()> work_;
@@ -117,6 +125,7 @@ private:
 
     Mutex mutex_;
     std::vector<std::thread> threads_ GUARDED_BY(mutex_);
+    std::vector<std::thread> retired_ GUARDED_BY(mutex_);  // they end now
 };
 
 }  // namespace VARN::Host

@@ -1,0 +1,152 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/server/accounts.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace VARN::Host {
+
+namespace {
+
+// Of whatever there is, root and the service's own user have this part for themselves.
+constexpr size_t RESERVE_PART = 16;
+
+// What a user may always hold while anything is left: a connection and its successor, a short request, a worker.
+constexpr size_t CONNECTION_FLOOR = 2;
+constexpr size_t BYTE_FLOOR = 65536;
+constexpr size_t WORKER_FLOOR = 1;
+
+// A reply may always be this long.
+constexpr size_t REPLY_FLOOR = size_t{1} * 1024 * 1024;
+constexpr size_t REPLY_PART = 4;
+
+}  // namespace
+
+Account::Account(uid_t user) noexcept : uid(user), isTrusted(user == 0 || user == ::geteuid()) {}
+
+// What the user may hold, and what the others leave.
+size_t Stock::Share(const Account& account, size_t mine, size_t& left) const noexcept
+{
+    const uint64_t all = all_.load();
+    const size_t others = (all & HELD_MASK) - std::min<size_t>(mine, all & HELD_MASK);
+    const uint64_t users = all >> USER_SHIFT;
+    const size_t otherUsers = users - (mine != 0 && users != 0 ? 1 : 0);
+    const size_t whole = rules_.whole - (account.isTrusted ? 0 : rules_.whole / RESERVE_PART);
+    const size_t shared = std::min(rules_.shared + extra_.load(std::memory_order_relaxed), whole);
+    left = whole - std::min(others, whole);
+    const size_t share = (shared - std::min(others, shared)) / (otherUsers + 1);
+    return std::min(std::max(share, rules_.floor), rules_.mostOfUser);
+}
+
+Stock::Answer Stock::Take(const Account& account, std::atomic<size_t>& mine, size_t amount, size_t& allowed) noexcept
+{
+    const size_t before = mine.fetch_add(amount);
+    all_.fetch_add(amount + (before == 0 && amount != 0 ? ONE_USER : 0));
+    size_t left = 0;
+    const size_t share = Share(account, before + amount, left);
+    allowed = std::min(share, left);
+    if (before + amount <= allowed) {
+        return Answer::TAKEN;
+    }
+    Give(mine, amount);
+    return before + amount <= share ? Answer::NOTHING_LEFT : Answer::BEYOND_SHARE;
+}
+
+void Stock::Give(std::atomic<size_t>& mine, size_t amount) noexcept
+{
+    const size_t before = mine.fetch_sub(amount);
+    all_.fetch_sub(amount + (before == amount && amount != 0 ? ONE_USER : 0));
+}
+
+Accounts::Accounts(const AbilityServerOptions& options)
+    : connections(Stock::Rules{options.maxConnections, options.maxConnections, options.maxConnectionsPerUser,
+                               CONNECTION_FLOOR}),
+      workers(Stock::Rules{options.workers, options.workers + options.maxSpareWorkers, SIZE_MAX, WORKER_FLOOR}),
+      options_(options),
+      bytes_(Stock::Rules{options.maxBytes, options.maxBytes, SIZE_MAX, BYTE_FLOOR})
+{
+}
+
+Account& Accounts::Open(uid_t uid)
+{
+    const MutexLock lock(mutex_);
+    std::unique_ptr<Account>& account = accounts_[uid];
+    if (!account) {
+        account = std::make_unique<Account>(uid);
+    }
+    return *account;
+}
+
+void Accounts::Leave(Account& account)
+{
+    const MutexLock lock(mutex_);
+    if (account.connections.load() == 0) {
+        accounts_.erase(account.uid);
+    }
+}
+
+bool Accounts::TakeBytes(Account& account, Bytes kind, size_t amount, size_t& used, size_t& allowed) noexcept
+{
+    NoteUse(amount);
+    std::atomic<size_t>& mine = kind == Bytes::REQUEST ? account.requestBytes : account.replyBytes;
+    used = mine.fetch_add(amount) + amount;
+    allowed = kind == Bytes::REQUEST ? options_.maxBegunRequestBytesPerUser : options_.maxWaitingReplyBytesPerUser;
+    if (used <= allowed) {
+        used = account.bytes.load() + amount;
+        if (bytes_.Take(account, account.bytes, amount, allowed) == Stock::Answer::TAKEN) {
+            return true;
+        }
+    }
+    mine.fetch_sub(amount);
+    return false;
+}
+
+void Accounts::GiveBytes(Account& account, Bytes kind, size_t amount) noexcept
+{
+    if (amount != 0) {
+        NoteUse(amount);
+        (kind == Bytes::REQUEST ? account.requestBytes : account.replyBytes).fetch_sub(amount);
+        bytes_.Give(account.bytes, amount);
+    }
+}
+
+size_t Accounts::GetReplyBound() const noexcept
+{
+    const size_t left = options_.maxBytes - std::min(options_.maxBytes, bytes_.CountHeld());
+    const size_t bound = left / (REPLY_PART * std::max<size_t>(workers.CountHeld(), 1));
+    return std::max(REPLY_FLOOR, std::min(bound, options_.maxWaitingReplyBytesPerUser));
+}
+
+void Accounts::Describe(ServerStatistics& statistics)
+{
+    const MutexLock lock(mutex_);
+    for (const auto& [uid, account] : accounts_) {
+        UserStatistics user{uid,
+                            account->connections.load(),
+                            account->requestBytes.load(),
+                            account->replyBytes.load(),
+                            account->workers.load(),
+                            account->waiting.load(),
+                            account->refused.load(std::memory_order_relaxed)};
+        statistics.connections += user.connections;
+        statistics.requestBytes += user.requestBytes;
+        statistics.replyBytes += user.replyBytes;
+        statistics.workersAtWork += user.workersAtWork;
+        statistics.waiting += user.waiting;
+        statistics.users.push_back(user);
+    }
+}
+
+bool Charge::GrowTo(size_t bytes, size_t& used, size_t& allowed) noexcept
+{
+    if (bytes > bytes_) {
+        if (!accounts_.TakeBytes(account_, kind_, bytes - bytes_, used, allowed)) {
+            return false;
+        }
+        bytes_ = bytes;
+    }
+    return true;
+}
+
+}  // namespace VARN::Host

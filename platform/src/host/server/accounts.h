@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <unordered_map>
+
+#include "host/base/thread_safety.h"
+#include "varn/host/ability_server.h"
+
+namespace VARN::Host {
+
+// What one user holds of a server. It exists while the user has a connection.
+struct Account {
+    explicit Account(uid_t user) noexcept;
+
+    const uid_t uid;
+    const bool isTrusted;  // root and the service's own user, which have a reserve
+
+    // Sequentially consistent, see Stock.
+    std::atomic<size_t> connections{0};
+    std::atomic<size_t> requestBytes{0};
+    std::atomic<size_t> replyBytes{0};
+    std::atomic<size_t> bytes{0};  // both
+    std::atomic<size_t> workers{0};
+    // Relaxed: read for statistics alone.
+    std::atomic<uint64_t> refused{0};
+
+    // The queue of connections that wait for their turn, see Turns, whose lock guards these.
+    uint32_t firstWaiting = 0;
+    uint32_t lastWaiting = 0;
+    std::atomic<size_t> waiting{0};
+    Account* nextInTurn = nullptr;
+};
+
+// One thing that users share: connections, bytes or workers.
+//
+// The attack it stops: one user, or eight that work together, take all there is, and everybody else is turned away. A
+// fixed limit for each user does not stop it: eight times the limit may be everything. So what a user may hold depends
+// on what is left. With n other users that hold something it is
+//
+//     share = (shared - held by the others) / (n + 1)
+//
+// but at least the floor, so that a newcomer is served even when the others hold it all, and never more than the limit
+// for one user or than what is left of the whole. The last sixteenth of the whole is for root and the service's own
+// user. An example for 256 MiB: one user alone may hold its 128 MiB. The next gets (256 - 128) / 2 = 64, the third (256
+// - 192) / 3 = 21, the fourth 10: whoever comes still finds some.
+//
+// Thread safety: any thread may call anything. Sequentially consistent, since Turns compares what is held with what
+// waits.
+class Stock {
+public:
+    struct Rules {
+        size_t shared;  // what the shares are of
+        size_t whole;   // what there is; beyond the shares it serves floors
+        size_t mostOfUser;
+        size_t floor;
+    };
+    explicit Stock(const Rules& rules) noexcept : rules_(rules) {}
+
+    enum class Answer {
+        TAKEN,
+        BEYOND_SHARE,  // the user holds its share
+        NOTHING_LEFT,  // it would be within its share, but the others hold more than theirs
+    };
+    // Counts `amount` more as held, unless the user may not have it; then `allowed` is what it may hold.
+    Answer Take(const Account& account, std::atomic<size_t>& mine, size_t amount, size_t& allowed) noexcept;
+    void Give(std::atomic<size_t>& mine, size_t amount) noexcept;
+
+    size_t CountHeld() const noexcept { return all_.load() & HELD_MASK; }
+
+    // Adds to what is shared, in place of workers that are stuck.
+    void SetExtra(size_t extra) noexcept { extra_.store(extra, std::memory_order_relaxed); }
+
+private:
+    // The number of users stands in the same word as what they hold: both are of one moment, and change in one step.
+    static constexpr unsigned USER_SHIFT = 44;
+    static constexpr uint64_t ONE_USER = uint64_t{1} << USER_SHIFT;
+    static constexpr uint64_t HELD_MASK = ONE_USER - 1;
+
+    size_t Share(const Account& account, size_t mine, size_t& left) const noexcept;
+
+    const Rules rules_;
+    std::atomic<uint64_t> all_{0};
+    // Relaxed: to go by an old number is to serve a request a moment later.
+    std::atomic<size_t> extra_{0};
+};
+
+enum class Bytes { REQUEST, REPLY };
+
+// The accounts of a server's users, and what they share.
+//
+// Thread safety: any thread may call anything.
+class Accounts {
+public:
+    explicit Accounts(const AbilityServerOptions& options);
+
+    // The account of a user that is about to have one connection more. Throws std::bad_alloc.
+    Account& Open(uid_t uid);
+    // To be called when a connection has ended, or was not had after all; the account may be gone then.
+    void Leave(Account& account);
+
+    // Counts the change of what a connection holds. False, with nothing counted, past a limit: `used` and `allowed` are
+    // for the line.
+    bool TakeBytes(Account& account, Bytes kind, size_t amount, size_t& used, size_t& allowed) noexcept;
+    void GiveBytes(Account& account, Bytes kind, size_t amount) noexcept;
+
+    // What a reply may grow to while it is made. Nobody knows its length before, so it is bounded by what is left: a
+    // quarter of it, shared by the workers at work, lest one request asks for the same long text ten thousand times.
+    size_t GetReplyBound() const noexcept;
+
+    // Adds what is held to the statistics.
+    void Describe(ServerStatistics& statistics);
+
+    // Whether much memory was used since the last call.
+    bool TakeBurst() noexcept { return burst_.exchange(false, std::memory_order_relaxed); }
+    void NoteUse(size_t bytes) noexcept
+    {
+        if (bytes >= BURST_BYTES) {
+            burst_.store(true, std::memory_order_relaxed);
+        }
+    }
+
+    Stock connections;
+    Stock workers;
+
+private:
+    static constexpr size_t BURST_BYTES = 65536;
+
+    const AbilityServerOptions& options_;
+    Stock bytes_;
+    // Relaxed: it is looked at again and again.
+    std::atomic<bool> burst_{false};
+
+    Mutex mutex_;
+    std::unordered_map<uid_t, std::unique_ptr<Account>> accounts_ GUARDED_BY(mutex_);
+};
+
+// Bytes that stand in a user's account until the charge goes.
+class Charge {
+public:
+    Charge(Accounts& accounts, Account& account, Bytes kind) noexcept
+        : accounts_(accounts), account_(account), kind_(kind)
+    {
+    }
+    ~Charge() { accounts_.GiveBytes(account_, kind_, bytes_); }
+    Charge(const Charge&) = delete;
+    Charge& operator=(const Charge&) = delete;
+
+    // False, see Accounts::TakeBytes, when it may not grow to `bytes`.
+    bool GrowTo(size_t bytes, size_t& used, size_t& allowed) noexcept;
+
+private:
+    Accounts& accounts_;
+    Account& account_;
+    const Bytes kind_;
+    size_t bytes_ = 0;
+};
+
+}  // namespace VARN::Host
