@@ -7,16 +7,17 @@ import shutil
 import subprocess
 import tempfile
 
-WARM_UP_CALLS = 20
-COUNTED_CALLS = 200
+# First to warm up, then counted; callgrind makes a long call fifty times as long.
+CALLS = {"bulk": (3, 5), "usage": (3, 5)}
+USUAL_CALLS = (20, 200)
 SIDES = ("client", "server")
 # Code that works for whoever calls it: what it costs is its caller's.
 SHARED = re.compile(r"/(libc|libm|libstdc\+\+|libgcc_s|ld-linux-x86-64)\.so|^\?*$")
 # By the plain names of functions; the rest is the call itself: finding the service, checks, limits, turns, log lines.
 PURPOSES = (("codec", re.compile(r"Parcel::[A-Z]|MessageParcel|arshalling|ReadFields|(Read|Write)(String|List)|"
                                  r"ServiceProxy::[GS]et|Stub::Handle|Writer|Reader|(Put|Get)Many")),
-            ("lists", re.compile(r"~|std::vector|_Hashtable|uninit_copy|::operator=|(\w+)::\1$|LibraryService|TypedClient|"
-                                 r"LibraryPeer|(Read|Write)Records")))
+            ("lists", re.compile(r"~|std::vector|_Hashtable|uninit_copy|::operator=|(\w+)::\1$|LibraryService|"
+                                 r"TypedClient|LibraryPeer|(Read|Write)Records")))
 
 
 def purpose(name):
@@ -82,21 +83,22 @@ def purposes(path):
     return dict(result)
 
 
-def count(bench, name, case, records):
+def count(bench, name, case):
     """Instructions of one call on each side by purpose, once the first calls have warmed it up."""
     def control(order):
         for pid in pids:
             subprocess.run(["callgrind_control", order, str(pid)], check=True, stdout=subprocess.DEVNULL,
                            stderr=subprocess.DEVNULL)
 
+    warm_up, counted = CALLS.get(case, USUAL_CALLS)
     with tempfile.TemporaryDirectory(prefix="bench-") as folder:
         setups = {f"{side}_setup": (["valgrind", "--tool=callgrind", f"--callgrind-out-file={folder}/{side}"], {})
                   for side in SIDES}
-        with bench.pair(name, case, records, bench.all_cpus, **setups) as pair:
+        with bench.pair(name, case, bench.all_cpus, **setups) as pair:
             pids = pair.clients[0].pid, pair.server.pid
-            pair.call(WARM_UP_CALLS)
+            pair.call(warm_up)
             control("--zero")
-            pair.call(COUNTED_CALLS)
+            pair.call(counted)
             control("--dump")
-        return {side: {purpose: cost / COUNTED_CALLS for purpose, cost in
+        return {side: {purpose: cost / counted for purpose, cost in
                        purposes(pathlib.Path(folder, side + ".1")).items()} for side in SIDES}

@@ -10,17 +10,17 @@ import time
 
 from processes import cpu_nanoseconds, status
 
+REPLY_BYTES = 28  # without records
 SOCKETS = {"ours": "65993.sock", "floor": "bench.sock"}
 
 
 class Crowd:
     """Connections of one contender whose requests have empty fields."""
 
-    def __init__(self, bench, name, folder):
-        request, reply = map(int, bench.workload("floor", "none", 0)[2:])
-        self.reply = reply
+    def __init__(self, name, folder):
+        self.reply = REPLY_BYTES
         self.path = os.path.join(folder, SOCKETS[name])
-        self.request = frame() if name == "ours" else struct.pack("<I", request) + bytes(request - 4)
+        self.request = frame() if name == "ours" else struct.pack("<I", len(frame())) + bytes(len(frame()) - 4)
         self.connections = []
 
     def connect(self, count):
@@ -75,8 +75,8 @@ def frame():
 
 def in_turn(bench, name, connections, seconds):
     """What a server takes for connections that each ask once a second."""
-    with bench.pair(name, "none", 0, bench.one_cpu, clients=0) as pair:
-        crowd = Crowd(bench, name, pair.folder).connect(connections)
+    with bench.pair(name, "none", bench.one_cpu, clients=0) as pair:
+        crowd = Crowd(name, pair.folder).connect(connections)
         for connection in crowd.connections:
             crowd.ask(connection)
         before = cpu_nanoseconds(pair.server.pid)
@@ -88,14 +88,14 @@ def in_turn(bench, name, connections, seconds):
 
 
 @contextlib.contextmanager
-def greedy(bench, name, folder, connections, user):
+def greedy(name, folder, connections, user):
     """A process of `user` that keeps that many connections busy."""
     pid = os.fork()
     if pid == 0:
         try:
             os.setgid(user)
             os.setuid(user)
-            Crowd(bench, name, folder).connect(connections).ask_for_ever()
+            Crowd(name, folder).connect(connections).ask_for_ever()
         finally:
             os._exit(1)
     try:

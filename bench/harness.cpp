@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The program around every contender:
 //
-//   serve DIRECTORY CASE RECORDS [REQUEST_BYTES REPLY_BYTES]   prints "ready", serves until it is ended
-//   call DIRECTORY CASE RECORDS [REQUEST_BYTES REPLY_BYTES]    prints "ready", then answers commands on standard input
+//   serve DIRECTORY CASE RECORDS REQUEST_BYTES REPLY_BYTES   prints "ready", serves until it is ended
+//   call DIRECTORY CASE RECORDS REQUEST_BYTES REPLY_BYTES    prints "ready", then answers commands on standard input
 //
 // Commands of `call`, each answered by a line:
 //
@@ -108,17 +108,14 @@ void RunClient(const std::string& directory, const Workload& workload)
 
 int Main(const std::vector<std::string>& arguments)
 {
-    if (arguments.size() != 4 && arguments.size() != 6) {
-        std::cerr << "serve|call DIRECTORY CASE RECORDS [REQUEST_BYTES REPLY_BYTES]\n";
+    if (arguments.size() != 6) {
+        std::cerr << "serve|call DIRECTORY CASE RECORDS REQUEST_BYTES REPLY_BYTES\n";
         return 2;
     }
     // Nobody is left behind when the driver ends.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    Workload workload{CaseNamed(arguments[2]), std::stoul(arguments[3]), 0, 0};
-    if (arguments.size() == 6) {
-        workload.requestBytes = std::stoul(arguments[4]);
-        workload.replyBytes = std::stoul(arguments[5]);
-    }
+    const Workload workload{CaseNamed(arguments[2]), std::stoul(arguments[3]), std::stoul(arguments[4]),
+                            std::stoul(arguments[5])};
     if (arguments[0] == "serve") {
         Serve(arguments[1], workload);
     } else {

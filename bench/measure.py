@@ -16,7 +16,10 @@ from processes import Pair, cpu_nanoseconds, status
 import weight
 
 CONTENDERS = ["ours", "floor", "floor-codec", "floor-list", "sd-bus", "capnp", "grpc"]
-CASES = {"small": 8, "bulk": 10000, "least": 0, "usage": 10000, "token": 100}
+# Records in the answer, and bytes of our request and reply as they travel, of which the floor sends as many.
+WORKLOADS = {"small": (8, 368, 1276), "bulk": (10000, 352, 1560028), "least": (0, 268, 28),
+             "usage": (10000, 316, 1000028), "token": (100, 2988, 12032), "none": (0, 188, 28)}
+CASES = ["small", "bulk", "least", "usage", "token"]
 PARTS = [*CASES, "many", "starts", "work", "turns", "users", "idle", "weight", "where"]
 MANY_CLIENTS = 4
 CONNECTIONS = 1000
@@ -56,7 +59,7 @@ class Bench:
                 if case in parts:
                     say(f"{case}, {label}")
                     results["calls"][label][case] = self.together({
-                        name: lambda name=name: self.pair(name, case, CASES[case], cpus) for name in self.contenders})
+                        name: lambda name=name: self.pair(name, case, cpus) for name in self.contenders})
         for part in PARTS[len(CASES):]:
             if part in parts:
                 say(part)
@@ -64,16 +67,8 @@ class Bench:
         results["load after"] = os.getloadavg()
         return results
 
-    def workload(self, name, case, records):
-        """What a contender is told; the floor learns how long our messages are."""
-        sizes = []
-        if name == "floor":
-            sizes = subprocess.run([self.program("sizes"), case, str(records)], check=True, text=True,
-                                   capture_output=True).stdout.split()
-        return [case, records, *sizes]
-
-    def pair(self, name, case, records, cpus, **options):
-        return Pair(self.program(name), self.workload(name, case, records), cpus, **options)
+    def pair(self, name, case, cpus, **options):
+        return Pair(self.program(name), [case, *WORKLOADS[case]], cpus, **options)
 
     def interleave(self, pairs):
         """Rounds in turn, each time beginning with another pair. For each pair a list of rounds."""
@@ -114,7 +109,7 @@ class Bench:
                 for key, its_rounds in rounds.items()}
 
     def many(self):
-        return self.together({name: lambda name=name: self.pair(name, "small", CASES["small"], self.all_cpus,
+        return self.together({name: lambda name=name: self.pair(name, "small", self.all_cpus,
                                                                 clients=MANY_CLIENTS) for name in self.contenders})
 
     def apart(self, repeats, measure, names=("ours", "floor-list")):
@@ -128,7 +123,7 @@ class Bench:
     def starts(self):
         """Mean time of a small call for each start: one client, unpinned."""
         def mean(name):
-            with self.pair(name, "small", CASES["small"], self.all_cpus) as pair:
+            with self.pair(name, "small", self.all_cpus) as pair:
                 return self.round(pair)["mean"]
         return self.apart(30, mean)
 
@@ -136,7 +131,7 @@ class Bench:
         """The client's CPU time for a call, disposal not counted, with an allocator that keeps what is freed."""
         def of_case(case):
             def work(name):
-                with self.pair(name, case, CASES[case], self.one_cpu, client_setup=KEEPING, server_setup=KEEPING) as pair:
+                with self.pair(name, case, self.one_cpu, client_setup=KEEPING, server_setup=KEEPING) as pair:
                     return pair.work(5 if self.quick else 50)
             return self.apart(self.repeats, work)
         return {case: of_case(case) for case in ("small", "bulk", "usage", "token")}
@@ -156,10 +151,10 @@ class Bench:
         *others, greedy = USERS
         p99 = {"alone": [], "crowded": []}
         for _ in range(self.repeats):
-            with self.pair("ours", "small", CASES["small"], self.all_cpus, users=others) as pair:
+            with self.pair("ours", "small", self.all_cpus, users=others) as pair:
                 for _ in range(self.rounds):
                     p99["alone"].append(self.round(pair)["p99"])
-                    with crowd.greedy(self, "ours", pair.folder, GREEDY_CONNECTIONS, greedy):
+                    with crowd.greedy("ours", pair.folder, GREEDY_CONNECTIONS, greedy):
                         p99["crowded"].append(self.round(pair)["p99"])
         return {"alone": statistics.median(p99["alone"]), "crowded": statistics.median(p99["crowded"]),
                 "ratio": statistics.median(crowded / alone for alone, crowded in zip(p99["alone"], p99["crowded"]))}
@@ -167,8 +162,8 @@ class Bench:
     def idle(self):
         """Small, against servers that hold no idle connections and many."""
         def pair(idle_connections):
-            pair = self.pair("ours", "small", CASES["small"], self.one_cpu)
-            pair.crowd = crowd.Crowd(self, "ours", pair.folder).connect(idle_connections)
+            pair = self.pair("ours", "small", self.one_cpu)
+            pair.crowd = crowd.Crowd("ours", pair.folder).connect(idle_connections)
             return pair
         return self.together({str(count): lambda count=count: pair(count) for count in (0, CONNECTIONS)})
 
@@ -177,9 +172,9 @@ class Bench:
         if self.quick or not callgrind.is_available() or not shutil.which("strace"):
             return None
         names = ("ours", "floor", "floor-list")
-        timed = self.together({name: lambda name=name: self.pair(name, "small", CASES["small"], self.one_cpu)
+        timed = self.together({name: lambda name=name: self.pair(name, "small", self.one_cpu)
                                for name in names})
-        result = {name: {"instructions": callgrind.count(self, name, "small", CASES["small"]),
+        result = {name: {"instructions": callgrind.count(self, name, "small"),
                          "system calls": [weight.system_calls(self, name, "small", side) for side in callgrind.SIDES],
                          "time": timed[name]["median"]} for name in names}
         # The two floors ask the same of the kernel: what one takes longer than the other is its instructions' time.

@@ -11,7 +11,7 @@ from processes import status
 
 CONNECTIONS = 1000
 COUNTED_CALLS = 200
-COUNTED_CASES = {"none": 0, "least": 0, "small": 8}
+COUNTED_CASES = ["none", "least", "small"]
 QUIET_SECONDS = 5
 
 
@@ -24,9 +24,9 @@ def memory(pid):
 
 def per_connection(bench):
     """Bytes of the service's memory for one idle connection that has had one request."""
-    with bench.pair("ours", "none", 0, bench.all_cpus, clients=0) as pair:
+    with bench.pair("ours", "none", bench.all_cpus, clients=0) as pair:
         before = memory(pair.server.pid)
-        crowd = Crowd(bench, "ours", pair.folder).connect(CONNECTIONS)
+        crowd = Crowd("ours", pair.folder).connect(CONNECTIONS)
         for connection in crowd.connections:
             crowd.ask(connection)
         after = memory(pair.server.pid)
@@ -35,14 +35,14 @@ def per_connection(bench):
 
 
 def idle_memory(bench, name):
-    with bench.pair(name, "none", 0, bench.all_cpus, clients=0) as pair:
+    with bench.pair(name, "none", bench.all_cpus, clients=0) as pair:
         time.sleep(0.2)  # for threads that start a little later
         return memory(pair.server.pid)
 
 
 def after_bulk(bench, name):
     """A server's KiB at its peak while it answers bulk requests, and once it has been quiet for a while."""
-    with bench.pair(name, "bulk", 10000, bench.all_cpus) as pair:
+    with bench.pair(name, "bulk", bench.all_cpus) as pair:
         pair.run(5 * bench.milliseconds)
         peak = status(pair.server.pid, "VmHWM")
         time.sleep(QUIET_SECONDS)
@@ -57,7 +57,7 @@ def allocations(bench, name, case):
             file.write_bytes(bytes(8))
         setups = [([], {"LD_PRELOAD": str(bench.program("allocation-counter.so", "libbench")),
                         "BENCH_ALLOCATION_COUNTER": str(file)}) for file in files]
-        with bench.pair(name, case, COUNTED_CASES[case], bench.all_cpus, client_setup=setups[0],
+        with bench.pair(name, case, bench.all_cpus, client_setup=setups[0],
                         server_setup=setups[1]) as pair:
             counts = []
             for _ in range(3):
@@ -75,7 +75,7 @@ def system_calls(bench, name, case, side):
     with tempfile.TemporaryDirectory() as folder:
         log = pathlib.Path(folder, "log")
         strace = (["strace", "-D", "-f", "-qq", "-o", str(log)], {})
-        with bench.pair(name, case, COUNTED_CASES[case], bench.all_cpus, **{f"{side}_setup": strace}) as pair:
+        with bench.pair(name, case, bench.all_cpus, **{f"{side}_setup": strace}) as pair:
             before = seen()
             pair.call(COUNTED_CALLS)
             return (seen() - before) // COUNTED_CALLS  # the commands of the driver make less than one
