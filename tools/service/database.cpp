@@ -33,74 +33,38 @@ constexpr const char* SETTINGS =
 // was released: add another.
 constexpr const char* MIGRATIONS[] = {
     R"sql(
-CREATE TABLE user (
-    id INTEGER PRIMARY KEY,
-    is_listed INTEGER NOT NULL
-) STRICT;
-CREATE TABLE permission_group (
-    id INTEGER PRIMARY KEY,
-    name TEXT NOT NULL UNIQUE,
-    is_listed INTEGER NOT NULL
-) STRICT;
+CREATE TABLE user (id INTEGER PRIMARY KEY, is_listed INTEGER NOT NULL) STRICT;
+CREATE TABLE permission_group (id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE, is_listed INTEGER NOT NULL) STRICT;
 CREATE TABLE app (
-    id INTEGER PRIMARY KEY,
-    bundle TEXT NOT NULL,
-    user INTEGER NOT NULL REFERENCES user ON DELETE CASCADE,
-    uid INTEGER NOT NULL UNIQUE,
-    UNIQUE (bundle, user)
-) STRICT;
+    id INTEGER PRIMARY KEY, bundle TEXT NOT NULL, user INTEGER NOT NULL REFERENCES user ON DELETE CASCADE,
+    uid INTEGER NOT NULL UNIQUE, UNIQUE (bundle, user)) STRICT;
 CREATE INDEX app_of_user ON app (user);
--- A group that an app holds, as the device came with it.
+-- A group that an app holds, as the device came with it; the states it shows; what a client chose in place of it.
 CREATE TABLE app_group (
-    id INTEGER PRIMARY KEY,
-    app INTEGER NOT NULL REFERENCES app ON DELETE CASCADE,
+    id INTEGER PRIMARY KEY, app INTEGER NOT NULL REFERENCES app ON DELETE CASCADE,
     permission_group INTEGER NOT NULL REFERENCES permission_group ON DELETE CASCADE,
-    state TEXT NOT NULL,
-    flags INTEGER NOT NULL,
-    disabled_reason TEXT NOT NULL,
-    UNIQUE (app, permission_group)
-) STRICT;
+    state TEXT NOT NULL, flags INTEGER NOT NULL, disabled_reason TEXT NOT NULL, UNIQUE (app, permission_group)) STRICT;
 CREATE INDEX app_group_of_group ON app_group (permission_group);
 CREATE TABLE shown_state (
-    app_group INTEGER NOT NULL REFERENCES app_group ON DELETE CASCADE,
-    place INTEGER NOT NULL,
-    state TEXT NOT NULL,
-    is_disabled INTEGER NOT NULL,
-    PRIMARY KEY (app_group, place)
-) STRICT, WITHOUT ROWID;
--- What a client chose in place of it.
+    app_group INTEGER NOT NULL REFERENCES app_group ON DELETE CASCADE, place INTEGER NOT NULL,
+    state TEXT NOT NULL, is_disabled INTEGER NOT NULL, PRIMARY KEY (app_group, place)) STRICT, WITHOUT ROWID;
 CREATE TABLE choice (
-    app_group INTEGER PRIMARY KEY REFERENCES app_group ON DELETE CASCADE,
-    state TEXT NOT NULL,
-    flags INTEGER NOT NULL
-) STRICT;
+    app_group INTEGER PRIMARY KEY REFERENCES app_group ON DELETE CASCADE, state TEXT NOT NULL,
+    flags INTEGER NOT NULL) STRICT;
 -- Times in milliseconds since the epoch.
 CREATE TABLE usage (
-    id INTEGER PRIMARY KEY,
-    began INTEGER NOT NULL,
-    ended INTEGER NOT NULL,
+    id INTEGER PRIMARY KEY, began INTEGER NOT NULL, ended INTEGER NOT NULL,
     app INTEGER NOT NULL REFERENCES app ON DELETE CASCADE,
     permission_group INTEGER NOT NULL REFERENCES permission_group ON DELETE CASCADE,
-    mode INTEGER NOT NULL,
-    app_state INTEGER NOT NULL,
-    screen_state INTEGER NOT NULL,
-    times INTEGER NOT NULL
-) STRICT;
+    mode INTEGER NOT NULL, app_state INTEGER NOT NULL, screen_state INTEGER NOT NULL, times INTEGER NOT NULL) STRICT;
 CREATE INDEX usage_of_span ON usage (began);
 CREATE INDEX usage_of_app ON usage (app, began);
 CREATE INDEX usage_of_group ON usage (permission_group, began);
 CREATE TABLE bundle (
-    id INTEGER PRIMARY KEY,
-    name TEXT NOT NULL UNIQUE,
-    fingerprint TEXT NOT NULL,
-    version_code INTEGER NOT NULL
-) STRICT;
+    id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE, fingerprint TEXT NOT NULL, version_code INTEGER NOT NULL) STRICT;
 CREATE TABLE policy (
-    bundle INTEGER NOT NULL REFERENCES bundle ON DELETE CASCADE,
-    name TEXT NOT NULL,
-    value INTEGER NOT NULL,
-    PRIMARY KEY (bundle, name)
-) STRICT, WITHOUT ROWID;
+    bundle INTEGER NOT NULL REFERENCES bundle ON DELETE CASCADE, name TEXT NOT NULL, value INTEGER NOT NULL,
+    PRIMARY KEY (bundle, name)) STRICT, WITHOUT ROWID;
 )sql",
 };
 constexpr auto VERSION = static_cast<int64_t>(std::size(MIGRATIONS));
@@ -152,42 +116,34 @@ Database::Database(const std::string& path, Use use) : path_(path.empty() ? IN_M
         return;
     }
     if (use == Use::SERVE) {
-        Lock();
+        KeepOthersAway();
     }
     try {
         MakeFile(path_);
         writer_ = Open();
         Prepare();
     } catch (const DatabaseError& error) {
-        writer_.reset();
-        if (lock_ >= 0) {
-            ::close(lock_);
-        }
         const bool isNamed = std::strncmp(error.what(), path_.c_str(), path_.size()) == 0;
         throw DatabaseError((isNamed ? "" : path_ + ": ") + error.what());
     }
 }
 
-Database::~Database()
+Database::Lock::~Lock()
 {
-    readers_.clear();
-    writer_.reset();
-    if (lock_ >= 0) {
-        ::close(lock_);
+    if (descriptor >= 0) {
+        ::close(descriptor);
     }
 }
 
-void Database::Lock()
+void Database::KeepOthersAway()
 {
     const std::string path = path_ + ".lock";
-    lock_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, OWNER_ONLY);
-    if (lock_ < 0) {
+    lock_.descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, OWNER_ONLY);
+    if (lock_.descriptor < 0) {
         FailStep(path, "open");
     }
-    if (::flock(lock_, LOCK_EX | LOCK_NB) != 0) {
-        const int error = errno;
-        ::close(lock_);
-        FailFile(path_, error == EWOULDBLOCK ? "another service uses this database" : std::strerror(error));
+    if (::flock(lock_.descriptor, LOCK_EX | LOCK_NB) != 0) {
+        FailFile(path_, errno == EWOULDBLOCK ? "another service uses this database" : std::strerror(errno));
     }
 }
 
@@ -207,9 +163,6 @@ void Database::Prepare()
     }
     if (writer_->Number("PRAGMA user_version") > VERSION) {
         FailFile(path_, "was written by a newer version of this program");
-    }
-    if (writer_->IsReadOnly()) {
-        FailFile(path_, "cannot be written");
     }
     if (path_ != IN_MEMORY) {
         MakePrivate(path_);

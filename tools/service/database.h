@@ -40,10 +40,6 @@ public:
     // is no database or that of another program, has a newer schema, cannot be written, or is served already; the file
     // is left as it is.
     explicit Database(const std::string& path, Use use = Use::SERVE);
-    ~Database();
-
-    Database(const Database&) = delete;
-    Database& operator=(const Database&) = delete;
 
     // Both run `work` in a transaction and hand on what it answers and throws. `Write` keeps what it wrote when it
     // answers 0, and undoes it otherwise.
@@ -52,11 +48,16 @@ public:
 
 private:
     std::unique_ptr<Connection> Open() const;
-    void Lock();
+    void KeepOthersAway();
     void Prepare();
 
+    struct Lock {
+        int descriptor = -1;
+        ~Lock();
+    };
+
     const std::string path_;
-    int lock_ = -1;
+    Lock lock_;  // goes last: whoever takes it next finds the database closed
 
     std::mutex writing_;                  // held for a change, the disk included; in memory for a read as well
     std::unique_ptr<Connection> writer_;  // guarded by writing_

@@ -32,10 +32,7 @@ Connection::~Connection()
 
 void Connection::Execute(const char* script)
 {
-    const int code = sqlite3_exec(handle_, script, nullptr, nullptr, nullptr);
-    if (code != SQLITE_OK) {
-        Fail(code);
-    }
+    Check(sqlite3_exec(handle_, script, nullptr, nullptr, nullptr));
 }
 
 int64_t Connection::Number(const std::string& sql)
@@ -44,23 +41,16 @@ int64_t Connection::Number(const std::string& sql)
     return statement.Step() ? statement.Integer(0) : 0;
 }
 
-bool Connection::IsReadOnly() const
-{
-    return sqlite3_db_readonly(handle_, "main") == 1;
-}
-
-int64_t Connection::LastId() const
-{
-    return sqlite3_last_insert_rowid(handle_);
-}
-
 int64_t Connection::Changes() const
 {
     return sqlite3_changes64(handle_);
 }
 
-void Connection::Fail(int code) const
+void Connection::Check(int code) const
 {
+    if (code == SQLITE_OK || code == SQLITE_DONE) {
+        return;
+    }
     if ((code & 0xff) == SQLITE_CONSTRAINT) {
         throw ConstraintError(sqlite3_errmsg(handle_));
     }
@@ -73,11 +63,8 @@ sqlite3_stmt* Statement::Take()
         return kept.mapped();
     }
     sqlite3_stmt* handle = nullptr;
-    const int code =
-        sqlite3_prepare_v2(connection_.handle_, sql_.data(), static_cast<int>(sql_.size()), &handle, nullptr);
-    if (code != SQLITE_OK) {
-        connection_.Fail(code);
-    }
+    connection_.Check(
+        sqlite3_prepare_v2(connection_.handle_, sql_.data(), static_cast<int>(sql_.size()), &handle, nullptr));
     return handle;
 }
 
@@ -97,27 +84,21 @@ Statement::~Statement()
 
 void Statement::Bind(int64_t value)
 {
-    const int code = sqlite3_bind_int64(handle_, ++bound_, value);
-    if (code != SQLITE_OK) {
-        connection_.Fail(code);
-    }
+    connection_.Check(sqlite3_bind_int64(handle_, ++bound_, value));
 }
 
 void Statement::Bind(std::string_view value)
 {
     // An empty view may have no address, which would bind a null.
-    const int code = sqlite3_bind_text64(handle_, ++bound_, value.empty() ? "" : value.data(), value.size(),
-                                         SQLITE_STATIC, SQLITE_UTF8);
-    if (code != SQLITE_OK) {
-        connection_.Fail(code);
-    }
+    connection_.Check(sqlite3_bind_text64(handle_, ++bound_, value.empty() ? "" : value.data(), value.size(),
+                                          SQLITE_STATIC, SQLITE_UTF8));
 }
 
 bool Statement::Step()
 {
     const int code = sqlite3_step(handle_);
-    if (code != SQLITE_ROW && code != SQLITE_DONE) {
-        connection_.Fail(code);
+    if (code != SQLITE_ROW) {
+        connection_.Check(code);
     }
     return code == SQLITE_ROW;
 }

@@ -39,15 +39,13 @@ public:
     // The number that a pragma or a count answers. Throws DatabaseError.
     int64_t Number(const std::string& sql);
 
-    bool IsReadOnly() const;
-    int64_t LastId() const;
     // Rows that the last statement changed; what a foreign key took along does not count.
     int64_t Changes() const;
 
 private:
     friend class Statement;
 
-    [[noreturn]] void Fail(int code) const;
+    void Check(int code) const;
 
     sqlite3* handle_ = nullptr;
     std::map<std::string, sqlite3_stmt*> idle_;

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "service/usage_recorder.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <unistd.h>
-
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <istream>
 #include <vector>
 
 #include "common/json_input.h"
@@ -21,87 +20,32 @@ constexpr size_t MAX_LINE_BYTES = 65536;
 // Events stored or dropped in one transaction, so that others who write wait a few milliseconds at most.
 constexpr size_t MAX_BATCH = 1000;
 
-class LineReader {
-public:
-    explicit LineReader(const std::string& path)
-        : name_(path == "-" ? "standard input" : path),
-          descriptor_(path == "-" ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC))
-    {
-        if (descriptor_ < 0) {
-            Fail();
+// Waits for a line and takes with it what has arrived behind it; nothing at the end.
+std::vector<std::string> NextLines(std::istream& input, const std::string& name)
+{
+    std::vector<std::string> lines;
+    std::array<char, MAX_LINE_BYTES> line;
+    while (lines.size() < MAX_BATCH && (lines.empty() || input.rdbuf()->in_avail() > 0) && !input.eof()) {
+        input.getline(line.data(), line.size());
+        if (input.bad() || (input.fail() && !input.eof() && input.gcount() == 0)) {
+            throw InputError(name + ": cannot read: " + std::strerror(errno));
+        }
+        const bool isTooLong = input.fail() && !input.eof();
+        // The end of the line counts, but is not there.
+        const auto end = static_cast<size_t>(input.gcount()) - (input.good() ? 1 : 0);
+        if (input.gcount() != 0) {
+            lines.emplace_back(line.data(), isTooLong ? MAX_LINE_BYTES : end);
+        }
+        if (isTooLong) {
+            break;
         }
     }
-    ~LineReader()
-    {
-        if (descriptor_ != STDIN_FILENO) {
-            ::close(descriptor_);
-        }
-    }
-    LineReader(const LineReader&) = delete;
-    LineReader& operator=(const LineReader&) = delete;
-
-    const std::string& Name() const { return name_; }
-
-    // Waits for a line and takes with it what has arrived behind it; nothing at the end.
-    std::vector<std::string> Next()
-    {
-        std::vector<std::string> lines;
-        while (lines.size() < MAX_BATCH && (TakeLine(lines) || ((lines.empty() || HasArrived()) && Receive()))) {
-        }
-        if (isAtEnd_ && lines.size() < MAX_BATCH && !pending_.empty()) {
-            lines.push_back(std::move(pending_));
-            pending_.clear();
-        }
-        return lines;
-    }
-
-private:
-    bool TakeLine(std::vector<std::string>& lines)
-    {
-        const size_t end = pending_.find('\n', begin_);
-        if (end == std::string::npos) {
-            pending_.erase(0, begin_);
-            begin_ = 0;
-            return false;
-        }
-        lines.push_back(pending_.substr(begin_, end - begin_));
-        begin_ = end + 1;
-        return true;
-    }
-
-    bool HasArrived() const
-    {
-        pollfd input = {descriptor_, POLLIN, 0};
-        return ::poll(&input, 1, 0) > 0;
-    }
-
-    // False at the end, and when there is a line too long to go on.
-    bool Receive()
-    {
-        char buffer[16384];
-        ssize_t count;
-        while ((count = ::read(descriptor_, buffer, sizeof(buffer))) < 0 && errno == EINTR) {
-        }
-        if (count < 0) {
-            Fail();
-        }
-        isAtEnd_ = count == 0 || pending_.size() > MAX_LINE_BYTES;
-        pending_.append(buffer, static_cast<size_t>(count));
-        return !isAtEnd_;
-    }
-
-    [[noreturn]] void Fail() const { throw InputError(name_ + ": cannot read: " + std::strerror(errno)); }
-
-    const std::string name_;
-    const int descriptor_;
-    std::string pending_;  // begins with the line that is next, or at begin_ while lines are taken
-    size_t begin_ = 0;
-    bool isAtEnd_ = false;
-};
+    return lines;
+}
 
 void StoreLine(Connection& connection, const std::string& place, const std::string& line)
 {
-    if (line.size() > MAX_LINE_BYTES) {
+    if (line.size() == MAX_LINE_BYTES) {
         throw InputError(place + ": is longer than " + std::to_string(MAX_LINE_BYTES) + " bytes");
     }
     const JsonDocument document(place, line);
@@ -112,15 +56,19 @@ void StoreLine(Connection& connection, const std::string& place, const std::stri
 
 int64_t RecordUsage(Database& database, const std::string& path)
 {
-    LineReader reader(path);
+    const std::string name = path == "-" ? "standard input" : path;
+    std::ifstream input(path == "-" ? "/dev/stdin" : path);
+    if (!input) {
+        throw InputError(name + ": cannot open: " + std::strerror(errno));
+    }
     int64_t stored = 0;
-    for (std::vector<std::string> lines = reader.Next(); !lines.empty(); lines = reader.Next()) {
+    for (auto lines = NextLines(input, name); !lines.empty(); lines = NextLines(input, name)) {
         int64_t number = stored;
         try {
             database.Write([&](Connection& connection) {
                 for (const std::string& line : lines) {
                     ++number;
-                    StoreLine(connection, reader.Name() + ": line " + std::to_string(number), line);
+                    StoreLine(connection, name + ": line " + std::to_string(number), line);
                 }
                 return RESULT_OK;
             });
