@@ -67,18 +67,17 @@ void AddCalls(Seeds& seeds)
     answer.gTokenResultWithRet = MakeGTokenResultWithRet();
     const sptr<FakeService> service(new FakeService());
     const size_t tokenSize = MakeRequest().size();
-    for (const Operation& operation : Operations()) {
-        const auto code = static_cast<char>(operation.code);
-        seeds.Add("stub", {code, '\1'}, MakeHonestRequest(operation.code).substr(tokenSize));
-        service->SetAnswer(operation.code, answer);
-        const sptr<IRemoteObject> listener(
-            new ScriptedObject([&](uint32_t number, MessageParcel& data, MessageParcel& reply) {
-                MessageOption option;
-                service->SendRequest(number, data, reply, option);
-                seeds.Add("proxy", {code}, BytesLeftIn(reply));
-                return 1;
-            }));
-        CallOperation(*ProxyOver(listener), operation.code);
+    for (const uint32_t number : CODES) {
+        const auto code = static_cast<char>(number);
+        seeds.Add("stub", {code, '\1'}, MakeHonestRequest(number).substr(tokenSize));
+        service->SetAnswer(number, answer);
+        const sptr<IRemoteObject> listener(new ScriptedObject([&](uint32_t, MessageParcel& data, MessageParcel& reply) {
+            MessageOption option;
+            service->SendRequest(number, data, reply, option);
+            seeds.Add("proxy", {code}, BytesLeftIn(reply));
+            return 1;
+        }));
+        CallOperation(*ProxyOver(listener), number);
     }
 }
 

@@ -2,8 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/calls.h"
@@ -38,28 +41,7 @@ TEST(Interface, OperationsKeepTheirOrderInTheVirtualTable)
     }
 }
 
-class Dispatcher : public ::testing::Test {
-protected:
-    // Hands a request with only a token to the stub.
-    int32_t Dispatch(uint32_t code, const std::u16string& token = Intf::GetDescriptor())
-    {
-        MessageParcel data;
-        EXPECT_TRUE(data.WriteInterfaceToken(token));
-        return Dispatch(code, data);
-    }
-    int32_t Dispatch(uint32_t code, MessageParcel& data)
-    {
-        MessageParcel reply;
-        MessageOption option;
-        const int32_t status = service->OnRemoteRequest(code, data, reply, option);
-        EXPECT_EQ(0U, reply.GetDataSize());
-        return status;
-    }
-
-    const sptr<FakeService> service{new FakeService()};
-};
-
-TEST_F(Dispatcher, WrongTokensAreRefusedBeforeAnythingIsAsked)
+TEST(Stub, RefusesWrongTokensBeforeAnythingIsAsked)
 {
     const std::u16string token = Intf::GetDescriptor();
     std::vector<std::u16string> tokens = {u"", token + u"x", token.substr(1), token.substr(0, 71), token + u'\0'};
@@ -67,37 +49,52 @@ TEST_F(Dispatcher, WrongTokensAreRefusedBeforeAnythingIsAsked)
         tokens.push_back(token);
         tokens.back()[i] ^= 0x100;
     }
-    const std::string expected =
-        Line(DEBUG, "OnRemoteRequest", "called with messageCode=13") +
-        Line(ERROR, "OnRemoteRequest", "ReadInterfaceToken not equal to GetDescriptor, someone is attacking you.");
+    const sptr<FakeService> service(new FakeService());
     for (const std::u16string& wrong : tokens) {
-        const LogCapture log;
-        EXPECT_EQ(1, Dispatch(13, wrong));
-        EXPECT_EQ(expected, log.Lines());
+        const LogCapture log(ERROR);
+        MessageParcel data;
+        MessageParcel reply;
+        MessageOption option;
+        Put(data, wrong);
+        EXPECT_EQ(1, service->OnRemoteRequest(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, data, reply, option));
+        EXPECT_EQ(0U, reply.GetDataSize());
+        EXPECT_EQ(
+            Line(ERROR, "OnRemoteRequest", "ReadInterfaceToken not equal to GetDescriptor, someone is attacking you."),
+            log.Lines());
     }
-    MessageParcel narrow;
-    EXPECT_EQ(1, Dispatch(13, narrow));
-    EXPECT_TRUE(narrow.WriteString(std::string(token.begin(), token.end())));
-    EXPECT_EQ(1, Dispatch(13, narrow));
     EXPECT_TRUE(service->AccessChecks().empty());
 }
 
-TEST_F(Dispatcher, AccessIsCheckedBeforeTheCodeIsLookedUp)
+// Were the stub to take one request at a time, the first would wait for the second for ever.
+TEST(Stub, TakesSeveralRequestsAtATime)
 {
-    const std::vector<uint32_t> unknown = {0, 6, 7, 10, 14, 4294967295U};
-    for (const uint32_t code : unknown) {
-        LogCapture log;
-        EXPECT_EQ(4, Dispatch(code));
-        const std::string named = "messageCode=" + std::to_string(code);
-        EXPECT_EQ(DispatchLines(code) + Line(ERROR, "OnRemoteRequest", named + " not found."), log.Lines());
-        service->SetRefused({code});
-        log.Clear();
-        EXPECT_EQ(1, Dispatch(code));
-        EXPECT_EQ(
-            DispatchLines(code) + Line(ERROR, "OnRemoteRequest", named + " messageCodeStr='UNKNOWN' forbidden access."),
-            log.Lines());
-    }
-    EXPECT_EQ(2 * unknown.size(), service->AccessChecks().size());
+    const sptr<FakeService> service(new FakeService());
+    std::promise<void> second;
+    service->SetResponder(MessageCode::GTOKEN_POLICY_ADD_POLICY,
+                          [&second](const FakeCall&) { return second.get_future().wait(), FakeAnswer(); });
+    service->SetResponder(MessageCode::GTOKEN_POLICY_REMOVE_POLICY,
+                          [&second](const FakeCall&) { return second.set_value(), FakeAnswer(); });
+    const sptr<SecurityPrivacyServiceIntf> proxy = ProxyOver(service);
+    std::thread first([&proxy] { EXPECT_EQ(0, proxy->GTokenPolicyAddPolicy({GTokenInfo()})); });
+    EXPECT_EQ(0, proxy->GTokenPolicyRemovePolicy({"app"}));
+    first.join();
+}
+
+// In a process of its own: what makes proxies is registered once, when the library is loaded.
+TEST(Client, YieldsZeroWhereNoProxyCanBeMade)
+{
+    const auto callAll = [] {
+        const FakeServiceScope fake;
+        BrokerRegistration::Get().Unregister(Intf::GetDescriptor());
+        for (const uint32_t code : CODES) {
+            const LogCapture log(ERROR);
+            EXPECT_EQ(0, CallOperation(SecurityPrivacyClient::GetInstance(), code).result);
+            EXPECT_EQ(0U, log.Lines().find(Line(ERROR, "WithSystemAbilityProxy",
+                                                "iface_cast SA=65993 is nullptr, there is nothing we can do.")));
+        }
+        std::exit(HasFailure() ? 1 : 0);
+    };
+    EXPECT_EXIT(callAll(), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -19,29 +19,6 @@
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 
-// What is fixed about one request, beyond its layout.
-struct Operation {
-    uint32_t code;
-    std::string codeName;
-    std::string method;          // of client and proxy
-    std::string calledByClient;  // the client's own first message, if any
-    int startLevel;              // of the proxy's first line
-    std::string startedByProxy;  // its message, for the arguments of `CallOperation`
-    std::string sendFailed;      // the proxy's own message after the frame's, if any
-
-    // The line with that message; none when it is empty.
-    std::string Says(int level, const std::string& message) const
-    {
-        return message.empty() ? "" : Line(level, method, message);
-    }
-};
-const std::vector<Operation>& Operations();
-const Operation& OperationOf(uint32_t code);
-
-// The dispatcher's lines before and after the handler ran.
-std::string DispatchLines(uint32_t code);
-std::string DoneLine(uint32_t code, int32_t status);
-
 // A remote object that plays a script and remembers how it was spoken to.
 class ScriptedObject : public IRemoteObject {
 public:
@@ -104,9 +81,6 @@ protected:
         return Load()->SendRequest(code, data, *reply, option);
     }
 
-    // The last call that reached the service; at least one must have.
-    FakeCall LastCall() const { return service->Calls().back(); }
-
     SecurityPrivacyClient& client = SecurityPrivacyClient::GetInstance();
     const sptr<FakeService> service{new FakeService()};
     std::optional<MessageParcel> reply;
@@ -127,13 +101,6 @@ std::vector<std::string> Texts(const std::vector<T>& records)
         texts.push_back(record.ToString());
     }
     return texts;
-}
-
-// One list after the other.
-inline std::vector<std::string> operator+(std::vector<std::string> first, const std::vector<std::string>& second)
-{
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
 }
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
