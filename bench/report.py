@@ -88,8 +88,8 @@ def weight_table(weight):
                   [[name, *row.values()] for name, row in weight["idle memory"].items()])
     lines += table("Our service's memory for one idle connection, bytes", weight["per connection"],
                    [[f"{value:.0f}" for value in weight["per connection"].values()]])
-    lines += table("A service's memory, MiB", ["", "peak while it answers bulk", "after five seconds of quiet"],
-                   [[name, mib(row["peak"]), mib(row["quiet"])] for name, row in weight["after bulk"].items()])
+    lines += table("A service's memory around bulk, MiB", ["", "before", "peak", "after five seconds of quiet"],
+                   [[name, *map(mib, row.values())] for name, row in weight["after bulk"].items()])
     contenders, body = list(weight["idle memory"]), []
     for case, row in weight["allocations"].items():
         body.append([f"heap allocations, {case}: client + server",

@@ -41,12 +41,14 @@ def idle_memory(bench, name):
 
 
 def after_bulk(bench, name):
-    """A server's KiB at its peak while it answers bulk requests, and once it has been quiet for a while."""
+    """A server's KiB before its first bulk request, at its peak, and once it has been quiet for a while."""
+    with bench.pair(name, "bulk", bench.all_cpus, clients=0) as pair:
+        before = status(pair.server.pid, "VmRSS")
     with bench.pair(name, "bulk", bench.all_cpus) as pair:
         pair.run(5 * bench.milliseconds)
         peak = status(pair.server.pid, "VmHWM")
         time.sleep(QUIET_SECONDS)
-        return {"peak": peak, "quiet": status(pair.server.pid, "VmRSS")}
+        return {"before": before, "peak": peak, "quiet": status(pair.server.pid, "VmRSS")}
 
 
 def allocations(bench, name, case):
