@@ -83,7 +83,20 @@ echo "built $service and $client"
 export VARN_ABILITY_DIR=$folder
 heading "The service starts, with a socket in a private folder"
 start_service --database "$folder/device.db"
+
+heading "Somebody watches what the service is asked, and what it has done"
+mkfifo "$folder/watch"
+"$client" monitor --count 2 >"$folder/watch" &
+watcher_id=$!
+exec {watch}<"$folder/watch"
+rm "$folder/watch"
+IFS= read -r -t 60 header <&"$watch"
 ask 0 ping --count 2
+printf '\n$ security-privacy-cli monitor --count 2\n%s\n' "$header"
+cat <&"$watch"
+exec {watch}<&-
+wait "$watcher_id"
+ask 0 status
 
 heading "Permission groups: of one app, and who holds one"
 ask 0 groups by-app com.example.camera

@@ -109,7 +109,7 @@ public:
     // The next line. Throws Failure at the end, and when none is whole within the time (negative: for ever).
     Json Next(int timeoutMs)
     {
-        constexpr size_t MAX_LINE = 1024 * 1024;
+        constexpr size_t MAX_LINE = size_t{1024} * 1024;
         // Against a document so deep that printing it would overflow the stack.
         constexpr int MAX_DEPTH = 8;
         size_t end = 0;
