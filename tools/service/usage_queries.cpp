@@ -7,8 +7,13 @@
 #include "service/usage_queries.h"
 
 #include <algorithm>
+#include <array>
+#include <iterator>
 #include <limits>
+#include <map>
 #include <string>
+#include <string_view>
+#include <tuple>
 #include <utility>
 
 #include "common/result_codes.h"
@@ -22,6 +27,14 @@ constexpr int32_t NEWEST_FIRST = 1;
 
 // One more than an answer may carry.
 constexpr int32_t MAX_READ = VARN::AppSecurityPrivacy::SecurityPrivacyServer::MAX_USAGE_RECORD_SIZE + 1;
+
+// Sums that are kept while a summary is made: with many apps there may be more than memory should hold.
+constexpr size_t MAX_SUMS = 65536;
+
+int64_t MostRecords(const PermissionUsageRecordQuery& query)
+{
+    return query.GetLimit() == 0 ? MAX_READ : std::min(query.GetLimit(), MAX_READ);
+}
 
 int32_t CheckQuery(const PermissionUsageRecordQuery& query)
 {
@@ -67,17 +80,22 @@ std::string Where(Connection& connection, const PermissionUsageRecordQuery& quer
 {
     const std::string apps = In("bundle", query.GetBundleNames()) + In("user", query.GetUserIds());
     const std::string groups = In("name", query.GetOperationGroups());
-    std::string where = " WHERE TRUE" + apps + groups;
+    // The plus signs keep the planner from an index in which the events do not stand in order of time.
+    std::string where = " WHERE TRUE";
+    where += apps.empty() ? "" : " AND +usage.app IN (SELECT id FROM app WHERE TRUE" + apps + ")";
+    where += groups.empty()
+                 ? ""
+                 : " AND +usage.permission_group IN (SELECT id FROM permission_group WHERE TRUE" + groups + ")";
     if (!query.GetBundleNames().empty()) {
         Statement find(connection, "SELECT id FROM app WHERE TRUE" + apps + " LIMIT 2");
         BindAll(find, query.GetBundleNames());
         BindAll(find, query.GetUserIds());
-        where += OnlyOne("app", find);
+        where += OnlyOne("usage.app", find);
     }
     if (!groups.empty()) {
         Statement find(connection, "SELECT id FROM permission_group WHERE TRUE" + groups + " LIMIT 2");
         BindAll(find, query.GetOperationGroups());
-        where += OnlyOne("permission_group", find);
+        where += OnlyOne("usage.permission_group", find);
     }
     where += In("mode", query.GetOperationModes()) + In("app_state", query.GetAppStates()) +
              In("screen_state", query.GetScreenStates());
@@ -86,20 +104,9 @@ std::string Where(Connection& connection, const PermissionUsageRecordQuery& quer
     return where;
 }
 
-// Runs SELECT columns FROM the events that the query admits, grouped by `grouping`.
-int32_t Run(Connection& connection, const PermissionUsageRecordQuery& query, const std::string& columns,
-            const char* grouping, std::vector<PermissionUsageRecord>& records)
+// Binds what `Where` left open.
+void BindFilters(Statement& select, const PermissionUsageRecordQuery& query)
 {
-    const int32_t result = CheckQuery(query);
-    if (result != RESULT_OK) {
-        return result;
-    }
-    Statement select(connection, "SELECT bundle, uid, name, mode, app_state, screen_state, " + columns +
-                                     " FROM usage CROSS JOIN app ON app.id = usage.app CROSS JOIN permission_group ON "
-                                     "permission_group.id = usage.permission_group" +
-                                     Where(connection, query) + grouping + " ORDER BY first" +
-                                     (query.GetOrder() == NEWEST_FIRST ? " DESC" : "") +
-                                     ", bundle, uid, name, mode, app_state, screen_state, usage.id LIMIT ?");
     BindAll(select, query.GetBundleNames());
     BindAll(select, query.GetUserIds());
     BindAll(select, query.GetOperationGroups());
@@ -111,37 +118,104 @@ int32_t Run(Connection& connection, const PermissionUsageRecordQuery& query, con
             select.Bind(bound);
         }
     }
-    select.Bind(int64_t{query.GetLimit() == 0 ? MAX_READ : std::min(query.GetLimit(), MAX_READ)});
-    while (select.Step()) {
-        PermissionUsageRecord record;
-        record.SetBundleName(std::string(select.Text(0)));
-        record.SetUid(select.Int32(1));
-        record.SetOperationGroup(std::string(select.Text(2)));
-        record.SetOperationMode(select.Int32(3));
-        record.SetAppState(select.Int32(4));
-        record.SetScreenState(select.Int32(5));
-        record.SetTimes(
-            static_cast<int32_t>(std::min<int64_t>(select.Integer(6), std::numeric_limits<int32_t>::max())));
-        record.SetBeginTimestamp(select.Integer(7));
-        record.SetEndTimestamp(select.Integer(8));
-        records.push_back(std::move(record));
-    }
-    return RESULT_OK;
 }
+
+// A record from columns in the order of the usage table, and its app's and group's names.
+PermissionUsageRecord MakeRecord(std::string_view bundle, int32_t uid, std::string_view group, const Statement& row)
+{
+    PermissionUsageRecord record;
+    record.SetBundleName(std::string(bundle));
+    record.SetUid(uid);
+    record.SetOperationGroup(std::string(group));
+    record.SetBeginTimestamp(row.Integer(0));
+    record.SetEndTimestamp(row.Integer(1));
+    record.SetOperationMode(row.Int32(4));
+    record.SetAppState(row.Int32(5));
+    record.SetScreenState(row.Int32(6));
+    record.SetTimes(row.Int32(7));
+    return record;
+}
+
+PermissionUsageRecord FirstOfSum(Connection& connection, const Statement& row)
+{
+    Statement app(connection, "SELECT bundle, uid FROM app WHERE id = ?", row.Integer(2));
+    Statement group(connection, "SELECT name FROM permission_group WHERE id = ?", row.Integer(3));
+    app.Step();
+    group.Step();
+    return MakeRecord(app.Text(0), app.Int32(1), group.Text(0), row);
+}
+
+void AddUp(PermissionUsageRecord& sum, const Statement& row)
+{
+    const int64_t times = sum.GetTimes() + row.Integer(7);
+    sum.SetTimes(static_cast<int32_t>(std::min<int64_t>(times, std::numeric_limits<int32_t>::max())));
+    sum.SetBeginTimestamp(std::min(sum.GetBeginTimestamp(), row.Integer(0)));
+    sum.SetEndTimestamp(std::max(sum.GetEndTimestamp(), row.Integer(1)));
+}
+
+constexpr const char* EVENTS =
+    "SELECT began, ended, usage.app, usage.permission_group, mode, app_state, screen_state, times";
 
 }  // namespace
 
+// Added up here and not by the statement: its GROUP BY sorts all events first, which takes five times as long.
 int32_t SummariseUsage(Connection& connection, const PermissionUsageRecordQuery& query,
                        std::vector<PermissionUsageRecord>& records)
 {
-    return Run(connection, query, "sum(times), min(began) AS first, max(ended)",
-               " GROUP BY usage.app, usage.permission_group, mode, app_state, screen_state", records);
+    const int32_t result = CheckQuery(query);
+    if (result != RESULT_OK) {
+        return result;
+    }
+    Statement select(connection, std::string(EVENTS) + " FROM usage" + Where(connection, query));
+    BindFilters(select, query);
+    std::map<std::array<int64_t, 5>, PermissionUsageRecord> sums;
+    while (select.Step()) {
+        const std::array<int64_t, 5> key{select.Integer(2), select.Integer(3), select.Integer(4), select.Integer(5),
+                                         select.Integer(6)};
+        const auto sum = sums.find(key);
+        if (sum != sums.end()) {
+            AddUp(sum->second, select);
+        } else if (sums.size() == MAX_SUMS) {
+            return RESULT_ANSWER_TOO_LONG;
+        } else {
+            sums.emplace(key, FirstOfSum(connection, select));
+        }
+    }
+    std::vector<PermissionUsageRecord> sorted;
+    for (auto& [key, sum] : sums) {
+        sorted.push_back(std::move(sum));
+    }
+    const int64_t sign = query.GetOrder() == OLDEST_FIRST ? 1 : -1;
+    const auto place = [sign](const PermissionUsageRecord& sum) {
+        return std::tuple(sign * sum.GetBeginTimestamp(), sum.GetBundleName(), sum.GetUid(), sum.GetOperationGroup(),
+                          sum.GetOperationMode(), sum.GetAppState(), sum.GetScreenState());
+    };
+    std::sort(sorted.begin(), sorted.end(),
+              [&](const auto& left, const auto& right) { return place(left) < place(right); });
+    sorted.resize(std::min(sorted.size(), static_cast<size_t>(MostRecords(query))));
+    std::move(sorted.begin(), sorted.end(), std::back_inserter(records));
+    return RESULT_OK;
 }
 
 int32_t ListUsage(Connection& connection, const PermissionUsageRecordQuery& query,
                   std::vector<PermissionUsageRecord>& records)
 {
-    return Run(connection, query, "times, began AS first, ended", "", records);
+    const int32_t result = CheckQuery(query);
+    if (result != RESULT_OK) {
+        return result;
+    }
+    Statement select(connection, std::string(EVENTS) +
+                                     ", bundle, uid, name FROM usage CROSS JOIN app ON app.id = usage.app CROSS JOIN "
+                                     "permission_group ON permission_group.id = usage.permission_group" +
+                                     Where(connection, query) + " ORDER BY began" +
+                                     (query.GetOrder() == NEWEST_FIRST ? " DESC" : "") +
+                                     ", bundle, uid, name, mode, app_state, screen_state, usage.id LIMIT ?");
+    BindFilters(select, query);
+    select.Bind(MostRecords(query));
+    while (select.Step()) {
+        records.push_back(MakeRecord(select.Text(8), select.Int32(9), select.Text(10), select));
+    }
+    return RESULT_OK;
 }
 
 }  // namespace SecurityPrivacyExample

@@ -25,7 +25,7 @@ using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRe
 // too long.
 //
 // Both append to `records` and answer RESULT_OK, or RESULT_BAD_ORDER or RESULT_BAD_LIMIT with nothing appended. They
-// throw DatabaseError.
+// throw DatabaseError. A summary of more than 65536 sums, whatever the limit, is RESULT_ANSWER_TOO_LONG.
 
 // One record per app, operation group, mode, app state and screen state: the times added up (no further than an int32
 // goes), from the first begin to the last end.
