@@ -158,9 +158,7 @@ TEST(Memory, ThatRunsOutLeavesARecordNullAndNamesTheClass)
         FailEach(
             [&] {
                 read = nullptr;
-                for (const FieldStep& step : record.steps) {
-                    Put(parcel, step.value);
-                }
+                Put(parcel, record.values);
                 read = record.unmarshal(parcel);
             },
             [&](size_t number) {
@@ -169,7 +167,7 @@ TEST(Memory, ThatRunsOutLeavesARecordNullAndNamesTheClass)
                 TakeWords(parcel);
                 log.Clear();
             });
-        EXPECT_EQ(record.text, record.toString(*read));
+        EXPECT_EQ(record.toString(*record.record), record.toString(*read));
         // With every line wanted, what fails may be a line's text.
         Host::SetLogLevel(DEBUG);
         Parcel written;

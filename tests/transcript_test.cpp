@@ -12,7 +12,7 @@
 //   VALUES        the proxy's request, in words, and what it makes of a hand-made reply
 //
 // Values: 7 an int32, 7L an int64, 'text' a string ('#' is its number in a repetition), @Record a sample record behind
-// its presence word, 3*value three of them.
+// its presence word, 3*value three of them, 3*value,value three pairs.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -34,14 +34,17 @@ namespace {
 void PutValue(Parcel& parcel, std::string token, size_t number)
 {
     const size_t star = token.find('*');
-    if (token.front() == '\'') {
-        const size_t mark = token.find('#');
-        Put(parcel, (mark == std::string::npos ? token : token.replace(mark, 1, std::to_string(number)))
-                        .substr(1, token.size() - 2));
-    } else if (star != std::string::npos) {
+    if (token.front() != '\'' && star != std::string::npos) {
         for (size_t i = 0; i < std::stoul(token); ++i) {
             PutValue(parcel, token.substr(star + 1), i);
         }
+    } else if (const size_t comma = token.find(','); comma != std::string::npos) {
+        PutValue(parcel, token.substr(0, comma), number);
+        PutValue(parcel, token.substr(comma + 1), number);
+    } else if (token.front() == '\'') {
+        const size_t mark = token.find('#');
+        Put(parcel, (mark == std::string::npos ? token : token.replace(mark, 1, std::to_string(number)))
+                        .substr(1, token.size() - 2));
     } else if (token.front() == '@') {
         parcel.WriteParcelable(CaseOf(token.substr(1)).record.Get());
     } else if (token.back() == 'L') {
@@ -227,6 +230,8 @@ protected:
             const ScriptedObject::Sent& option = object->sent.at(0);
             return "flags " + std::to_string(option.flags) + " wait " + std::to_string(option.waitTime) + " " + sent +
                    Show(outcome);
+        } else if (name == "record") {
+            return PlayRecord(command);
         } else if (name == "orphan") {
             command >> code;
             return Show(CallOperation(*ProxyOver(nullptr), code));
@@ -259,6 +264,26 @@ protected:
     }
 
 private:
+    static std::string PlayRecord(std::istream& command)
+    {
+        std::string name;
+        command >> name;
+        const RecordCase& kind = CaseOf(name);
+        Parcel parcel;
+        const std::vector<int32_t> words = TakeValues(command);
+        words.empty() ? Put(parcel, kind.values) : Put(parcel, words);
+        const sptr<Parcelable> record = kind.unmarshal(parcel);
+        const std::string left = " left " + std::to_string(parcel.GetReadableBytes()) + "\n";
+        if (record == nullptr) {
+            return "null" + left;
+        }
+        Parcel written;
+        const bool isWritten = (words.empty() ? kind.record : record)->Marshalling(written);
+        const std::string text = kind.toString(*record);
+        return (text.size() < 1000 ? text : "long") + left + (isWritten ? "" : "not ") + "written " +
+               Show(TakeWords(written));
+    }
+
     void SetPresence(std::istream& command)
     {
         std::string state;

@@ -2,184 +2,92 @@
 #include "support/record_cases.h"
 
 #include <algorithm>
+#include <cstdint>
 
-#include "support/log_capture.h"
 #include "support/records.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
 
-using Permission::AppPermissionGroupInfo;
-using Permission::CheckedStateParameter;
-using Record::PermissionUsageRecord;
-using Record::PermissionUsageRecordQuery;
-
-// The regular messages: "WriteInt32 uid=-1 succeed." and "ReadInt32 to uid=-1 succeed.".
-FieldStep Step(const std::string& type, const std::string& name, const std::string& shown, const Value& value)
+template <class T>
+sptr<Parcelable> Read(Parcel& parcel)
 {
-    const std::string assigned = name + "=" + shown + " succeed.";
-    return {value, {"Write" + type + " " + assigned}, {"Read" + type + " to " + assigned}};
-}
-FieldStep String(const std::string& name, const std::string& value)
-{
-    return Step("String", name, "'" + value + "'", value);
-}
-FieldStep Int32(const std::string& name, int32_t value)
-{
-    return Step("Int32", name, std::to_string(value), value);
-}
-FieldStep Int64(const std::string& name, int64_t value)
-{
-    return Step("Int64", name, std::to_string(value), value);
-}
-
-FieldStep Masked(const std::string& value)
-{
-    return {value, {"WriteString fingerprint succeed."}, {"ReadString to fingerprint succeed."}};
-}
-
-std::vector<FieldStep> Silent(const std::vector<Value>& values)
-{
-    std::vector<FieldStep> steps;
-    for (const Value& value : values) {
-        steps.push_back({value, {}, {}});
-    }
-    return steps;
+    return sptr<Parcelable>(T::Unmarshalling(parcel));
 }
 
 template <class T>
-RecordCase MakeCase(const std::string& name, const std::string& module, const T& record, const std::string& text,
-                    const std::string& defaultText, std::vector<FieldStep> steps)
+RecordCase MakeCase(const std::string& name, const std::string& module, std::vector<Value> values)
 {
-    return {name,
-            module,
-            sptr<Parcelable>(new T(record)),
-            sptr<Parcelable>(new T()),
-            [](Parcel& parcel) { return sptr<Parcelable>(T::Unmarshalling(parcel)); },
-            [](const Parcelable& any) { return dynamic_cast<const T&>(any).ToString(); },
-            text,
-            defaultText,
-            std::move(steps)};
+    Parcel parcel;
+    Put(parcel, values);
+    return {name,    module,
+            values,  Read<T>(parcel),
+            Read<T>, [](const Parcelable& any) { return dynamic_cast<const T&>(any).ToString(); }};
+}
+
+template <class T>
+T Sample(const std::string& name)
+{
+    return dynamic_cast<const T&>(*CaseOf(name).record);
 }
 
 std::vector<RecordCase> MakeRecordCases()
 {
-    const GTokenInfo info = MakeGTokenInfo();
-    const GTokenResult result = MakeGTokenResult();
-    const std::string minimum = "-9223372036854775808";
-    const std::string policies =
-        "[GTokenPolicy{policyName='screenshot', policyValue=1}, GTokenPolicy{policyName='', "
-        "policyValue=9223372036854775807}, GTokenPolicy{policyName='over%slay', policyValue=-2}]";
-    const std::string resultText =
-        "GTokenResult{bundleName='com.example.wallet', fingerprint=xxx, versionCode=9223372036854775804, "
-        "policyValue=-4}";
-
-    return {
-        MakeCase(
-            "AppPermissionGroupInfo", "permission", MakeAppPermissionGroupInfo(),
-            "AppPermissionGroupInfo{bundleName='com.example.camera', uid=-20010017, "
-            "permissionGroup='group.LOCATION', checkedState='100%s of 'use'', shownStates=['always', '', "
-            "'во время использования'], disabledStates={'never'}, disabledReason='set by %d admins', flags=" +
-                minimum + "}",
-            "AppPermissionGroupInfo{bundleName='', uid=0, permissionGroup='', checkedState='', shownStates=[], "
-            "disabledStates={}, disabledReason='', flags=0}",
-            {String("bundleName", "com.example.camera"),
-             Int32("uid", -20010017),
-             String("permissionGroup", "group.LOCATION"),
-             String("checkedState", "100%s of 'use'"),
-             {3,
-              {"WriteInt32 shownStatesSize=3 succeed."},
-              {"ReadInt32 to shownStatesSizeRead=3 succeed.", "shownStatesSizeRead check succeed."}},
-             {"always", {"WriteString shownState='always' succeed."}, {"ReadString shownState='always' succeed."}},
-             {"", {"WriteString shownState='' succeed."}, {"ReadString shownState='' succeed."}},
-             {"во время использования",
-              {"WriteString shownState='во время использования' succeed."},
-              {"ReadString shownState='во время использования' succeed."}},
-             {1,
-              {"WriteInt32 disabledStatesSize=1 succeed."},
-              {"ReadInt32 to disabledStatesSizeRead=1 succeed.", "disabledStatesSizeRead check succeed."}},
-             {"never", {"WriteString disabledState='never' succeed."}, {"ReadString disabledState='never' succeed."}},
-             String("disabledReason", "set by %d admins"),
-             Int64("flags", INT64_MIN)}),
-        MakeCase("CheckedStateParameter", "permission", MakeCheckedStateParameter(),
-                 "CheckedStateParameter{checkedState='while in use', flagsMask=-1, flagsValue=9223372036854775806}",
-                 "CheckedStateParameter{checkedState='', flagsMask=0, flagsValue=0}",
-                 {String("checkedState", "while in use"), Int64("flagsMask", -1), Int64("flagsValue", INT64_MAX - 1)}),
-        MakeCase("PermissionUsageRecord", "", MakePermissionUsageRecord(),
-                 "PermissionUsageRecord{bundleName='com.example.maps', uid=-2147483648, times=2147483647, "
-                 "operationGroup='op's %n group', operationMode=-3, appState=4, screenState=-5, beginTimestamp=" +
-                     minimum + ", endTimestamp=9223372036854775807}",
-                 "PermissionUsageRecord{bundleName='', uid=-1, times=0, operationGroup='', operationMode=0, "
-                 "appState=0, screenState=0, beginTimestamp=0, endTimestamp=0}",
-                 Silent({"com.example.maps", INT32_MIN, "op's %n group", INT32_MAX, -3, 4, -5, INT64_MIN, INT64_MAX})),
-        MakeCase("PermissionUsageRecordQuery", "", MakePermissionUsageRecordQuery(),
-                 "PermissionUsageRecordQuery{bundleNames=['com.example.maps', '', 'com.example.maps'], userIds=[100, "
-                 "100, 0], operationGroups=['LOCATION'], operationModes=[-2147483648, 2147483647], appStates=[], "
-                 "screenStates=[-7, 8], beginTimestamp=-9223372036854775807, endTimestamp=1700000000123, limit=-50, "
-                 "order=2147483645}",
-                 "PermissionUsageRecordQuery{bundleNames=[], userIds=[], operationGroups=[], operationModes=[], "
-                 "appStates=[], screenStates=[], beginTimestamp=0, endTimestamp=0, limit=0, order=0}",
-                 Silent({3,
-                         "com.example.maps",
-                         "",
-                         "com.example.maps",
-                         3,
-                         100,
-                         100,
-                         0,
-                         1,
-                         "LOCATION",
-                         2,
-                         INT32_MIN,
-                         INT32_MAX,
-                         0,
-                         2,
-                         -7,
-                         8,
-                         INT64_MIN + 1,
-                         int64_t{1700000000123},
-                         -50,
-                         INT32_MAX - 2})),
-        MakeCase("GTokenPolicy", "GToken", MakeGTokenPolicy(), "GTokenPolicy{policyName='camera', policyValue=-3}",
-                 "GTokenPolicy{policyName='', policyValue=0}",
-                 {String("policyName", "camera"), Int64("policyValue", -3)}),
-        MakeCase("GTokenInfo", "GToken", info,
-                 "GTokenInfo{bundleName='com.example.bank', fingerprint=xxx, versionCode=-9223372036854775806, "
-                 "policies=" +
-                     policies + "}",
-                 "GTokenInfo{bundleName='', fingerprint=xxx, versionCode=0, policies=[]}",
-                 {String("bundleName", "com.example.bank"), Masked(info.fingerprint),
-                  Int64("versionCode", INT64_MIN + 2), Int32("policiesSize", 3), String("policyName", "screenshot"),
-                  Int64("policyValue", 1), String("policyName", ""), Int64("policyValue", INT64_MAX),
-                  String("policyName", "over%slay"), Int64("policyValue", -2)}),
-        MakeCase("GTokenResult", "GToken", result, resultText,
-                 "GTokenResult{bundleName='', fingerprint=xxx, versionCode=0, policyValue=0}",
-                 {String("bundleName", "com.example.wallet"), Masked(result.fingerprint),
-                  Int64("versionCode", INT64_MAX - 3), Int64("policyValue", -4)}),
-        MakeCase("GTokenResultWithRet", "GToken", MakeGTokenResultWithRet(),
-                 "GTokenResultWithRet{ret=-5000000000, gTokenResults=[" + resultText +
-                     ", GTokenResult{bundleName='com.example.other', fingerprint=xxx, versionCode=0, policyValue=" +
-                     minimum + "}]}",
-                 "GTokenResultWithRet{ret=0, gTokenResults=[]}",
-                 {Int64("ret", -5000000000), Int32("gTokenResultsSize", 2), String("bundleName", "com.example.wallet"),
-                  Masked(result.fingerprint), Int64("versionCode", INT64_MAX - 3), Int64("policyValue", -4),
-                  String("bundleName", "com.example.other"), Masked(""), Int64("versionCode", 0),
-                  Int64("policyValue", INT64_MIN)}),
+    const std::string print = std::string(SECRET) + ":11";
+    const std::string otherPrint = std::string(SECRET) + ":22";
+    std::vector<RecordCase> cases = {
+        // One disabled state: the text form follows the set's own order, which reading may change.
+        MakeCase<Permission::AppPermissionGroupInfo>(
+            "AppPermissionGroupInfo", "permission",
+            {"com.example.camera", -20010017, "group.LOCATION", "100%s of 'use'", 3, "always", "",
+             "во время использования", 1, "never", "set by %d admins", INT64_MIN}),
+        MakeCase<Permission::CheckedStateParameter>("CheckedStateParameter", "permission",
+                                                    {"while in use", int64_t{-1}, INT64_MAX - 1}),
+        MakeCase<Record::PermissionUsageRecord>(
+            "PermissionUsageRecord", "",
+            {"com.example.maps", INT32_MIN, "op's %n group", INT32_MAX, -3, 4, -5, INT64_MIN, INT64_MAX}),
+        MakeCase<Record::PermissionUsageRecordQuery>("PermissionUsageRecordQuery", "",
+                                                     {3,
+                                                      "com.example.maps",
+                                                      "",
+                                                      "com.example.maps",
+                                                      3,
+                                                      100,
+                                                      100,
+                                                      0,
+                                                      1,
+                                                      "LOCATION",
+                                                      2,
+                                                      INT32_MIN,
+                                                      INT32_MAX,
+                                                      0,
+                                                      2,
+                                                      -7,
+                                                      8,
+                                                      INT64_MIN + 1,
+                                                      int64_t{1700000000123},
+                                                      -50,
+                                                      INT32_MAX - 2}),
+        MakeCase<GTokenPolicy>("GTokenPolicy", "GToken", {"camera", int64_t{-3}}),
+        MakeCase<GTokenInfo>("GTokenInfo", "GToken",
+                             {"com.example.bank", print, INT64_MIN + 2, 3, "screenshot", int64_t{1}, "", INT64_MAX,
+                              "over%slay", int64_t{-2}}),
+        MakeCase<GTokenResult>("GTokenResult", "GToken",
+                               {"com.example.wallet", otherPrint, INT64_MAX - 3, int64_t{-4}}),
+        MakeCase<GTokenResultWithRet>("GTokenResultWithRet", "GToken",
+                                      {int64_t{-5000000000}, 2, "com.example.wallet", otherPrint, INT64_MAX - 3,
+                                       int64_t{-4}, "com.example.other", "", int64_t{0}, INT64_MIN}),
     };
+    // These two go through their setters.
+    cases[2].record = sptr<Parcelable>(new Record::PermissionUsageRecord(MakePermissionUsageRecord()));
+    cases[3].record = sptr<Parcelable>(new Record::PermissionUsageRecordQuery(MakePermissionUsageRecordQuery()));
+    return cases;
 }
+
+// Made before any test listens to the log.
+const bool isMade = !RecordCases().empty();
 
 }  // namespace
-
-std::string RecordCase::Lines(size_t count, const char* function, std::vector<std::string> FieldStep::*messages) const
-{
-    std::string lines;
-    for (size_t i = 0; i < std::min(count, steps.size()); ++i) {
-        for (const std::string& message : steps[i].*messages) {
-            lines += Line(DEBUG, function, message, module);
-        }
-    }
-    return lines;
-}
 
 const std::vector<RecordCase>& RecordCases()
 {
@@ -191,6 +99,76 @@ const RecordCase& CaseOf(const std::string& name)
 {
     return *std::find_if(RecordCases().begin(), RecordCases().end(),
                          [&name](const RecordCase& record) { return record.name == name; });
+}
+
+Record::PermissionUsageRecord MakePermissionUsageRecord()
+{
+    Record::PermissionUsageRecord record;
+    record.SetBundleName("com.example.maps");
+    record.SetUid(INT32_MIN);
+    record.SetOperationGroup("op's %n group");
+    record.SetTimes(INT32_MAX);
+    record.SetOperationMode(-3);
+    record.SetAppState(4);
+    record.SetScreenState(-5);
+    record.SetBeginTimestamp(INT64_MIN);
+    record.SetEndTimestamp(INT64_MAX);
+    return record;
+}
+
+Record::PermissionUsageRecordQuery MakePermissionUsageRecordQuery()
+{
+    Record::PermissionUsageRecordQuery query;
+    query.SetBundleNames({"com.example.maps", "", "com.example.maps"});
+    query.SetUserIds({100, 100, 0});
+    query.SetOperationGroups({"LOCATION"});
+    query.SetOperationModes({INT32_MIN, INT32_MAX});
+    query.SetAppStates({});
+    query.SetScreenStates({-7, 8});
+    query.SetBeginTimestamp(INT64_MIN + 1);
+    query.SetEndTimestamp(1700000000123);
+    query.SetLimit(-50);
+    query.SetOrder(INT32_MAX - 2);
+    return query;
+}
+
+Permission::AppPermissionGroupInfo MakeAppPermissionGroupInfo()
+{
+    return Sample<Permission::AppPermissionGroupInfo>("AppPermissionGroupInfo");
+}
+
+Permission::CheckedStateParameter MakeCheckedStateParameter()
+{
+    return Sample<Permission::CheckedStateParameter>("CheckedStateParameter");
+}
+
+GTokenPolicy MakeGTokenPolicy()
+{
+    return Sample<GTokenPolicy>("GTokenPolicy");
+}
+
+GTokenInfo MakeGTokenInfo()
+{
+    return Sample<GTokenInfo>("GTokenInfo");
+}
+
+GTokenResult MakeGTokenResult()
+{
+    return Sample<GTokenResult>("GTokenResult");
+}
+
+GTokenResultWithRet MakeGTokenResultWithRet()
+{
+    return Sample<GTokenResultWithRet>("GTokenResultWithRet");
+}
+
+std::vector<std::string> MakeNames(size_t count, const std::string& prefix)
+{
+    std::vector<std::string> names;
+    for (size_t i = 0; i < count; ++i) {
+        names.push_back(prefix + std::to_string(i));
+    }
+    return names;
 }
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
