@@ -81,6 +81,9 @@ client=build/demo/tools/security-privacy-cli
 echo "built $service and $client"
 
 export VARN_ABILITY_DIR=$folder
+heading "A database is made from device data"
+"$service" import --database "$folder/device.db" examples/data/device.json
+
 heading "The service starts, with a socket in a private folder"
 start_service --database "$folder/device.db"
 
@@ -117,6 +120,12 @@ ask 0 usage timeline --mode denied --newest-first --limit 5
 ask 0 usage timeline --chart
 ask 0 usage timeline --chart --since 2026-11-20T06:00 --user 100
 
+heading "A recorder feeds in what is used while the service runs"
+printf '%s\n' '{"bundleName": "com.example.camera", "userId": 100, "operationGroup": "CAMERA", "times": 2, "mode":
+"denied", "app": "background", "screen": "locked", "begin": 1795197700000, "end": 1795197701000}' | tr -d '\n' |
+    "$service" record --database "$folder/device.db" -
+ask 0 usage timeline --newest-first --limit 1
+
 heading "GToken policies: set, read, refused for another fingerprint, removed"
 printf 'B1946AC92492D2347C6235B4D2611184' >"$folder/notes.fingerprint"
 ask 0 gtoken add --bundle com.example.notes --version-code 7 --fingerprint-file "$folder/notes.fingerprint" \
@@ -134,10 +143,11 @@ stop_service
 heading "Nobody is there"
 ask 3 --wait 0 ping
 
-heading "It starts again, read-only: the change is still there, another one is refused"
+heading "It starts again, read-only: the change and the recorded use are still there, another one is refused"
 start_service --database "$folder/device.db" --read-only
 ask 0 groups by-app com.example.camera --group LOCATION
 ask 4 groups set com.example.camera LOCATION allow_in_use
+ask 0 usage timeline --newest-first --limit 1
 stop_service >/dev/null
 
 heading "Done"

@@ -186,6 +186,16 @@ def watching():
         watcher, lines, status = watch()
         check(["GET_APP_PERMISSION_GROUP_INFOS_BY_APP"], [request["name"] for request in status["requests"]], "status")
         check((1, 0), (status["requests"][0]["count"], status["requests"][0]["errors"]), "its numbers")
+        client = socket.socket(socket.AF_UNIX)
+        client.connect(path("65993.sock"))
+        client.send(b"\x30")
+        # Its connection is accepted before one that comes later is served.
+        ask(0, "groups", "by-app", "com.example.camera")
+        lines.readline()
+        held = watch()[2]["server"]
+        check((1, 1, os.geteuid(), 1), (held["connections"], len(held["users"]), held["users"][0]["uid"],
+                                        held["users"][0]["connections"]), "what the server holds")
+        client.close()
         slow = watch(reads=False)
         client = subprocess.Popen([CLIENT, "--directory", folder.name, "groups", "by-app", "com.example.secret"],
                                   stderr=subprocess.DEVNULL)

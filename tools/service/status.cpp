@@ -20,6 +20,29 @@ int64_t Microseconds(std::chrono::nanoseconds time)
     return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
 }
 
+ordered_json Holdings(const VARN::Host::ServerStatistics& statistics)
+{
+    ordered_json users = ordered_json::array();
+    for (const VARN::Host::UserStatistics& user : statistics.users) {
+        users.push_back({{"uid", user.uid},
+                         {"connections", user.connections},
+                         {"requestBytes", user.requestBytes},
+                         {"replyBytes", user.replyBytes},
+                         {"workersAtWork", user.workersAtWork},
+                         {"waiting", user.waiting},
+                         {"refused", user.refused}});
+    }
+    return {{"connections", statistics.connections},
+            {"requestBytes", statistics.requestBytes},
+            {"replyBytes", statistics.replyBytes},
+            {"workers", statistics.workers},
+            {"workersAtWork", statistics.workersAtWork},
+            {"workersStuck", statistics.workersStuck},
+            {"waiting", statistics.waiting},
+            {"refused", statistics.refused},
+            {"users", users}};
+}
+
 }  // namespace
 
 int64_t Now()
@@ -44,7 +67,6 @@ void Status::Count(const VARN::Host::Transaction& transaction)
 std::string Status::Document(const VARN::Host::AbilityServer& server) const
 {
     static_assert(MessageCode::GTOKEN_POLICY_REMOVE_POLICY < PLACES, "every request code needs a place");
-    static_cast<void>(server);
     std::array<Counter, PLACES> counters;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -70,7 +92,7 @@ std::string Status::Document(const VARN::Host::AbilityServer& server) const
                                 {"startedAt", startedAt_},
                                 {"time", Now()},
                                 {"requests", requests},
-                                {"server", ordered_json::object()}};
+                                {"server", Holdings(server.Statistics())}};
     return document.dump();
 }
 
