@@ -5,7 +5,7 @@
 #   completion.sh CLIENT FOLDER_OF_COMPLETIONS
 set -euo pipefail
 
-PATH=$(dirname "$1"):$PATH
+PATH=$(cd "$(dirname "$1")" && pwd):$PATH
 # shellcheck source=/dev/null
 source "$2/security-privacy-cli.bash"
 
