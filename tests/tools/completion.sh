@@ -6,8 +6,9 @@
 set -euo pipefail
 
 PATH=$(cd "$(dirname "$1")" && pwd):$PATH
+folder=$(cd "$2" && pwd)
 # shellcheck source=/dev/null
-source "$2/security-privacy-cli.bash"
+source "$folder/security-privacy-cli.bash"
 
 # offers EXPECTED WORD...: the last word is the one that is being typed.
 offers() {
@@ -26,7 +27,7 @@ offers "--mode" usage timeline --mo
 offers "allowed denied" usage timeline --mode ""
 offers "--directory" usage timeline --bundle x --dir
 offers "background" usage timeline --app-state = b
-cd "$2"
+cd "$folder"
 offers "" usage timeline --bundle ""
 offers "--count --compact" ping --c
 offers "security-privacy-cli.bash" gtoken add --from secu
@@ -35,6 +36,6 @@ offers "security-privacy-cli.bash" gtoken add --from secu
 if command -v zsh >/dev/null; then
     # shellcheck disable=SC2016
     offered=$(zsh -fc '_describe() { print -r -- "${(P@)2}" }; words=(security-privacy-cli usage timeline --app-state "")
-        CURRENT=5; source "$1"' zsh "$2/_security-privacy-cli")
+        CURRENT=5; source "$1"' zsh "$folder/_security-privacy-cli")
     [[ $offered == "foreground background" ]] || { echo "completion: zsh offers '$offered'" >&2; exit 1; }
 fi
