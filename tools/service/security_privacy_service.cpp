@@ -17,8 +17,6 @@ namespace {
 using VARN::Host::CurrentCaller;
 
 constexpr int LOG_TYPE = 3;
-constexpr int LOG_WARN = 5;
-constexpr int LOG_ERROR = 6;
 constexpr uint32_t LOG_DOMAIN = 0xD0E0;
 constexpr const char* LOG_TAG = "SERVICE";
 
@@ -74,14 +72,42 @@ int32_t ReadGroups(Statement& rows, int filtered, const std::unordered_set<std::
     return RESULT_OK;
 }
 
-bool HasRow(Statement&& select)
+// The groups of an app, or the apps of a group: what they are listed by has to exist, as has the user.
+struct Listing {
+    const char* exists;
+    ResultCode missing;
+    const char* rows;  // the end of GROUP_ROWS
+    int filtered;      // its column that the wanted names are compared with
+};
+constexpr Listing BY_APP{"SELECT 1 FROM app WHERE user = ? AND bundle = ?", RESULT_UNKNOWN_APP,
+                         "bundle = ? ORDER BY app_group.id, place", 3};
+constexpr Listing BY_GROUP{"SELECT 1 FROM permission_group WHERE name = ?2", RESULT_UNKNOWN_PERMISSION_GROUP,
+                           "name = ? ORDER BY app.id, place", 1};
+
+int32_t ListGroups(Connection& connection, const Listing& listing, int64_t user, const std::string& name,
+                   const std::unordered_set<std::string>& wanted, std::vector<AppPermissionGroupInfo>& infos)
 {
-    return select.Step();
+    Statement knownUser(connection, "SELECT 1 FROM user WHERE id = ?", user);
+    if (!knownUser.Step()) {
+        return RESULT_UNKNOWN_USER;
+    }
+    Statement known(connection, listing.exists, user, name);
+    if (!known.Step()) {
+        return listing.missing;
+    }
+    Statement rows(connection, GROUP_ROWS + listing.rows, user, name);
+    return ReadGroups(rows, listing.filtered, wanted, infos);
 }
 
-bool HasUser(Connection& connection, int64_t userId)
+int32_t OrFailure(int32_t failure, const std::function<int32_t()>& work)
 {
-    return HasRow(Statement(connection, "SELECT 1 FROM user WHERE id = ?", userId));
+    try {
+        return work();
+    } catch (const DatabaseError& error) {
+        VoLogPrint(LOG_TYPE, VARN::LOG_LEVEL_ERROR, LOG_DOMAIN, LOG_TAG, "%s: %s", ResultCodeMeaning(failure),
+                   error.what());
+        return failure;
+    }
 }
 
 }  // namespace
@@ -106,45 +132,27 @@ bool SecurityPrivacyService::IsMessageCodeAllowed(uint32_t messageCode)
         return true;
     }
     // The library's own line says what was refused, but not to whom.
-    VoLogPrint(LOG_TYPE, LOG_WARN, LOG_DOMAIN, LOG_TAG, "user %u, process %d: %s is refused", caller.uid, caller.pid,
-               MessageCode::ToString(messageCode).c_str());
+    VoLogPrint(LOG_TYPE, VARN::LOG_LEVEL_WARN, LOG_DOMAIN, LOG_TAG, "user %u, process %d: %s is refused", caller.uid,
+               caller.pid, MessageCode::ToString(messageCode).c_str());
     return false;
 }
 
 int32_t SecurityPrivacyService::Read(const Work& work)
 {
-    try {
-        return database_.Read(work);
-    } catch (const DatabaseError& error) {
-        VoLogPrint(LOG_TYPE, LOG_ERROR, LOG_DOMAIN, LOG_TAG, "cannot read the database: %s", error.what());
-        return RESULT_NOT_READ;
-    }
+    return OrFailure(RESULT_NOT_READ, [&] { return database_.Read(work); });
 }
 
 int32_t SecurityPrivacyService::Write(const Work& work)
 {
-    try {
-        return database_.Write(work);
-    } catch (const DatabaseError& error) {
-        VoLogPrint(LOG_TYPE, LOG_ERROR, LOG_DOMAIN, LOG_TAG, "cannot write the database: %s", error.what());
-        return RESULT_NOT_SAVED;
-    }
+    return OrFailure(RESULT_NOT_SAVED, [&] { return database_.Write(work); });
 }
 
 int32_t SecurityPrivacyService::GetAppPermissionGroupInfosByApp(
     const std::string& bundleName, int32_t userId, const std::unordered_set<std::string>& interestedPermissionGroups,
     std::vector<AppPermissionGroupInfo>& appPermissionGroupInfos)
 {
-    return Read([&](Connection& connection) -> int32_t {
-        const int64_t user = userId;
-        if (!HasUser(connection, user)) {
-            return RESULT_UNKNOWN_USER;
-        }
-        if (!HasRow(Statement(connection, "SELECT 1 FROM app WHERE bundle = ? AND user = ?", bundleName, user))) {
-            return RESULT_UNKNOWN_APP;
-        }
-        Statement rows(connection, GROUP_ROWS + "bundle = ? ORDER BY app_group.id, place", user, bundleName);
-        return ReadGroups(rows, 3, interestedPermissionGroups, appPermissionGroupInfos);
+    return Read([&](Connection& connection) {
+        return ListGroups(connection, BY_APP, userId, bundleName, interestedPermissionGroups, appPermissionGroupInfos);
     });
 }
 
@@ -152,16 +160,9 @@ int32_t SecurityPrivacyService::GetAppPermissionGroupInfosByPermission(
     const std::string& permissionGroup, int32_t userId, const std::unordered_set<std::string>& interestedBundleNames,
     std::vector<AppPermissionGroupInfo>& appPermissionGroupInfos)
 {
-    return Read([&](Connection& connection) -> int32_t {
-        const int64_t user = userId;
-        if (!HasUser(connection, user)) {
-            return RESULT_UNKNOWN_USER;
-        }
-        if (!HasRow(Statement(connection, "SELECT 1 FROM permission_group WHERE name = ?", permissionGroup))) {
-            return RESULT_UNKNOWN_PERMISSION_GROUP;
-        }
-        Statement rows(connection, GROUP_ROWS + "name = ? ORDER BY app.id, place", user, permissionGroup);
-        return ReadGroups(rows, 1, interestedBundleNames, appPermissionGroupInfos);
+    return Read([&](Connection& connection) {
+        return ListGroups(connection, BY_GROUP, userId, permissionGroup, interestedBundleNames,
+                          appPermissionGroupInfos);
     });
 }
 

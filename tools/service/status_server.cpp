@@ -116,7 +116,7 @@ void StatusServer::Tell(const VARN::Host::Transaction& transaction) noexcept
     }
 }
 
-void StatusServer::Wake()
+void StatusServer::Wake() const
 {
     ::eventfd_write(wake_, 1);
 }

@@ -47,7 +47,7 @@ private:
     };
 
     bool Bind(const std::string& path);
-    void Wake();
+    void Wake() const;
     void Run();
     void Accept();
     void PassOn();
