@@ -161,8 +161,9 @@ def summary(results):
         lines += [f"Left out, for want of a package: {', '.join(settings['left out'])}.", ""]
     body = []
     for what, relation, goal, measured in goals(results):
-        met = measured <= goal if relation == "<=" else measured >= goal
-        body.append([what, f"{relation} {goal}", f"{measured:.2f}", "yes" if met else "**no**"])
+        shown = round(measured, 2)
+        met = shown <= goal if relation == "<=" else shown >= goal
+        body.append([what, f"{relation} {goal}", f"{shown:.2f}", "yes" if met else "**no**"])
     lines += table("Goals", ["", "goal", "measured", "met"], body)
     if results["calls"].get("one CPU"):
         lines += call_tables(results["calls"]["one CPU"], "one CPU", [TIME])
