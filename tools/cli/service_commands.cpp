@@ -116,11 +116,8 @@ public:
         while ((end = unread_.find('\n')) == std::string::npos) {
             pollfd waiting = {socket_, POLLIN, 0};
             char bytes[4096];
-            const int ready = ::poll(&waiting, 1, timeoutMs);
-            if (ready < 0 && errno == EINTR) {
-                continue;  // stopped and continued by its user
-            }
-            const ssize_t count = ready > 0 ? ::recv(socket_, bytes, sizeof(bytes), 0) : ssize_t{-1};
+            const ssize_t count =
+                ::poll(&waiting, 1, timeoutMs) > 0 ? ::recv(socket_, bytes, sizeof(bytes), 0) : ssize_t{-1};
             if (count <= 0 || unread_.size() > MAX_LINE) {
                 Fail(count == 0 && !isBegun_ ? EXIT_REFUSED : EXIT_BROKEN,
                      count == 0 ? "the service has ended the connection"
