@@ -90,9 +90,10 @@ with_pkg_config()
 
 for preset in dev static; do
     quietly cmake --preset "$preset"
-    quietly cmake --build --preset "$preset" --target security_privacy varn_platform security-privacy-cli \
-        security-privacy-service
-    quietly cmake --install "build/$preset" --prefix "$scratch/$preset"
+    quietly cmake --build --preset "$preset" --target security_privacy varn_platform
+    for component in runtime development; do
+        quietly cmake --install "build/$preset" --prefix "$scratch/$preset" --component "$component"
+    done
 done
 
 with_cmake find_package-shared find_package "$scratch/dev/include" -DCMAKE_PREFIX_PATH="$scratch/dev"

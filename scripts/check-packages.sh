@@ -44,7 +44,7 @@ echo "check-packages: lintian finds no error and no warning"
 # What each has to hold and to depend on.
 declare -A names depends
 for package in "${packages[@]}"; do
-    dpkg-deb --extract "$package" "$scratch/root"
+    dpkg-deb --extract "$package" "$scratch/image"
     name=$(dpkg-deb --field "$package" Package)
     names[$name]=$(dpkg-deb --contents "$package" | awk '{print $6}' | sed 's|^\.||')
     depends[$name]=$(dpkg-deb --field "$package" Depends)
@@ -64,15 +64,18 @@ holds libsecurity-privacy-dev '/pkgconfig/security_privacy\.pc$'
 holds security-privacy-tools '/bin/security-privacy-cli$'
 holds security-privacy-tools '/man1/security-privacy-cli\.1\.gz$'
 holds security-privacy-tools '/systemd/system/security-privacy\.socket$'
+holds security-privacy-tools '/bash-completion/completions/security-privacy-cli$'
 holds security-privacy-doc '/abi\.md$'
 [[ ${depends[$runtime]} == *libc6* ]] || fail "the libraries do not depend on libc6"
 [[ ${depends[libsecurity-privacy-dev]} == *"$runtime (= "* ]] || fail "the headers may stand beside other libraries"
-[[ ${depends[security-privacy-tools]} == *"$runtime (>= "* ]] || fail "the tools do not depend on the libraries"
+for library in "$runtime (>= " libsqlite3-0 libsystemd0; do
+    [[ ${depends[security-privacy-tools]} == *"$library"* ]] || fail "the tools do not depend on $library"
+done
 
 # Position independent, all symbols bound at start and then read-only, stacks guarded; and at least one of them calls the
 # checked functions of the C library.
 fortified=0
-for file in "$scratch"/root/usr/{bin,sbin,lib/*}/{security-privacy-cli,security-privacy-service,lib*.so.*.*.*}; do
+for file in "$scratch"/image/usr/{bin,sbin,lib/*}/{security-privacy-cli,security-privacy-service,lib*.so.*.*.*}; do
     [[ -f $file ]] || continue
     readelf --file-header "$file" | grep -q 'Type: *DYN' || fail "$file has a fixed address"
     readelf --dynamic "$file" | grep -q 'BIND_NOW\|FLAGS_1.*NOW' || fail "$file binds its symbols late"
@@ -85,7 +88,7 @@ done
 echo "check-packages: programs and libraries are hardened"
 
 # Every link between the documents has to lead somewhere; the headers are in the development package.
-python3 scripts/check_docs.py links "$scratch/root/usr/share/doc/security_privacy" || fail "links that lead nowhere"
+python3 scripts/check_docs.py links "$scratch/image/usr/share/doc/security_privacy" || fail "links that lead nowhere"
 echo "check-packages: made ${packages[*]##*/}"
 
 if ((EUID != 0)) || [[ ${1:-} != --install ]]; then
