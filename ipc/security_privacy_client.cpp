@@ -209,7 +209,7 @@ int32_t SecurityPrivacyClient::SetAppPermissionGroupCheckedState(
 int32_t SecurityPrivacyClient::GetPermissionUsageSummary(const Record::PermissionUsageRecordQuery& query,
                                                          std::vector<Record::PermissionUsageRecord>& records)
 {
-    // The error line bears the timeline's name here too; meant.
+    // The error line bears the timeline's name here too: whoever searches a log for it finds both requests.
     const int32_t result = Request(mutex_, "GetPermissionUsageTimeline", [&](SecurityPrivacyServiceIntf& service) {
         return service.GetPermissionUsageSummary(query, records);
     });
