@@ -146,40 +146,14 @@ FakeAnswer MakeAnswer(int32_t result, size_t count)
     return answer;
 }
 
-// As CallOperation, with lists of `count` elements.
-Outcome CallWithLists(SecurityPrivacyClient& client, uint32_t code, size_t count)
+Arguments MakeArguments(size_t count)
 {
-    const std::vector<std::string> names = MakeNames(count, "name");
-    const std::unordered_set<std::string> set(names.begin(), names.end());
-    Record::PermissionUsageRecordQuery query;
-    query.SetScreenStates(std::vector<int>(count, 1));
-    Outcome outcome;
-    switch (code) {
-        case MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP:
-            outcome.result = client.GetAppPermissionGroupInfosByApp("app", 1, set, outcome.groups);
-            break;
-        case MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION:
-            outcome.result = client.GetAppPermissionGroupInfosByPermission("group", 1, set, outcome.groups);
-            break;
-        case MessageCode::GET_PERMISSION_USAGE_RECORD_SUMMARY:
-            outcome.result = client.GetPermissionUsageSummary(query, outcome.records);
-            break;
-        case MessageCode::GET_PERMISSION_USAGE_RECORD_TIMELINE:
-            outcome.result = client.GetPermissionUsageTimeline(query, outcome.records);
-            break;
-        case MessageCode::GTOKEN_POLICY_ADD_POLICY:
-            outcome.result = client.GTokenPolicyAddPolicy(std::vector<GTokenInfo>(count, MakeGTokenInfo()));
-            break;
-        case MessageCode::GTOKEN_POLICY_GET_POLICY: {
-            const GTokenResultWithRet results = client.GTokenPolicyGetPolicy("policy", names);
-            outcome.result = results.ret;
-            outcome.rows = results.gTokenResults;
-            break;
-        }
-        default:
-            outcome.result = client.GTokenPolicyRemovePolicy(names);
-    }
-    return outcome;
+    Arguments arguments;
+    arguments.bundleNames = MakeNames(count, "name");
+    arguments.interested = {arguments.bundleNames.begin(), arguments.bundleNames.end()};
+    arguments.query.SetScreenStates(std::vector<int>(count, 1));
+    arguments.gTokenInfos.resize(count, MakeGTokenInfo());
+    return arguments;
 }
 
 class Transcript : public CallTest {
@@ -215,7 +189,7 @@ protected:
         } else if (name == "client") {
             size_t count = 0;
             command >> code;
-            return Show(command >> count ? CallWithLists(client, code, count) : CallOperation(client, code));
+            return Show(CallOperation(client, code, command >> count ? MakeArguments(count) : Arguments()));
         } else if (name == "reply") {
             command >> code;
             std::string sent;

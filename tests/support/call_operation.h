@@ -2,14 +2,26 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <unordered_set>
 #include <vector>
 
+#include "security_privacy/security_privacy_service_intf.h"
 #include "support/records.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 
+using Code = SecurityPrivacyServiceIntf::MessageCode;
+
 // The codes of all requests.
-constexpr uint32_t CODES[] = {1, 2, 3, 4, 5, 11, 12, 13};
+constexpr uint32_t CODES[] = {Code::GET_APP_PERMISSION_GROUP_INFOS_BY_APP,
+                              Code::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION,
+                              Code::SET_APP_PERMISSION_GROUP_CHECKED_STATE,
+                              Code::GET_PERMISSION_USAGE_RECORD_SUMMARY,
+                              Code::GET_PERMISSION_USAGE_RECORD_TIMELINE,
+                              Code::GTOKEN_POLICY_ADD_POLICY,
+                              Code::GTOKEN_POLICY_GET_POLICY,
+                              Code::GTOKEN_POLICY_REMOVE_POLICY};
 
 // What a request gave back. It starts with contents, so that "untouched" and "appended" can be told.
 struct Outcome {
@@ -20,30 +32,39 @@ struct Outcome {
     std::vector<GTokenResult> rows;
 };
 
-// Sends the request of `code` through a client or a proxy, with the arguments of its family that MakeX() gives.
+// The arguments that are lists, or records with lists.
+struct Arguments {
+    std::unordered_set<std::string> interested = {"it's"};
+    Record::PermissionUsageRecordQuery query = MakePermissionUsageRecordQuery();
+    std::vector<GTokenInfo> gTokenInfos = {MakeGTokenInfo()};
+    std::vector<std::string> bundleNames = {"app", "other"};
+};
+
+// Sends the request of `code` through a client or a proxy.
 template <class Target>
-Outcome CallOperation(Target& target, uint32_t code)
+Outcome CallOperation(Target& target, uint32_t code, const Arguments& arguments = {})
 {
     Outcome outcome;
-    if (code == 1) {
-        outcome.result = target.GetAppPermissionGroupInfosByApp("app", -100, {"it's"}, outcome.groups);
-    } else if (code == 2) {
-        outcome.result = target.GetAppPermissionGroupInfosByPermission("group", 101, {"app"}, outcome.groups);
-    } else if (code == 3) {
+    if (code == Code::GET_APP_PERMISSION_GROUP_INFOS_BY_APP) {
+        outcome.result = target.GetAppPermissionGroupInfosByApp("app", -100, arguments.interested, outcome.groups);
+    } else if (code == Code::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION) {
+        outcome.result =
+            target.GetAppPermissionGroupInfosByPermission("group", 101, arguments.interested, outcome.groups);
+    } else if (code == Code::SET_APP_PERMISSION_GROUP_CHECKED_STATE) {
         outcome.result =
             target.SetAppPermissionGroupCheckedState("app", 20, "group", MakeCheckedStateParameter(), outcome.returns);
-    } else if (code == 4) {
-        outcome.result = target.GetPermissionUsageSummary(MakePermissionUsageRecordQuery(), outcome.records);
-    } else if (code == 5) {
-        outcome.result = target.GetPermissionUsageTimeline(MakePermissionUsageRecordQuery(), outcome.records);
-    } else if (code == 11) {
-        outcome.result = target.GTokenPolicyAddPolicy({MakeGTokenInfo()});
-    } else if (code == 12) {
-        const GTokenResultWithRet results = target.GTokenPolicyGetPolicy("policy", {"app", "other"});
+    } else if (code == Code::GET_PERMISSION_USAGE_RECORD_SUMMARY) {
+        outcome.result = target.GetPermissionUsageSummary(arguments.query, outcome.records);
+    } else if (code == Code::GET_PERMISSION_USAGE_RECORD_TIMELINE) {
+        outcome.result = target.GetPermissionUsageTimeline(arguments.query, outcome.records);
+    } else if (code == Code::GTOKEN_POLICY_ADD_POLICY) {
+        outcome.result = target.GTokenPolicyAddPolicy(arguments.gTokenInfos);
+    } else if (code == Code::GTOKEN_POLICY_GET_POLICY) {
+        const GTokenResultWithRet results = target.GTokenPolicyGetPolicy("policy", arguments.bundleNames);
         outcome.result = results.ret;
         outcome.rows = results.gTokenResults;
     } else {
-        outcome.result = target.GTokenPolicyRemovePolicy({"app", "other"});
+        outcome.result = target.GTokenPolicyRemovePolicy(arguments.bundleNames);
     }
     return outcome;
 }
