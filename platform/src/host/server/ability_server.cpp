@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varn/host/ability_server.h"
 
+#include <malloc.h>
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <chrono>
 #include <thread>
@@ -17,6 +20,15 @@ namespace {
 
 // So that a few slow operations do not stop the others, however few processors there are.
 constexpr size_t LEAST_WORKERS = 8;
+
+// Of the descriptors that the process may open, these are for the service's own files, and for the server's.
+constexpr size_t RESERVED_DESCRIPTORS = 64;
+constexpr size_t RESERVED_PART = 4;
+
+// By default the allocator keeps up to 64 MiB at the end of each of its arenas, for ever. A service that was asked for
+// much once must not hold it: longer blocks are mapped one by one, and each arena keeps little.
+constexpr int MAPPED_BYTES = 1024 * 1024;
+constexpr int KEPT_BYTES = 1024 * 1024;
 
 constexpr std::chrono::milliseconds LONGEST_TIME = std::chrono::hours(24 * 365);
 
@@ -42,6 +54,23 @@ AbilityServerOptions FillDefaults(AbilityServerOptions options)
     // A time point that far away must still be one.
     for (std::chrono::milliseconds* time : {&options.stallTimeout, &options.replyTimeout, &options.stuckAfter}) {
         *time = std::clamp(*time, std::chrono::milliseconds(1), LONGEST_TIME);
+    }
+    return options;
+}
+
+// Without descriptors for its connections a server could accept none, and its service could open no file.
+AbilityServerOptions FitToDescriptors(int32_t id, AbilityServerOptions options)
+{
+    rlimit limit = {};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+        return options;
+    }
+    const size_t allowed = limit.rlim_cur;
+    const size_t most = std::max<size_t>(allowed - std::min(RESERVED_DESCRIPTORS, allowed / RESERVED_PART), 1);
+    if (options.maxConnections > most) {
+        PLATFORM_WARN("service %d: at most %zu connections instead of %zu, since the process may open %zu descriptors",
+                      id, most, options.maxConnections, allowed);
+        options.maxConnections = most;
     }
     return options;
 }
@@ -75,7 +104,9 @@ bool AbilityServer::Start()
     } else if (!stub_) {
         problem = "the object is null";
     } else {
-        auto engine = std::make_unique<Engine>(*this);
+        ::mallopt(M_MMAP_THRESHOLD, MAPPED_BYTES);
+        ::mallopt(M_TRIM_THRESHOLD, KEPT_BYTES);
+        auto engine = std::make_unique<Engine>(*this, FitToDescriptors(id_, options_));
         problem = engine->Start();
         if (problem.empty()) {
             const std::lock_guard<std::mutex> engineLock(engineMutex_);

@@ -5,9 +5,7 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/resource.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -31,28 +29,7 @@ constexpr int IDLE_MILLISECONDS = 1000;
 // What a peer gets to read a reply that waits when the server stops.
 constexpr std::chrono::seconds DRAIN_TIME{2};
 
-// Of the descriptors that the process may open, these are for the service's own files, and for the server's.
-constexpr size_t RESERVED_DESCRIPTORS = 64;
-constexpr size_t RESERVED_PART = 4;
-
 thread_local const AbilityServer* currentServer = nullptr;
-
-// Without descriptors for its connections a server could accept none, and its service could open no file.
-AbilityServerOptions FitToDescriptors(int32_t id, AbilityServerOptions options)
-{
-    rlimit limit = {};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
-        return options;
-    }
-    const size_t allowed = limit.rlim_cur;
-    const size_t most = std::max<size_t>(allowed - std::min(RESERVED_DESCRIPTORS, allowed / RESERVED_PART), 1);
-    if (options.maxConnections > most) {
-        PLATFORM_WARN("service %d: at most %zu connections instead of %zu, since the process may open %zu descriptors",
-                      id, most, options.maxConnections, allowed);
-        options.maxConnections = most;
-    }
-    return options;
-}
 
 int GetPatience(const WorkerBuffers& buffers)
 {
@@ -113,14 +90,13 @@ private:
     bool waits_ = false;
 };
 
-AbilityServer::Engine::Engine(const AbilityServer& server)
+AbilityServer::Engine::Engine(const AbilityServer& server, const AbilityServerOptions& options)
     : server_(server),
-      context_(server.id_, server.stub_, FitToDescriptors(server.id_, server.options_)),
+      context_(server.id_, server.stub_, options),
       connections_(context_),
       turns_(context_.accounts, connections_),
       watcher_(context_, connections_),
-      workers_(server.options_.workers, server.options_.maxSpareWorkers, context_.refusals,
-               [this] { RunThread(&Engine::Work); })
+      workers_(options.workers, options.maxSpareWorkers, context_.refusals, [this] { RunThread(&Engine::Work); })
 {
 }
 

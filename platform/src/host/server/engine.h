@@ -23,7 +23,7 @@ namespace VARN::Host {
 class __attribute__((visibility("hidden"))) AbilityServer::Engine {
 public:
     // For `server`, which outlives it.
-    explicit Engine(const AbilityServer& server);
+    Engine(const AbilityServer& server, const AbilityServerOptions& options);
     ~Engine();
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
