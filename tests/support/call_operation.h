@@ -11,17 +11,17 @@
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 
-using Code = SecurityPrivacyServiceIntf::MessageCode;
+using MessageCode = SecurityPrivacyServiceIntf::MessageCode;
 
 // The codes of all requests.
-constexpr uint32_t CODES[] = {Code::GET_APP_PERMISSION_GROUP_INFOS_BY_APP,
-                              Code::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION,
-                              Code::SET_APP_PERMISSION_GROUP_CHECKED_STATE,
-                              Code::GET_PERMISSION_USAGE_RECORD_SUMMARY,
-                              Code::GET_PERMISSION_USAGE_RECORD_TIMELINE,
-                              Code::GTOKEN_POLICY_ADD_POLICY,
-                              Code::GTOKEN_POLICY_GET_POLICY,
-                              Code::GTOKEN_POLICY_REMOVE_POLICY};
+constexpr uint32_t CODES[] = {MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP,
+                              MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION,
+                              MessageCode::SET_APP_PERMISSION_GROUP_CHECKED_STATE,
+                              MessageCode::GET_PERMISSION_USAGE_RECORD_SUMMARY,
+                              MessageCode::GET_PERMISSION_USAGE_RECORD_TIMELINE,
+                              MessageCode::GTOKEN_POLICY_ADD_POLICY,
+                              MessageCode::GTOKEN_POLICY_GET_POLICY,
+                              MessageCode::GTOKEN_POLICY_REMOVE_POLICY};
 
 // What a request gave back. It starts with contents, so that "untouched" and "appended" can be told.
 struct Outcome {
@@ -45,21 +45,21 @@ template <class Target>
 Outcome CallOperation(Target& target, uint32_t code, const Arguments& arguments = {})
 {
     Outcome outcome;
-    if (code == Code::GET_APP_PERMISSION_GROUP_INFOS_BY_APP) {
+    if (code == MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP) {
         outcome.result = target.GetAppPermissionGroupInfosByApp("app", -100, arguments.interested, outcome.groups);
-    } else if (code == Code::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION) {
+    } else if (code == MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION) {
         outcome.result =
             target.GetAppPermissionGroupInfosByPermission("group", 101, arguments.interested, outcome.groups);
-    } else if (code == Code::SET_APP_PERMISSION_GROUP_CHECKED_STATE) {
+    } else if (code == MessageCode::SET_APP_PERMISSION_GROUP_CHECKED_STATE) {
         outcome.result =
             target.SetAppPermissionGroupCheckedState("app", 20, "group", MakeCheckedStateParameter(), outcome.returns);
-    } else if (code == Code::GET_PERMISSION_USAGE_RECORD_SUMMARY) {
+    } else if (code == MessageCode::GET_PERMISSION_USAGE_RECORD_SUMMARY) {
         outcome.result = target.GetPermissionUsageSummary(arguments.query, outcome.records);
-    } else if (code == Code::GET_PERMISSION_USAGE_RECORD_TIMELINE) {
+    } else if (code == MessageCode::GET_PERMISSION_USAGE_RECORD_TIMELINE) {
         outcome.result = target.GetPermissionUsageTimeline(arguments.query, outcome.records);
-    } else if (code == Code::GTOKEN_POLICY_ADD_POLICY) {
+    } else if (code == MessageCode::GTOKEN_POLICY_ADD_POLICY) {
         outcome.result = target.GTokenPolicyAddPolicy(arguments.gTokenInfos);
-    } else if (code == Code::GTOKEN_POLICY_GET_POLICY) {
+    } else if (code == MessageCode::GTOKEN_POLICY_GET_POLICY) {
         const GTokenResultWithRet results = target.GTokenPolicyGetPolicy("policy", arguments.bundleNames);
         outcome.result = results.ret;
         outcome.rows = results.gTokenResults;
