@@ -304,8 +304,9 @@ TEST_F(ServiceTest, PoliciesOfABatchAreStoredTogetherOrNotAtAll)
     };
     for (const auto& [last, expected] : additions) {
         SCOPED_TRACE(last.substr(0, 60));
-        const std::string good = bundle("first", "F", "p");
-        EXPECT_EQ(expected, service_->GTokenPolicyAddPolicy(Bundles("[" + good + "," + last + "]")));
+        std::string batch = "[" + bundle("first", "F", "p") + ",";
+        batch += last + "]";
+        EXPECT_EQ(expected, service_->GTokenPolicyAddPolicy(Bundles(batch)));
         EXPECT_EQ(expected == RESULT_OK ? "first,F,9,1 " : "", Policies(service_, "p", {"first"}));
     }
     EXPECT_EQ(name255 + "," + print1024 + ",9,1 ", Policies(service_, name255, {name255}));
@@ -321,6 +322,10 @@ TEST_F(ServiceTest, PoliciesOfABatchAreStoredTogetherOrNotAtAll)
     EXPECT_EQ(RESULT_UNKNOWN_BUNDLE, service_->GTokenPolicyRemovePolicy({"maps", "nobody"}));
     EXPECT_EQ(RESULT_OK, service_->GTokenPolicyRemovePolicy({"maps", "maps", "first"}));
     EXPECT_EQ("", Policies(service_, "p", {"maps", "first"}));
+    database_.Read([](Connection& connection) {
+        EXPECT_EQ(1, connection.Number("SELECT count(*) FROM policy")) << "they go with their bundles";
+        return RESULT_OK;
+    });
 }
 
 TEST_F(ServiceTest, ChangesAreForTheChangersAndReadingForAll)

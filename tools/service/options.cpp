@@ -38,7 +38,7 @@ void AddLimits(CLI::App& app, VARN::Host::AbilityServerOptions& server, int64_t&
         {"--workers", server.workers, 1024, "Threads that run requests [one a processor, at least 8]"},
         {"--max-connections", server.maxConnections, 1000000, "Connections at a time"},
         {"--max-connections-per-user", server.maxConnectionsPerUser, 1000000, "The same for one user id"},
-        {"--max-request-bytes", server.maxRequestBytes, 128 * 1024 * 1024, "Length of a request"},
+        {"--max-request-bytes", server.maxRequestBytes, int64_t{128} * 1024 * 1024, "Length of a request"},
     };
     for (const Limit& limit : limits) {
         const std::string standard = limit.value != 0 ? " [" + std::to_string(limit.value) + "]" : "";

@@ -25,7 +25,7 @@ constexpr size_t MAX_INFOS =
     size_t{VARN::AppSecurityPrivacy::SecurityPrivacyServer::MAX_APP_PERMISSION_GROUP_INFO_SIZE} + 1;
 
 // A row for each state that a group shows, groups and states in the order of the device file.
-const std::string GROUP_ROWS =
+constexpr const char* GROUP_ROWS =
     "SELECT app_group.id, bundle, uid, name, coalesce(choice.state, app_group.state), "
     "coalesce(choice.flags, app_group.flags), disabled_reason, shown_state.state, is_disabled "
     "FROM app JOIN app_group ON app_group.app = app.id "
@@ -95,7 +95,7 @@ int32_t ListGroups(Connection& connection, const Listing& listing, int64_t user,
     if (!known.Step()) {
         return listing.missing;
     }
-    Statement rows(connection, GROUP_ROWS + listing.rows, user, name);
+    Statement rows(connection, std::string(GROUP_ROWS) + listing.rows, user, name);
     return ReadGroups(rows, listing.filtered, wanted, infos);
 }
 
