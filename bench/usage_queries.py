@@ -43,7 +43,8 @@ with tempfile.TemporaryDirectory() as folder:
             {"events": events, "begin": BEGIN, "span": NOW - BEGIN,
              "held": connection.execute("SELECT count(*) FROM app_group").fetchone()[0]})
     print(f"{events} events in {DAYS} days, {os.path.getsize(database) / 2**20:.0f} MiB")
-    with subprocess.Popen([SERVICE, "--database", database, "--directory", folder], stdout=subprocess.PIPE) as service:
+    with subprocess.Popen([SERVICE, "--database", database, "--directory", folder], stdout=subprocess.PIPE,
+                          env={**os.environ, "VARN_LOG_LEVEL": "5"}) as service:
         service.stdout.readline()
         watcher = socket.socket(socket.AF_UNIX)
         watcher.connect(folder + "/65993.status.sock")
