@@ -70,10 +70,10 @@ protected:
         Pace busy{testTime, 100};
         pool_.StayIfBusy(busy, visit, [] { return testTime; });
     }
-    // The only idle worker gets something to do, or nothing after all.
-    void TakeIdleAway(bool hasWork = true)
+    // The only idle worker gets something to do.
+    void TakeIdleAway()
     {
-        pool_.AwaitAny([hasWork] { return hasWork; });
+        pool_.AwaitAny([] { return true; });
     }
     static bool HasEnded(const std::future<void>& end) { return end.wait_for(PATIENCE) == std::future_status::ready; }
 
@@ -97,32 +97,6 @@ TEST_F(WorkerPoolTest, AtTheLimitOneThatStaysIsWokenAndWakesTheNextUntilOneIsIdl
     }
     pool_.Stop();
     EXPECT_EQ(6, started_);
-}
-
-TEST_F(WorkerPoolTest, AWorkerWithInputLeavesTheWakeUpToASilentOne)
-{
-    TakeIdleAway();
-    TakeIdleAway();
-    std::promise<void> begun;
-    std::promise<void> woken;
-    TestVisit visit(true);
-    std::thread worker;
-    visit.beforeWait = [&] {
-        begun.set_value();
-        woken.get_future().wait();
-    };
-    pool_.AwaitAny([&] {
-        worker = std::thread([&] { Stay(visit); });
-        begun.get_future().wait();
-        return true;
-    });
-    woken.set_value();
-    worker.join();
-    EXPECT_EQ(1, visit.served);
-    pool_.AwaitAny([&] {
-        EXPECT_TRUE(HasEnded(StartStaying())) << "the wake-up was taken";
-        return false;
-    });
 }
 
 TEST_F(WorkerPoolTest, AWorkerStaysOnlyWithAnotherIdleAndASecondBusy)
@@ -155,52 +129,6 @@ TEST_F(WorkerPoolTest, OnlyAConnectionWhoseVisitsAreQuickIsStayedWith)
         }
         return false;
     });
-}
-
-TEST_F(WorkerPoolTest, ABusyWorkerWakesASilentOneOnceASecondAndStopsStayingItself)
-{
-    pool_.AwaitAny([&] {
-        for (const int64_t now : {START_TIME, START_TIME + 2000}) {
-            const std::future<void> silent = StartStaying();
-            testTime = now;
-            TestVisit first(true, 3);
-            Stay(first);
-            EXPECT_EQ(1, first.served);
-            EXPECT_TRUE(HasEnded(silent));
-            testTime = now + 999;
-            const std::future<void> other = StartStaying();
-            TestVisit second(true, 3);
-            Stay(second);
-            EXPECT_EQ(3, second.served);
-            testTime = now + 1000;
-            Stay(first);
-        }
-        return false;
-    });
-    pool_.Stop();
-}
-
-TEST_F(WorkerPoolTest, TheEndWakesAllThatStay)
-{
-    pool_.AwaitAny([&] {
-        const std::array<std::future<void>, 2> ends{StartStaying(), StartStaying()};
-        pool_.Stop();
-        EXPECT_TRUE(HasEnded(ends[0]));
-        EXPECT_TRUE(HasEnded(ends[1]));
-        TestVisit visit(true);
-        Stay(visit);
-        EXPECT_EQ(0, visit.served);
-        return true;
-    });
-    EXPECT_EQ(4, started_);
-}
-
-TEST_F(WorkerPoolTest, AWorkerIsStartedOnlyWhenTheLastIdleOneGetsWork)
-{
-    TakeIdleAway(false);
-    pool_.AwaitAny([this] { return TakeIdleAway(), false; });
-    pool_.Stop();
-    EXPECT_EQ(4, started_);
 }
 
 }  // namespace
