@@ -79,6 +79,9 @@ void Watcher::ConnectionEnded()
 {
     if (acceptPaused_.load(std::memory_order_relaxed)) {
         Wake();
+    } else {
+        // What it held may have been much, and no request may follow.
+        WatchFor(SteadyNanoseconds() + LOOK_NANOSECONDS);
     }
 }
 
