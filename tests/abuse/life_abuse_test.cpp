@@ -12,6 +12,7 @@
 #include <fstream>
 #include <future>
 #include <map>
+#include <memory>
 #include <thread>
 
 #include "abuse/processes.h"
@@ -76,50 +77,106 @@ protected:
     const std::vector<std::string> command_ = {ABUSE_SERVICE, "--directory", folder_.Path()};
 };
 
-TEST_F(LifeTest, StopFinishesWhatRunsAndRefusesTheRest)
-{
-    class Slow : public IPCObjectStub {
-    public:
-        int32_t OnRemoteRequest(uint32_t code, MessageParcel&, MessageParcel& reply, MessageOption&) override
-        {
-            ++executed;
+// The reply is as many bytes long as the code says; number 1 waits until it is released.
+class Slow : public IPCObjectStub {
+public:
+    int32_t OnRemoteRequest(uint32_t code, MessageParcel&, MessageParcel& reply, MessageOption&) override
+    {
+        ++executed;
+        if (code == 1) {
             begun.set_value();
             released.wait();
-            return reply.WriteInt32(static_cast<int32_t>(code)) ? 0 : 1;
         }
-        std::atomic<int> executed{0};
-        std::promise<void> begun;
-        std::promise<void> release;
-        std::shared_future<void> released = release.get_future().share();
-    };
+        return reply.WriteString(std::string(code, 'x')) ? 0 : 1;
+    }
+    std::atomic<int> executed{0};
+    std::promise<void> begun;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+};
+
+TEST_F(LifeTest, StopFinishesWhatRunsAndRefusesTheRest)
+{
+    constexpr uint32_t LONG = 4000000;
     const sptr<Slow> slow(new Slow());
     Host::AbilityServerOptions options;
     options.workers = 1;
     Host::AbilityServer server(FAKE_SERVICE_ID, slow, options);
     ASSERT_TRUE(server.Start());
+    const Peer deaf(folder_.SocketPath());
+    const Peer reading(folder_.SocketPath());
+    for (const Peer* peer : {&deaf, &reading}) {
+        EXPECT_TRUE(peer->Send(Host::MakeFrame(LONG, "")));
+        pollfd entry = {peer->GetFd(), POLLIN, 0};
+        EXPECT_EQ(1, ::poll(&entry, 1, 30000));
+    }
     const Peer running(folder_.SocketPath());
     const Peer waiting(folder_.SocketPath());
     EXPECT_TRUE(running.Send(Host::MakeFrame(1, "")));
     slow->begun.get_future().wait();
     EXPECT_TRUE(waiting.Send(Host::MakeFrame(2, "")));
+    const auto begin = std::chrono::steady_clock::now();
     std::thread stopper([&server] { server.Stop(); });
     EXPECT_TRUE(Eventually([this] { return !std::filesystem::exists(folder_.SocketPath()); }));
     slow->release.set_value();
-    EXPECT_EQ(running.ReadReply(), Host::MakeFrame(1, Host::BytesOf(int32_t{1}), 2));
+    EXPECT_LT(LONG, reading.ReadReply().size()) << "it lost its answer behind one that does not read";
+    EXPECT_EQ(Host::MakeFrame(1, Host::MakeBody("x"), 2), running.ReadReply());
     EXPECT_TRUE(running.IsClosed());
     EXPECT_TRUE(waiting.IsClosed());
     stopper.join();
-    EXPECT_EQ(slow->executed, 1);
+    EXPECT_GT(std::chrono::seconds(30), std::chrono::steady_clock::now() - begin);
+    EXPECT_EQ(3, slow->executed);
 }
 
-TEST_F(LifeTest, ThousandLivesLeaveNothing)
+// The child has copies of all descriptors. It stays, or ends as a program does, and neither may be felt.
+TEST_F(LifeTest, ForkedChildDoesNotTouchItsParentsServer)
 {
-    Host::AbilityServerOptions options;
-    options.workers = 2;
-    Host::AbilityServer server(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new FakeService()), options);
+    auto server = std::make_unique<Host::AbilityServer>(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new Slow()));
+    ASSERT_TRUE(server->Start());
+    const auto asks = [](const Peer& peer) { return peer.Send(Host::MakeFrame(2, "")) && !peer.ReadReply().empty(); };
+    const Peer kept(folder_.SocketPath());
+    EXPECT_TRUE(asks(kept));
+    EXPECT_EQ(0, WaitFor(Fork([&server] {
+                  server->Stop();
+                  server.reset();
+                  return true;
+              })));
+    EXPECT_TRUE(std::filesystem::exists(folder_.SocketPath()));
+    EXPECT_TRUE(asks(kept));
+    EXPECT_TRUE(asks(Peer(folder_.SocketPath())));
+    const pid_t staying = Fork([] { return ::pause() == 0; });
+    server->Stop();
+    EXPECT_TRUE(kept.IsClosed());
+    EXPECT_TRUE(server->Start());
+    EXPECT_TRUE(asks(Peer(folder_.SocketPath())));
+    ::kill(staying, SIGKILL);
+    WaitFor(staying);
+}
+
+TEST_F(LifeTest, SignalsAreNotForTheServersThreads)
+{
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    ::sigaddset(&signals, SIGUSR1);
+    Host::AbilityServer server(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new Slow()));
+    ASSERT_TRUE(server.Start());
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    // A thread that took it would end the process.
+    ::kill(::getpid(), SIGUSR1);
+    const Peer peer(folder_.SocketPath());
+    EXPECT_TRUE(peer.Send(Host::MakeFrame(2, "")));
+    EXPECT_NE("", peer.ReadReply());
+    const timespec now = {};
+    EXPECT_EQ(SIGUSR1, ::sigtimedwait(&signals, nullptr, &now));
+    ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+TEST_F(LifeTest, ManyLivesLeaveNothing)
+{
+    Host::AbilityServer server(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new FakeService()));
     size_t descriptors = 0;
     size_t threads = 0;
-    for (int life = 0; life <= 1000; ++life) {
+    for (int life = 0; life <= 300; ++life) {
         ASSERT_TRUE(server.Start());
         {
             const Peer peer(folder_.SocketPath());
@@ -132,8 +189,8 @@ TEST_F(LifeTest, ThousandLivesLeaveNothing)
             threads = CountEntries(::getpid(), "task");
         }
     }
-    EXPECT_EQ(CountEntries(::getpid(), "fd"), descriptors);
-    EXPECT_TRUE(Eventually([threads] { return CountEntries(::getpid(), "task") == threads; }));
+    EXPECT_TRUE(Eventually([=] { return CountEntries(::getpid(), "fd") == descriptors; }));
+    EXPECT_TRUE(Eventually([=] { return CountEntries(::getpid(), "task") == threads; }));
     EXPECT_TRUE(std::filesystem::is_empty(folder_.Path()));
 }
 
