@@ -41,6 +41,18 @@ milliseconds Scaled(milliseconds time)
     return time * factor;
 }
 
+// The longest request that there may be.
+std::string MakeLongest()
+{
+    return Host::MakeFrame(1,
+                           MakeRequest(std::string("x"), int32_t{1}, int32_t{0}) + std::string(16 * MEBIBYTE - 200, 0));
+}
+
+std::string MakeColliding()
+{
+    return Host::MakeFrame(2, MakeRequest(std::string("group"), int32_t{1}, int32_t{5000}, MakeCollidingNames()));
+}
+
 struct AttackerCase {
     std::string name;
     Flood (*make)();
@@ -51,19 +63,30 @@ struct AttackerCase {
 };
 
 using Then = Flood::Then;
+#define FLOOD(...) [] { return Flood{__VA_ARGS__}; }
+
 const AttackerCase allAttackers[] = {
-    {"DescriptorsWhoseCloseBlocks", [] { return Flood{20, honestFrame, Then::SEND_AGAIN, true, SIZE_MAX, true}; }},
+    {"DescriptorsWhoseCloseBlocks", FLOOD(20, honestFrame, Then::SEND_AGAIN, true, SIZE_MAX, true)},
     {"DescriptorsWhoseCloseBlocksThatComeIn",
-     [] { return Flood{20, honestFrame, Then::SEND_AGAIN, true, SIZE_MAX, true}; },
+     FLOOD(20, honestFrame, Then::SEND_AGAIN, true, SIZE_MAX, true),
      {"--takes-descriptors", "1"}},
-    {"ConnectionsThatComeAndGo",
-     [] {
-         return Flood{20, honestFrame, Then::HANG_UP};
-     }},
-    {"Garbage",
-     [] {
-         return Flood{128, std::string(1000, 'x'), Then::SEND_AGAIN};
-     }},
+    {"CollidingNames", FLOOD(100, MakeColliding())},
+    {"CollidingNamesOfThoseWhoHangUp", FLOOD(100, MakeColliding(), Then::HANG_UP)},
+    {"SlowOperations", FLOOD(128, MakeByAppFrame("nap", 200))},
+    {"IdleConnections", FLOOD(200, honestFrame, Then::BE_SILENT)},
+    {"SilentConnections", FLOOD(200, "", Then::BE_SILENT)},
+    {"ConnectionsThatComeAndGo", FLOOD(20, honestFrame, Then::HANG_UP)},
+    {"RequestsAByteShort", FLOOD(40, MakeLongest().substr(0, MakeLongest().size() - 1), Then::BE_SILENT)},
+    {"LongestRequestsOnce", FLOOD(40, MakeLongest(), Then::BE_SILENT)},
+    {"TrickledRequests", FLOOD(128, honestFrame, Then::SEND_AGAIN, true, 1)},
+    {"LongRepliesNotRead", FLOOD(40, MakeByAppFrame("bulk", 4 * MEBIBYTE), Then::BE_SILENT, false)},
+    {"RepliesNotReadOfManyRequests", FLOOD(100, Repeat(honestFrame, 100), Then::SEND_AGAIN, false)},
+    {"RequestsWithoutEnd", FLOOD(128, Repeat(honestFrame, 100), Then::SEND_AGAIN)},
+    {"Garbage", FLOOD(128, std::string(1000, 'x'), Then::SEND_AGAIN)},
+    {"LinesThatNobodyReads",
+     FLOOD(16, Host::MakeFrame(12, MakeRequest(std::string("policy"), int32_t{0})), Then::SEND_AGAIN),
+     {},
+     true},
 };
 
 struct Use {
