@@ -15,6 +15,8 @@
 
 namespace VARN::Host {
 
+class Call;
+
 // The stand-in for a service that listens on a socket. It owns the connections to it: each request takes an idle one,
 // or makes one, and gives it back when the reply was whole. After any failure the connection is closed, so the next
 // request never meets the rest of an earlier one, and nothing is ever sent twice.
@@ -54,7 +56,6 @@ private:
         int32_t waitTimeSeconds = 0;  // what SO_RCVTIMEO is set to
         bool checked = false;         // found alive by Prepare and not used since
     };
-    class Call;
 
     int Connect(Link& link, std::string& problem) const;
     int ConnectInTime(Link& link, std::string& problem, const Deadline& deadline) const;
