@@ -19,7 +19,7 @@
 #include "service/security_privacy_service.h"
 #include "service/usage_recorder.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 using nlohmann::json;
@@ -390,4 +390,4 @@ TEST_F(ServiceTest, AcknowledgedChangesOutliveTheProcess)
 }
 
 }  // namespace
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

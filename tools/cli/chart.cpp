@@ -14,7 +14,7 @@
 #include "cli/time_text.h"
 #include "common/usage_codes.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord;
@@ -339,4 +339,4 @@ void PrintChart(const std::vector<PermissionUsageRecord>& records, const ChartOp
     PrintLegend(letters, shown, options);
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

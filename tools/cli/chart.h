@@ -7,7 +7,7 @@
 
 #include "security_privacy/permission_usage_record.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 struct ChartOptions {
     int64_t begin = 0;  // the span to draw, in milliseconds since the epoch; 0: from the first use, to the last
@@ -22,4 +22,4 @@ void PrintChart(
     const std::vector<VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord>& records,
     const ChartOptions& options);
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

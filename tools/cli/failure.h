@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 // How the program ends. Scripts rely on the numbers: never renumber.
 enum ExitCode : int {
@@ -31,4 +31,4 @@ struct Failure : std::runtime_error {
     std::string name;
 };
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

@@ -17,7 +17,7 @@
 #include "security_privacy/checked_state_parameter.h"
 #include "security_privacy/contract.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 namespace Contract = VARN::AppSecurityPrivacy::SecurityPrivacyServer;
@@ -167,4 +167,4 @@ void AddGroupsCommands(CLI::App& app, const Program& program)
         "  security-privacy-cli groups set com.example.camera LOCATION deny --flags-mask 0x1 --flags-value 0x1");
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

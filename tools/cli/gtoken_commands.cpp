@@ -14,7 +14,7 @@
 #include "security_privacy/gtoken_info.h"
 #include "security_privacy/gtoken_result_with_ret.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 namespace Contract = VARN::AppSecurityPrivacy::SecurityPrivacyServer;
@@ -187,4 +187,4 @@ void AddGTokenCommands(CLI::App& app, const Program& program)
     remove->footer("\nExample:\n  security-privacy-cli gtoken remove com.example.bank");
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

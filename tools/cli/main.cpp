@@ -17,7 +17,7 @@
 
 namespace {
 
-using namespace SecurityPrivacyExample;
+using namespace SecurityPrivacyTools;
 
 constexpr int32_t MAX_WAIT_SECONDS = 600;
 
@@ -166,7 +166,7 @@ int main(int argc, char** argv)
     }
 }
 
-void SecurityPrivacyExample::CheckLength(const char* option, size_t length, size_t limit)
+void SecurityPrivacyTools::CheckLength(const char* option, size_t length, size_t limit)
 {
     if (length > limit) {
         throw Failure(EXIT_USAGE, std::string(option) + ": " + std::to_string(length) +

@@ -13,7 +13,7 @@
 
 #include "cli/failure.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 constexpr size_t DEFAULT_WIDTH = 80;
@@ -153,4 +153,4 @@ bool IsColoured()
            (noColour == nullptr || *noColour == '\0');
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

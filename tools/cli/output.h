@@ -10,7 +10,7 @@
 
 #include "varn/host/visible_text.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 // Every function that prints makes visible what a terminal would obey: names and texts come from the service.
 
@@ -69,4 +69,4 @@ size_t OutputWidth();
 // Whether standard output is a terminal that shows colours (and NO_COLOR is not set).
 bool IsColoured();
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

@@ -12,7 +12,7 @@
 #include "cli/output.h"
 #include "cli/remote_service.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 // The user whose apps are meant when nobody says otherwise: the first one of a device.
 constexpr int32_t DEFAULT_USER_ID = 100;
@@ -53,4 +53,4 @@ CLI::Option* AddOption(CLI::App& command, const char* name, T& value, const char
 // Refuses a list that is longer than a request carries, since the rest would be dropped or the request refused.
 void CheckLength(const char* option, size_t length, size_t limit);
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

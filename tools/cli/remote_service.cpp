@@ -16,7 +16,7 @@
 #include "varn/remote_broker.h"
 #include "varn/remote_object.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 using std::chrono::steady_clock;
@@ -185,4 +185,4 @@ std::string RemoteService::Reason() const
     return lastLine_.empty() ? "no reason was logged" : lastLine_;
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

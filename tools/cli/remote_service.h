@@ -10,7 +10,7 @@
 #include "security_privacy/security_privacy_service_intf.h"
 #include "varn/ref_base.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 struct ServiceOptions {
     std::string directory;  // of the socket; empty: as the platform finds it
@@ -81,4 +81,4 @@ private:
     VARN::sptr<Interface> service_;
 };
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

@@ -23,7 +23,7 @@
 #include "security_privacy/permission_usage_record.h"
 #include "security_privacy/permission_usage_record_query.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -298,4 +298,4 @@ void AddServiceCommands(CLI::App& app, const Program& program)
         "\nExample:\n  security-privacy-cli monitor --name GET_PERMISSION_USAGE_RECORD_TIMELINE --uid 10001");
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

@@ -8,7 +8,7 @@
 #include <ctime>
 #include <string_view>
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 constexpr int64_t WEEK = 7 * DAY;
@@ -166,4 +166,4 @@ std::string FormatSpan(int64_t begin, int64_t end)
     return text;
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

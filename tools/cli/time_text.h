@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 // Times are milliseconds since the epoch; dates without an offset are the local time of this process.
 
@@ -37,4 +37,4 @@ std::string FormatTime(int64_t time, const char* format);
 // From one moment to another in the two largest units: "1 h 42 min", "850 ms". "0 ms" when the end comes first.
 std::string FormatSpan(int64_t begin, int64_t end);
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

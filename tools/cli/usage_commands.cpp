@@ -20,7 +20,7 @@
 #include "security_privacy/permission_usage_record.h"
 #include "security_privacy/permission_usage_record_query.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::MAX_QUERY_LIST_SIZE;
@@ -222,4 +222,4 @@ void AddUsageCommands(CLI::App& app, const Program& program)
         "  security-privacy-cli usage timeline --bundle com.example.recorder --mode denied --newest-first --limit 5");
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

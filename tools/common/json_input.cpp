@@ -7,7 +7,7 @@
 #include <cstring>
 #include <memory>
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenInfo;
@@ -193,4 +193,4 @@ GTokenInfo ReadGTokenInfo(const JsonNode& node)
     return info;
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

@@ -15,7 +15,7 @@
 
 #include "security_privacy/gtoken_info.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 // A file cannot be used. The text says which file, where in it and what is wrong, but quotes nothing of its contents:
 // they may hold fingerprints.
@@ -82,4 +82,4 @@ private:
 // {"bundleName": ..., "fingerprint": ..., "versionCode": ..., "policies": {name: value, ...}}
 VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenInfo ReadGTokenInfo(const JsonNode& node);
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "common/result_codes.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 struct Description {
@@ -53,4 +53,4 @@ const char* ResultCodeMeaning(int32_t code)
     return description != nullptr ? description->meaning : nullptr;
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 // The result codes of this service. The library passes them through unread. They start where no status of the library
 // (1, 4, 5, 401) and none of the platform (negative) can be, since the first, second, fourth and fifth request hand a
@@ -30,4 +30,4 @@ enum ResultCode : int32_t {
 const char* ResultCodeName(int32_t code);
 const char* ResultCodeMeaning(int32_t code);
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

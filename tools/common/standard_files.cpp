@@ -6,7 +6,7 @@
 
 #include <initializer_list>
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 void OccupyStandardDescriptors()
 {
@@ -20,4 +20,4 @@ void OccupyStandardDescriptors()
     }
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "common/usage_codes.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 const std::vector<UsageCode>& OperationModes()
 {
@@ -50,4 +50,4 @@ std::string UsageCodeNames(const std::vector<UsageCode>& codes)
     return names;
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

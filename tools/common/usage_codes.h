@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 // The numbers that usage records carry for operation mode, app state and screen state, and the words for them.
 struct UsageCode {
@@ -30,4 +30,4 @@ std::string UsageCodeName(const std::vector<UsageCode>& codes, int32_t code);
 // The names, for messages: "allowed, denied".
 std::string UsageCodeNames(const std::vector<UsageCode>& codes);
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <iterator>
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 constexpr const char* IN_MEMORY = ":memory:";
@@ -220,4 +220,4 @@ int32_t Database::Write(const std::function<int32_t(Connection&)>& work)
     return result;
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

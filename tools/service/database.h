@@ -11,7 +11,7 @@
 
 #include "service/sqlite.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 // Bounds of what is stored, in bytes. Without them one stored text, asked for again and again, makes an answer as long
 // as memory.
@@ -66,4 +66,4 @@ private:
     std::vector<std::unique_ptr<Connection>> readers_;  // the idle ones, as many as have read at once
 };
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

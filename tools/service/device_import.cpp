@@ -10,7 +10,7 @@
 #include "security_privacy/contract.h"
 #include "service/policies.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::MAX_STATES_SIZE;
@@ -233,4 +233,4 @@ bool IsEmpty(Database& database)
     }) == 0;
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

@@ -7,7 +7,7 @@
 #include "common/json_input.h"
 #include "service/database.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 // What an import did.
 struct ImportCounts {
@@ -31,4 +31,4 @@ bool IsEmpty(Database& database);
 // is. True when it was appended. Throws InputError where the event is wrong, or DatabaseError.
 bool AddUsageEvent(Connection& connection, const JsonNode& event, int64_t shift = 0, int64_t knownUpTo = 0);
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

@@ -36,7 +36,7 @@
 
 namespace {
 
-using namespace SecurityPrivacyExample;
+using namespace SecurityPrivacyTools;
 
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::SECURITY_PRIVACY_SA_ID;
 using Client = VARN::AppSecurityPrivacy::SecurityPrivacyServer::SecurityPrivacyClient;

@@ -11,7 +11,7 @@
 
 #include "security_privacy/version.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 constexpr int USAGE_ERROR = 2;
@@ -148,4 +148,4 @@ std::optional<Options> ReadOptions(int argc, char** argv, int& exitCode)
     return options;
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

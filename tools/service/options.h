@@ -10,7 +10,7 @@
 
 #include "varn/host/ability_server.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 enum class Task { SERVE, IMPORT, RECORD };
 
@@ -31,4 +31,4 @@ struct Options {
 // was a mistake, which was said on standard error.
 std::optional<Options> ReadOptions(int argc, char** argv, int& exitCode);
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

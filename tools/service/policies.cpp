@@ -7,7 +7,7 @@
 
 #include "common/result_codes.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenInfo;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenPolicy;
@@ -104,4 +104,4 @@ int32_t GetPolicies(Connection& connection, const std::string& policyName, const
     return RESULT_OK;
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

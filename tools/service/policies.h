@@ -9,7 +9,7 @@
 #include "security_privacy/gtoken_result.h"
 #include "service/database.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 // The GToken policies of bundles, inside a transaction of the caller's. The answers are result codes; after another one
 // than RESULT_OK the transaction is to be undone. Each throws DatabaseError.
@@ -27,4 +27,4 @@ int32_t GetPolicies(Connection& connection, const std::string& policyName, const
                     bool withFingerprints,
                     std::vector<VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenResult>& rows);
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

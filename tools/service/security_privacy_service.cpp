@@ -11,7 +11,7 @@
 #include "varn/host/caller.h"
 #include "varn/log.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 using VARN::Host::CurrentCaller;
@@ -250,4 +250,4 @@ int32_t SecurityPrivacyService::GTokenPolicyRemovePolicy(const std::vector<std::
     return Write([&](Connection& connection) { return RemovePolicies(connection, bundleNames); });
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

@@ -13,7 +13,7 @@
 #include "service/database.h"
 #include "service/usage_queries.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenInfo;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenResultWithRet;
@@ -72,4 +72,4 @@ private:
     const AccessPolicy policy_;
 };
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

@@ -3,7 +3,7 @@
 
 #include <sqlite3.h>
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 // Filters make statements of many shapes; a client that tries them all must not fill the memory.
@@ -146,4 +146,4 @@ void Transaction::Commit()
     connection_ = nullptr;
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

@@ -10,7 +10,7 @@
 struct sqlite3;
 struct sqlite3_stmt;
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 // The database cannot do what it is asked to. The text holds no value of a row.
 class DatabaseError : public std::runtime_error {
@@ -108,4 +108,4 @@ private:
     Connection* connection_;  // null once it is over
 };
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

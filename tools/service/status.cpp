@@ -9,7 +9,7 @@
 #include "security_privacy/security_privacy_service_intf.h"
 #include "security_privacy/version.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 using MessageCode = VARN::AppSecurityPrivacy::SecurityPrivacyServer::SecurityPrivacyServiceIntf::MessageCode;
@@ -110,4 +110,4 @@ std::string Status::Line(int64_t time, const VARN::Host::Transaction& transactio
     return line.dump();
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

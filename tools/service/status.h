@@ -10,7 +10,7 @@
 
 #include "varn/host/ability_server.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 // Milliseconds since the epoch.
 int64_t Now();
@@ -47,4 +47,4 @@ private:
     std::array<Counter, PLACES> counters_;  // guarded by mutex_
 };
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

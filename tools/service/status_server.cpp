@@ -20,7 +20,7 @@
 
 #include "service/status.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 constexpr size_t MAX_WATCHERS = 16;
@@ -223,4 +223,4 @@ bool StatusServer::Flush(Watcher& watcher)
     }
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

@@ -12,7 +12,7 @@
 
 #include "varn/host/ability_server.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 // A socket for root and the own user alone, which only writes: first the status, one line, then a line for each request
 // that is finished. A watcher that reads too slowly loses lines and is told how many ({"lost": 17}); the requests and
@@ -68,4 +68,4 @@ private:
     uint64_t lost_ = 0;               // what did not fit in there
 };
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

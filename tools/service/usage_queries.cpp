@@ -19,7 +19,7 @@
 #include "common/result_codes.h"
 #include "security_privacy/contract.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 constexpr int32_t OLDEST_FIRST = 0;
@@ -218,4 +218,4 @@ int32_t ListUsage(Connection& connection, const PermissionUsageRecordQuery& quer
     return RESULT_OK;
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

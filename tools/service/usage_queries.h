@@ -8,7 +8,7 @@
 #include "security_privacy/permission_usage_record_query.h"
 #include "service/sqlite.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery;
@@ -36,4 +36,4 @@ int32_t SummariseUsage(Connection& connection, const PermissionUsageRecordQuery&
 int32_t ListUsage(Connection& connection, const PermissionUsageRecordQuery& query,
                   std::vector<PermissionUsageRecord>& records);
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

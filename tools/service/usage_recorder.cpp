@@ -12,7 +12,7 @@
 #include "common/result_codes.h"
 #include "service/device_import.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 namespace {
 
 // Longer than any event: input that never ends a line must not fill the memory.
@@ -95,4 +95,4 @@ int64_t DropUsageBefore(Database& database, int64_t time)
     return dropped;
 }
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools

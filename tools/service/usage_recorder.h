@@ -6,7 +6,7 @@
 
 #include "service/database.h"
 
-namespace SecurityPrivacyExample {
+namespace SecurityPrivacyTools {
 
 // Appends the usage events of a file or, for "-", of standard input: one JSON object a line. What has arrived is stored
 // in batches of one transaction each; an event that is fed in is not held back until more come. Answers how many there
@@ -20,4 +20,4 @@ int64_t RecordUsage(Database& database, const std::string& path);
 // Answers how many there were: 0 when none is left. Throws DatabaseError.
 int64_t DropUsageBefore(Database& database, int64_t time);
 
-}  // namespace SecurityPrivacyExample
+}  // namespace SecurityPrivacyTools
