@@ -9,7 +9,6 @@
 #include <deque>
 #include <optional>
 #include <regex>
-#include <thread>
 
 #include "abuse/processes.h"
 #include "abuse/requests.h"
@@ -236,28 +235,6 @@ TEST_F(ServerAbuseTest, HalfCloseBehindRequestsLosesNoAnswer)
         ASSERT_NE("", peer.ReadReply()) << number;
     }
     EXPECT_TRUE(peer.IsClosed());
-}
-
-TEST_F(ServerAbuseTest, NothingIsReadFromAPeerThatDoesNotRead)
-{
-    ASSERT_NO_FATAL_FAILURE(Begin());
-    constexpr size_t COUNT = 20000;
-    const std::string requests = Repeat(honestFrame, COUNT);
-    const Peer peer(Path());
-    size_t sent = 0;
-    for (int full = 0; full < 20;) {
-        const ssize_t part = ::send(peer.GetFd(), &requests[sent], requests.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
-        sent += part > 0 ? static_cast<size_t>(part) : 0;
-        full += part > 0 ? 0 : 1;
-        ExpectServed();
-    }
-    EXPECT_LT(sent, requests.size());
-    EXPECT_LT(GrownBy("VmHWM"), 4 * MEBIBYTE);
-    std::thread rest([&] { EXPECT_TRUE(peer.Send(requests.substr(sent))); });
-    for (size_t number = 0; number < COUNT; ++number) {
-        ASSERT_NE("", peer.ReadReply()) << number;
-    }
-    rest.join();
 }
 
 TEST_F(ServerAbuseTest, DescriptorsAreRefusedWhereTheyAreSent)
