@@ -25,11 +25,11 @@ export CMAKE_GENERATOR=Ninja
 # kit BUILD OPTION...: the kit and the library on the platform that the options name.
 kit()
 {
-    cmake -S tests/porting -B "$1" -DCMAKE_BUILD_TYPE=Debug -DSECURITY_PRIVACY_WARNINGS_AS_ERRORS=ON "${@:2}"
+    cmake -S examples/porting_kit -B "$1" -DCMAKE_BUILD_TYPE=Debug -DSECURITY_PRIVACY_WARNINGS_AS_ERRORS=ON "${@:2}"
     cmake --build "$1" -j "$(nproc)"
     ctest --test-dir "$1" --output-on-failure -j "$(nproc)"
 }
-kit "$build" -DSECURITY_PRIVACY_PLATFORM=portable_platform -Dportable_platform_DIR="$PWD/tests/porting/portable_platform"
+kit "$build" -DSECURITY_PRIVACY_PLATFORM=portable_platform -Dportable_platform_DIR="$PWD/examples/porting_kit/portable_platform"
 
 # port: builds a copy of the smallest port and installs it where the kit looks for it.
 port()

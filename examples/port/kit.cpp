@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the porting kit (tests/porting) asks of a port besides the seam.
-#include "porting/port.h"
+// What the porting kit (examples/porting_kit) asks of a port besides the seam.
+#include "porting_kit/port.h"
 #include "smallest_port.h"
 
 namespace VARN::Porting {

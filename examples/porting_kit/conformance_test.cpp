@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "porting/port.h"
+#include "porting_kit/port.h"
 #include "security_privacy/security_privacy_client.h"
 #include "security_privacy/testing/fake_service.h"
 #include "support/call_operation.h"

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "porting/port.h"
+#include "porting_kit/port.h"
 #include "varn/host/ability_server.h"
 
 namespace VARN::Porting {
