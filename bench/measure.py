@@ -149,6 +149,11 @@ class Bench:
             say("users is skipped: it takes root to be several users")
             return None
         *others, greedy = USERS
+        try:
+            subprocess.run([self.program("ours")], user=greedy, stderr=subprocess.DEVNULL, check=False)
+        except PermissionError:
+            say("users is skipped: other users cannot reach the build folder")
+            return None
         p99 = {"alone": [], "crowded": []}
         for _ in range(self.repeats):
             with self.pair("ours", "small", self.all_cpus, users=others) as pair:
