@@ -19,7 +19,7 @@
 #include "varn/host/caller.h"
 
 // A service with operations for tests, which begins anew at SIGHUP: one says who asked, waits at a gate or answers at
-// any length, one tells what was executed.
+// any length.
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
 
@@ -65,14 +65,6 @@ public:
         Permission::AppPermissionGroupInfo& info = infos.emplace_back();
         info.bundleName = std::string(bundleName == "bulk" ? static_cast<size_t>(userId) : 1, 'x');
         info.uid = static_cast<int32_t>(Host::CurrentCaller().uid);
-        return 0;
-    }
-
-    int32_t SetAppPermissionGroupCheckedState(const std::string&, int32_t uid, const std::string&,
-                                              const Permission::CheckedStateParameter&, bool& returns) override
-    {
-        Print("executed " + std::to_string(uid));
-        returns = true;
         return 0;
     }
 

@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <map>
 #include <memory>
 #include <thread>
 
@@ -23,33 +22,6 @@
 // Starting, stopping and dying, with clients about.
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
-
-// Asks the service once to do the thing number `id`. Whether it was done for sure, for sure not, or perhaps.
-enum class Result { DONE, NOT_DONE, UNKNOWN };
-
-Result Do(int32_t id)
-{
-    bool returns = false;
-    const int32_t result = SecurityPrivacyClient::GetInstance().SetAppPermissionGroupCheckedState(
-        "app", id, "group", MakeCheckedStateParameter(), returns);
-    return result != 0 ? Result::UNKNOWN : (returns ? Result::DONE : Result::NOT_DONE);
-}
-
-// What the service says it has done: how often, by number, until it ends or has done so much. Returns how often it said
-// that it is ready, which may come behind the first of them.
-int CountExecuted(ServiceProcess& service, std::map<int32_t, int>& executed, size_t atMost = SIZE_MAX)
-{
-    const std::string prefix = "executed ";
-    int ready = 0;
-    for (std::string line = service.ReadLine(); !line.empty(); line = atMost > 0 ? service.ReadLine() : "") {
-        const bool isDone = line.rfind(prefix, 0) == 0;
-        executed[isDone ? std::stoi(line.substr(prefix.size())) : -1] += isDone ? 1 : 0;
-        ready += isDone ? 0 : 1;
-        atMost -= isDone ? 1 : 0;
-    }
-    executed.erase(-1);
-    return ready;
-}
 
 // Runs in a process of its own; exits with 0 when the function returns true.
 template <class Function>
@@ -194,59 +166,6 @@ TEST_F(LifeTest, ManyLivesLeaveNothing)
     EXPECT_TRUE(std::filesystem::is_empty(folder_.Path()));
 }
 
-TEST_F(LifeTest, KilledAgainAndAgainUnderLoad)
-{
-    constexpr int CLIENTS = 3;
-    constexpr int KILLS = 20;
-    constexpr int32_t MOST_CALLS = 10000000;
-    int stop[2] = {};
-    ASSERT_EQ(::pipe2(stop, O_CLOEXEC), 0);
-    std::vector<pid_t> clients;
-    for (int32_t client = 0; client < CLIENTS; ++client) {
-        clients.push_back(Fork([&] {
-            ::close(stop[1]);
-            std::ofstream results(folder_.Path() + "/results" + std::to_string(client));
-            pollfd entry = {stop[0], POLLIN, 0};
-            int32_t id = client * MOST_CALLS;
-            for (; ::poll(&entry, 1, 0) == 0; ++id) {
-                results << id << ' ' << static_cast<int>(Do(id)) << '\n';
-            }
-            // By now there is a service that nobody kills.
-            return Do(id) == Result::DONE;
-        }));
-    }
-    std::map<int32_t, int> executed;
-    for (int life = 0; life <= KILLS; ++life) {
-        ServiceProcess service(folder_, command_);
-        CountExecuted(service, executed, 100);
-        if (life < KILLS) {
-            service.End(SIGKILL);
-        } else {
-            ::close(stop[1]);
-            for (const pid_t client : clients) {
-                EXPECT_EQ(WaitFor(client), 0) << "the first request after the restart was not done";
-            }
-            EXPECT_EQ(service.End(SIGTERM), 0);
-        }
-        CountExecuted(service, executed);
-    }
-    ::close(stop[0]);
-    for (int client = 0; client < CLIENTS; ++client) {
-        std::ifstream results(folder_.Path() + "/results" + std::to_string(client));
-        int32_t id = 0;
-        int result = 0;
-        while (results >> id >> result) {
-            const int times = executed[id];
-            EXPECT_TRUE(result == static_cast<int>(Result::UNKNOWN) ||
-                        times == (result == static_cast<int>(Result::DONE) ? 1 : 0))
-                << id << ' ' << result << ' ' << times;
-        }
-    }
-    for (const auto& [id, times] : executed) {
-        EXPECT_LE(times, 1) << id;
-    }
-}
-
 TEST_F(LifeTest, OnlyTheServicesOwnSocketIsTakenOfThoseHandedOver)
 {
     const std::string own = folder_.SocketPath();
@@ -337,21 +256,6 @@ TEST_F(LifeTest, RelativeFolderIsTheOneOfTheStart)
     EXPECT_TRUE(std::filesystem::is_empty(folder_.Path()));
     EXPECT_TRUE(std::filesystem::exists(elsewhere.SocketPath())) << "a file of somebody else is gone";
     std::filesystem::current_path(before);
-}
-
-TEST_F(LifeTest, OneOfTwoStartersWins)
-{
-    for (int round = 0; round < 20; ++round) {
-        ServiceProcess one(folder_, command_);
-        ServiceProcess other(folder_, command_);
-        const bool isOne = one.IsReady();
-        EXPECT_NE(isOne, other.IsReady()) << one.Log();
-        EXPECT_EQ(Do(round), Result::DONE);
-        ServiceProcess& loser = isOne ? other : one;
-        EXPECT_TRUE(WIFEXITED(loser.End(0)));
-        EXPECT_EQ((isOne ? one : other).End(SIGTERM), 0);
-    }
-    EXPECT_FALSE(std::filesystem::exists(folder_.SocketPath()));
 }
 
 TEST_F(LifeTest, UnsafeFoldersAreRefusedOnBothSides)

@@ -156,20 +156,6 @@ TEST_P(LimitTest, EndsTheConnectionAndSaysWhy)
 INSTANTIATE_TEST_SUITE_P(Cases, LimitTest, ::testing::ValuesIn(limitCases),
                          [](const auto& limit) { return limit.param.name; });
 
-TEST_F(ServerAbuseTest, TrickleDoesNotProlongTheRequestTime)
-{
-    ASSERT_NO_FATAL_FAILURE(Begin({"--stall-timeout-ms", "200"}));
-    const Peer trickle(Path());
-    pollfd entry = {trickle.GetFd(), POLLIN, 0};
-    constexpr int PACE_MILLISECONDS = 5;
-    size_t sent = 0;
-    while (sent < honestFrame.size() && ::poll(&entry, 1, PACE_MILLISECONDS) == 0) {
-        sent += trickle.Send(honestFrame.substr(sent, 1)) ? 1 : 0;
-    }
-    EXPECT_LT(sent, honestFrame.size());
-    EXPECT_TRUE(trickle.IsClosed());
-}
-
 TEST_F(ServerAbuseTest, EveryByteOfTheHeaderIsChecked)
 {
     ASSERT_NO_FATAL_FAILURE(Begin());
