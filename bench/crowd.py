@@ -90,12 +90,13 @@ def in_turn(bench, name, connections, seconds):
 @contextlib.contextmanager
 def greedy(name, folder, connections, user):
     """A process of `user` that keeps that many connections busy."""
+    crowd = Crowd(name, folder)  # while this process may still read all of Python
     pid = os.fork()
     if pid == 0:
         try:
             os.setgid(user)
             os.setuid(user)
-            Crowd(name, folder).connect(connections).ask_for_ever()
+            crowd.connect(connections).ask_for_ever()
         finally:
             os._exit(1)
     try:
