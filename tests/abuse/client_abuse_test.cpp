@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 
 #include <atomic>
-#include <csignal>
 #include <functional>
 #include <mutex>
 #include <thread>

@@ -23,7 +23,7 @@
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
 
-// Runs in a process of its own; exits with 0 when the function returns true.
+// In a process of its own, which exits with 0 for true.
 template <class Function>
 pid_t Fork(Function function)
 {
@@ -43,7 +43,7 @@ int WaitFor(pid_t pid)
 
 class LifeTest : public ::testing::Test {
 protected:
-    LifeTest() { Host::SetLogLevel(7); }
+    LifeTest() { Host::SetLogLevel(LOG_LEVEL_FATAL); }
 
     const SocketFolder folder_;
     const std::vector<std::string> command_ = {ABUSE_SERVICE, "--directory", folder_.Path()};
@@ -286,7 +286,6 @@ TEST_F(LifeTest, UnsafeFoldersAreRefusedOnBothSides)
             if (&message == &messages[0]) {
                 EXPECT_FALSE(Host::AbilityServer(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new FakeService())).Start());
             } else {
-                // At once: waiting would not mend it.
                 EXPECT_EQ(SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager()->LoadSystemAbility(
                               FAKE_SERVICE_ID, INT32_MAX),
                           nullptr);

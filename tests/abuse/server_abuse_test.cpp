@@ -200,7 +200,6 @@ TEST_F(ServerAbuseTest, HangUpWhileTheOperationRuns)
         {
             const Peer peer(Path());
             EXPECT_TRUE(peer.Send(MakeByAppFrame("gate", 0) + ahead));
-            // Waits until the operation is there.
             open = ::open(gate.c_str(), O_WRONLY | O_CLOEXEC);
         }
         // The next round's operation is not to be met by what this one has still open.

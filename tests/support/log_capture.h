@@ -6,13 +6,14 @@
 #include <vector>
 
 #include "varn/host/log_sink.h"
+#include "varn/log.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 
-constexpr int DEBUG = 3;
-constexpr int INFO = 4;
-constexpr int WARN = 5;
-constexpr int ERROR = 6;
+constexpr int DEBUG = LOG_LEVEL_DEBUG;
+constexpr int INFO = LOG_LEVEL_INFO;
+constexpr int WARN = LOG_LEVEL_WARN;
+constexpr int ERROR = LOG_LEVEL_ERROR;
 
 // Takes the log over while it exists; afterwards the level is as before and lines go to standard error again.
 class LogCapture {
