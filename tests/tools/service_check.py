@@ -14,6 +14,7 @@ import sqlite3
 import subprocess
 import sys
 import tempfile
+import time
 
 SERVICE, CLIENT, DATA = sys.argv[1:4]
 WAIT = 60
@@ -71,6 +72,22 @@ def watch(reads=True):
     watcher.connect(path("65993.status.sock"))
     lines = watcher.makefile("r")
     return (watcher, lines, json.loads(lines.readline())) if reads else watcher
+
+
+def await_status(expected, take, what):
+    """Watches from the first status on of which `take` gives what is expected: a request is counted, and its connection
+    ends, only after its answer is out."""
+    end = time.monotonic() + WAIT
+    while True:
+        watcher = watch()
+        if take(watcher[2]) == expected or time.monotonic() > end:
+            check(expected, take(watcher[2]), what)
+            return watcher
+        watcher[0].close()
+
+
+def of_requests(status):
+    return [(request["name"], request["count"], request["errors"]) for request in status["requests"]]
 
 
 EVENT = {"bundleName": "com.example.camera", "userId": 100, "operationGroup": "CAMERA", "times": 1, "mode": "allowed",
@@ -183,23 +200,21 @@ def feeding():
 def watching():
     with Service() as service:
         ask(0, "groups", "by-app", "com.example.camera")
-        watcher, lines, status = watch()
-        check(["GET_APP_PERMISSION_GROUP_INFOS_BY_APP"], [request["name"] for request in status["requests"]], "status")
-        check((1, 0), (status["requests"][0]["count"], status["requests"][0]["errors"]), "its numbers")
+        lines = await_status([("GET_APP_PERMISSION_GROUP_INFOS_BY_APP", 1, 0)], of_requests, "status")[1]
         client = socket.socket(socket.AF_UNIX)
         client.connect(path("65993.sock"))
         client.send(b"\x30")
         # Its connection is accepted before one that comes later is served.
         ask(0, "groups", "by-app", "com.example.camera")
-        lines.readline()
-        held = watch()[2]["server"]
-        check((1, 1, os.geteuid(), 1), (held["connections"], len(held["users"]), held["users"][0]["uid"],
-                                        held["users"][0]["connections"]), "what the server holds")
+        await_status((1, [(os.geteuid(), 1)]),
+                     lambda status: (status["server"]["connections"],
+                                     [(user["uid"], user["connections"]) for user in status["server"]["users"]]),
+                     "what the server holds")
         client.close()
-        slow = watch(reads=False)
+        slow = watch()[1]
         client = subprocess.Popen([CLIENT, "--directory", folder.name, "groups", "by-app", "com.example.secret"],
                                   stderr=subprocess.DEVNULL)
-        request = json.loads(lines.readline())
+        request = next(line for line in map(json.loads, lines) if line.get("pid") == client.pid)
         client.wait(WAIT)
         check((os.geteuid(), client.pid, "GET_APP_PERMISSION_GROUP_INFOS_BY_APP", 1, 1002),
               tuple(request[key] for key in ("uid", "pid", "name", "code", "status")), "a line")
@@ -208,12 +223,10 @@ def watching():
         for _ in range(8):
             ask(0, "ping", "--count", "1000")
         lost = seen = 0
-        with slow.makefile("r") as text:
-            text.readline()
-            while lost + seen < 8001:
-                line = json.loads(text.readline())
-                lost += line.get("lost", 0)
-                seen += 0 if "lost" in line else 1
+        while lost + seen < 8001:
+            line = json.loads(slow.readline())
+            lost += line.get("lost", 0)
+            seen += 0 if "lost" in line else 1
         if lost == 0:
             sys.exit("service_check: nothing was lost")
         check(8001, lost + seen, "lines seen and lost")
@@ -259,7 +272,8 @@ def under_the_init_system():
     os.close(out[1])
     check(b"READY=1", notified.recv(100), "ready")
     check(b"WATCHDOG=1", notified.recv(100), "its own request gets through")
-    check("GET_PERMISSION_USAGE_RECORD_TIMELINE", watch()[2]["requests"][0]["name"], "the status on a handed socket")
+    await_status(["GET_PERMISSION_USAGE_RECORD_TIMELINE"],
+                 lambda status: [request["name"] for request in status["requests"]], "the status on a handed socket")
     os.kill(child, signal.SIGTERM)
     while notified.recv(100) != b"STOPPING=1":
         pass
