@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The Linux host under the kit: each service on a socket of a folder of its own.
-#include <stdlib.h>
-
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <memory>
