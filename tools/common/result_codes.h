@@ -7,7 +7,7 @@ namespace SecurityPrivacyTools {
 
 // The result codes of this service. The library passes them through unread. They start where no status of the library
 // (1, 4, 5, 401) and none of the platform (negative) can be, since the first, second, fourth and fifth request hand a
-// code on as the status of the exchange. Never renumber: clients that are already running know them.
+// code on as the status of the request. Never renumber: clients that are already running know them.
 enum ResultCode : int32_t {
     RESULT_OK = 0,
     RESULT_UNKNOWN_USER = 1001,
