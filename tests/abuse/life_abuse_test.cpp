@@ -176,7 +176,7 @@ TEST_F(LifeTest, OnlyTheServicesOwnSocketIsTakenOfThoseHandedOver)
     const struct {
         std::vector<std::string> handed;
         std::string served;  // where the service answers then
-        std::string logged = "";
+        std::string logged{};
         const char* pid = nullptr;    // null: the service's own
         const char* count = nullptr;  // null: as many as there are
     } cases[] = {{{own}, own},

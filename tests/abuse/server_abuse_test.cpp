@@ -107,7 +107,7 @@ struct LimitCase {
     std::string limit;
     std::string numbers;
 
-    friend void PrintTo(const LimitCase& limit, std::ostream* out) { *out << limit.name; }
+    friend void PrintTo(const LimitCase& one, std::ostream* out) { *out << one.name; }
 };
 
 const std::string longReply = MakeByAppFrame("bulk", 3 * MEBIBYTE);
