@@ -108,7 +108,7 @@ bool GivesEachItsTurn(int limit, bool forgets)
     enum At { BEGIN, JUDGE, UNDO, PARK, RUN, END, LOOK, TAKE, JUDGE_TAKE, ENDED };
     const Step step = [limit, forgets](World& world, int thread) {
         int& at = world[static_cast<size_t>(thread)];
-        int& before = world[static_cast<size_t>(BEFORE + thread)];
+        int& before = world[static_cast<size_t>(BEFORE) + static_cast<size_t>(thread)];
         if (at == ENDED || ((at == PARK || at == TAKE) && world[LOCK] != 0)) {
             return false;
         }
