@@ -18,9 +18,10 @@ enum class ConnectError {
     NO_PROXY,      // no proxy could be made for it
 };
 
+// The service, or why there is none.
 struct ConnectResult {
-    sptr<SecurityPrivacyServiceIntf> service;  // null unless `error` is NONE
-    ConnectError error = ConnectError::NO_SERVICE;
+    sptr<SecurityPrivacyServiceIntf> service;       // null unless `error` is NONE
+    ConnectError error = ConnectError::NO_SERVICE;  // why `service` is null
 };
 
 // Looks the service up, waiting at most `timeoutSeconds` for it to appear (0: not at all). For callers that

@@ -87,8 +87,8 @@ struct AbilityServerOptions {
 
 // What one user holds of a server.
 struct UserStatistics {
-    uid_t uid;
-    size_t connections;
+    uid_t uid;             // who it is
+    size_t connections;    // open ones
     size_t requestBytes;   // of requests that have arrived in part
     size_t replyBytes;     // of replies that wait for their reader
     size_t workersAtWork;  // that serve its connections
@@ -98,13 +98,13 @@ struct UserStatistics {
 
 // What a server holds and does at one moment. The numbers are read one after the other, while work goes on.
 struct ServerStatistics {
-    size_t connections = 0;
-    size_t requestBytes = 0;
-    size_t replyBytes = 0;
-    size_t workers = 0;  // threads, whatever they do
-    size_t workersAtWork = 0;
-    size_t workersStuck = 0;  // at work for longer than `stuckAfter`
-    size_t waiting = 0;
+    size_t connections = 0;             // open ones
+    size_t requestBytes = 0;            // of requests that have arrived in part
+    size_t replyBytes = 0;              // of replies that wait for their reader
+    size_t workers = 0;                 // threads, whatever they do
+    size_t workersAtWork = 0;           // that serve connections
+    size_t workersStuck = 0;            // at work for longer than `stuckAfter`
+    size_t waiting = 0;                 // connections that wait for their turn
     uint64_t refused = 0;               // limits that bit, since the server was started
     std::vector<UserStatistics> users;  // those that have a connection, in no order
 };
