@@ -112,6 +112,9 @@ constexpr unsigned LIMIT_SECONDS = 30;  // for a child that hangs
 
 TEST_F(Client, ChildMadeInsideACallbackHoldsTheLockUntilItLeaves)
 {
+    if (IS_THREAD_SANITIZED) {
+        GTEST_SKIP() << "to the thread sanitizer the lock that the child has made anew is still the parent's";
+    }
     pid_t child = -1;
     std::future<bool> other;
     client.WithSystemAbilityProxy([&](const auto&) {

@@ -133,7 +133,6 @@ TEST_F(LifeTest, SignalsAreNotForTheServersThreads)
     Host::AbilityServer server(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new Slow()));
     ASSERT_TRUE(server.Start());
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    // A thread that took it would end the process.
     ::kill(::getpid(), SIGUSR1);
     const Peer peer(folder_.SocketPath());
     EXPECT_TRUE(peer.Send(Host::MakeFrame(2, "")));

@@ -26,7 +26,6 @@ namespace {
 
 constexpr int32_t ID = 4242;
 
-// A service whose one operation is whatever the test wants.
 class Service : public IPCObjectStub {
 public:
     using Operation = std::function<int32_t(uint32_t code, MessageParcel& data, MessageParcel& reply)>;

@@ -235,7 +235,6 @@ TEST(StandardErrorTest, JournalGetsItsOwnLevel)
     EXPECT_EQ(1U, Count(reader.Read(), "^<7>.* 3\n<6>.* 4\n<4>.* 5\n<3>.* 6\n<3>.* 7\n$"));
 }
 
-// The requests of one user may cause so many lines a second; the program's own are not touched.
 TEST(StandardErrorTest, OneUserCannotFillIt)
 {
     class Talker : public IPCObjectStub {

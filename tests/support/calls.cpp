@@ -13,7 +13,8 @@ sptr<SecurityPrivacyServiceIntf> ProxyOver(const sptr<IRemoteObject>& object)
 {
     const sptr<IRemoteBroker> broker =
         BrokerRegistration::Get().NewInstance(SecurityPrivacyServiceIntf::GetDescriptor(), object);
-    return sptr<SecurityPrivacyServiceIntf>(static_cast<SecurityPrivacyServiceIntf*>(broker.Get()));
+    // A cast that names the type brings the proxy along from a static library.
+    return sptr<SecurityPrivacyServiceIntf>(dynamic_cast<SecurityPrivacyServiceIntf*>(broker.Get()));
 }
 
 const std::string& AbilityFolder()
