@@ -43,8 +43,9 @@ class AbusedService final : public FakeService {
 public:
     explicit AbusedService(const std::string& directory) : gate_(directory + "/gate") {}
 
-    // Not noted, as neither are the two below, so that nothing grows.
+    // Not noted, as neither are those below, so that nothing grows.
     bool IsMessageCodeAllowed(uint32_t) override { return true; }
+    GTokenResultWithRet GTokenPolicyGetPolicy(std::string, const std::vector<std::string>&) override { return {}; }
 
     // App "gate": waits until somebody has opened the gate and closed it again. "nap": takes `userId` milliseconds.
     // "bulk": `userId` bytes of answer.
