@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "varn/host/log_sink.h"
 #include "varn/parcel.h"
 
 namespace fuzz {
@@ -19,17 +20,13 @@ public:
     size_t GetSize() const { return size_; }
     const uint8_t* GetBytes() const { return bytes_; }
 
-    uint8_t TakeByte()
+    template <class T>
+    T Take()
     {
-        uint8_t byte = 0;
-        Take(&byte, 1);
-        return byte;
-    }
-    int32_t TakeWord()
-    {
-        int32_t word = 0;
-        Take(&word, sizeof(word));
-        return word;
+        T value = 0;
+        const uint8_t* from = bytes_;
+        std::memcpy(&value, from, Skip(sizeof(value)));
+        return value;
     }
     // Skips up to `size` bytes and says how many there were.
     size_t Skip(size_t size)
@@ -43,17 +40,11 @@ public:
     void TakeParcel(VARN::Parcel& parcel)
     {
         while (size_ != 0) {
-            parcel.WriteInt32(TakeWord());
+            parcel.WriteInt32(Take<int32_t>());
         }
     }
 
 private:
-    void Take(void* to, size_t size)
-    {
-        const uint8_t* from = bytes_;
-        std::memcpy(to, from, Skip(size));
-    }
-
     const uint8_t* bytes_;
     size_t size_;
 };
@@ -65,5 +56,8 @@ inline void Require(bool condition)
         std::abort();
     }
 }
+
+// Lines are made, since making one is code under test as well, and not shown.
+inline const bool isQuiet = (VARN::Host::SetLogSink([](const VARN::Host::LogLine&) {}), true);
 
 }  // namespace fuzz

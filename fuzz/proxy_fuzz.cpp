@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "fuzz/input.h"
 #include "support/calls.h"
-#include "varn/host/log_sink.h"
 
 using namespace VARN;
 using namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing;
@@ -10,16 +9,14 @@ using namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing;
 // no reply gives more of them than it has words.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
-    static const bool isQuiet = (Host::SetLogSink([](const Host::LogLine&) {}), true);
     fuzz::Input input(bytes, size);
-    const uint32_t code = input.TakeByte();
+    const auto code = input.Take<uint8_t>();
     const size_t most = input.GetSize() / sizeof(int32_t) + 1;
     const auto answer = [&input](uint32_t, MessageParcel&, MessageParcel& reply) {
         input.TakeParcel(reply);
         return 0;
     };
-    const Outcome outcome =
-        CallOperation(*ProxyOver(sptr<IRemoteObject>(new ScriptedObject(answer))), isQuiet ? code : 0);
+    const Outcome outcome = CallOperation(*ProxyOver(sptr<IRemoteObject>(new ScriptedObject(answer))), code);
     const Outcome before;
     fuzz::Require(outcome.groups.size() <= before.groups.size() + most);
     fuzz::Require(outcome.records.size() <= before.records.size() + most);

@@ -13,7 +13,7 @@ using namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing;
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
     fuzz::Input input(bytes, size);
-    const RecordCase& record = RecordCases()[input.TakeByte() % RecordCases().size()];
+    const RecordCase& record = RecordCases()[input.Take<uint8_t>() % RecordCases().size()];
     const auto text = [&record](const Parcelable& value) {
         std::string letters = record.toString(value);
         if (record.name == "AppPermissionGroupInfo") {

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "fuzz/input.h"
 #include "security_privacy/testing/fake_service.h"
-#include "varn/host/log_sink.h"
 
 using namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer;
 
@@ -9,12 +8,10 @@ using namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer;
 // arguments. Whatever they are, the stub answers with one of its statuses.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
-    static const bool isQuiet = (VARN::Host::SetLogSink([](const VARN::Host::LogLine&) {}), true);
     fuzz::Input input(bytes, size);
-    const uint32_t code = input.TakeByte() % 16;
-    const bool hasToken = isQuiet && input.TakeByte() != 0;
+    const uint32_t code = input.Take<uint8_t>() % 16;
     VARN::MessageParcel data;
-    if (hasToken) {
+    if (input.Take<uint8_t>() != 0) {
         data.WriteInterfaceToken(SecurityPrivacyServiceIntf::GetDescriptor());
     }
     input.TakeParcel(data);

@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: Apache-2.0
+// Makes a fuzz target's seeds: valid messages, the same cut short, and with words that a hostile peer would try.
+// fuzz_TARGET_replay TARGET runs them through the target, as an ordinary test. With a folder behind it, it leaves them
+// there instead, for a fuzzer to begin with.
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "abuse/requests.h"
+#include "support/record_cases.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
+
+namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+namespace {
+
+using Host::BytesOf;
+using Host::MakeFrame;
+
+using Seeds = std::map<std::string, std::vector<std::string>>;  // by target
+
+void Add(std::vector<std::string>& seeds, const std::string& prefix, const std::string& message)
+{
+    seeds.push_back(prefix + message);
+    for (size_t at = 0; at + sizeof(int32_t) <= message.size(); at += sizeof(int32_t)) {
+        seeds.push_back(prefix + message.substr(0, at));
+        for (const int32_t word : {-1, 0, INT32_MAX, INT32_MIN, 51, 100, 10001}) {
+            seeds.push_back(prefix + std::string(message).replace(at, sizeof(word), BytesOf(word)));
+        }
+    }
+}
+
+void AddRecords(Seeds& seeds)
+{
+    char choice = 0;
+    for (const RecordCase& record : RecordCases()) {
+        Parcel parcel;
+        record.record->Marshalling(parcel);
+        const std::string message = BytesLeftIn(parcel);
+        Add(seeds["record"], {choice++}, message);
+        Add(seeds["parcel"], "\5\3\1\3\2\4", message);
+    }
+}
+
+// The arguments of each request, and the reply of a service that has an answer.
+void AddCalls(Seeds& seeds)
+{
+    FakeAnswer answer;
+    answer.appPermissionGroupInfos = {MakeAppPermissionGroupInfo()};
+    answer.records = {MakePermissionUsageRecord()};
+    answer.gTokenResultWithRet = MakeGTokenResultWithRet();
+    const sptr<FakeService> service(new FakeService());
+    const size_t tokenSize = MakeRequest().size();
+    for (const uint32_t number : CODES) {
+        const auto code = static_cast<char>(number);
+        Add(seeds["stub"], {code, '\1'}, MakeHonestRequest(number).substr(tokenSize));
+        service->SetAnswer(number, answer);
+        const sptr<IRemoteObject> listener(new ScriptedObject([&](uint32_t, MessageParcel& data, MessageParcel& reply) {
+            MessageOption option;
+            service->SendRequest(number, data, reply, option);
+            Add(seeds["proxy"], {code}, BytesLeftIn(reply));
+            return 1;
+        }));
+        CallOperation(*ProxyOver(listener), number);
+    }
+}
+
+// The frames in pieces of `size` bytes, each behind its length.
+std::string Cut(const std::string& frames, size_t size)
+{
+    std::string pieces;
+    for (size_t at = 0; at < frames.size(); at += size) {
+        const std::string piece = frames.substr(at, size);
+        pieces += BytesOf(static_cast<uint16_t>(piece.size())) + piece;
+    }
+    return pieces;
+}
+
+// Requests whose replies have so many bytes, to a service that has a peer that reads and one that does not.
+void AddConnections(std::vector<std::string>& seeds, int32_t replyBytes)
+{
+    constexpr size_t RECEIVED_AT_ONCE = 16384;
+    const std::string frame = MakeFrame(7, Host::MakeBody("text") + BytesOf(replyBytes));
+    const std::string longer = MakeFrame(8, std::string(3000, '\0'));
+    const std::string full = MakeFrame(9, std::string(RECEIVED_AT_ONCE - HEADER_SIZE, '\0'));
+    const std::string streams[] = {frame + frame + longer + frame, frame + longer.substr(0, 2000), full + full + full};
+    for (const char reads : {'\0', '\1'}) {
+        for (const size_t size : {size_t{1}, size_t{7}, size_t{300}, 3 * RECEIVED_AT_ONCE}) {
+            for (const std::string& stream : streams) {
+                seeds.push_back(reads + Cut(stream, size));
+            }
+        }
+        for (size_t at = 0; at < frame.size(); ++at) {
+            std::string changed = frame;
+            changed[at] = static_cast<char>(~changed[at]);
+            seeds.push_back(reads + Cut(changed.insert(0, frame), 64));
+        }
+    }
+}
+
+}  // namespace
+}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
+
+int main(int argc, char** argv)
+{
+    using namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing;
+    Seeds all;
+    AddRecords(all);
+    AddCalls(all);
+    for (const int32_t replyBytes : {0, 1000, 0xFFFFF}) {
+        AddConnections(all["connection"], replyBytes);
+    }
+    const std::vector<std::string>& seeds = all[argc > 1 ? argv[1] : ""];
+    const std::filesystem::path folder = argc > 2 ? argv[2] : "";
+    for (size_t number = 0; number < seeds.size(); ++number) {
+        if (folder.empty()) {
+            LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(seeds[number].data()), seeds[number].size());
+        } else {
+            std::filesystem::create_directories(folder);
+            std::ofstream(folder / std::to_string(number), std::ios::binary) << seeds[number];
+        }
+    }
+    std::printf("%zu seeds\n", seeds.size());
+    return seeds.empty() ? 1 : 0;
+}
