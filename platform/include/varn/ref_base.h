@@ -114,6 +114,42 @@ public:
     // Gives the ownership away without counting: the caller now owes one `DecStrongRef`.
     [[nodiscard]] T* Release() noexcept { return std::exchange(object_, nullptr); }
 
+    // Two references are equal when they share one object; a plain pointer is compared with it.
+    template <class U>
+    friend bool operator==(const sptr& left, const sptr<U>& right) noexcept
+    {
+        return left.object_ == right.Get();
+    }
+    template <class U>
+    friend bool operator!=(const sptr& left, const sptr<U>& right) noexcept
+    {
+        return left.object_ != right.Get();
+    }
+    template <class U>
+    friend bool operator==(const sptr& left, const U* right) noexcept
+    {
+        return left.object_ == right;
+    }
+    template <class U>
+    friend bool operator!=(const sptr& left, const U* right) noexcept
+    {
+        return left.object_ != right;
+    }
+    template <class U>
+    friend bool operator==(const U* left, const sptr& right) noexcept
+    {
+        return left == right.object_;
+    }
+    template <class U>
+    friend bool operator!=(const U* left, const sptr& right) noexcept
+    {
+        return left != right.object_;
+    }
+    friend bool operator==(const sptr& left, std::nullptr_t) noexcept { return left.object_ == nullptr; }
+    friend bool operator!=(const sptr& left, std::nullptr_t) noexcept { return left.object_ != nullptr; }
+    friend bool operator==(std::nullptr_t, const sptr& right) noexcept { return right.object_ == nullptr; }
+    friend bool operator!=(std::nullptr_t, const sptr& right) noexcept { return right.object_ != nullptr; }
+
 private:
     void Acquire() const noexcept
     {
@@ -130,57 +166,5 @@ private:
 
     T* object_ = nullptr;
 };
-
-// Two references are equal when they share one object.
-template <class T, class U>
-bool operator==(const sptr<T>& left, const sptr<U>& right) noexcept
-{
-    return left.Get() == right.Get();
-}
-template <class T, class U>
-bool operator!=(const sptr<T>& left, const sptr<U>& right) noexcept
-{
-    return left.Get() != right.Get();
-}
-template <class T, class U>
-bool operator==(const sptr<T>& left, const U* right) noexcept
-{
-    return left.Get() == right;
-}
-template <class T, class U>
-bool operator!=(const sptr<T>& left, const U* right) noexcept
-{
-    return left.Get() != right;
-}
-template <class T, class U>
-bool operator==(const U* left, const sptr<T>& right) noexcept
-{
-    return left == right.Get();
-}
-template <class T, class U>
-bool operator!=(const U* left, const sptr<T>& right) noexcept
-{
-    return left != right.Get();
-}
-template <class T>
-bool operator==(const sptr<T>& left, std::nullptr_t) noexcept
-{
-    return left.Get() == nullptr;
-}
-template <class T>
-bool operator!=(const sptr<T>& left, std::nullptr_t) noexcept
-{
-    return left.Get() != nullptr;
-}
-template <class T>
-bool operator==(std::nullptr_t, const sptr<T>& right) noexcept
-{
-    return right.Get() == nullptr;
-}
-template <class T>
-bool operator!=(std::nullptr_t, const sptr<T>& right) noexcept
-{
-    return right.Get() != nullptr;
-}
 
 }  // namespace VARN
