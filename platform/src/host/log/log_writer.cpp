@@ -4,14 +4,15 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <ctime>
 #include <string>
 #include <utility>
 
+#include "host/base/caller_scope.h"
 #include "host/base/thread_safety.h"
-#include "host/log/line_limit.h"
-#include "host/log/line_owner.h"
 #include "host/log/standard_error.h"
 #include "varn/fork_handler.h"
 #include "varn/host/visible_text.h"
@@ -21,7 +22,64 @@ namespace VARN::Host {
 
 namespace {
 
-thread_local const LineOwnerScope* currentOwner = nullptr;
+// How many lines the requests of each user may cause in a second. Without it an app whose valid requests cause a line
+// each fills the disk or the pipe, or uses up what the journal takes from this program, and the lines that matter are
+// lost.
+class LineLimit {
+public:
+    // 0: none.
+    void Set(size_t linesPerSecond) noexcept { limit_ = linesPerSecond; }
+
+    // Whether a line that `owner` causes at `second` may be written; else it is counted. Null: always.
+    bool Take(const Caller* owner, time_t second) noexcept
+    {
+        if (owner == nullptr || limit_ == 0) {
+            return true;
+        }
+        size_t place = 0;
+        while (place < used_ && windows_[place].uid != owner->uid) {
+            ++place;
+        }
+        if (place == used_ && used_ < MAX_USERS) {
+            windows_[used_++] = {owner->uid, second, 0};
+        }
+        return ++windows_[std::min(place, MAX_USERS - 1)].lines <= limit_;
+    }
+
+    // The next count that can be told at `second`, because its own second is over: whose it is and how many lines it
+    // left out. False when there is none.
+    bool TakeCount(time_t second, uid_t& uid, uint64_t& leftOut) noexcept
+    {
+        // From behind, since the last one takes the place of one that goes.
+        for (size_t index = used_; index-- > 0;) {
+            const Window window = windows_[index];
+            if (window.second == second) {
+                continue;
+            }
+            windows_[index] = windows_[--used_];
+            if (window.lines > limit_) {
+                uid = window.uid;
+                leftOut = window.lines - limit_;
+                return true;
+            }
+        }
+        return false;
+    }
+
+private:
+    struct Window {
+        uid_t uid = 0;
+        time_t second = 0;
+        uint64_t lines = 0;  // all that there were, written or not
+    };
+    static constexpr size_t MAX_LINES_PER_SECOND = 100;
+    // As many users as may log in one second; those beyond share the last place.
+    static constexpr size_t MAX_USERS = 64;
+
+    size_t limit_ = MAX_LINES_PER_SECOND;
+    size_t used_ = 0;  // places in use, the first ones
+    std::array<Window, MAX_USERS> windows_;
+};
 
 struct Writer {
     // Held for moments, never while anything is written. Held while the C library looks at its time zone data as well,
@@ -108,21 +166,6 @@ void AppendLine(std::string& out, const std::string& head, int level, const std:
 
 }  // namespace
 
-LineOwnerScope::LineOwnerScope(uid_t uid) noexcept : outer_(currentOwner), uid_(uid)
-{
-    currentOwner = this;
-}
-
-LineOwnerScope::~LineOwnerScope()
-{
-    currentOwner = outer_;
-}
-
-const uid_t* LineOwner() noexcept
-{
-    return currentOwner != nullptr ? &currentOwner->uid_ : nullptr;
-}
-
 void SetLogLineLimit(size_t linesPerSecond)
 {
     const MutexLock lock(writer.mutex);
@@ -156,7 +199,7 @@ void WriteLogLine(const LogLine& line) noexcept
                            std::to_string(writer.lost) + " lines are missing here: standard error did not take them");
                 missing += std::exchange(writer.lost, 0);
             }
-            if (!writer.limit.Take(LineOwner(), now.tv_sec)) {
+            if (!writer.limit.Take(CallerScope::Current(), now.tv_sec)) {
                 --missing;
                 if (missing == 0) {
                     return;

@@ -11,7 +11,7 @@
 #include <new>
 #include <utility>
 
-#include "host/server/caller_scope.h"
+#include "host/base/caller_scope.h"
 #include "parcel_buffer.h"
 #include "platform_log.h"
 

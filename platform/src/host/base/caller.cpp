@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "varn/host/caller.h"
-
 #include <unistd.h>
 
-#include "host/server/caller_scope.h"
+#include <utility>
+
+#include "host/base/caller_scope.h"
 
 namespace VARN::Host {
 
@@ -13,14 +13,16 @@ thread_local const Caller* currentCaller = nullptr;
 
 }  // namespace
 
-CallerScope::CallerScope(const Caller& caller) noexcept : outer_(currentCaller), owner_(caller.uid)
-{
-    currentCaller = &caller;
-}
+CallerScope::CallerScope(const Caller& caller) noexcept : outer_(std::exchange(currentCaller, &caller)) {}
 
 CallerScope::~CallerScope()
 {
     currentCaller = outer_;
+}
+
+const Caller* CallerScope::Current() noexcept
+{
+    return currentCaller;
 }
 
 Caller CurrentCaller()

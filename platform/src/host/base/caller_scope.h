@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "host/log/line_owner.h"
 #include "varn/host/caller.h"
 
 namespace VARN::Host {
 
-// While it exists, `CurrentCaller` on this thread gives `caller`, which must stay, and the lines that this
-// thread logs are caused by that user.
+// While it exists, this thread handles a request of `caller`, which must stay: `CurrentCaller` gives it, and the lines
+// that the thread logs count against what that user may make this process write.
 class CallerScope {
 public:
     explicit CallerScope(const Caller& caller) noexcept;
@@ -15,9 +14,11 @@ public:
     CallerScope(const CallerScope&) = delete;
     CallerScope& operator=(const CallerScope&) = delete;
 
+    // Whose request this thread handles; null: nobody's.
+    static const Caller* Current() noexcept;
+
 private:
     const Caller* const outer_;
-    const LineOwnerScope owner_;
 };
 
 }  // namespace VARN::Host
