@@ -200,9 +200,13 @@ bool Parcel::Grow(size_t bytes) noexcept
     if (bytes > maxCapacity_ - size_) {
         return false;
     }
-    // Doubling keeps the cost of a long series of small writes linear.
-    const size_t doubled = capacity_ > maxCapacity_ / 2 ? maxCapacity_ : capacity_ * 2;
-    size_t capacity = std::max(size_ + bytes, doubled);
+    // Doubling keeps the cost of a long series of small writes linear; from powers of two, so that a buffer that is
+    // given back serves the next message of about this length.
+    size_t capacity = kInlineCapacity;
+    while (capacity < maxCapacity_ && (capacity <= capacity_ || capacity < size_ + bytes)) {
+        capacity *= 2;
+    }
+    capacity = std::min(capacity, maxCapacity_);
     uint8_t* data = ownsHeap_ ? nullptr : TakeSpare(capacity);
     if (data == nullptr) {
         data = static_cast<uint8_t*>(ownsHeap_ ? std::realloc(data_, capacity) : std::malloc(capacity));
