@@ -126,12 +126,8 @@ bool Parcel::ReadString(std::string& value)
     if (text == nullptr) {
         return false;
     }
-    // A string that has to grow is cheaper to make anew: nothing of the old one is kept.
-    if (length > value.capacity()) {
-        value = std::string(reinterpret_cast<const char*>(text), length);
-    } else {
-        value.assign(reinterpret_cast<const char*>(text), length);
-    }
+    // Made anew: cheaper than to assign to, also where the old memory would do.
+    value = std::string(reinterpret_cast<const char*>(text), length);
     cursor_ = next;
     return true;
 }
