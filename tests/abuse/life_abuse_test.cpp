@@ -5,14 +5,11 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <atomic>
 #include <csignal>
 #include <deque>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <memory>
-#include <thread>
 
 #include "abuse/processes.h"
 #include "abuse/requests.h"
@@ -23,22 +20,9 @@
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
 
-// In a process of its own, which exits with 0 for true.
-template <class Function>
-pid_t Fork(Function function)
+bool IsAnswered(const Peer& peer)
 {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::_exit(function() ? 0 : 1);
-    }
-    return pid;
-}
-
-int WaitFor(pid_t pid)
-{
-    int status = -1;
-    EXPECT_EQ(::waitpid(pid, &status, 0), pid);
-    return status;
+    return peer.Send(honestFrame) && !peer.ReadReply().empty();
 }
 
 class LifeTest : public ::testing::Test {
@@ -46,83 +30,66 @@ protected:
     LifeTest() { Host::SetLogLevel(LOG_LEVEL_FATAL); }
 
     const SocketFolder folder_;
-    const std::vector<std::string> command_ = {ABUSE_SERVICE, "--directory", folder_.Path()};
-};
-
-// The reply is as many bytes long as the code says; number 1 waits until it is released.
-class Slow : public IPCObjectStub {
-public:
-    int32_t OnRemoteRequest(uint32_t code, MessageParcel&, MessageParcel& reply, MessageOption&) override
-    {
-        ++executed;
-        if (code == 1) {
-            begun.set_value();
-            released.wait();
-        }
-        return reply.WriteString(std::string(code, 'x')) ? 0 : 1;
-    }
-    std::atomic<int> executed{0};
-    std::promise<void> begun;
-    std::promise<void> release;
-    std::shared_future<void> released = release.get_future().share();
+    const std::vector<std::string> command_ = {ABUSE_SERVICE, "--directory", folder_.Path(), "--workers", "1"};
+    const sptr<IPCObjectStub> fake_{new FakeService()};
 };
 
 TEST_F(LifeTest, StopFinishesWhatRunsAndRefusesTheRest)
 {
-    constexpr uint32_t LONG = 4000000;
-    const sptr<Slow> slow(new Slow());
-    Host::AbilityServerOptions options;
-    options.workers = 1;
-    Host::AbilityServer server(FAKE_SERVICE_ID, slow, options);
-    ASSERT_TRUE(server.Start());
+    constexpr int32_t LONG = 4000000;
+    const std::string gate = folder_.Path() + "/gate";
+    ASSERT_EQ(0, ::mkfifo(gate.c_str(), 0600));
+    ServiceProcess service(folder_, command_);
+    ASSERT_TRUE(service.IsReady()) << service.Log();
     const Peer deaf(folder_.SocketPath());
     const Peer reading(folder_.SocketPath());
     for (const Peer* peer : {&deaf, &reading}) {
-        EXPECT_TRUE(peer->Send(Host::MakeFrame(LONG, "")));
+        EXPECT_TRUE(peer->Send(MakeByAppFrame("bulk", LONG)));
         pollfd entry = {peer->GetFd(), POLLIN, 0};
         EXPECT_EQ(1, ::poll(&entry, 1, 30000));
     }
     const Peer running(folder_.SocketPath());
     const Peer waiting(folder_.SocketPath());
-    EXPECT_TRUE(running.Send(Host::MakeFrame(1, "")));
-    slow->begun.get_future().wait();
-    EXPECT_TRUE(waiting.Send(Host::MakeFrame(2, "")));
-    const auto begin = std::chrono::steady_clock::now();
-    std::thread stopper([&server] { server.Stop(); });
+    EXPECT_TRUE(running.Send(MakeByAppFrame("gate", 0)));
+    const int open = ::open(gate.c_str(), O_WRONLY | O_CLOEXEC);
+    EXPECT_TRUE(waiting.Send(honestFrame));
+    ::kill(service.Pid(), SIGTERM);
     EXPECT_TRUE(Eventually([this] { return !std::filesystem::exists(folder_.SocketPath()); }));
-    slow->release.set_value();
+    ::close(open);
     EXPECT_LT(LONG, reading.ReadReply().size()) << "it lost its answer behind one that does not read";
-    EXPECT_EQ(Host::MakeFrame(1, Host::MakeBody("x"), 2), running.ReadReply());
+    EXPECT_NE("", running.ReadReply());
     EXPECT_TRUE(running.IsClosed());
     EXPECT_TRUE(waiting.IsClosed());
-    stopper.join();
-    EXPECT_GT(std::chrono::seconds(30), std::chrono::steady_clock::now() - begin);
-    EXPECT_EQ(3, slow->executed);
+    EXPECT_EQ(0, service.End(SIGTERM));
 }
 
 // The child has copies of all descriptors. It stays, or ends as a program does, and neither may be felt.
 TEST_F(LifeTest, ForkedChildDoesNotTouchItsParentsServer)
 {
-    auto server = std::make_unique<Host::AbilityServer>(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new Slow()));
+    auto server = std::make_unique<Host::AbilityServer>(FAKE_SERVICE_ID, fake_);
     ASSERT_TRUE(server->Start());
-    const auto asks = [](const Peer& peer) { return peer.Send(Host::MakeFrame(2, "")) && !peer.ReadReply().empty(); };
     const Peer kept(folder_.SocketPath());
-    EXPECT_TRUE(asks(kept));
-    EXPECT_EQ(0, WaitFor(Fork([&server] {
-                  server->Stop();
-                  server.reset();
-                  return true;
-              })));
+    EXPECT_TRUE(IsAnswered(kept));
+    const auto endInChild = [&server] {
+        server->Stop();
+        server.reset();
+        ::_exit(0);
+    };
+    EXPECT_EXIT(endInChild(), ::testing::ExitedWithCode(0), "");
     EXPECT_TRUE(std::filesystem::exists(folder_.SocketPath()));
-    EXPECT_TRUE(asks(kept));
-    EXPECT_TRUE(asks(Peer(folder_.SocketPath())));
-    const pid_t staying = Fork([] { return ::pause() == 0; });
+    EXPECT_TRUE(IsAnswered(kept));
+    EXPECT_TRUE(IsAnswered(Peer(folder_.SocketPath())));
+    const pid_t staying = ::fork();
+    if (staying == 0) {
+        ::pause();
+        ::_exit(0);
+    }
     server->Stop();
     EXPECT_TRUE(kept.IsClosed());
     EXPECT_TRUE(server->Start());
-    EXPECT_TRUE(asks(Peer(folder_.SocketPath())));
+    EXPECT_TRUE(IsAnswered(Peer(folder_.SocketPath())));
     ::kill(staying, SIGKILL);
-    WaitFor(staying);
+    EXPECT_EQ(staying, ::waitpid(staying, nullptr, 0));
 }
 
 TEST_F(LifeTest, SignalsAreNotForTheServersThreads)
@@ -130,39 +97,14 @@ TEST_F(LifeTest, SignalsAreNotForTheServersThreads)
     sigset_t signals;
     ::sigemptyset(&signals);
     ::sigaddset(&signals, SIGUSR1);
-    Host::AbilityServer server(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new Slow()));
+    Host::AbilityServer server(FAKE_SERVICE_ID, fake_);
     ASSERT_TRUE(server.Start());
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     ::kill(::getpid(), SIGUSR1);
-    const Peer peer(folder_.SocketPath());
-    EXPECT_TRUE(peer.Send(Host::MakeFrame(2, "")));
-    EXPECT_NE("", peer.ReadReply());
+    EXPECT_TRUE(IsAnswered(Peer(folder_.SocketPath())));
     const timespec now = {};
     EXPECT_EQ(SIGUSR1, ::sigtimedwait(&signals, nullptr, &now));
     ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-}
-
-TEST_F(LifeTest, ManyLivesLeaveNothing)
-{
-    Host::AbilityServer server(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new FakeService()));
-    size_t descriptors = 0;
-    size_t threads = 0;
-    for (int life = 0; life <= 300; ++life) {
-        ASSERT_TRUE(server.Start());
-        {
-            const Peer peer(folder_.SocketPath());
-            EXPECT_TRUE(peer.Send(Host::MakeFrame(1, "")));
-            EXPECT_TRUE(life % 2 == 0 || !peer.ReadReply().empty());
-        }
-        server.Stop();
-        if (life == 0) {
-            descriptors = CountEntries(::getpid(), "fd");
-            threads = CountEntries(::getpid(), "task");
-        }
-    }
-    EXPECT_TRUE(Eventually([=] { return CountEntries(::getpid(), "fd") == descriptors; }));
-    EXPECT_TRUE(Eventually([=] { return CountEntries(::getpid(), "task") == threads; }));
-    EXPECT_TRUE(std::filesystem::is_empty(folder_.Path()));
 }
 
 TEST_F(LifeTest, OnlyTheServicesOwnSocketIsTakenOfThoseHandedOver)
@@ -209,12 +151,10 @@ TEST_F(LifeTest, OnlyTheServicesOwnSocketIsTakenOfThoseHandedOver)
         ServiceProcess service(folder_, command_, [&] {
             // First far away from the numbers that they are to have.
             for (int& fd : descriptors) {
-                fd = ::fcntl(fd, F_DUPFD, 300);
+                fd = ::fcntl(fd, F_DUPFD_CLOEXEC, 300);
             }
-            int number = 3;
-            for (const int fd : descriptors) {
-                ::dup2(fd, number++);
-                ::close(fd);
+            for (size_t index = 0; index < descriptors.size(); ++index) {
+                ::dup2(descriptors[index], static_cast<int>(index) + 3);
             }
             const std::string count = std::to_string(descriptors.size());
             ::setenv("LISTEN_PID", sockets.pid != nullptr ? sockets.pid : std::to_string(::getpid()).c_str(), 1);
@@ -223,9 +163,7 @@ TEST_F(LifeTest, OnlyTheServicesOwnSocketIsTakenOfThoseHandedOver)
         ASSERT_TRUE(service.IsReady()) << service.Log();
         const size_t before = CountEntries(service.Pid(), "fd");
         for (const bool isAfterRestart : {false, true}) {
-            const Peer asking(sockets.served);
-            EXPECT_TRUE(asking.Send(honestFrame));
-            EXPECT_NE("", asking.ReadReply()) << isAfterRestart;
+            EXPECT_TRUE(IsAnswered(Peer(sockets.served))) << isAfterRestart;
             ::kill(service.Pid(), SIGHUP);
             EXPECT_TRUE(service.IsReady()) << service.Log();
         }
@@ -248,7 +186,7 @@ TEST_F(LifeTest, RelativeFolderIsTheOneOfTheStart)
     std::filesystem::current_path(folder_.Path());
     Host::AbilityServerOptions options;
     options.directory = ".";
-    Host::AbilityServer server(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new FakeService()), options);
+    Host::AbilityServer server(FAKE_SERVICE_ID, fake_, options);
     EXPECT_TRUE(server.Start());
     std::filesystem::current_path(elsewhere.Path());
     server.Stop();
@@ -260,37 +198,32 @@ TEST_F(LifeTest, RelativeFolderIsTheOneOfTheStart)
 TEST_F(LifeTest, UnsafeFoldersAreRefusedOnBothSides)
 {
     const std::string deep = folder_.Path() + "/" + std::string(100, 'd');
-    ASSERT_EQ(::mkdir(deep.c_str(), 0700), 0);
+    ASSERT_EQ(0, ::mkdir(deep.c_str(), 0700));
+    const std::string folder = "the socket folder " + folder_.Path();
+    const std::string size = std::to_string(deep.size() + std::strlen("/65993.sock"));
     const struct {
         std::string path;
         mode_t mode;
         uid_t owner;
         std::string problem;
-    } cases[] = {{folder_.Path(), 0777, 0, "may be written by others than its owner; use a private one"},
-                 {folder_.Path(), 01777, 0, "may be written by others than its owner"},
-                 {folder_.Path(), 0770, 0, "may be written by others than its owner"},
-                 {folder_.Path(), 0700, 54321, "belongs to user 54321, not to root or to user 0"},
-                 {deep, 0700, 0, " bytes long, a socket's may be 107"}};
-    LogCapture log;
+    } cases[] = {{folder_.Path(), 0777, 0, folder + " may be written by others than its owner; use a private one"},
+                 {folder_.Path(), 01777, 0, folder + " may be written by others than its owner; use a private one"},
+                 {folder_.Path(), 0770, 0, folder + " may be written by others than its owner; use a private one"},
+                 {folder_.Path(), 0700, 54321, folder + " belongs to user 54321, not to root or to user 0"},
+                 {deep, 0700, 0, "the path " + deep + "/65993.sock is " + size + " bytes long, a socket's may be 107"}};
+    const LogCapture log;
     for (const auto& unsafe : cases) {
         if (unsafe.owner != 0 && ::geteuid() != 0) {
             continue;
         }
-        ASSERT_EQ(::chmod(unsafe.path.c_str(), unsafe.mode), 0);
-        ASSERT_EQ(::chown(unsafe.path.c_str(), unsafe.owner == 0 ? ::geteuid() : unsafe.owner, -1U), 0);
+        ASSERT_EQ(0, ::chmod(unsafe.path.c_str(), unsafe.mode));
+        ASSERT_EQ(0, ::chown(unsafe.path.c_str(), unsafe.owner == 0 ? ::geteuid() : unsafe.owner, -1U));
         ::setenv("VARN_ABILITY_DIR", unsafe.path.c_str(), 1);
-        const std::string messages[] = {"service 65993 cannot be started: ", "service 65993 cannot be found: "};
-        for (const std::string& message : messages) {
-            log.Clear();
-            if (&message == &messages[0]) {
-                EXPECT_FALSE(Host::AbilityServer(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new FakeService())).Start());
-            } else {
-                EXPECT_EQ(SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager()->LoadSystemAbility(
-                              FAKE_SERVICE_ID, INT32_MAX),
-                          nullptr);
-            }
-            EXPECT_NE(log.Everything().find(message), std::string::npos) << log.Everything();
-            EXPECT_NE(log.Everything().find(unsafe.problem), std::string::npos) << log.Everything();
+        EXPECT_FALSE(Host::AbilityServer(FAKE_SERVICE_ID, fake_).Start());
+        EXPECT_EQ(nullptr, SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager()->LoadSystemAbility(
+                               FAKE_SERVICE_ID, INT32_MAX));
+        for (const std::string& line : {"cannot be started: " + unsafe.problem, "cannot be found: " + unsafe.problem}) {
+            EXPECT_NE(std::string::npos, log.Everything().find("service 65993 " + line)) << log.Everything();
         }
     }
 }

@@ -19,7 +19,7 @@
 #include <cstring>
 #include <new>
 
-namespace VARN::Testing {
+namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
 
 std::atomic<const char*> armedCall{nullptr};
@@ -40,11 +40,11 @@ int Strike(const char* call)
 
 }  // namespace
 
-void Arm(const Fault& fault, int number)
+void Arm(const char* call, int error, int number)
 {
-    armedError = fault.error;
+    armedError = error;
     countdown = number;
-    armedCall = fault.call;
+    armedCall = call;
 }
 
 bool Disarm()
@@ -53,10 +53,10 @@ bool Disarm()
     return countdown.load() <= 0;
 }
 
-}  // namespace VARN::Testing
+}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
 
-using VARN::Testing::COMES_SHORT;
-using VARN::Testing::Strike;
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing::COMES_SHORT;
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing::Strike;
 
 // The function of that name behind this one: the C library's, or a sanitizer's in front of it.
 #define REAL(name) static const auto real = reinterpret_cast<decltype(&::name)>(::dlsym(RTLD_NEXT, #name))
