@@ -47,9 +47,8 @@ PermissionUsageRecordQuery Query(const std::string& text)
 
 std::vector<GTokenInfo> Bundles(const std::string& text)
 {
-    const JsonDocument document("bundles", text);
     std::vector<GTokenInfo> bundles;
-    for (const JsonNode& node : document.Root().Items()) {
+    for (const JsonNode& node : ParseJson("bundles", text).Items()) {
         bundles.push_back(ReadGTokenInfo(node));
     }
     return bundles;

@@ -62,10 +62,10 @@ std::string ReadFingerprint(const std::string& path)
 
 std::vector<GTokenInfo> ReadInfos(const std::string& path)
 {
-    const JsonDocument document(path);
-    document.Root().AllowOnly({"gTokens"});
+    const JsonNode root = ReadJson(path);
+    root.AllowOnly({"gTokens"});
     std::vector<GTokenInfo> infos;
-    for (const JsonNode& item : document.Root()["gTokens"].Items()) {
+    for (const JsonNode& item : root["gTokens"].Items()) {
         infos.push_back(ReadGTokenInfo(item));
         if (infos.back().policies.size() > Contract::MAX_POLICIES_SIZE) {
             item.Fail("more than " + std::to_string(Contract::MAX_POLICIES_SIZE) + " policies");

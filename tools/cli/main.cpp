@@ -34,9 +34,9 @@ std::string Manual()
         "  4  the service refuses this user\n"
         "  5  the connection was lost, the answer took too long, or one side did not understand the other\n"
         "\nResult codes of the service:\n";
-    for (int32_t code = RESULT_UNKNOWN_USER; ResultCodeName(code) != nullptr; ++code) {
+    for (int32_t code = RESULT_UNKNOWN_USER; const ResultDescription* result = DescribeResult(code); ++code) {
         char line[160];
-        std::snprintf(line, sizeof(line), "  %d  %-25s %s\n", code, ResultCodeName(code), ResultCodeMeaning(code));
+        std::snprintf(line, sizeof(line), "  %d  %-25s %s\n", code, result->name, result->meaning);
         manual += line;
     }
     return manual +

@@ -60,11 +60,11 @@ const char* Describe(int32_t status)
 
 Failure ServiceResult(int32_t code)
 {
-    const char* name = ResultCodeName(code);
-    const std::string what = name != nullptr ? std::string(name) + ": " + ResultCodeMeaning(code)
-                                             : "which is no code that this program knows";
+    const ResultDescription* known = DescribeResult(code);
+    const std::string what = known != nullptr ? std::string(known->name) + ": " + known->meaning
+                                              : "which is no code that this program knows";
     return Failure(EXIT_SERVICE_RESULT, "the service answered " + std::to_string(code) + ", " + what, code,
-                   name != nullptr ? name : "");
+                   known != nullptr ? known->name : "");
 }
 
 }  // namespace

@@ -41,10 +41,10 @@ struct UsageOptions {
     bool isChart = false;
 };
 
-int ParseUsageCode(const char* option, const std::vector<UsageCode>& codes, const std::string& text)
+int ParseUsageCode(const char* option, const UsageCodes& codes, const std::string& text)
 {
-    if (const UsageCode* code = FindUsageCode(codes, text)) {
-        return code->code;
+    if (const auto code = FindUsageCode(codes, text)) {
+        return *code;
     }
     int number = 0;
     const char* end = text.data() + text.size();
@@ -56,8 +56,7 @@ int ParseUsageCode(const char* option, const std::vector<UsageCode>& codes, cons
     return number;
 }
 
-std::vector<int> ParseUsageCodes(const char* option, const std::vector<UsageCode>& codes,
-                                 const std::vector<std::string>& texts)
+std::vector<int> ParseUsageCodes(const char* option, const UsageCodes& codes, const std::vector<std::string>& texts)
 {
     std::vector<int> numbers;
     numbers.reserve(texts.size());

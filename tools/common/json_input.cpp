@@ -2,10 +2,10 @@
 #include "common/json_input.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <memory>
+#include <fstream>
 
 namespace SecurityPrivacyTools {
 namespace {
@@ -16,28 +16,9 @@ using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenPolicy;
 // More than any device's data; a wrong path must not take all memory.
 constexpr size_t MAX_JSON_BYTES = size_t{256} * 1024 * 1024;
 
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
 [[noreturn]] void FailToRead(const std::string& path, int error)
 {
     throw InputError(path + ": cannot read: " + std::strerror(error));
-}
-
-nlohmann::json Parse(const std::string& path, const std::string& text)
-{
-    try {
-        return nlohmann::json::parse(text);
-    } catch (const nlohmann::json::parse_error& error) {
-        // The parser's own message quotes the text around the error, which may be a fingerprint.
-        const size_t position = std::min(error.byte > 0 ? error.byte - 1 : 0, text.size());
-        const std::string before = text.substr(0, position);
-        const size_t lineStart = before.rfind('\n') == std::string::npos ? 0 : before.rfind('\n') + 1;
-        const auto line = std::count(before.begin(), before.end(), '\n') + 1;
-        throw InputError(path + ": " + (position == text.size() ? "ends too early" : "is not JSON") + ": line " +
-                         std::to_string(line) + ", column " + std::to_string(position - lineStart + 1));
-    }
 }
 
 std::string MemberPlace(const std::string& place, const std::string& key)
@@ -49,20 +30,20 @@ std::string MemberPlace(const std::string& place, const std::string& key)
 
 std::string ReadFile(const std::string& path, size_t maxBytes)
 {
-    const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "rbe"));
+    std::ifstream file(path, std::ios::binary);
     if (!file) {
         FailToRead(path, errno);
     }
     std::string text;
-    char buffer[16384];
-    size_t count;
-    while ((count = std::fread(buffer, 1, sizeof(buffer), file.get())) > 0) {
-        if (text.size() + count > maxBytes) {
+    std::array<char, 16384> piece;
+    do {
+        file.read(piece.data(), piece.size());
+        text.append(piece.data(), static_cast<size_t>(file.gcount()));
+        if (text.size() > maxBytes) {
             throw InputError(path + ": is longer than the " + std::to_string(maxBytes) + " bytes allowed");
         }
-        text.append(buffer, count);
-    }
-    if (std::ferror(file.get()) != 0) {
+    } while (file);
+    if (file.bad()) {
         FailToRead(path, errno);
     }
     return text;
@@ -100,7 +81,7 @@ std::vector<JsonNode> JsonNode::Items() const
     std::vector<JsonNode> items;
     items.reserve(value_->size());
     for (const nlohmann::json& item : *value_) {
-        items.emplace_back(item, *path_, place_ + "[" + std::to_string(items.size()) + "]");
+        items.push_back(JsonNode(file_, item, place_ + "[" + std::to_string(items.size()) + "]"));
     }
     return items;
 }
@@ -112,18 +93,9 @@ std::vector<std::pair<std::string, JsonNode>> JsonNode::Members() const
     }
     std::vector<std::pair<std::string, JsonNode>> members;
     for (const auto& [key, value] : value_->items()) {
-        members.emplace_back(key, JsonNode(value, *path_, MemberPlace(place_, key)));
+        members.emplace_back(key, JsonNode(file_, value, MemberPlace(place_, key)));
     }
     return members;
-}
-
-std::vector<std::string> JsonNode::Texts() const
-{
-    std::vector<std::string> texts;
-    for (const JsonNode& item : Items()) {
-        texts.push_back(item.Text());
-    }
-    return texts;
 }
 
 JsonNode JsonNode::operator[](const char* key) const
@@ -144,7 +116,7 @@ std::optional<JsonNode> JsonNode::Find(const char* key) const
     if (member == value_->end()) {
         return std::nullopt;
     }
-    return JsonNode(*member, *path_, MemberPlace(place_, key));
+    return JsonNode(file_, *member, MemberPlace(place_, key));
 }
 
 void JsonNode::AllowOnly(std::initializer_list<std::string_view> keys) const
@@ -170,12 +142,28 @@ void JsonNode::RequireFormat(const char* format, int32_t version) const
 
 void JsonNode::Fail(const std::string& complaint) const
 {
-    throw InputError(*path_ + ": " + (place_.empty() ? "" : place_ + ": ") + complaint);
+    throw InputError(file_->name + ": " + (place_.empty() ? "" : place_ + ": ") + complaint);
 }
 
-JsonDocument::JsonDocument(const std::string& path) : JsonDocument(path, ReadFile(path, MAX_JSON_BYTES)) {}
+JsonNode ReadJson(const std::string& path)
+{
+    return ParseJson(path, ReadFile(path, MAX_JSON_BYTES));
+}
 
-JsonDocument::JsonDocument(const std::string& name, const std::string& text) : path_(name), value_(Parse(name, text)) {}
+JsonNode ParseJson(const std::string& name, const std::string& text)
+{
+    try {
+        const auto file = std::make_shared<JsonNode::File>(JsonNode::File{name, nlohmann::json::parse(text)});
+        return JsonNode(file, file->contents, "");
+    } catch (const nlohmann::json::parse_error& error) {
+        // The parser's own message quotes the text around the error, which may be a fingerprint.
+        const std::string before = text.substr(0, error.byte > 0 ? error.byte - 1 : 0);
+        const auto line = std::count(before.begin(), before.end(), '\n') + 1;
+        const size_t column = before.size() - (before.rfind('\n') + 1) + 1;
+        throw InputError(name + ": " + (before.size() == text.size() ? "ends too early" : "is not JSON") + ": line " +
+                         std::to_string(line) + ", column " + std::to_string(column));
+    }
+}
 
 GTokenInfo ReadGTokenInfo(const JsonNode& node)
 {

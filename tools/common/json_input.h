@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <limits>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
@@ -28,22 +29,16 @@ public:
 // end).
 std::string ReadFile(const std::string& path, size_t maxBytes);
 
-// A value of a JSON file that knows its place in it, so that a complaint can say where. Every reading function throws
-// InputError. It refers to the document, which has to outlive it.
+// A value of a JSON file that knows its place in it, so that a complaint can say where. It keeps the file's contents
+// alive. Every member throws InputError when the value is not what is asked for.
 class JsonNode {
 public:
-    JsonNode(const nlohmann::json& value, const std::string& path, std::string place)
-        : value_(&value), path_(&path), place_(std::move(place))
-    {
-    }
-
     std::string Text() const;
     int64_t Integer(int64_t min = std::numeric_limits<int64_t>::min(),
                     int64_t max = std::numeric_limits<int64_t>::max()) const;
     int32_t Int32(int32_t min = std::numeric_limits<int32_t>::min()) const;
     std::vector<JsonNode> Items() const;
     std::vector<std::pair<std::string, JsonNode>> Members() const;
-    std::vector<std::string> Texts() const;
 
     JsonNode operator[](const char* key) const;
     std::optional<JsonNode> Find(const char* key) const;
@@ -56,28 +51,27 @@ public:
     [[noreturn]] void Fail(const std::string& complaint) const;
 
 private:
+    friend JsonNode ParseJson(const std::string& name, const std::string& text);
+
+    struct File {
+        std::string name;
+        nlohmann::json contents;
+    };
+
+    JsonNode(std::shared_ptr<const File> file, const nlohmann::json& value, std::string place)
+        : file_(std::move(file)), value_(&value), place_(std::move(place))
+    {
+    }
+
+    std::shared_ptr<const File> file_;
     const nlohmann::json* value_;
-    const std::string* path_;
-    std::string place_;  // "apps[3].uid"; empty for the document as a whole
+    std::string place_;  // "apps[3].uid"; empty for the file as a whole
 };
 
-// A parsed file.
-class JsonDocument {
-public:
-    // Throws InputError when the file cannot be read or is not JSON.
-    explicit JsonDocument(const std::string& path);
-    // Text that was read already; `name` stands for the path in what is thrown.
-    JsonDocument(const std::string& name, const std::string& text);
-
-    JsonDocument(const JsonDocument&) = delete;
-    JsonDocument& operator=(const JsonDocument&) = delete;
-
-    JsonNode Root() const { return JsonNode(value_, path_, ""); }
-
-private:
-    std::string path_;
-    nlohmann::json value_;
-};
+// Both throw InputError when the text is not JSON, the first also when the file cannot be read. `name` stands for the
+// path of text that was read already.
+JsonNode ReadJson(const std::string& path);
+JsonNode ParseJson(const std::string& name, const std::string& text);
 
 // {"bundleName": ..., "fingerprint": ..., "versionCode": ..., "policies": {name: value, ...}}
 VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenInfo ReadGTokenInfo(const JsonNode& node);

@@ -4,13 +4,7 @@
 namespace SecurityPrivacyTools {
 namespace {
 
-struct Description {
-    ResultCode code;
-    const char* name;
-    const char* meaning;
-};
-
-constexpr Description DESCRIPTIONS[] = {
+constexpr ResultDescription DESCRIPTIONS[] = {
     {RESULT_OK, "OK", "success"},
     {RESULT_UNKNOWN_USER, "UNKNOWN_USER", "the device has no such user"},
     {RESULT_UNKNOWN_APP, "UNKNOWN_APP", "the app is not installed for this user or uid"},
@@ -29,28 +23,16 @@ constexpr Description DESCRIPTIONS[] = {
     {RESULT_NOT_READ, "NOT_READ", "the database could not be read"},
 };
 
-const Description* Find(int32_t code)
+}  // namespace
+
+const ResultDescription* DescribeResult(int32_t code)
 {
-    for (const Description& description : DESCRIPTIONS) {
+    for (const ResultDescription& description : DESCRIPTIONS) {
         if (description.code == code) {
             return &description;
         }
     }
     return nullptr;
-}
-
-}  // namespace
-
-const char* ResultCodeName(int32_t code)
-{
-    const Description* description = Find(code);
-    return description != nullptr ? description->name : nullptr;
-}
-
-const char* ResultCodeMeaning(int32_t code)
-{
-    const Description* description = Find(code);
-    return description != nullptr ? description->meaning : nullptr;
 }
 
 }  // namespace SecurityPrivacyTools

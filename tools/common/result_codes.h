@@ -26,8 +26,13 @@ enum ResultCode : int32_t {
     RESULT_NOT_READ = 1014,
 };
 
-// The name of a code without its prefix ("STATE_DISABLED") and what it means, in a sentence. Null for other numbers.
-const char* ResultCodeName(int32_t code);
-const char* ResultCodeMeaning(int32_t code);
+struct ResultDescription {
+    ResultCode code;
+    const char* name;     // without the prefix: "STATE_DISABLED"
+    const char* meaning;  // a sentence
+};
+
+// Null for a number that is no result code.
+const ResultDescription* DescribeResult(int32_t code);
 
 }  // namespace SecurityPrivacyTools

@@ -1,51 +1,45 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "common/usage_codes.h"
 
+#include <algorithm>
+
 namespace SecurityPrivacyTools {
 
-const std::vector<UsageCode>& OperationModes()
+const UsageCodes& OperationModes()
 {
-    static const std::vector<UsageCode> modes{{0, "allowed"}, {MODE_DENIED, "denied"}};
+    static const UsageCodes modes{"allowed", "denied"};
     return modes;
 }
 
-const std::vector<UsageCode>& AppStates()
+const UsageCodes& AppStates()
 {
-    static const std::vector<UsageCode> states{{0, "foreground"}, {APP_IN_BACKGROUND, "background"}};
+    static const UsageCodes states{"foreground", "background"};
     return states;
 }
 
-const std::vector<UsageCode>& ScreenStates()
+const UsageCodes& ScreenStates()
 {
-    static const std::vector<UsageCode> states{{0, "on"}, {1, "off"}, {2, "locked"}};
+    static const UsageCodes states{"on", "off", "locked"};
     return states;
 }
 
-const UsageCode* FindUsageCode(const std::vector<UsageCode>& codes, std::string_view name)
+std::optional<int32_t> FindUsageCode(const UsageCodes& codes, std::string_view name)
 {
-    for (const UsageCode& code : codes) {
-        if (code.name == name) {
-            return &code;
-        }
-    }
-    return nullptr;
+    const auto found = std::find(codes.begin(), codes.end(), name);
+    return found != codes.end() ? std::optional(static_cast<int32_t>(found - codes.begin())) : std::nullopt;
 }
 
-std::string UsageCodeName(const std::vector<UsageCode>& codes, int32_t code)
+std::string UsageCodeName(const UsageCodes& codes, int32_t code)
 {
-    for (const UsageCode& candidate : codes) {
-        if (candidate.code == code) {
-            return std::string(candidate.name);
-        }
-    }
-    return std::to_string(code);
+    const bool isKnown = code >= 0 && static_cast<size_t>(code) < codes.size();
+    return isKnown ? std::string(codes[static_cast<size_t>(code)]) : std::to_string(code);
 }
 
-std::string UsageCodeNames(const std::vector<UsageCode>& codes)
+std::string UsageCodeNames(const UsageCodes& codes)
 {
     std::string names;
-    for (const UsageCode& code : codes) {
-        names += (names.empty() ? "" : ", ") + std::string(code.name);
+    for (const std::string_view name : codes) {
+        names.append(names.empty() ? "" : ", ").append(name);
     }
     return names;
 }

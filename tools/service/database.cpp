@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <iterator>
 
 namespace SecurityPrivacyTools {
@@ -69,14 +70,9 @@ CREATE TABLE policy (
 };
 constexpr auto VERSION = static_cast<int64_t>(std::size(MIGRATIONS));
 
-[[noreturn]] void FailFile(const std::string& path, const std::string& complaint)
+[[noreturn]] void FailStep(const char* step)
 {
-    throw DatabaseError(path + ": " + complaint);
-}
-
-[[noreturn]] void FailStep(const std::string& path, const char* step)
-{
-    FailFile(path, std::string("cannot ") + step + ": " + std::strerror(errno));
+    throw DatabaseError(std::string("cannot ") + step + ": " + std::strerror(errno));
 }
 
 // A file that is not there yet is private from its first moment.
@@ -85,24 +81,10 @@ void MakeFile(const std::string& path)
     const int made = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, OWNER_ONLY);
     if (made >= 0) {
         ::close(made);
-        return;
-    }
-    struct stat status = {};
-    if (errno != EEXIST || ::stat(path.c_str(), &status) != 0) {
-        FailStep(path, "open");
-    }
-    if (!S_ISREG(status.st_mode)) {
-        FailFile(path, "is not a file");
-    }
-}
-
-// SQLite gives the files beside it the mode of the database, so that is set before there are any.
-void MakePrivate(const std::string& path)
-{
-    struct stat status = {};
-    if (::stat(path.c_str(), &status) != 0 ||
-        ((status.st_mode & 0777 & ~OWNER_ONLY) != 0 && ::chmod(path.c_str(), OWNER_ONLY) != 0)) {
-        FailStep(path, "make private");
+    } else if (errno != EEXIST) {
+        FailStep("open");
+    } else if (!std::filesystem::is_regular_file(path)) {
+        throw DatabaseError("is not a file");
     }
 }
 
@@ -110,21 +92,17 @@ void MakePrivate(const std::string& path)
 
 Database::Database(const std::string& path, Use use) : path_(path.empty() ? IN_MEMORY : path)
 {
-    if (path_ == IN_MEMORY) {
-        writer_ = Open();
-        Prepare();
-        return;
-    }
-    if (use == Use::SERVE) {
-        KeepOthersAway();
-    }
     try {
-        MakeFile(path_);
+        if (path_ != IN_MEMORY) {
+            if (use == Use::SERVE) {
+                KeepOthersAway();
+            }
+            MakeFile(path_);
+        }
         writer_ = Open();
         Prepare();
     } catch (const DatabaseError& error) {
-        const bool isNamed = std::strncmp(error.what(), path_.c_str(), path_.size()) == 0;
-        throw DatabaseError((isNamed ? "" : path_ + ": ") + error.what());
+        throw DatabaseError(path_ + ": " + error.what());
     }
 }
 
@@ -137,13 +115,12 @@ Database::Lock::~Lock()
 
 void Database::KeepOthersAway()
 {
-    const std::string path = path_ + ".lock";
-    lock_.descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, OWNER_ONLY);
+    lock_.descriptor = ::open((path_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, OWNER_ONLY);
     if (lock_.descriptor < 0) {
-        FailStep(path, "open");
+        FailStep("open its lock");
     }
     if (::flock(lock_.descriptor, LOCK_EX | LOCK_NB) != 0) {
-        FailFile(path_, errno == EWOULDBLOCK ? "another service uses this database" : std::strerror(errno));
+        throw DatabaseError(errno == EWOULDBLOCK ? "another service uses this database" : std::strerror(errno));
     }
 }
 
@@ -159,33 +136,33 @@ void Database::Prepare()
     // Nothing is written before it is clear whose database this is.
     const bool isNew = writer_->Number("PRAGMA page_count") == 0;
     if (!isNew && writer_->Number("PRAGMA application_id") != APPLICATION_ID) {
-        FailFile(path_, "is the database of another program");
+        throw DatabaseError("is the database of another program");
     }
     if (writer_->Number("PRAGMA user_version") > VERSION) {
-        FailFile(path_, "was written by a newer version of this program");
+        throw DatabaseError("was written by a newer version of this program");
     }
+    // SQLite gives the files beside it the mode of the database, so that is set before there are any.
     if (path_ != IN_MEMORY) {
-        MakePrivate(path_);
+        using std::filesystem::perms;
+        std::filesystem::permissions(path_, perms::owner_exec | perms::group_all | perms::others_all,
+                                     std::filesystem::perm_options::remove);
     }
     writer_->Execute("PRAGMA journal_mode = WAL");
-    Transaction transaction(*writer_, Transaction::Kind::WRITE);
-    const int64_t version = writer_->Number("PRAGMA user_version");
-    for (int64_t next = version; next < VERSION; ++next) {
-        writer_->Execute(MIGRATIONS[next]);
-    }
-    if (version < VERSION) {
-        writer_->Execute(("PRAGMA application_id = " + std::to_string(APPLICATION_ID) +
-                          "; PRAGMA user_version = " + std::to_string(VERSION))
-                             .c_str());
-    }
-    transaction.Commit();
+    writer_->Transact("BEGIN IMMEDIATE", [](Connection& connection) {
+        for (int64_t version = connection.Number("PRAGMA user_version"); version < VERSION; ++version) {
+            connection.Execute(MIGRATIONS[version]);
+            connection.Execute("PRAGMA application_id = " + std::to_string(APPLICATION_ID) +
+                               "; PRAGMA user_version = " + std::to_string(version + 1));
+        }
+        return 0;
+    });
 }
 
 int32_t Database::Read(const std::function<int32_t(Connection&)>& work)
 {
     if (path_ == IN_MEMORY) {
         const std::lock_guard<std::mutex> lock(writing_);
-        return work(*writer_);
+        return writer_->Transact("BEGIN", work);
     }
     std::unique_ptr<Connection> reader;
     {
@@ -198,12 +175,8 @@ int32_t Database::Read(const std::function<int32_t(Connection&)>& work)
     if (!reader) {
         reader = Open();
     }
-    int32_t result = 0;
-    {
-        // One state of the device for all statements.
-        const Transaction transaction(*reader, Transaction::Kind::READ);
-        result = work(*reader);
-    }
+    // One state of the device for all statements.
+    const int32_t result = reader->Transact("BEGIN", work);
     const std::lock_guard<std::mutex> lock(readersMutex_);
     readers_.push_back(std::move(reader));
     return result;
@@ -212,12 +185,7 @@ int32_t Database::Read(const std::function<int32_t(Connection&)>& work)
 int32_t Database::Write(const std::function<int32_t(Connection&)>& work)
 {
     const std::lock_guard<std::mutex> lock(writing_);
-    Transaction transaction(*writer_, Transaction::Kind::WRITE);
-    const int32_t result = work(*writer_);
-    if (result == 0) {
-        transaction.Commit();
-    }
-    return result;
+    return writer_->Transact("BEGIN IMMEDIATE", work);
 }
 
 }  // namespace SecurityPrivacyTools

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "service/device_import.h"
 
-#include <algorithm>
-#include <unordered_set>
 #include <vector>
 
 #include "common/result_codes.h"
@@ -44,31 +42,26 @@ int64_t GroupId(Connection& connection, const JsonNode& node)
 
 void ImportStates(Connection& connection, const JsonNode& group, int64_t groupId)
 {
-    std::unordered_set<std::string> disabled;
-    if (const auto list = group.Find("disabledStates")) {
-        const std::vector<std::string> shown = group["shownStates"].Texts();
-        for (const JsonNode& item : list->Items()) {
-            if (std::find(shown.begin(), shown.end(), item.Text()) == shown.end()) {
-                item.Fail("is not among the shownStates");
-            }
-            disabled.insert(item.Text());
-        }
-    }
     const std::vector<JsonNode> shown = group["shownStates"].Items();
     if (shown.size() > static_cast<size_t>(MAX_STATES_SIZE)) {
         group["shownStates"].Fail("more than " + std::to_string(MAX_STATES_SIZE) + " states");
     }
-    bool isCheckedShown = false;
     int64_t place = 0;
     for (const JsonNode& item : shown) {
-        const std::string state = Name(item);
-        isCheckedShown = isCheckedShown || state == group["checkedState"].Text();
-        Statement(connection, "INSERT INTO shown_state (app_group, place, state, is_disabled) VALUES (?, ?, ?, ?)",
-                  groupId, place++, state, int64_t{disabled.count(state) != 0})
-            .Run();
+        connection.Run("INSERT INTO shown_state (app_group, place, state, is_disabled) VALUES (?, ?, ?, 0)", groupId,
+                       place++, Name(item));
     }
-    if (!isCheckedShown) {
-        group["checkedState"].Fail("is not among the shownStates");
+    const auto require = [&](const JsonNode& state, bool isDisabled) {
+        if (connection.Run("UPDATE shown_state SET is_disabled = is_disabled OR ? WHERE app_group = ? AND state = ?",
+                           isDisabled, groupId, state.Text()) == 0) {
+            state.Fail("is not among the shownStates");
+        }
+    };
+    require(group["checkedState"], false);
+    if (const auto disabled = group.Find("disabledStates")) {
+        for (const JsonNode& item : disabled->Items()) {
+            require(item, true);
+        }
     }
 }
 
@@ -80,21 +73,17 @@ void ImportGroup(Connection& connection, const JsonNode& node, int64_t app)
     const int64_t permissionGroup = GroupId(connection, node["permissionGroup"]);
     const std::string state = node["checkedState"].Text();
     const std::string reasonText = reason ? Bounded(*reason, MAX_REASON_BYTES) : "";
-    Statement(connection,
-              "INSERT INTO app_group (app, permission_group, state, flags, disabled_reason) VALUES (?, ?, ?, ?, ?) "
-              "ON CONFLICT (app, permission_group) DO UPDATE SET state = excluded.state, flags = excluded.flags, "
-              "disabled_reason = excluded.disabled_reason",
-              app, permissionGroup, state, flags ? flags->Integer() : 0, reasonText)
-        .Run();
-    Statement find(connection,
-                   "SELECT id, EXISTS (SELECT 1 FROM shown_state WHERE app_group = app_group.id) FROM app_group "
-                   "WHERE app = ? AND permission_group = ?",
-                   app, permissionGroup);
-    find.Step();
-    if (find.Integer(1) != 0) {
+    Statement add(connection,
+                  "INSERT INTO app_group (app, permission_group, state, flags, disabled_reason) VALUES (?, ?, ?, ?, ?) "
+                  "ON CONFLICT DO UPDATE SET state = excluded.state, flags = excluded.flags, "
+                  "disabled_reason = excluded.disabled_reason "
+                  "RETURNING id, EXISTS (SELECT 1 FROM shown_state WHERE shown_state.app_group = app_group.id)",
+                  app, permissionGroup, state, flags ? flags->Integer() : 0, reasonText);
+    add.Step();
+    if (add.Integer(1) != 0) {
         node.Fail("the app holds the group already");
     }
-    ImportStates(connection, node, find.Integer(0));
+    ImportStates(connection, node, add.Integer(0));
 }
 
 void ImportInstallation(Connection& connection, const JsonNode& node, const std::string& bundleName)
@@ -105,17 +94,19 @@ void ImportInstallation(Connection& connection, const JsonNode& node, const std:
     if (!user.Step()) {
         node["userId"].Fail("is not among the users");
     }
+    const int64_t uid = node["uid"].Int32(0);
+    Statement taken(connection, "SELECT 1 FROM app WHERE uid = ? AND (bundle, user) <> (?, ?)", uid, bundleName,
+                    userId);
+    if (taken.Step()) {
+        node["uid"].Fail("another app has the uid");
+    }
     // What is there already has a uid below 0 until the file names it.
     Statement add(connection,
                   "INSERT INTO app (bundle, user, uid) VALUES (?, ?, ?) "
                   "ON CONFLICT (bundle, user) DO UPDATE SET uid = excluded.uid WHERE uid < 0 RETURNING id",
-                  bundleName, userId, int64_t{node["uid"].Int32(0)});
-    try {
-        if (!add.Step()) {
-            node.Fail("the app is installed for the user already");
-        }
-    } catch (const ConstraintError&) {
-        node["uid"].Fail("another app has the uid");
+                  bundleName, userId, uid);
+    if (!add.Step()) {
+        node.Fail("the app is installed for the user already");
     }
     const int64_t app = add.Integer(0);
     for (const JsonNode& item : node["groups"].Items()) {
@@ -129,21 +120,16 @@ void ImportApps(Connection& connection, const JsonNode& root, ImportCounts& coun
         "UPDATE user SET is_listed = 0; UPDATE permission_group SET is_listed = 0;"
         "UPDATE app SET uid = -1 - id; DELETE FROM shown_state");
     for (const JsonNode& item : root["users"].Items()) {
-        Statement add(connection,
-                      "INSERT INTO user (id, is_listed) VALUES (?, 1) "
-                      "ON CONFLICT DO UPDATE SET is_listed = 1 WHERE is_listed = 0 RETURNING 1",
-                      int64_t{item.Int32(0)});
-        if (!add.Step()) {
+        if (connection.Run("INSERT INTO user (id, is_listed) VALUES (?, 1) "
+                           "ON CONFLICT DO UPDATE SET is_listed = 1 WHERE is_listed = 0",
+                           item.Int32(0)) == 0) {
             item.Fail("the user is listed twice");
         }
     }
     for (const JsonNode& item : root["permissionGroups"].Items()) {
-        const std::string name = Name(item);
-        Statement add(connection,
-                      "INSERT INTO permission_group (name, is_listed) VALUES (?, 1) "
-                      "ON CONFLICT DO UPDATE SET is_listed = 1 WHERE is_listed = 0 RETURNING 1",
-                      name);
-        if (!add.Step()) {
+        if (connection.Run("INSERT INTO permission_group (name, is_listed) VALUES (?, 1) "
+                           "ON CONFLICT DO UPDATE SET is_listed = 1 WHERE is_listed = 0",
+                           Name(item)) == 0) {
             item.Fail("the group is listed twice");
         }
     }
@@ -159,52 +145,46 @@ void ImportApps(Connection& connection, const JsonNode& root, ImportCounts& coun
     connection.Execute(
         "DELETE FROM app WHERE uid < 0;"
         "DELETE FROM app_group WHERE id NOT IN (SELECT app_group FROM shown_state)");
-    Statement(connection,
-              "DELETE FROM choice WHERE NOT EXISTS (SELECT 1 FROM shown_state AS shown WHERE "
-              "shown.app_group = choice.app_group AND shown.state = choice.state AND is_disabled = 0)")
-        .Run();
-    counts.droppedChoices = connection.Changes();
+    counts.droppedChoices = connection.Run(
+        "DELETE FROM choice WHERE NOT EXISTS (SELECT 1 FROM shown_state AS shown WHERE "
+        "shown.app_group = choice.app_group AND shown.state = choice.state AND is_disabled = 0)");
 }
 
-int64_t UsageCodeOf(const JsonNode& node, const std::vector<UsageCode>& codes)
+int32_t UsageCodeOf(const JsonNode& node, const UsageCodes& codes)
 {
-    const UsageCode* code = FindUsageCode(codes, node.Text());
-    if (code == nullptr) {
+    const auto code = FindUsageCode(codes, node.Text());
+    if (!code) {
         node.Fail("expected one of: " + UsageCodeNames(codes));
     }
-    return code->code;
+    return *code;
 }
 
 }  // namespace
 
-bool AddUsageEvent(Connection& connection, const JsonNode& event, int64_t shift, int64_t knownUpTo)
+int64_t AddUsageEvent(Connection& connection, const JsonNode& event, int64_t shift, int64_t knownUpTo)
 {
     event.AllowOnly({"bundleName", "userId", "operationGroup", "times", "mode", "app", "screen", "begin", "end"});
     const std::string bundleName = event["bundleName"].Text();
-    Statement app(connection, "SELECT id FROM app WHERE bundle = ? AND user = ?", bundleName,
-                  int64_t{event["userId"].Int32(0)});
+    Statement app(connection, "SELECT id FROM app WHERE bundle = ? AND user = ?", bundleName, event["userId"].Int32(0));
     if (!app.Step()) {
         event.Fail("the app is not installed for the user");
     }
     const int64_t group = GroupId(connection, event["operationGroup"]);
     const int64_t begin = event["begin"].Integer(0, MAX_TIMESTAMP);
     const int64_t end = event["end"].Integer(begin, MAX_TIMESTAMP);
-    Statement(connection,
-              "INSERT INTO usage (began, ended, app, permission_group, mode, app_state, screen_state, times) "
-              "SELECT ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8 WHERE NOT EXISTS (SELECT 1 FROM usage WHERE app = ?3 AND "
-              "began = ?1 AND ended = ?2 AND permission_group = ?4 AND mode = ?5 AND app_state = ?6 AND "
-              "screen_state = ?7 AND times = ?8 AND id <= ?9)",
-              begin + shift, end + shift, app.Integer(0), group, UsageCodeOf(event["mode"], OperationModes()),
-              UsageCodeOf(event["app"], AppStates()), UsageCodeOf(event["screen"], ScreenStates()),
-              int64_t{event["times"].Int32(1)}, knownUpTo)
-        .Run();
-    return connection.Changes() != 0;
+    return connection.Run(
+        "INSERT INTO usage (began, ended, app, permission_group, mode, app_state, screen_state, times) "
+        "SELECT ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8 WHERE NOT EXISTS (SELECT 1 FROM usage WHERE app = ?3 AND "
+        "began = ?1 AND ended = ?2 AND permission_group = ?4 AND mode = ?5 AND app_state = ?6 AND "
+        "screen_state = ?7 AND times = ?8 AND id <= ?9)",
+        begin + shift, end + shift, app.Integer(0), group, UsageCodeOf(event["mode"], OperationModes()),
+        UsageCodeOf(event["app"], AppStates()), UsageCodeOf(event["screen"], ScreenStates()), event["times"].Int32(1),
+        knownUpTo);
 }
 
 ImportCounts ImportDevice(Database& database, const std::string& path, int64_t now)
 {
-    const JsonDocument document(path);
-    const JsonNode root = document.Root();
+    const JsonNode root = ReadJson(path);
     root.RequireFormat("security-privacy-device", 1);
     root.AllowOnly({"format", "version", "recordedAt", "users", "permissionGroups", "apps", "gTokens", "usageEvents"});
     const int64_t recordedAt = root["recordedAt"].Integer(0, MAX_TIMESTAMP);
@@ -214,12 +194,12 @@ ImportCounts ImportDevice(Database& database, const std::string& path, int64_t n
         for (const JsonNode& item : root["gTokens"].Items()) {
             const int32_t result = AddPolicies(connection, ReadGTokenInfo(item));
             if (result != RESULT_OK) {
-                item.Fail(ResultCodeMeaning(result));
+                item.Fail(DescribeResult(result)->meaning);
             }
         }
         const int64_t known = connection.Number("SELECT coalesce(max(id), 0) FROM usage");
         for (const JsonNode& item : root["usageEvents"].Items()) {
-            counts.usageEvents += AddUsageEvent(connection, item, now != 0 ? now - recordedAt : 0, known) ? 1 : 0;
+            counts.usageEvents += AddUsageEvent(connection, item, now != 0 ? now - recordedAt : 0, known);
         }
         return RESULT_OK;
     });

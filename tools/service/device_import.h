@@ -28,7 +28,7 @@ ImportCounts ImportDevice(Database& database, const std::string& path, int64_t n
 bool IsEmpty(Database& database);
 
 // Appends one usage event, moved by `shift` ms; one of the same content whose id is `knownUpTo` or less is left as it
-// is. True when it was appended. Throws InputError where the event is wrong, or DatabaseError.
-bool AddUsageEvent(Connection& connection, const JsonNode& event, int64_t shift = 0, int64_t knownUpTo = 0);
+// is. Answers how many were appended, 0 or 1. Throws InputError where the event is wrong, or DatabaseError.
+int64_t AddUsageEvent(Connection& connection, const JsonNode& event, int64_t shift = 0, int64_t knownUpTo = 0);
 
 }  // namespace SecurityPrivacyTools

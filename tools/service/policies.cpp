@@ -55,11 +55,10 @@ int32_t AddPolicies(Connection& connection, const GTokenInfo& info)
         return RESULT_FINGERPRINT_MISMATCH;
     }
     for (const GTokenPolicy& policy : info.policies) {
-        Statement(connection,
-                  "INSERT INTO policy (bundle, name, value) VALUES (?, ?, ?) "
-                  "ON CONFLICT DO UPDATE SET value = excluded.value",
-                  add.Integer(0), policy.policyName, policy.policyValue)
-            .Run();
+        connection.Run(
+            "INSERT INTO policy (bundle, name, value) VALUES (?, ?, ?) "
+            "ON CONFLICT DO UPDATE SET value = excluded.value",
+            add.Integer(0), policy.policyName, policy.policyValue);
     }
     return RESULT_OK;
 }
@@ -68,8 +67,7 @@ int32_t RemovePolicies(Connection& connection, const std::vector<std::string>& b
 {
     const std::unordered_set<std::string> names(bundleNames.begin(), bundleNames.end());
     for (const std::string& name : names) {
-        Statement(connection, "DELETE FROM bundle WHERE name = ?", name).Run();
-        if (connection.Changes() == 0) {
+        if (connection.Run("DELETE FROM bundle WHERE name = ?", name) == 0) {
             return RESULT_UNKNOWN_BUNDLE;
         }
     }

@@ -104,7 +104,7 @@ int32_t OrFailure(int32_t failure, const std::function<int32_t()>& work)
     try {
         return work();
     } catch (const DatabaseError& error) {
-        VoLogPrint(LOG_TYPE, VARN::LOG_LEVEL_ERROR, LOG_DOMAIN, LOG_TAG, "%s: %s", ResultCodeMeaning(failure),
+        VoLogPrint(LOG_TYPE, VARN::LOG_LEVEL_ERROR, LOG_DOMAIN, LOG_TAG, "%s: %s", DescribeResult(failure)->meaning,
                    error.what());
         return failure;
     }
@@ -198,9 +198,8 @@ int32_t SecurityPrivacyService::SetAppPermissionGroupCheckedState(const std::str
         }
         const int64_t flags = (group.Integer(2) & ~mask) | (checkedStateParameter.flagsValue & mask);
         differs = group.Text(1) != state || group.Integer(2) != flags;
-        Statement(connection, "INSERT OR REPLACE INTO choice (app_group, state, flags) VALUES (?, ?, ?)",
-                  group.Integer(0), state, flags)
-            .Run();
+        connection.Run("INSERT OR REPLACE INTO choice (app_group, state, flags) VALUES (?, ?, ?)", group.Integer(0),
+                       state, flags);
         return RESULT_OK;
     });
     returns = differs && result == RESULT_OK;

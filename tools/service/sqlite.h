@@ -2,7 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -12,48 +14,23 @@ struct sqlite3_stmt;
 
 namespace SecurityPrivacyTools {
 
+class Connection;
+
 // The database cannot do what it is asked to. The text holds no value of a row.
 class DatabaseError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-// What is to be written breaks a rule of the schema.
-class ConstraintError : public DatabaseError {
-public:
-    using DatabaseError::DatabaseError;
-};
-
-// One connection to a SQLite database with the statements that it has prepared. For one thread at a time.
-class Connection {
-public:
-    // Opens the file, or a database in memory for ":memory:", and makes it if there is none. Throws DatabaseError.
-    explicit Connection(const std::string& path);
-    ~Connection();
-
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
-
-    // Runs statements without values. Throws DatabaseError.
-    void Execute(const char* script);
-    // The number that a pragma or a count answers. Throws DatabaseError.
-    int64_t Number(const std::string& sql);
-
-    // Rows that the last statement changed; what a foreign key took along does not count.
-    int64_t Changes() const;
-
-private:
-    friend class Statement;
-
-    void Check(int code) const;
-
-    sqlite3* handle_ = nullptr;
-    std::map<std::string, sqlite3_stmt*> idle_;
+struct CloseHandle {
+    void operator()(sqlite3* connection) const;
+    void operator()(sqlite3_stmt* statement) const;
 };
 
 // One use of a prepared statement. The connection keeps it for the next use. Every member throws DatabaseError.
 class Statement {
 public:
+    // A text among the values has to stay as it is while the statement is used.
     template <class... Values>
     Statement(Connection& connection, const std::string& sql, const Values&... values)
         : connection_(connection), sql_(sql), handle_(Take())
@@ -62,18 +39,12 @@ public:
     }
     ~Statement();
 
-    Statement(const Statement&) = delete;
-    Statement& operator=(const Statement&) = delete;
-
-    // The next value, from the left. A text has to stay as it is while the statement is used.
+    // The next value, from the left.
     void Bind(int64_t value);
     void Bind(std::string_view value);
-    void Bind(const std::string& value) { Bind(std::string_view(value)); }
 
     // Goes to the next row; false when there is none.
     bool Step();
-    // Runs it to its end, and makes it ready for other values.
-    void Run();
 
     // Columns of the row, from 0. A text is valid until the next step.
     int64_t Integer(int column) const;
@@ -81,31 +52,50 @@ public:
     std::string_view Text(int column) const;
 
 private:
-    sqlite3_stmt* Take();
+    std::unique_ptr<sqlite3_stmt, CloseHandle> Take();
 
     Connection& connection_;
     const std::string sql_;
-    sqlite3_stmt* const handle_;
+    std::unique_ptr<sqlite3_stmt, CloseHandle> handle_;
     int bound_ = 0;
 };
 
-// Undone at the end of the block unless it was committed.
-class Transaction {
+// One connection to a SQLite database with the statements that it has prepared. For one thread at a time. Every member
+// throws DatabaseError.
+class Connection {
 public:
-    enum class Kind { READ, WRITE };
+    // Opens the file, or a database in memory for ":memory:", and makes it if there is none.
+    explicit Connection(const std::string& path);
 
-    // A write waits for one of another process for as long as the connection allows. Throws DatabaseError.
-    Transaction(Connection& connection, Kind kind);
-    ~Transaction();
+    // Runs statements without values.
+    void Execute(const std::string& script);
 
-    Transaction(const Transaction&) = delete;
-    Transaction& operator=(const Transaction&) = delete;
+    // Runs a statement to its end. Answers how many rows it changed; what a foreign key took along does not count.
+    template <class... Values>
+    int64_t Run(const std::string& sql, const Values&... values)
+    {
+        Statement statement(*this, sql, values...);
+        while (statement.Step()) {
+        }
+        return Changes();
+    }
 
-    // When it returns, what was written is on the disk. Throws DatabaseError; nothing is written then.
-    void Commit();
+    // The number that a pragma or a count answers.
+    int64_t Number(const std::string& sql);
+
+    // Runs `work` between `begin` ("BEGIN", or "BEGIN IMMEDIATE" to write) and the end of the transaction, and hands on
+    // what it answers or throws. With 0, what was written is on the disk when this returns; otherwise nothing is
+    // written. To write, it waits for another process that does for as long as the connection allows.
+    int32_t Transact(const char* begin, const std::function<int32_t(Connection&)>& work);
 
 private:
-    Connection* connection_;  // null once it is over
+    friend class Statement;
+
+    int64_t Changes() const;
+    void Check(int code) const;
+
+    std::unique_ptr<sqlite3, CloseHandle> handle_;
+    std::map<std::string, std::unique_ptr<sqlite3_stmt, CloseHandle>> idle_;
 };
 
 }  // namespace SecurityPrivacyTools

@@ -48,8 +48,7 @@ void StoreLine(Connection& connection, const std::string& place, const std::stri
     if (line.size() == MAX_LINE_BYTES) {
         throw InputError(place + ": is longer than " + std::to_string(MAX_LINE_BYTES) + " bytes");
     }
-    const JsonDocument document(place, line);
-    AddUsageEvent(connection, document.Root());
+    AddUsageEvent(connection, ParseJson(place, line));
 }
 
 }  // namespace
@@ -85,11 +84,9 @@ int64_t DropUsageBefore(Database& database, int64_t time)
 {
     int64_t dropped = 0;
     database.Write([&](Connection& connection) {
-        Statement(connection,
-                  "DELETE FROM usage WHERE id IN (SELECT id FROM usage WHERE began < ? ORDER BY began LIMIT ?)", time,
-                  static_cast<int64_t>(MAX_BATCH))
-            .Run();
-        dropped = connection.Changes();
+        dropped = connection.Run(
+            "DELETE FROM usage WHERE id IN (SELECT id FROM usage WHERE began < ? ORDER BY began LIMIT ?)", time,
+            static_cast<int64_t>(MAX_BATCH));
         return RESULT_OK;
     });
     return dropped;
