@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <optional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -95,7 +96,7 @@ bool AbilityManager::RemoveSystemAbility(int32_t id)
 
 sptr<IRemoteObject> AbilityManager::LoadSystemAbility(int32_t systemAbilityId, int32_t timeoutSeconds)
 {
-    const Deadline deadline(std::chrono::seconds(std::max(timeoutSeconds, 0)));
+    std::optional<Deadline> deadline;  // most services are there, and need no clock
     auto pause = FIRST_PAUSE;
     for (;;) {
         if (sptr<IRemoteObject> object = state_->FindAdded(systemAbilityId)) {
@@ -110,7 +111,10 @@ sptr<IRemoteObject> AbilityManager::LoadSystemAbility(int32_t systemAbilityId, i
         if (ReadSocketDirectoryAgain()) {
             continue;
         }
-        const int left = deadline.LeftMilliseconds();
+        if (!deadline) {
+            deadline.emplace(std::chrono::seconds(std::max(timeoutSeconds, 0)));
+        }
+        const int left = deadline->LeftMilliseconds();
         if (!MayAppear(error) || left == 0) {
             PLATFORM_ERROR("service %d cannot be found: %s%s", systemAbilityId, problem.c_str(),
                            MayAppear(error) ? "; is the service running?" : "");

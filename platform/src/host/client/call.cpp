@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 
+#include "host/wire/frame_reader.h"
 #include "parcel_buffer.h"
 
 namespace VARN::Host {
@@ -17,10 +17,6 @@ namespace {
 
 // What the first receive of a reply takes in one system call; most replies are shorter.
 constexpr size_t FIRST_PIECE_SIZE = 16384;
-
-// Room for what is still to come of a reply: memory grows with what was received, not with what was announced, so that
-// a hostile service cannot make the client allocate more than it sends.
-constexpr size_t FIRST_ROOM_SIZE = 65536;
 
 // Waits for the socket. 0, ETIMEDOUT or another errno.
 int Wait(int fd, short events, const Deadline& deadline)
@@ -80,9 +76,8 @@ int Call::Send(FrameHeader& header, const MessageParcel& data)
 // Receives what is there, waiting for the first byte. End of file is an error here.
 int Call::ReceiveSome(void* to, size_t room, size_t& got)
 {
-    // A receive that blocks saves a poll. SO_RCVTIMEO bounds it, by the whole of the wait time: so only at the
-    // beginning.
-    int flags = !neverBlock_ && deadline_.HasJustBegun() ? 0 : MSG_DONTWAIT;
+    // A receive that blocks saves a poll, but may take the whole of the wait time once more: so only at the beginning.
+    int flags = mayBlock_ && deadline_.HasJustBegun() ? 0 : MSG_DONTWAIT;
     for (;;) {
         const ssize_t received = ::recv(fd_, to, room, flags);
         if (received > 0) {
@@ -104,68 +99,50 @@ int Call::ReceiveSome(void* to, size_t room, size_t& got)
     }
 }
 
-int Call::ReceiveHeader(uint8_t* piece, size_t room, size_t& got)
-{
-    int error = ReceiveSome(piece, room, got);
-    while (error == 0 && got < FRAME_HEADER_SIZE) {
-        size_t more = 0;
-        error = deadline_.IsOver() ? ETIMEDOUT : ReceiveSome(piece + got, room - got, more);
-        got += more;
-    }
-    return error;
-}
-
-int Call::ReceiveRest(MessageParcel& reply, size_t length)
-{
-    while (reply.GetDataSize() < length) {
-        const size_t room = std::min(length - reply.GetDataSize(), std::max(reply.GetDataSize(), FIRST_ROOM_SIZE));
-        uint8_t* space = ParcelBuffer::Space(reply, room);
-        if (space == nullptr) {
-            return Fail(ENOMEM, "no memory for the reply");
-        }
-        size_t got = 0;
-        const int error = deadline_.IsOver() ? ETIMEDOUT : ReceiveSome(space, room, got);
-        if (error != 0) {
-            return error;
-        }
-        ParcelBuffer::Commit(reply, got);
-    }
-    return 0;
-}
-
 int Call::Receive(uint32_t code, MessageParcel& reply, int32_t& status)
 {
-    alignas(FrameHeader) uint8_t piece[FIRST_PIECE_SIZE];
+    using State = FrameReader::State;
+    ParcelBuffer::Clear(reply, 0);
+    FrameReader reader(FrameKind::REPLY, reply);
+    uint8_t piece[FIRST_PIECE_SIZE];
     size_t got = 0;
-    const int error = ReceiveHeader(piece, sizeof(piece), got);
+    size_t taken = 0;
+    int error = ReceiveSome(piece, sizeof(piece), got);
+    State state = reader.Feed(piece, got, taken);
+    while (error == 0 && state == State::PARTIAL) {
+        size_t room = 0;
+        uint8_t* space = reader.Space(room);
+        if (space == nullptr) {
+            state = State::NO_MEMORY;
+            break;
+        }
+        error = deadline_.IsOver() ? ETIMEDOUT : ReceiveSome(space, room, got);
+        if (error == 0) {
+            state = reader.Commit(got);
+            taken = got;
+        }
+    }
     if (error != 0) {
         return error;
     }
-    FrameHeader header;
-    std::memcpy(&header, piece, sizeof(header));
-    const char* wrong = header.Check(FrameKind::REPLY);
-    if (wrong == nullptr && header.code != code) {
-        wrong = "it answers another request";
+    switch (state) {
+        case State::INVALID:
+            return Fail(EPROTO, reader.GetProblem());
+        case State::TOO_LONG:
+            return Fail(EMSGSIZE, "the reply is longer than a parcel may be");
+        case State::NO_MEMORY:
+            return Fail(ENOMEM, "no memory for the reply");
+        default:
+            break;
     }
-    got -= sizeof(header);
-    if (wrong == nullptr && got > header.length) {
-        wrong = "there are bytes behind it";
+    if (reader.GetHeader().code != code) {
+        return Fail(EPROTO, "it answers another request");
     }
-    if (wrong != nullptr) {
-        return Fail(EPROTO, wrong);
+    if (taken < got) {
+        return Fail(EPROTO, "there are bytes behind it");
     }
-    if (header.length > ParcelBuffer::MaxCapacity(reply)) {
-        return Fail(EMSGSIZE, "the reply is longer than a parcel may be");
-    }
-    ParcelBuffer::Clear(reply, 0);
-    uint8_t* space = ParcelBuffer::Space(reply, got);
-    if (space == nullptr) {
-        return Fail(ENOMEM, "no memory for the reply");
-    }
-    std::memcpy(space, piece + sizeof(header), got);
-    ParcelBuffer::Commit(reply, got);
-    status = header.status;
-    return ReceiveRest(reply, header.length);
+    status = reader.GetHeader().status;
+    return 0;
 }
 
 }  // namespace VARN::Host

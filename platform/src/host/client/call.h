@@ -20,7 +20,8 @@ namespace VARN::Host {
 // Thread safety: none; it lives on the stack of the thread that asks.
 class Call {
 public:
-    Call(int fd, const Deadline& deadline) : fd_(fd), deadline_(deadline) {}
+    // `mayBlock`: the socket bounds by itself, by the whole of the call's time, how long a receive takes.
+    Call(int fd, const Deadline& deadline, bool mayBlock) : fd_(fd), deadline_(deadline), mayBlock_(mayBlock) {}
 
     int Send(FrameHeader& header, const MessageParcel& data);
     int Receive(uint32_t code, MessageParcel& reply, int32_t& status);
@@ -28,16 +29,11 @@ public:
     // Whether `Send` returned `error` because the service had closed the connection before it could get a byte.
     bool WasClosedBefore(int error) const noexcept { return !hasSent_ && (error == EPIPE || error == ECONNRESET); }
 
-    // To be told when the connection's own time limit could not be set: nothing blocks then.
-    void NeverBlock() noexcept { neverBlock_ = true; }
-
     // Why a step returned `error`.
     std::string GetReason(int error) const { return reason_ != nullptr ? reason_ : ErrorText(error); }
 
 private:
     int ReceiveSome(void* to, size_t room, size_t& got);
-    int ReceiveHeader(uint8_t* piece, size_t room, size_t& got);
-    int ReceiveRest(MessageParcel& reply, size_t length);
     int Fail(int error, const char* what)
     {
         reason_ = what;
@@ -46,8 +42,8 @@ private:
 
     const int fd_;
     const Deadline deadline_;
+    const bool mayBlock_;
     bool hasSent_ = false;
-    bool neverBlock_ = false;
     const char* reason_ = nullptr;
 };
 

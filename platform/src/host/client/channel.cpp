@@ -141,15 +141,15 @@ int Channel::ConnectInTime(Link& link, std::string& problem, const Deadline& dea
     return error == EAGAIN ? ETIMEDOUT : error;
 }
 
-bool Channel::TakeIdle(Link& link)
+Channel::Link Channel::TakeIdle()
 {
+    Link link;
     const MutexLock lock(clientMutex);
-    if (idle_.empty()) {
-        return false;
+    if (!idle_.empty()) {
+        link = std::move(idle_.back());
+        idle_.pop_back();
     }
-    link = std::move(idle_.back());
-    idle_.pop_back();
-    return true;
+    return link;
 }
 
 void Channel::GiveBack(Link&& link)
@@ -162,16 +162,11 @@ void Channel::GiveBack(Link&& link)
 
 int Channel::Prepare(std::string& problem)
 {
-    Link link;
-    while (TakeIdle(link)) {
-        if (link.fd.IsOurs() && IsAlive(link.fd.Get())) {
-            link.checked = true;
-            GiveBack(std::move(link));
-            dead_.store(false, std::memory_order_relaxed);
-            return 0;
-        }
+    Link link = TakeIdle();
+    while (link.fd && !(link.fd.IsOurs() && IsAlive(link.fd.Get()))) {
+        link = TakeIdle();
     }
-    const int error = Connect(link, problem);
+    const int error = link.fd ? 0 : Connect(link, problem);
     dead_.store(error != 0, std::memory_order_relaxed);
     if (error == 0) {
         link.checked = true;
@@ -189,32 +184,26 @@ int32_t Channel::Report(uint32_t code, const char* step, int32_t ipcCode, const 
 
 // Takes an idle connection that is alive, or was when `Prepare` looked. One that was made as somebody else is closed: a
 // program that gave up its privileges must not go on using them.
-bool Channel::TakeAlive(Link& link)
+Channel::Link Channel::TakeAlive()
 {
     const Identity identity = Identity::Current();
-    while (TakeIdle(link)) {
-        if (link.fd.IsOurs() && link.identity == identity &&
-            (std::exchange(link.checked, false) || IsAlive(link.fd.Get()))) {
-            return true;
-        }
+    Link link = TakeIdle();
+    while (link.fd && !(link.fd.IsOurs() && link.identity == identity &&
+                        (std::exchange(link.checked, false) || IsAlive(link.fd.Get())))) {
+        link = TakeIdle();
     }
-    return false;
+    return link;
 }
 
-// Has the socket itself bound what the call waits for.
-void Channel::LimitWait(Link& link, Call& call, int32_t seconds)
+// Has the socket itself bound what a receive waits for. False when it refuses.
+bool Channel::LimitWait(Link& link, int32_t seconds)
 {
-    if (link.waitTimeSeconds == seconds) {
-        return;
-    }
-    timeval limit = {};
-    limit.tv_sec = seconds;
-    if (::setsockopt(link.fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) == 0) {
+    const timeval limit = {seconds, 0};
+    if (link.waitTimeSeconds != seconds &&
+        ::setsockopt(link.fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) == 0) {
         link.waitTimeSeconds = seconds;
-    } else {
-        link.waitTimeSeconds = 0;
-        call.NeverBlock();
     }
+    return link.waitTimeSeconds == seconds;
 }
 
 int32_t Channel::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
@@ -238,15 +227,14 @@ int32_t Channel::Send(uint32_t code, MessageParcel& data, MessageParcel& reply, 
         return Report(code, "sending", IPC_TOO_LARGE, ErrorText(EMSGSIZE));
     }
     for (;;) {
-        Link link;
-        const bool isKept = TakeAlive(link);
+        Link link = TakeAlive();
+        const bool isKept = static_cast<bool>(link.fd);
         std::string problem;
         int error = isKept ? 0 : ConnectInTime(link, problem, deadline);
         if (error != 0) {
             return Report(code, "connecting", ToIpcCode(error), problem);
         }
-        Call call(link.fd.Get(), deadline);
-        LimitWait(link, call, option.GetWaitTime());
+        Call call(link.fd.Get(), deadline, LimitWait(link, option.GetWaitTime()));
         const char* step = "sending";
         error = call.Send(header, data);
         if (isKept && call.WasClosedBefore(error)) {

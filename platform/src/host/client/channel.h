@@ -21,9 +21,16 @@ class Call;
 // or makes one, and gives it back when the reply was whole. After any failure the connection is closed, so the next
 // request never meets the rest of an earlier one, and nothing is ever sent twice.
 //
-// What the system calls of a request are for: `LoadSystemAbility` looks at the connection that would be used (recv), so
-// that a service that has gone counts as not there instead of as a failed request; `SendRequest` asks who the process
-// is (geteuid, getegid), sends (sendmsg) and receives (recv, which also waits).
+// A request makes five system calls, and each is for something that no other of them can do:
+//   recv (a look)      in `LoadSystemAbility`. A service that has gone counts as not there, and is waited for, instead
+//   of
+//                      as a failed request; a send that fails would tell it too late. And what came unasked since the
+//                      last reply (that reply once more, say) is found: once the next request is sent, it would pass
+//                      for its reply.
+//   geteuid, getegid   A connection is never used as another user than the one it was made as. Every thread may change
+//                      its own identity behind the C library's back, and no cheaper call tells both.
+//   sendmsg            the request
+//   recv               the reply, and the wait for it
 //
 // Thread safety: every operation may be called from any thread; requests that run at the same time have a connection
 // each.
@@ -59,10 +66,10 @@ private:
 
     int Connect(Link& link, std::string& problem) const;
     int ConnectInTime(Link& link, std::string& problem, const Deadline& deadline) const;
-    bool TakeIdle(Link& link);
-    bool TakeAlive(Link& link);
+    Link TakeIdle();
+    Link TakeAlive();
     void GiveBack(Link&& link);
-    static void LimitWait(Link& link, Call& call, int32_t seconds);
+    static bool LimitWait(Link& link, int32_t seconds);
     int32_t Send(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option);
     int32_t Report(uint32_t code, const char* step, int32_t ipcCode, const std::string& reason);
 

@@ -2,7 +2,7 @@
 #include "host/client/fork_guard.h"
 
 #include <algorithm>
-#include <new>
+#include <utility>
 #include <vector>
 
 #include "host/base/process.h"
@@ -11,81 +11,61 @@
 
 namespace VARN::Host {
 
+Mutex clientMutex;
+
 namespace {
 
-struct OpenLinks {
-    Mutex mutex;
-    std::vector<int> fds GUARDED_BY(mutex);
-};
-
-// Never destroyed: a fork may happen during static destruction.
-OpenLinks& GetOpenLinks()
+// The descriptors of all LinkFds. Never destroyed: a fork may happen during static destruction.
+std::vector<int>& OpenLinks() REQUIRES(clientMutex)
 {
-    alignas(OpenLinks) static unsigned char storage[sizeof(OpenLinks)];
-    static OpenLinks& links = *new (storage) OpenLinks;
+    static auto& links = *new std::vector<int>;
     return links;
 }
 
-// Held across the fork, so that the child finds what they guard whole.
-void LockLinks() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
+// Held across the fork, so that the child finds what it guards whole.
+void LockClient() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
 {
     clientMutex.Lock();
-    GetOpenLinks().mutex.Lock();
 }
 
-void UnlockLinks() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
+void UnlockClient() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
 {
-    GetOpenLinks().mutex.Unlock();
     clientMutex.Unlock();
 }
 
 void CloseLinksInChild() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
 {
-    OpenLinks& links = GetOpenLinks();
-    for (const int fd : links.fds) {
-        ::close(fd);
-    }
-    links.fds.clear();
-    UnlockLinks();
+    std::for_each(OpenLinks().begin(), OpenLinks().end(), ::close);
+    OpenLinks().clear();
+    clientMutex.Unlock();
 }
 
-const ForkHandler forkHandler(ForkHandler::Rank::CONNECTIONS, {LockLinks, UnlockLinks, CloseLinksInChild});
+const ForkHandler forkHandler(ForkHandler::Rank::CONNECTIONS, {LockClient, UnlockClient, CloseLinksInChild});
 
 }  // namespace
-
-Mutex clientMutex;
 
 LinkFd LinkFd::MakeSocket()
 {
     LinkFd link;
-    OpenLinks& links = GetOpenLinks();
     // Made under the lock, so that no fork comes before it is noted.
-    const MutexLock lock(links.mutex);
+    const MutexLock lock(clientMutex);
     UniqueFd fd = MakeUnixSocket();
     if (fd) {
-        links.fds.push_back(fd.Get());
+        OpenLinks().push_back(fd.Get());
         link.fd_ = std::move(fd);
         link.generation_ = ProcessGeneration();
     }
     return link;
 }
 
-LinkFd::LinkFd(LinkFd&& other) noexcept : fd_(std::move(other.fd_)), generation_(other.generation_) {}
-
 LinkFd& LinkFd::operator=(LinkFd&& other) noexcept
 {
-    Close();
-    fd_ = std::move(other.fd_);
-    generation_ = other.generation_;
+    std::swap(fd_, other.fd_);
+    std::swap(generation_, other.generation_);
     return *this;
 }
 
-bool LinkFd::IsOurs() const noexcept
-{
-    return generation_ == ProcessGeneration();
-}
-
-void LinkFd::Close() noexcept
+LinkFd::~LinkFd()
 {
     if (!fd_) {
         return;
@@ -95,10 +75,14 @@ void LinkFd::Close() noexcept
         static_cast<void>(fd_.Release());
         return;
     }
-    OpenLinks& links = GetOpenLinks();
-    const MutexLock lock(links.mutex);
-    links.fds.erase(std::remove(links.fds.begin(), links.fds.end(), fd_.Get()), links.fds.end());
+    const MutexLock lock(clientMutex);
+    OpenLinks().erase(std::remove(OpenLinks().begin(), OpenLinks().end(), fd_.Get()), OpenLinks().end());
     fd_.Reset();
+}
+
+bool LinkFd::IsOurs() const noexcept
+{
+    return generation_ == ProcessGeneration();
 }
 
 }  // namespace VARN::Host

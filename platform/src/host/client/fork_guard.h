@@ -8,9 +8,9 @@
 
 namespace VARN::Host {
 
-// Guards all that the client side of the process shares: which services it knows and which connections are idle. One
-// lock for all of it, held for a few instructions at a time, so that a fork can wait for it and the child finds it
-// free.
+// Guards all that the client side of the process shares: which services it knows, which connections there are and which
+// are idle. One lock for all of it, held for a few instructions at a time, so that a fork can wait for it and the child
+// finds it free. The end of a LinkFd takes it.
 extern Mutex clientMutex;
 
 // A client's connected socket that only the process that made it ever uses. A fork would leave the child with a copy:
@@ -21,9 +21,10 @@ public:
     LinkFd() noexcept = default;
     // A Unix stream socket that does not block; holds nothing, with the reason in errno, when the system refuses.
     static LinkFd MakeSocket();
-    LinkFd(LinkFd&& other) noexcept;
+    LinkFd(LinkFd&& other) noexcept = default;
+    // What it held goes with `other`.
     LinkFd& operator=(LinkFd&& other) noexcept;
-    ~LinkFd() { Close(); }
+    ~LinkFd();
 
     int Get() const noexcept { return fd_.Get(); }
     explicit operator bool() const noexcept { return static_cast<bool>(fd_); }
@@ -31,8 +32,6 @@ public:
     bool IsOurs() const noexcept;
 
 private:
-    void Close() noexcept;
-
     UniqueFd fd_;
     uint32_t generation_ = 0;
 };

@@ -96,7 +96,9 @@ Connection::Next Connection::ReadFirst(WorkerBuffers& buffers, bool hangUp)
         // A short read has emptied the socket, so there is no need to ask it again. After a hang-up there is.
         drained = size < buffers.piece.size() && !hangUp;
     }
-    FrameReader reader(context_.options.maxRequestBytes);
+    MessageParcel body;
+    body.SetMaxCapacity(context_.options.maxRequestBytes);
+    FrameReader reader(FrameKind::REQUEST, body);
     const FrameReader::State state = reader.CheckHeader(buffers.piece.data(), size);
     if (state != FrameReader::State::COMPLETE && state != FrameReader::State::PARTIAL) {
         return Refuse(reader, state);
@@ -108,8 +110,8 @@ Connection::Next Connection::ReadFirst(WorkerBuffers& buffers, bool hangUp)
     const size_t end = FRAME_HEADER_SIZE + header.length;
     ahead_.assign(buffers.piece.begin() + static_cast<ptrdiff_t>(end),
                   buffers.piece.begin() + static_cast<ptrdiff_t>(size));
-    ParcelBuffer::Lend(reader.GetBody(), buffers.piece.data() + FRAME_HEADER_SIZE, header.length);
-    const Next next = Dispatch(buffers, header, reader.GetBody());
+    ParcelBuffer::Lend(body, buffers.piece.data() + FRAME_HEADER_SIZE, header.length);
+    const Next next = Dispatch(buffers, header, body);
     // A peer that sends without end must not keep the worker to itself.
     return next == Next::INPUT && !(drained && ahead_.empty()) ? Next::TURN : next;
 }
@@ -135,7 +137,7 @@ Connection::Next Connection::ReadRest(WorkerBuffers& buffers)
         // Before the room is filled, it is only promised by the system.
         size_t used = 0;
         size_t allowed = 0;
-        if (!input_->charge.GrowTo(ParcelBuffer::Capacity(input_->reader.GetBody()), used, allowed)) {
+        if (!input_->charge.GrowTo(ParcelBuffer::Capacity(input_->body), used, allowed)) {
             context_.Refuse(account_, Limit::BEGUN_REQUEST_BYTES, caller_, used, allowed);
             return Next::CLOSE;
         }
@@ -151,7 +153,7 @@ Connection::Next Connection::ReadRest(WorkerBuffers& buffers)
     }
     const std::unique_ptr<Input> input = std::move(input_);
     deadline_.store(0);
-    const Next next = Dispatch(buffers, input->reader.GetHeader(), input->reader.GetBody());
+    const Next next = Dispatch(buffers, input->reader.GetHeader(), input->body);
     return next == Next::INPUT ? Next::TURN : next;
 }
 

@@ -114,12 +114,13 @@ private:
     enum class Received { SOME, NOTHING, DESCRIPTORS, END };
 
     struct Input {
-        Input(ServiceContext& context, Account& account)
-            : charge(context.accounts, account, Bytes::REQUEST), reader(context.options.maxRequestBytes)
+        Input(ServiceContext& context, Account& account) : charge(context.accounts, account, Bytes::REQUEST)
         {
+            body.SetMaxCapacity(context.options.maxRequestBytes);
         }
         Charge charge;
-        FrameReader reader;
+        MessageParcel body;
+        FrameReader reader{FrameKind::REQUEST, body};
     };
     struct Output {
         Output(ServiceContext& context, Account& account) : charge(context.accounts, account, Bytes::REPLY) {}

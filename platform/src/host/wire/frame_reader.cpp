@@ -22,12 +22,12 @@ FrameReader::State FrameReader::CheckHeader(const uint8_t* bytes, size_t size) n
     }
     std::memcpy(&header_, bytes, FRAME_HEADER_SIZE);
     headerSize_ = FRAME_HEADER_SIZE;
-    const char* problem = header_.Check(FrameKind::REQUEST);
+    const char* problem = header_.Check(expected_);
     if (problem != nullptr) {
         problem_ = problem;
         return State::INVALID;
     }
-    return header_.length > maxBodyBytes_ ? State::TOO_LONG : State::COMPLETE;
+    return header_.length > ParcelBuffer::MaxCapacity(body_) ? State::TOO_LONG : State::COMPLETE;
 }
 
 FrameReader::State FrameReader::Check() noexcept

@@ -9,8 +9,8 @@
 
 namespace VARN::Host {
 
-// Puts one request together from the pieces in which it arrives. Memory grows with the bytes that have arrived, never
-// with the length that was announced.
+// Puts one frame together from the pieces in which it arrives. Memory grows with the bytes that have arrived, never
+// with the length that was announced, so that a peer cannot make this process allocate more than it sends.
 //
 // Thread safety: none; it belongs to whoever owns the connection.
 class FrameReader {
@@ -18,15 +18,13 @@ public:
     enum class State {
         PARTIAL,   // more is needed
         COMPLETE,  // the frame is whole
-        INVALID,   // not a request; `GetProblem` says why
+        INVALID,   // not what is expected; `GetProblem` says why
         TOO_LONG,  // the body would be longer than allowed
         NO_MEMORY,
     };
 
-    explicit FrameReader(size_t maxBodyBytes) noexcept : maxBodyBytes_(maxBodyBytes)
-    {
-        body_.SetMaxCapacity(maxBodyBytes);
-    }
+    // The body goes into `body`, which is empty, outlives the reader, and bounds it by its own capacity.
+    FrameReader(FrameKind expected, MessageParcel& body) noexcept : expected_(expected), body_(body) {}
 
     // What the bytes of a header, `size` of them so far, allow to say. Complete here means that the header is whole and
     // acceptable; a wrong one is recognised as soon as it is whole, before a byte of the body is stored.
@@ -41,17 +39,16 @@ public:
     State Commit(size_t size) noexcept;
 
     const FrameHeader& GetHeader() const noexcept { return header_; }
-    MessageParcel& GetBody() noexcept { return body_; }
     const char* GetProblem() const noexcept { return problem_; }
 
 private:
     State Check() noexcept;
 
-    const size_t maxBodyBytes_;
+    const FrameKind expected_;
+    MessageParcel& body_;
     size_t headerSize_ = 0;  // bytes of the header that have arrived
     FrameHeader header_;
     const char* problem_ = "";
-    MessageParcel body_;
 };
 
 }  // namespace VARN::Host
