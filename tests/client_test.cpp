@@ -61,6 +61,33 @@ TEST_F(Client, WritesUsageRecordsAfterOthersAreLetIn)
     EXPECT_EQ(2, others);
 }
 
+TEST_F(Client, LetsOneThreadInAtATimeAndThatOneAgain)
+{
+    std::atomic<int> inside{0};
+    const auto beAlone = [&inside](const FakeCall&) {
+        EXPECT_EQ(1, ++inside);
+        std::this_thread::yield();
+        EXPECT_EQ(0, --inside);
+        return FakeAnswer();
+    };
+    fake.Service().SetResponder(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, beAlone);
+    const auto ask = [&](const auto&) { client.GTokenPolicyRemovePolicy({"app"}); };
+    std::vector<std::future<void>> threads;
+    for (const bool isNested : {false, false, true, true}) {
+        threads.push_back(std::async(std::launch::async, [&, isNested] {
+            for (int request = 0; request < 100; ++request) {
+                isNested ? client.WithSystemAbilityProxy(ask) : ask(nullptr);
+            }
+        }));
+    }
+    threads.clear();
+    EXPECT_EQ(400U, fake.Service().Calls().size());
+    for (const FakeServiceManager::Lookup& lookup : fake.Manager().Lookups()) {
+        EXPECT_EQ(65993, lookup.systemAbilityId);
+        EXPECT_EQ(4, lookup.timeoutSeconds);
+    }
+}
+
 TEST_F(Client, ConnectTellsWhyNot)
 {
     class OutOfMemory : public ISystemAbilityManager {

@@ -4,12 +4,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <future>
 #include <new>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "porting_kit/port.h"
@@ -59,19 +57,6 @@ public:
     std::promise<void> entered;
     std::promise<void> release;
 };
-
-// Four threads of a hundred requests each.
-void InThreads(const std::function<void(int thread, int request)>& send)
-{
-    std::vector<std::future<void>> threads;
-    for (int thread = 0; thread < 4; ++thread) {
-        threads.push_back(std::async(std::launch::async, [&send, thread] {
-            for (int request = 0; request < 100; ++request) {
-                send(thread, request);
-            }
-        }));
-    }
-}
 
 class TransportTest : public testing::Test {
 protected:
@@ -180,15 +165,16 @@ TEST_F(TransportTest, WaitTimeEndsARequestWhichIsNeitherRepeatedNorMistakenForTh
 
 TEST_F(TransportTest, ThreadsGetTheirOwnAnswers)
 {
-    InThreads([this](int thread, int request) {
-        EXPECT_EQ(0, Status(ECHO, std::string(static_cast<size_t>(request), static_cast<char>('a' + thread))));
-    });
+    std::vector<std::future<void>> threads;
+    for (const char letter : {'a', 'b', 'c', 'd'}) {
+        threads.push_back(std::async(std::launch::async, [this, letter] {
+            for (size_t size = 0; size < 100; ++size) {
+                EXPECT_EQ(0, Status(ECHO, std::string(size, letter)));
+            }
+        }));
+    }
+    threads.clear();
     EXPECT_EQ(400, actor->executions);
-}
-
-SecurityPrivacyClient& Client()
-{
-    return SecurityPrivacyClient::GetInstance();
 }
 
 TEST(LibraryTest, SendsEveryRequestOverTheTransport)
@@ -199,48 +185,12 @@ TEST(LibraryTest, SendsEveryRequestOverTheTransport)
     answer.records = {MakePermissionUsageRecord()};
     for (const uint32_t code : CODES) {
         service->SetAnswer(code, answer);
-        const Outcome outcome = CallOperation(Client(), code);
+        const Outcome outcome = CallOperation(SecurityPrivacyClient::GetInstance(), code);
         EXPECT_EQ(0, outcome.result) << code;
         EXPECT_EQ(code == 4 || code == 5 ? 2U : 1U, outcome.records.size()) << code;
         EXPECT_EQ(code, service->Calls().back().code);
     }
     StopServing(SECURITY_PRIVACY_SA_ID);
-}
-
-TEST(LibraryTest, LetsRequestsInFromInsideARequest)
-{
-    const FakeServiceScope fake;
-    FakeAnswer answer;
-    answer.result = 9;
-    fake.Service().SetAnswer(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, answer);
-    fake.Service().SetResponder(MessageCode::GTOKEN_POLICY_ADD_POLICY, [](const FakeCall&) {
-        FakeAnswer inner;
-        Client().WithSystemAbilityProxy([&](auto&) { inner.result = Client().GTokenPolicyRemovePolicy({"app"}); });
-        return inner;
-    });
-    EXPECT_EQ(9, Client().GTokenPolicyAddPolicy({MakeGTokenInfo()}));
-    for (const FakeServiceManager::Lookup& lookup : fake.Manager().Lookups()) {
-        EXPECT_EQ(65993, lookup.systemAbilityId);
-        EXPECT_EQ(4, lookup.timeoutSeconds);
-    }
-}
-
-TEST(LibraryTest, HandlesRequestsOfSeveralThreadsOneAfterTheOther)
-{
-    const FakeServiceScope fake;
-    std::atomic<int> inside{0};
-    const auto beAlone = [&inside](const auto&) {
-        EXPECT_EQ(1, ++inside);
-        std::this_thread::yield();
-        EXPECT_EQ(0, --inside);
-        return FakeAnswer();
-    };
-    fake.Service().SetResponder(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, beAlone);
-    InThreads([&](int /*thread*/, int /*request*/) {
-        Client().GTokenPolicyRemovePolicy({"app"});
-        Client().WithSystemAbilityProxy(beAlone);
-    });
-    EXPECT_EQ(400U, fake.Service().Calls().size());
 }
 
 TEST(LogTest, MarkersAreTakenOutAndTheLengthIsReturned)
