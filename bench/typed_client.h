@@ -64,9 +64,10 @@ public:
 
     void Forget() override
     {
-        infos_ = {};
-        usages_ = {};
-        rows_ = {};
+        // Not `= {}`, which keeps the memory.
+        infos_ = decltype(infos_)();
+        usages_ = decltype(usages_)();
+        rows_ = decltype(rows_)();
         isSet_ = false;
     }
 
