@@ -142,6 +142,13 @@ inline constexpr bool kHasFields = false;
 template <class T>
 inline constexpr bool kHasFields<T, std::void_t<decltype(T::Fields(std::declval<T&>()))>> = true;
 
+// The fields of a record that an answer brought, in the order of `Plain`.
+template <class Plain, class Record>
+auto FieldsOf(const Record& record)
+{
+    return Plain::Fields(record);
+}
+
 // Record `index` holds the same values in every contender, so that an answer can be checked without a copy of it.
 void Make(size_t index, Info& info);
 void Make(size_t index, Usage& usage);

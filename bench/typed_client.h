@@ -82,12 +82,9 @@ private:
     template <class T, class Plain>
     static bool AreSame(const std::vector<T>& records, const std::vector<Plain>& right)
     {
-        return std::equal(records.begin(), records.end(), right.begin(), right.end(),
-                          [](const T& left, const Plain& plain) {
-                              Plain copy;
-                              Peer::Copy(left, copy);
-                              return Plain::Fields(copy) == Plain::Fields(plain);
-                          });
+        return std::equal(
+            records.begin(), records.end(), right.begin(), right.end(),
+            [](const T& left, const Plain& plain) { return FieldsOf<Plain>(left) == Plain::Fields(plain); });
     }
 
     const Workload workload_;
@@ -108,12 +105,6 @@ struct PlainTypes {
     using InfoType = Info;
     using UsageType = Usage;
     using RowType = Row;
-
-    template <class Record>
-    static void Copy(const Record& from, Record& to)
-    {
-        to = from;
-    }
 };
 
 }  // namespace bench
