@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What callgrind counts of one call, on both sides: instructions in user space, by what they are for."""
+"""What callgrind counts of one call, on both sides: instructions in user space by what they are for, and allocations."""
 import collections
 import pathlib
 import re
@@ -11,6 +11,7 @@ import tempfile
 CALLS = {"bulk": (3, 5), "usage": (3, 5)}
 USUAL_CALLS = (20, 200)
 SIDES = ("client", "server")
+ALLOCATORS = {"malloc", "calloc", "realloc"}
 # Code that works for whoever calls it: what it costs is its caller's.
 SHARED = re.compile(r"/(libc|libm|libstdc\+\+|libgcc_s|ld-linux-x86-64)\.so|^\?*$")
 # By the plain names of functions; the rest is the call itself: finding the service, checks, limits, turns, log lines.
@@ -35,8 +36,8 @@ def is_available():
 
 
 def read(path):
-    """Cost of each function by itself, and of each call of one by another with all that it leads to."""
-    names, own, edges = {}, collections.Counter(), collections.Counter()
+    """Cost of each function by itself, of each call of one by another with all that it leads to; allocations."""
+    names, own, edges, allocations = {}, collections.Counter(), collections.Counter(), 0
 
     def name(kind, text):
         number, _, its_name = text.partition(" ")
@@ -55,6 +56,7 @@ def read(path):
             callee, callee_library = (callee_library or library, name("fn", text)), None
         elif separator and key == "calls":
             is_call = True
+            allocations += int(text.split()[0]) * (callee[1] in ALLOCATORS)
         elif re.match(r"[0-9+*-]\S* \d+$", line):
             cost = int(line.split()[1])
             if is_call:
@@ -62,12 +64,12 @@ def read(path):
             else:
                 own[caller] += cost
             is_call = False
-    return own, edges
+    return own, edges, allocations
 
 
 def purposes(path):
     """Instructions by purpose; shared code counts for the function of ours that called it."""
-    own, edges = read(path)
+    own, edges, _ = read(path)
 
     def is_ours(function):
         return not SHARED.search(function[0] or "") and function[1] != "(below main)"
@@ -83,8 +85,12 @@ def purposes(path):
     return dict(result)
 
 
-def count(bench, name, case):
-    """Instructions of one call on each side by purpose, once the first calls have warmed it up."""
+def allocations(path):
+    return {"heap": read(path)[2]}
+
+
+def count(bench, name, case, what=purposes):
+    """What one call takes on each side, once the first calls have warmed it up."""
     def control(order):
         for pid in pids:
             subprocess.run(["callgrind_control", order, str(pid)], check=True, stdout=subprocess.DEVNULL,
@@ -100,5 +106,5 @@ def count(bench, name, case):
             control("--zero")
             pair.call(counted)
             control("--dump")
-        return {side: {purpose: cost / counted for purpose, cost in
-                       purposes(pathlib.Path(folder, side + ".1")).items()} for side in SIDES}
+        return {side: {key: number / counted for key, number in
+                       what(pathlib.Path(folder, side + ".1")).items()} for side in SIDES}

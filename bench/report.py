@@ -91,13 +91,13 @@ def weight_table(weight):
     lines += table("A service's memory around bulk, MiB", ["", "before", "peak", "after five seconds of quiet"],
                    [[name, *map(mib, row.values())] for name, row in weight["after bulk"].items()])
     contenders, body = list(weight["idle memory"]), []
-    for case, row in weight["allocations"].items():
+    for case, row in weight.get("allocations", {}).items():
         body.append([f"heap allocations, {case}: client + server",
                      *("{:.0f} + {:.0f}".format(*row[name]) if name in row else "" for name in contenders)])
     if "system calls" in weight:
         body.append(["system calls, least: client + server",
                      *("{} + {}".format(*weight["system calls"][name]) for name in contenders)])
-    return lines + table("For one request", ["", *contenders], body)
+    return lines + (table("For one request", ["", *contenders], body) if body else [])
 
 
 def where_table(where):
@@ -136,7 +136,7 @@ def goals(results):
         yield "service after bulk: MiB after five seconds", "<=", 8, weight["after bulk"]["ours"]["quiet"] / 1024
         yield "idle service, MiB resident", "<=", 4, weight["idle memory"]["ours"]["resident"] / 1024
         yield "idle connection, bytes", "<=", 2048, weight["per connection"]["resident"]
-        for side, count in zip(("client", "server"), weight["allocations"]["none"]["ours"]):
+        for side, count in zip(("client", "server"), weight.get("allocations", {"none": {}})["none"].get("ours", [])):
             yield f"heap allocations for a field-free request, {side}", "<=", 2, count
     if "turns" in results:
         ours, floor = (results["turns"][name] for name in ("ours", "floor"))

@@ -6,6 +6,7 @@ import shutil
 import tempfile
 import time
 
+import callgrind
 from crowd import Crowd
 from processes import status
 
@@ -51,23 +52,6 @@ def after_bulk(bench, name):
         return {"before": before, "peak": peak, "quiet": status(pair.server.pid, "VmRSS")}
 
 
-def allocations(bench, name, case):
-    """Heap allocations per request: client, server."""
-    with tempfile.TemporaryDirectory() as folder:
-        files = [pathlib.Path(folder, side) for side in ("client", "server")]
-        for file in files:
-            file.write_bytes(bytes(8))
-        setups = [([], {"LD_PRELOAD": str(bench.program("allocation-counter.so", "libbench")),
-                        "BENCH_ALLOCATION_COUNTER": str(file)}) for file in files]
-        with bench.pair(name, case, bench.all_cpus, client_setup=setups[0],
-                        server_setup=setups[1]) as pair:
-            counts = []
-            for _ in range(3):
-                counts.append([int.from_bytes(file.read_bytes(), "little") for file in files])
-                pair.call(COUNTED_CALLS)
-    return [(last - first) / COUNTED_CALLS for first, last in zip(*counts[1:])]
-
-
 def system_calls(bench, name, case, side):
     """System calls that one side makes for one request."""
     def seen():
@@ -86,9 +70,11 @@ def system_calls(bench, name, case, side):
 def measure(bench):
     result = {"idle memory": {name: idle_memory(bench, name) for name in bench.contenders},
               "per connection": per_connection(bench),
-              "after bulk": {name: after_bulk(bench, name) for name in ("ours", "floor-list")},
-              "allocations": {case: {name: allocations(bench, name, case) for name in bench.contenders
-                                     if name != "floor"} for case in COUNTED_CASES}}
+              "after bulk": {name: after_bulk(bench, name) for name in ("ours", "floor-list")}}
+    if callgrind.is_available() and not bench.quick:
+        result["allocations"] = {
+            case: {name: [side["heap"] for side in callgrind.count(bench, name, case, callgrind.allocations).values()]
+                   for name in bench.contenders if name != "floor"} for case in COUNTED_CASES}
     if shutil.which("strace") and not bench.quick:
         result["system calls"] = {name: [system_calls(bench, name, "least", side) for side in ("client", "server")]
                                   for name in bench.contenders}
