@@ -80,6 +80,9 @@ struct Row {
 
 // By app: `name` is a bundle, `interested` are groups. By permission: the other way round.
 struct InfoRequest {
+    using Answer = std::vector<Info>;
+    static constexpr uint32_t kOperation = 0;
+
     bool isByPermission = false;  // which operation of the library's; does not travel
     std::string name;
     int32_t userId = 0;
@@ -93,6 +96,9 @@ struct InfoRequest {
 };
 
 struct SetRequest {
+    using Answer = bool;
+    static constexpr uint32_t kOperation = 1;
+
     std::string bundleName;
     int32_t uid = 0;
     std::string permissionGroup;
@@ -109,6 +115,9 @@ struct SetRequest {
 };
 
 struct UsageRequest {
+    using Answer = std::vector<Usage>;
+    static constexpr uint32_t kOperation = 2;
+
     std::vector<std::string> bundleNames;
     std::vector<int32_t> userIds;
     std::vector<std::string> operationGroups;
@@ -126,6 +135,9 @@ struct UsageRequest {
 };
 
 struct RowRequest {
+    using Answer = std::vector<Row>;
+    static constexpr uint32_t kOperation = 3;
+
     std::string policyName;
     std::vector<std::string> bundleNames;
 

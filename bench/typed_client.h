@@ -2,7 +2,10 @@
 #pragma once
 
 #include <algorithm>
+#include <memory>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "bench/harness.h"
@@ -25,19 +28,13 @@ struct Answers {
     const bool isSet = true;
 };
 
-// The client of a contender whose `Peer` carries records. A `Peer` is made from the directory. Its `Ask(request,
-// answer)` fills the answer, an empty list of its types `InfoType`, `UsageType` or `RowType`, or a bool, and throws
-// when the request fails.
-template <class Peer>
+// The client of a contender whose `Peer` carries records. A `Peer` is made from the directory. Its `Ask(request)`
+// returns the answer, a list of records or a bool, and throws when the request fails.
+template <class Peer, class Request>
 class TypedClient final : public Client {
 public:
-    TypedClient(const std::string& directory, const Workload& workload)
-        : workload_(workload),
-          peer_(directory),
-          infoRequest_(workload.kind == Case::kSmall  ? MakeByAppRequest()
-                       : workload.kind == Case::kBulk ? MakeByPermissionRequest()
-                                                      : InfoRequest()),
-          rowRequest_(MakeRowRequest(workload.records))
+    TypedClient(const std::string& directory, size_t records, Request request)
+        : peer_(directory), records_(records), request_(std::move(request))
     {
     }
 
@@ -48,63 +45,56 @@ public:
     void Call() override
     {
         Forget();
-        switch (workload_.kind) {
-            case Case::kSmall:
-            case Case::kBulk:
-            case Case::kNone:
-                return peer_.Ask(infoRequest_, infos_);
-            case Case::kLeast:
-                return peer_.Ask(setRequest_, isSet_);
-            case Case::kUsage:
-                return peer_.Ask(usageRequest_, usages_);
-            case Case::kToken:
-                return peer_.Ask(rowRequest_, rows_);
-        }
+        answer_ = peer_.Ask(request_);
     }
 
-    void Forget() override
-    {
-        // Not `= {}`, which keeps the memory.
-        infos_ = decltype(infos_)();
-        usages_ = decltype(usages_)();
-        rows_ = decltype(rows_)();
-        isSet_ = false;
-    }
+    // Not `= {}`, which keeps a vector's memory.
+    void Forget() override { answer_ = Answer(); }
 
     bool IsAnswerRight() const override
     {
-        const Answers right(workload_);
-        return isSet_ == (workload_.kind == Case::kLeast) && AreSame(infos_, right.infos) &&
-               AreSame(usages_, right.usages) && AreSame(rows_, right.rows);
+        if constexpr (std::is_same_v<Answer, bool>) {
+            return answer_;
+        } else {
+            using Plain = typename Request::Answer::value_type;
+            const std::vector<Plain> right = MakeMany<Plain>(records_);
+            return std::equal(
+                answer_.begin(), answer_.end(), right.begin(), right.end(),
+                [](const auto& left, const Plain& plain) { return FieldsOf<Plain>(left) == Plain::Fields(plain); });
+        }
     }
 
 private:
-    template <class T, class Plain>
-    static bool AreSame(const std::vector<T>& records, const std::vector<Plain>& right)
-    {
-        return std::equal(
-            records.begin(), records.end(), right.begin(), right.end(),
-            [](const T& left, const Plain& plain) { return FieldsOf<Plain>(left) == Plain::Fields(plain); });
-    }
+    using Answer = decltype(std::declval<Peer&>().Ask(std::declval<const Request&>()));
 
-    const Workload workload_;
     Peer peer_;
-    const InfoRequest infoRequest_;
-    const SetRequest setRequest_ = MakeSetRequest();
-    const UsageRequest usageRequest_ = MakeUsageRequest();
-    const RowRequest rowRequest_;
-
-    std::vector<typename Peer::InfoType> infos_;
-    std::vector<typename Peer::UsageType> usages_;
-    std::vector<typename Peer::RowType> rows_;
-    bool isSet_ = false;
+    const size_t records_;
+    const Request request_;
+    Answer answer_{};
 };
 
-// What a `Peer` that brings the plain structs derives from.
-struct PlainTypes {
-    using InfoType = Info;
-    using UsageType = Usage;
-    using RowType = Row;
-};
+template <class Peer>
+std::unique_ptr<Client> MakeClient(const std::string& directory, const Workload& workload)
+{
+    const auto make = [&](auto request) {
+        return std::unique_ptr<Client>(
+            new TypedClient<Peer, decltype(request)>(directory, workload.records, std::move(request)));
+    };
+    switch (workload.kind) {
+        case Case::kSmall:
+            return make(MakeByAppRequest());
+        case Case::kBulk:
+            return make(MakeByPermissionRequest());
+        case Case::kLeast:
+            return make(MakeSetRequest());
+        case Case::kUsage:
+            return make(MakeUsageRequest());
+        case Case::kToken:
+            return make(MakeRowRequest(workload.records));
+        case Case::kNone:
+            break;
+    }
+    return make(InfoRequest());
+}
 
 }  // namespace bench

@@ -125,35 +125,33 @@ void Carry(Wire wire, Record& record)
     }
 }
 
-class CapnpPeer : public PlainTypes {
+class CapnpPeer {
 public:
     explicit CapnpPeer(const std::string& directory)
         : client_("unix:" + SocketPath(directory)), service_(client_.getMain<wire::Service>())
     {
     }
 
-    void Ask(const InfoRequest& request, std::vector<Info>& infos) { Send(service_.infoRequest(), request, infos); }
-    void Ask(const SetRequest& request, bool& isSet) { Send(service_.setRequest(), request, isSet); }
-    void Ask(const UsageRequest& request, std::vector<Usage>& usages)
-    {
-        Send(service_.usageRequest(), request, usages);
-    }
-    void Ask(const RowRequest& request, std::vector<Row>& rows) { Send(service_.rowRequest(), request, rows); }
+    auto Ask(const InfoRequest& request) { return Send(service_.infoRequest(), request); }
+    auto Ask(const SetRequest& request) { return Send(service_.setRequest(), request); }
+    auto Ask(const UsageRequest& request) { return Send(service_.usageRequest(), request); }
+    auto Ask(const RowRequest& request) { return Send(service_.rowRequest(), request); }
 
 private:
-    template <class Call, class Request, class Answer>
-    void Send(Call call, const Request& request, Answer& answer)
+    template <class Call, class Request>
+    typename Request::Answer Send(Call call, const Request& request)
     {
         Carry<typename Call::Builder>(call, request);
         const auto reply = call.send().wait(client_.getWaitScope());
-        if constexpr (std::is_same_v<Answer, bool>) {
-            answer = reply.getAnswer();
+        if constexpr (std::is_same_v<typename Request::Answer, bool>) {
+            return reply.getAnswer();
         } else {
             const auto records = reply.getAnswer();
-            answer.resize(records.size());
+            typename Request::Answer answer(records.size());
             for (capnp::uint index = 0; index < records.size(); ++index) {
                 Carry(records[index], answer[index]);
             }
+            return answer;
         }
     }
 
@@ -203,7 +201,7 @@ void Serve(const std::string& directory, const Workload& workload)
 
 std::unique_ptr<Client> Connect(const std::string& directory, const Workload& workload)
 {
-    return std::make_unique<TypedClient<CapnpPeer>>(directory, workload);
+    return MakeClient<CapnpPeer>(directory, workload);
 }
 
 }  // namespace bench

@@ -15,27 +15,15 @@ namespace {
 using plain::Reader;
 using plain::Writer;
 
-// A message begins with its operation.
-template <class Request>
-constexpr uint32_t kOperation = 0;
-template <>
-constexpr uint32_t kOperation<InfoRequest> = 1;
-template <>
-constexpr uint32_t kOperation<SetRequest> = 2;
-template <>
-constexpr uint32_t kOperation<UsageRequest> = 3;
-template <>
-constexpr uint32_t kOperation<RowRequest> = 4;
-
-class FloorCodecPeer : public PlainTypes {
+class FloorCodecPeer {
 public:
     explicit FloorCodecPeer(const std::string& directory) : socket_(ConnectTo(directory)) {}
 
-    template <class Request, class Answer>
-    void Ask(const Request& request, Answer& answer)
+    template <class Request>
+    auto Ask(const Request& request)
     {
         writer_.Begin();
-        writer_.Put(kOperation<Request>);
+        writer_.Put(Request::kOperation);
         writer_.Put(request);
         Reader reader(socket_.Call(writer_.Finish()));
         int32_t result = 0;
@@ -43,7 +31,9 @@ public:
         if (result != 0) {
             throw std::runtime_error("the request failed");
         }
+        typename Request::Answer answer{};
         reader.Get(answer);
+        return answer;
     }
 
 private:
@@ -73,13 +63,13 @@ void Handle(const Answers& answers, std::string_view message, Writer& writer)
     writer.Begin();
     writer.Put(int32_t{0});
     switch (operation) {
-        case kOperation<InfoRequest>:
+        case InfoRequest::kOperation:
             return Reply<InfoRequest>(reader, writer, answers.infos);
-        case kOperation<SetRequest>:
+        case SetRequest::kOperation:
             return Reply<SetRequest>(reader, writer, answers.isSet);
-        case kOperation<UsageRequest>:
+        case UsageRequest::kOperation:
             return Reply<UsageRequest>(reader, writer, answers.usages);
-        case kOperation<RowRequest>:
+        case RowRequest::kOperation:
             return Reply<RowRequest>(reader, writer, answers.rows);
         default:
             throw std::runtime_error("no such operation");
@@ -104,7 +94,7 @@ void Serve(const std::string& directory, const Workload& workload)
 
 std::unique_ptr<Client> Connect(const std::string& directory, const Workload& workload)
 {
-    return std::make_unique<TypedClient<FloorCodecPeer>>(directory, workload);
+    return MakeClient<FloorCodecPeer>(directory, workload);
 }
 
 }  // namespace bench

@@ -125,7 +125,7 @@ void Fill(wire::RowRequest& message, const RowRequest& request)
     FillList(message.mutable_bundle_names(), request.bundleNames);
 }
 
-class GrpcPeer : public PlainTypes {
+class GrpcPeer {
 public:
     explicit GrpcPeer(const std::string& directory)
     {
@@ -135,21 +135,16 @@ public:
                                                                    grpc::InsecureChannelCredentials(), withoutLimit));
     }
 
-    void Ask(const InfoRequest& request, std::vector<Info>& infos)
-    {
-        Send(&wire::Answering::Stub::AskInfo, request, infos);
-    }
-    void Ask(const SetRequest& request, bool& isSet) { Send(&wire::Answering::Stub::AskSet, request, isSet); }
-    void Ask(const UsageRequest& request, std::vector<Usage>& usages)
-    {
-        Send(&wire::Answering::Stub::AskUsage, request, usages);
-    }
-    void Ask(const RowRequest& request, std::vector<Row>& rows) { Send(&wire::Answering::Stub::AskRow, request, rows); }
+    auto Ask(const InfoRequest& request) { return Send(&wire::Answering::Stub::AskInfo, request); }
+    auto Ask(const SetRequest& request) { return Send(&wire::Answering::Stub::AskSet, request); }
+    auto Ask(const UsageRequest& request) { return Send(&wire::Answering::Stub::AskUsage, request); }
+    auto Ask(const RowRequest& request) { return Send(&wire::Answering::Stub::AskRow, request); }
 
 private:
-    template <class Message, class Reply, class Request, class Answer>
-    void Send(grpc::Status (wire::Answering::Stub::*operation)(grpc::ClientContext*, const Message&, Reply*),
-              const Request& request, Answer& answer)
+    template <class Message, class Reply, class Request>
+    typename Request::Answer Send(grpc::Status (wire::Answering::Stub::*operation)(grpc::ClientContext*, const Message&,
+                                                                                   Reply*),
+                                  const Request& request)
     {
         Message message;
         Fill(message, request);
@@ -159,13 +154,15 @@ private:
         if (!status.ok()) {
             throw std::runtime_error(status.error_message());
         }
-        if constexpr (std::is_same_v<Answer, bool>) {
-            answer = reply.answer();
+        if constexpr (std::is_same_v<typename Request::Answer, bool>) {
+            return reply.answer();
         } else {
-            answer.resize(static_cast<size_t>(reply.answer_size()));
-            for (size_t index = 0; index < answer.size(); ++index) {
-                Carry(*reply.mutable_answer(static_cast<int>(index)), answer[index]);
+            typename Request::Answer answer(static_cast<size_t>(reply.answer_size()));
+            auto next = reply.mutable_answer()->begin();
+            for (auto& record : answer) {
+                Carry(*next++, record);
             }
+            return answer;
         }
     }
 
@@ -227,7 +224,7 @@ void Serve(const std::string& directory, const Workload& workload)
 
 std::unique_ptr<Client> Connect(const std::string& directory, const Workload& workload)
 {
-    return std::make_unique<TypedClient<GrpcPeer>>(directory, workload);
+    return MakeClient<GrpcPeer>(directory, workload);
 }
 
 }  // namespace bench

@@ -39,18 +39,18 @@ Record ToRecord(const Plain& plain)
     return record;
 }
 template <>
-Record::PermissionUsageRecord ToRecord(const Usage& usage)
+Record::PermissionUsageRecord ToRecord(const Usage& plain)
 {
     Record::PermissionUsageRecord record;
-    record.SetBundleName(usage.bundleName);
-    record.SetUid(usage.uid);
-    record.SetOperationGroup(usage.operationGroup);
-    record.SetTimes(usage.times);
-    record.SetOperationMode(usage.operationMode);
-    record.SetAppState(usage.appState);
-    record.SetScreenState(usage.screenState);
-    record.SetBeginTimestamp(usage.beginTimestamp);
-    record.SetEndTimestamp(usage.endTimestamp);
+    record.SetBundleName(plain.bundleName);
+    record.SetUid(plain.uid);
+    record.SetOperationGroup(plain.operationGroup);
+    record.SetTimes(plain.times);
+    record.SetOperationMode(plain.operationMode);
+    record.SetAppState(plain.appState);
+    record.SetScreenState(plain.screenState);
+    record.SetBeginTimestamp(plain.beginTimestamp);
+    record.SetEndTimestamp(plain.endTimestamp);
     return record;
 }
 
@@ -110,29 +110,29 @@ private:
 
 class Peer {
 public:
-    using InfoType = Permission::AppPermissionGroupInfo;
-    using UsageType = Record::PermissionUsageRecord;
-    using RowType = GTokenResult;
-
     explicit Peer(const std::string& directory) { setenv("VARN_ABILITY_DIR", directory.c_str(), 1); }
 
-    void Ask(const InfoRequest& request, std::vector<InfoType>& infos)
+    auto Ask(const InfoRequest& request)
     {
+        std::vector<Permission::AppPermissionGroupInfo> infos;
         Check(request.isByPermission
                   ? client_.GetAppPermissionGroupInfosByPermission(request.name, request.userId, request.interested,
                                                                    infos)
                   : client_.GetAppPermissionGroupInfosByApp(request.name, request.userId, request.interested, infos));
+        return infos;
     }
-    void Ask(const SetRequest& request, bool& isSet)
+    auto Ask(const SetRequest& request)
     {
         Permission::CheckedStateParameter parameter;
         parameter.checkedState = request.checkedState;
         parameter.flagsMask = request.flagsMask;
         parameter.flagsValue = request.flagsValue;
+        bool isSet = false;
         Check(client_.SetAppPermissionGroupCheckedState(request.bundleName, request.uid, request.permissionGroup,
                                                         parameter, isSet));
+        return isSet;
     }
-    void Ask(const UsageRequest& request, std::vector<UsageType>& usages)
+    auto Ask(const UsageRequest& request)
     {
         Record::PermissionUsageRecordQuery query;
         query.SetBundleNames(request.bundleNames);
@@ -142,11 +142,13 @@ public:
         query.SetEndTimestamp(request.endTimestamp);
         query.SetLimit(request.limit);
         query.SetOrder(request.order);
+        std::vector<Record::PermissionUsageRecord> usages;
         Check(client_.GetPermissionUsageTimeline(query, usages));
+        return usages;
     }
-    void Ask(const RowRequest& request, std::vector<RowType>& rows)
+    auto Ask(const RowRequest& request)
     {
-        rows = client_.GTokenPolicyGetPolicy(request.policyName, request.bundleNames).gTokenResults;
+        return client_.GTokenPolicyGetPolicy(request.policyName, request.bundleNames).gTokenResults;
     }
 
 private:
@@ -181,7 +183,7 @@ void Serve(const std::string& directory, const Workload& workload)
 
 std::unique_ptr<Client> Connect(const std::string& directory, const Workload& workload)
 {
-    return std::make_unique<TypedClient<Peer>>(directory, workload);
+    return MakeClient<Peer>(directory, workload);
 }
 
 }  // namespace bench

@@ -15,6 +15,7 @@ namespace {
 
 constexpr const char* kPath = "/bench";
 constexpr const char* kInterface = "org.example.Bench";
+constexpr const char* kMembers[] = {"Info", "Set", "Usage", "Row"};  // by operation
 
 int Check(int result)
 {
@@ -128,7 +129,7 @@ bool Read(sd_bus_message* message, T& value)
     }
 }
 
-class SdBusPeer : public PlainTypes {
+class SdBusPeer {
 public:
     explicit SdBusPeer(const std::string& directory)
     {
@@ -139,17 +140,12 @@ public:
         Check(sd_bus_start(bus));
     }
 
-    void Ask(const InfoRequest& request, std::vector<Info>& infos) { Send("Info", request, infos); }
-    void Ask(const SetRequest& request, bool& isSet) { Send("Set", request, isSet); }
-    void Ask(const UsageRequest& request, std::vector<Usage>& usages) { Send("Usage", request, usages); }
-    void Ask(const RowRequest& request, std::vector<Row>& rows) { Send("Row", request, rows); }
-
-private:
-    template <class Request, class Answer>
-    void Send(const char* member, const Request& request, Answer& answer)
+    template <class Request>
+    auto Ask(const Request& request)
     {
         sd_bus_message* call = nullptr;
-        Check(sd_bus_message_new_method_call(bus_.get(), &call, nullptr, kPath, kInterface, member));
+        Check(sd_bus_message_new_method_call(bus_.get(), &call, nullptr, kPath, kInterface,
+                                             kMembers[Request::kOperation]));
         const Message callOwner(call);
         Append(call, request);
         sd_bus_message* reply = nullptr;
@@ -157,9 +153,12 @@ private:
         const Message replyOwner(reply);
         int32_t result = 0;
         Read(reply, result);
+        typename Request::Answer answer{};
         Read(reply, answer);
+        return answer;
     }
 
+private:
     Bus bus_;
 };
 
@@ -179,11 +178,12 @@ int Handle(sd_bus_message* call, void* answers, sd_bus_error*)
 
 const sd_bus_vtable table[] = {
     SD_BUS_VTABLE_START(0),
-    SD_BUS_METHOD("Info", "sias", "ia(sissasassx)", (Handle<InfoRequest, &Answers::infos>), SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("Set", "sissxx", "ib", (Handle<SetRequest, &Answers::isSet>), SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("Usage", "asaiasxxii", "ia(sisiiiixx)", (Handle<UsageRequest, &Answers::usages>),
+    SD_BUS_METHOD(kMembers[0], "sias", "ia(sissasassx)", (Handle<InfoRequest, &Answers::infos>),
                   SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("Row", "sas", "ia(ssxx)", (Handle<RowRequest, &Answers::rows>), SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD(kMembers[1], "sissxx", "ib", (Handle<SetRequest, &Answers::isSet>), SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD(kMembers[2], "asaiasxxii", "ia(sisiiiixx)", (Handle<UsageRequest, &Answers::usages>),
+                  SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD(kMembers[3], "sas", "ia(ssxx)", (Handle<RowRequest, &Answers::rows>), SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END};
 
 void ServeConnection(int descriptor, const Answers& answers)
@@ -220,7 +220,7 @@ void Serve(const std::string& directory, const Workload& workload)
 
 std::unique_ptr<Client> Connect(const std::string& directory, const Workload& workload)
 {
-    return std::make_unique<TypedClient<SdBusPeer>>(directory, workload);
+    return MakeClient<SdBusPeer>(directory, workload);
 }
 
 }  // namespace bench
