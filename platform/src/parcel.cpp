@@ -203,15 +203,21 @@ bool Parcel::Grow(size_t bytes) noexcept
         capacity *= 2;
     }
     capacity = std::min(capacity, maxCapacity_);
-    uint8_t* data = ownsHeap_ ? nullptr : TakeSpare(capacity);
+    // One that outgrows a small buffer of its own finds the long one that another parcel has left.
+    const bool mayTakeSpare = !ownsHeap_ || (capacity_ <= SMALL_SPARE_CAPACITY && capacity > SMALL_SPARE_CAPACITY);
+    uint8_t* data = mayTakeSpare ? TakeSpare(capacity) : nullptr;
+    const bool isOther = data != nullptr || !ownsHeap_;
     if (data == nullptr) {
         data = static_cast<uint8_t*>(ownsHeap_ ? std::realloc(data_, capacity) : std::malloc(capacity));
     }
     if (data == nullptr) {
         return false;
     }
-    if (!ownsHeap_) {
+    if (isOther) {
         std::memcpy(data, data_, size_);
+        if (ownsHeap_) {
+            GiveBack(data_, capacity_);
+        }
     }
     data_ = data;
     capacity_ = std::min(capacity, maxCapacity_);
@@ -222,7 +228,7 @@ bool Parcel::Grow(size_t bytes) noexcept
 void ParcelBuffer::Clear(Parcel& parcel, size_t keptCapacity) noexcept
 {
     if (parcel.ownsHeap_ && parcel.capacity_ > keptCapacity) {
-        std::free(parcel.data_);
+        GiveBack(parcel.data_, parcel.capacity_);
         parcel.ownsHeap_ = false;
     }
     if (!parcel.ownsHeap_) {
@@ -231,6 +237,13 @@ void ParcelBuffer::Clear(Parcel& parcel, size_t keptCapacity) noexcept
     }
     parcel.size_ = 0;
     parcel.cursor_ = 0;
+}
+
+void ParcelBuffer::FreeSpares() noexcept
+{
+    for (SparePlace& place : sparePlaces) {
+        std::free(place.buffer.exchange(nullptr, std::memory_order_acquire));
+    }
 }
 
 void ParcelBuffer::Lend(Parcel& parcel, uint8_t* bytes, size_t size) noexcept

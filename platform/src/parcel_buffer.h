@@ -15,8 +15,12 @@ public:
     static size_t Capacity(const Parcel& parcel) noexcept { return parcel.capacity_; }
     static size_t MaxCapacity(const Parcel& parcel) noexcept { return parcel.maxCapacity_; }
 
-    // Empties the parcel. A heap buffer of up to `keptCapacity` bytes is kept for the next use.
+    // Empties the parcel. A heap buffer of up to `keptCapacity` bytes is kept for the next use; a longer one may serve
+    // the next parcel that needs one, whosever it is.
     static void Clear(Parcel& parcel, size_t keptCapacity) noexcept;
+
+    // Gives the buffers that wait for such a parcel back to the heap. Any thread may do so at any time.
+    static void FreeSpares() noexcept;
 
     // Lets the parcel read `bytes` where they are. They must outlive its use or the next `Clear`; a write copies them
     // first, so they are never changed.

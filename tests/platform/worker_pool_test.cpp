@@ -27,18 +27,17 @@ public:
     explicit TestVisit(bool hasInput, int visits = 1) : event_(::eventfd(hasInput ? 1 : 0, EFD_CLOEXEC)), left_(visits)
     {
     }
-    int GetFd() const override { return event_.Get(); }
+    // Whoever asks is about to wait, and has counted itself as staying.
+    int GetFd() const override
+    {
+        beforeWait();
+        return event_.Get();
+    }
     bool Prepare() override { return true; }
     Ahead GetAhead() const override { return left_ > served ? Ahead::INPUT : Ahead::NOTHING; }
     void Serve() override { ++served; }
-    int GetPatience() const override
-    {
-        beforeWait();
-        return static_cast<int>(std::chrono::milliseconds(PATIENCE).count());
-    }
 
     int served = 0;
-    // Whoever waits has counted itself as staying.
     std::function<void()> beforeWait = [] {};
 
 private:

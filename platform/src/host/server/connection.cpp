@@ -23,24 +23,11 @@ using Clock = std::chrono::steady_clock;
 
 }  // namespace
 
-bool WorkerBuffers::HoldsMuch() const noexcept
-{
-    return reply && ParcelBuffer::Capacity(*reply) > KEPT_IDLE_CAPACITY;
-}
-
-// NOLINTNEXTLINE(readability-make-member-function-const): what it changes is its own, if behind a pointer
-void WorkerBuffers::LetGo() noexcept
-{
-    if (reply) {
-        ParcelBuffer::Clear(*reply, KEPT_IDLE_CAPACITY);
-    }
-}
-
 std::unique_ptr<MessageParcel> WorkerBuffers::TakeReply()
 {
     auto other = std::make_unique<MessageParcel>();
     const size_t size = reply->GetDataSize();
-    if (ParcelBuffer::Capacity(*reply) <= 2 * std::max(size, KEPT_IDLE_CAPACITY)) {
+    if (ParcelBuffer::Capacity(*reply) <= 2 * std::max(size, KEPT_CAPACITY)) {
         reply.swap(other);
         return other;
     }
@@ -73,9 +60,11 @@ void Connection::SetDeadline(std::chrono::milliseconds fromNow) noexcept
 Connection::Next Connection::Serve(WorkerBuffers& buffers, bool hangUp)
 {
     if (output_) {
+        // Requests may be waiting behind the reply, so the visit goes on.
         const Next next = Flush(buffers);
-        // Requests may have been waiting behind the reply: look again, after the others.
-        return next == Next::INPUT ? Next::TURN : next;
+        if (next != Next::INPUT) {
+            return next;
+        }
     }
     return input_ ? ReadRest(buffers) : ReadFirst(buffers, hangUp);
 }

@@ -53,13 +53,9 @@ struct Running {
 struct WorkerBuffers {
     static constexpr size_t PIECE_SIZE = 16384;
 
-    // What is kept of a reply's buffer for the next one: while requests come, as much as all but the longest take,
-    // since fresh memory costs as much as filling it; of an idle worker little.
-    static constexpr size_t KEPT_CAPACITY = size_t{4} * 1024 * 1024;
-    static constexpr size_t KEPT_IDLE_CAPACITY = 65536;
-
-    bool HoldsMuch() const noexcept;
-    void LetGo() noexcept;
+    // What is kept of a reply's buffer for the next one. A longer one is for whichever worker needs one next: kept
+    // here, each worker that ever made a long reply would hold one.
+    static constexpr size_t KEPT_CAPACITY = 65536;
 
     // The reply, to be kept for a peer that has not read all of it yet. A short one in a long buffer is copied out of
     // it: what waits is counted by its bytes, and must not hold much more memory than that.

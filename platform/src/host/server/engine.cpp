@@ -23,18 +23,13 @@ namespace {
 
 constexpr uint64_t STOP_TOKEN = UINT64_MAX;
 
-// A worker that has had nothing to do for this long gives up what memory it holds for the next request.
+// A spare worker that has had nothing to do for this long ends.
 constexpr int IDLE_MILLISECONDS = 1000;
 
 // What a peer gets to read a reply that waits when the server stops.
 constexpr std::chrono::seconds DRAIN_TIME{2};
 
 thread_local const AbilityServer* currentServer = nullptr;
-
-int GetPatience(const WorkerBuffers& buffers)
-{
-    return buffers.HoldsMuch() ? IDLE_MILLISECONDS : -1;
-}
 
 }  // namespace
 
@@ -79,7 +74,6 @@ public:
                : next_ == Connection::Next::TURN ? Ahead::MORE
                                                  : Ahead::NOTHING;
     }
-    int GetPatience() const override { return Host::GetPatience(buffers_); }
 
 private:
     Engine& engine_;
@@ -190,17 +184,15 @@ void AbilityServer::Engine::Work()
         int count = 0;
         int error = 0;
         workers_.AwaitAny([&] {
-            const int patience = workers_.HasSpare() ? IDLE_MILLISECONDS : GetPatience(buffers);
+            const int patience = workers_.HasSpare() ? IDLE_MILLISECONDS : -1;
             count = ::epoll_wait(connections_.GetEpoll(), &event, 1, patience);
             error = errno;
             return count == 1 && event.data.u64 != STOP_TOKEN;
         });
-        if (count == 0) {
-            buffers.LetGo();
-            if (workers_.Retire()) {
-                break;
-            }
-        } else if (count > 0 && event.data.u64 != STOP_TOKEN) {
+        if (count == 0 && workers_.Retire()) {
+            break;
+        }
+        if (count > 0 && event.data.u64 != STOP_TOKEN) {
             HandleEvent(event.data.u64, event.events, buffers);
         } else if (count < 0 && error != EINTR) {
             PLATFORM_ERROR("service %d: a worker ends: epoll_wait: %s", context_.id, ErrorText(error).c_str());

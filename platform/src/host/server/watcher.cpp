@@ -17,6 +17,7 @@
 
 #include "host/base/error_text.h"
 #include "host/server/clock.h"
+#include "parcel_buffer.h"
 #include "platform_log.h"
 
 namespace VARN::Host {
@@ -227,6 +228,7 @@ int64_t Watcher::GiveMemoryBack(int64_t now)
         trimIsDue_ = true;
     } else if (trimIsDue_) {
         trimIsDue_ = false;
+        ParcelBuffer::FreeSpares();
         ::malloc_trim(0);
     }
     return trimIsDue_ ? now + LOOK_NANOSECONDS : NEVER;
