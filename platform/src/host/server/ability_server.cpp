@@ -106,6 +106,8 @@ bool AbilityServer::Start()
     } else {
         ::mallopt(M_MMAP_THRESHOLD, MAPPED_BYTES);
         ::mallopt(M_TRIM_THRESHOLD, KEPT_BYTES);
+        // What the service needed to get ready.
+        ::malloc_trim(0);
         auto engine = std::make_unique<Engine>(*this, FitToDescriptors(id_, options_));
         problem = engine->Start();
         if (problem.empty()) {

@@ -116,8 +116,9 @@ public:
     // Adds what is held to the statistics.
     void Describe(ServerStatistics& statistics);
 
-    // Whether much memory was used since the last call.
+    // Whether much memory was used since the last call. Many connections, each with a little, held much as well.
     bool TakeBurst() noexcept { return burst_.exchange(false, std::memory_order_relaxed); }
+    void NoteEnd() noexcept { burst_.store(true, std::memory_order_relaxed); }
     void NoteUse(size_t bytes) noexcept
     {
         if (bytes >= BURST_BYTES) {

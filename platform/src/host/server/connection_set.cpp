@@ -132,6 +132,7 @@ void ConnectionSet::Close(uint32_t index)
 {
     Slot& slot = (*this)[index];
     const PeerSocket fd = slot.connection->TakeFd();
+    context_.accounts.NoteEnd();
     slot.connection.reset();
     slot.Free();
     Leave(index);
