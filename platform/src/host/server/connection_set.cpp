@@ -19,7 +19,9 @@ namespace VARN::Host {
 namespace {
 
 constexpr uint32_t INPUT_EVENTS = EPOLLIN | EPOLLRDHUP | EPOLLET;
-constexpr uint32_t OUTPUT_EVENTS = EPOLLOUT | EPOLLRDHUP | EPOLLET;
+// Once, since a reader frees its socket piece by piece: one worker is enough to fill it again. With one at a time a
+// busy reader mostly meets the same worker, and its replies take memory of one worker alone.
+constexpr uint32_t OUTPUT_EVENTS = EPOLLOUT | EPOLLRDHUP | EPOLLET | EPOLLONESHOT;
 // A socket is nearly always writable, so arming for both brings the next turn at once.
 constexpr uint32_t TURN_EVENTS = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
 
@@ -118,7 +120,8 @@ bool ConnectionSet::ArmForStay(uint32_t index)
 bool ConnectionSet::ArmFor(uint32_t index, uint32_t events)
 {
     Slot& slot = (*this)[index];
-    if (events == slot.armedEvents && events != TURN_EVENTS) {
+    const bool isLasting = events == INPUT_EVENTS || events == STAY_EVENTS;
+    if (events == slot.armedEvents && isLasting) {
         return true;
     }
     slot.armedEvents = events;
