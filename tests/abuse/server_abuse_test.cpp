@@ -28,8 +28,8 @@ bool IsAnswered(const Peer& peer)
     return peer.Send(honestFrame) && !peer.ReadReply().empty();
 }
 
-// Whether the service has closed the connection, without reading what it said before.
-bool IsDropped(const Peer& peer)
+// Whether the service has said something or has closed the connection; nothing is read.
+bool HasSpoken(const Peer& peer)
 {
     pollfd entry = {peer.GetFd(), 0, 0};
     constexpr int PATIENCE_MILLISECONDS = 30000;
@@ -140,12 +140,14 @@ TEST_P(LimitTest, EndsTheConnectionAndSaysWhy)
 {
     ASSERT_NO_FATAL_FAILURE(Begin(GetParam().options));
     std::deque<Peer> peers;
+    const size_t kept = GetParam().sent.size() - GetParam().dropped;
     for (const std::string& bytes : GetParam().sent) {
         EXPECT_TRUE(peers.emplace_back(Path()).Send(bytes));
+        // In this order: each of those that are kept is served before the next one asks.
+        EXPECT_TRUE(peers.size() > kept || HasSpoken(peers.back()));
     }
-    const size_t kept = peers.size() - GetParam().dropped;
     for (size_t index = kept; index < peers.size(); ++index) {
-        EXPECT_TRUE(IsDropped(peers[index])) << index;
+        EXPECT_TRUE(HasSpoken(peers[index])) << index;
     }
     for (size_t index = 0; index < kept; ++index) {
         EXPECT_LT(3 * MEBIBYTE, peers[index].ReadReply().size()) << "it was there before";
