@@ -2,98 +2,63 @@
 #include "cli/time_text.h"
 
 #include <algorithm>
-#include <cctype>
-#include <charconv>
 #include <chrono>
+#include <cstdlib>
 #include <ctime>
 #include <string_view>
+
+#include "cli/whole_number.h"
 
 namespace SecurityPrivacyTools {
 namespace {
 
-constexpr int64_t WEEK = 7 * DAY;
 // In 1973. Who writes a smaller number means seconds, or forgot a unit.
 constexpr int64_t LEAST_MILLISECONDS = 100000000000;
 
-std::optional<int64_t> ParseNumber(const char*& position, const char* end)
-{
-    int64_t number = 0;
-    const auto [stop, error] = std::from_chars(position, end, number);
-    if (error != std::errc() || *position == '-' || number > MAX_TIME) {
-        return std::nullopt;
-    }
-    position = stop;
-    return number;
-}
-
-int64_t UnitLength(char unit)
+// "1d12h" or nothing.
+std::optional<int64_t> ParseSpan(std::string_view text)
 {
     constexpr std::string_view UNITS = "smhdw";
-    constexpr int64_t LENGTHS[] = {SECOND, MINUTE, HOUR, DAY, WEEK};
-    const size_t index = UNITS.find(unit);
-    return index != std::string_view::npos ? LENGTHS[index] : 0;
-}
-
-// "1d12h" or nothing.
-std::optional<int64_t> ParseSpan(const std::string& text)
-{
-    const char* position = text.data();
-    const char* end = position + text.size();
+    constexpr int64_t LENGTHS[] = {SECOND, MINUTE, HOUR, DAY, 7 * DAY};
     int64_t span = 0;
-    while (position != end) {
-        const std::optional<int64_t> number = ParseNumber(position, end);
-        const int64_t unit = position != end ? UnitLength(*position) : 0;
-        if (!number || unit == 0 || *number > MAX_TIME / unit - span / unit) {
+    do {
+        const size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
+        const std::optional<int64_t> number = ParseWhole<int64_t>(text.substr(0, digits));
+        const size_t unit = digits < text.size() ? UNITS.find(text[digits]) : UNITS.npos;
+        if (!number || unit == UNITS.npos || *number > (MAX_TIME - span) / LENGTHS[unit]) {
             return std::nullopt;
         }
-        span += *number * unit;
-        ++position;
-    }
+        span += *number * LENGTHS[unit];
+        text.remove_prefix(digits + 1);
+    } while (!text.empty());
     return span;
-}
-
-// Takes "Z", "+01:00" or "-01:00" off the end: what to add to that time for UTC.
-std::optional<int64_t> TakeOffset(std::string& text)
-{
-    constexpr size_t LENGTH = 6;
-    std::tm offset = {};
-    if (!text.empty() && text.back() == 'Z') {
-        text.pop_back();
-        return 0;
-    }
-    const size_t at = text.size() >= LENGTH ? text.size() - LENGTH : 0;
-    if (at == 0 || (text[at] != '+' && text[at] != '-') ||
-        std::isdigit(static_cast<unsigned char>(text[at + 1])) == 0) {
-        return std::nullopt;
-    }
-    const char* end = ::strptime(text.c_str() + at + 1, "%H:%M", &offset);
-    if (end == nullptr || *end != '\0') {
-        return std::nullopt;
-    }
-    const int64_t ahead = offset.tm_hour * HOUR + offset.tm_min * MINUTE;
-    const bool isBehind = text[at] == '-';
-    text.erase(at);
-    return isBehind ? ahead : -ahead;
 }
 
 std::optional<int64_t> ParseDate(std::string text, int64_t now)
 {
-    const std::optional<int64_t> toUtc = TakeOffset(text);
+    constexpr std::string_view OFFSET = "+01:00";
     std::replace(text.begin(), text.end(), ' ', 'T');
-    for (const char* format : {"%Y-%m-%d", "%Y-%m-%dT%H:%M", "%Y-%m-%dT%H:%M:%S", "%H:%M", "%H:%M:%S"}) {
+    const size_t sign = std::max(text.size(), OFFSET.size()) - OFFSET.size();
+    // strptime knows shorter offsets, but in "2026-11-20-10" the hour is meant.
+    const bool hasOffset = text.back() == 'Z' || (text.find_first_of("+-", sign) == sign && text[sign + 3] == ':');
+    for (std::string format : {"%Y-%m-%d", "%Y-%m-%dT%H:%M", "%Y-%m-%dT%H:%M:%S", "%H:%M", "%H:%M:%S"}) {
         std::tm date = {};
-        if (format[1] == 'H') {
-            const auto seconds = static_cast<std::time_t>((now - toUtc.value_or(0)) / SECOND);
-            toUtc ? ::gmtime_r(&seconds, &date) : ::localtime_r(&seconds, &date);
-            date.tm_sec = 0;
-        }
-        const char* end = ::strptime(text.c_str(), format, &date);
-        if (end == nullptr || *end != '\0') {
+        const char* end = ::strptime(text.c_str(), format.append(hasOffset ? "%z" : "").c_str(), &date);
+        const int64_t offset = date.tm_gmtoff;
+        if (end == nullptr || *end != '\0' || std::abs(offset) * SECOND >= DAY) {
             continue;
+        }
+        if (format[1] == 'H') {
+            const auto seconds = static_cast<std::time_t>(now / SECOND + offset);
+            std::tm today = {};
+            hasOffset ? ::gmtime_r(&seconds, &today) : ::localtime_r(&seconds, &today);
+            date.tm_year = today.tm_year;
+            date.tm_mon = today.tm_mon;
+            date.tm_mday = today.tm_mday;
         }
         date.tm_isdst = -1;
         const int day = date.tm_mday;
-        const int64_t time = (toUtc ? ::timegm(&date) : std::mktime(&date)) * SECOND + toUtc.value_or(0);
+        const int64_t time = ((hasOffset ? ::timegm(&date) : std::mktime(&date)) - offset) * SECOND;
         // The 30th of February would have become the 2nd of March.
         return date.tm_mday == day && time >= 0 && time <= MAX_TIME ? std::optional<int64_t>(time) : std::nullopt;
     }
@@ -116,23 +81,15 @@ std::optional<int64_t> ParseTime(const std::string& text, int64_t now)
     if (text == "now" || text == "today") {
         return text == "now" ? now : ParseDate("00:00", now);
     }
-    const bool isSeconds = text.front() == '@';
-    const char* position = text.data() + (isSeconds ? 1 : 0);
-    const char* end = text.data() + text.size();
-    const std::optional<int64_t> number = ParseNumber(position, end);
-    if (number && position == end) {
-        const bool isMeant = isSeconds ? *number <= MAX_TIME / SECOND : *number >= LEAST_MILLISECONDS;
-        return isMeant ? std::optional<int64_t>(isSeconds ? *number * SECOND : *number) : std::nullopt;
+    const int64_t unit = text.front() == '@' ? SECOND : 1;
+    if (const std::optional<int64_t> number = ParseWhole<int64_t>(std::string_view(text).substr(unit == SECOND))) {
+        const bool isMeant = *number >= (unit == SECOND ? 0 : LEAST_MILLISECONDS) && *number <= MAX_TIME / unit;
+        return isMeant ? std::optional<int64_t>(*number * unit) : std::nullopt;
     }
     if (const std::optional<int64_t> span = ParseSpan(text)) {
         return *span <= now ? std::optional<int64_t>(now - *span) : std::nullopt;
     }
     return ParseDate(text, now);
-}
-
-std::string FormatTime(int64_t time)
-{
-    return FormatTime(time, "%Y-%m-%d %H:%M:%S");
 }
 
 std::string FormatTime(int64_t time, const char* format)

@@ -28,11 +28,8 @@ int64_t Now();
 //   1795197600000: milliseconds since 1970, from 1973 on; a smaller number was meant otherwise
 std::optional<int64_t> ParseTime(const std::string& text, int64_t now);
 
-// "2026-11-20 10:00:30"
-std::string FormatTime(int64_t time);
-
-// A time in the shape of strftime.
-std::string FormatTime(int64_t time, const char* format);
+// A local time in the shape of strftime.
+std::string FormatTime(int64_t time, const char* format = "%Y-%m-%d %H:%M:%S");
 
 // From one moment to another in the two largest units: "1 h 42 min", "850 ms". "0 ms" when the end comes first.
 std::string FormatSpan(int64_t begin, int64_t end);
