@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <limits>
+#include <set>
 #include <string>
 #include <tuple>
 #include <unordered_set>
@@ -24,7 +25,13 @@ namespace Contract = VARN::AppSecurityPrivacy::SecurityPrivacyServer;
 using Contract::Permission::AppPermissionGroupInfo;
 using Contract::Permission::CheckedStateParameter;
 
+using Interface = RemoteService::Interface;
+
+// What by-app and by-permission differ in, then what the user says.
 struct ListOptions {
+    decltype(&Interface::GetAppPermissionGroupInfosByApp) request = nullptr;
+    const char* filter = nullptr;
+    size_t maxNames = 0;
     std::string name;
     int32_t userId = DEFAULT_USER_ID;
     std::vector<std::string> interested;
@@ -39,68 +46,55 @@ struct SetOptions {
 };
 
 // "allow (ask) deny": a state in parentheses is shown but disabled.
-std::string FormatChoices(const AppPermissionGroupInfo& info)
+std::string FormatChoices(const Json& info)
 {
+    const Json& disabled = info["disabledStates"];
     std::string choices;
-    for (const std::string& state : info.shownStates) {
-        const bool isDisabled = info.disabledStates.count(state) != 0;
+    for (const std::string state : info["shownStates"]) {
+        const bool isDisabled = std::find(disabled.begin(), disabled.end(), state) != disabled.end();
         choices += (choices.empty() ? "" : " ") + (isDisabled ? "(" + state + ")" : state);
     }
     return choices;
 }
 
-TableRow ToRow(const AppPermissionGroupInfo& info)
+std::string FormatFlags(const Json& flags)
 {
-    char flags[24];
-    std::snprintf(flags, sizeof(flags), "0x%" PRIx64, static_cast<uint64_t>(info.flags));
-    return {info.bundleName, std::to_string(info.uid), info.permissionGroup, info.checkedState,
-            flags,           FormatChoices(info),      info.disabledReason};
+    char text[24];
+    std::snprintf(text, sizeof(text), "0x%" PRIx64, flags.get<uint64_t>());
+    return text;
 }
 
-nlohmann::ordered_json GroupToJson(const AppPermissionGroupInfo& info)
+Json GroupToJson(const AppPermissionGroupInfo& info)
 {
-    std::vector<std::string> disabledStates(info.disabledStates.begin(), info.disabledStates.end());
-    std::sort(disabledStates.begin(), disabledStates.end());
+    const std::set<std::string> disabledStates(info.disabledStates.begin(), info.disabledStates.end());
     return {{"bundleName", info.bundleName},           {"uid", info.uid},
             {"permissionGroup", info.permissionGroup}, {"checkedState", info.checkedState},
             {"shownStates", info.shownStates},         {"disabledStates", disabledStates},
             {"disabledReason", info.disabledReason},   {"flags", info.flags}};
 }
 
-void Print(const Program& program, std::vector<AppPermissionGroupInfo>& infos)
+void RunList(const Program& program, const ListOptions& options)
 {
-    std::sort(infos.begin(), infos.end(), [](const AppPermissionGroupInfo& left, const AppPermissionGroupInfo& right) {
+    const std::unordered_set<std::string> interested(options.interested.begin(), options.interested.end());
+    CheckLength(options.filter, interested.size(), options.maxNames);
+    const RemoteService service(program.service);
+    auto infos = service.List<AppPermissionGroupInfo>(options.request, options.name, options.userId, interested);
+    std::sort(infos.begin(), infos.end(), [](const auto& left, const auto& right) {
         return std::tie(left.bundleName, left.uid, left.permissionGroup) <
                std::tie(right.bundleName, right.uid, right.permissionGroup);
     });
-    PrintRecords(program.output, infos, {"APP", "UID", "GROUP", "STATE", "FLAGS", "CHOICES (DISABLED)", "REASON"},
-                 ToRow, GroupToJson);
-}
-
-void RunByApp(const Program& program, const ListOptions& options)
-{
-    const std::unordered_set<std::string> groups(options.interested.begin(), options.interested.end());
-    CheckLength("--group", groups.size(), Contract::MAX_INTERESTED_PERMISSION_GROUPS_SIZE);
-    const RemoteService service(program.service);
-    std::vector<AppPermissionGroupInfo> infos;
-    service.Check(service->GetAppPermissionGroupInfosByApp(options.name, options.userId, groups, infos), infos);
-    Print(program, infos);
-}
-
-void RunByPermission(const Program& program, const ListOptions& options)
-{
-    const std::unordered_set<std::string> bundles(options.interested.begin(), options.interested.end());
-    CheckLength("--bundle", bundles.size(), Contract::MAX_INTERESTED_BUNDLE_NAMES_SIZE);
-    const RemoteService service(program.service);
-    std::vector<AppPermissionGroupInfo> infos;
-    service.Check(service->GetAppPermissionGroupInfosByPermission(options.name, options.userId, bundles, infos), infos);
-    Print(program, infos);
+    const Columns columns = {{"APP", "bundleName"},           {"UID", "uid"},
+                             {"GROUP", "permissionGroup"},    {"STATE", "checkedState"},
+                             {"FLAGS", "flags", FormatFlags}, {"CHOICES (DISABLED)", "", FormatChoices},
+                             {"REASON", "disabledReason"}};
+    PrintRecords(program.output, infos, columns, GroupToJson);
 }
 
 int32_t FindUid(const RemoteService& service, const SetOptions& options)
 {
-    std::vector<AppPermissionGroupInfo> infos;
-    service.Check(service->GetAppPermissionGroupInfosByApp(options.bundleName, options.userId, {}, infos), infos);
+    const std::unordered_set<std::string> all;
+    const auto infos = service.List<AppPermissionGroupInfo>(&Interface::GetAppPermissionGroupInfosByApp,
+                                                            options.bundleName, options.userId, all);
     if (infos.empty()) {
         throw Failure(EXIT_USAGE,
                       options.bundleName + " holds no permission group; to ask all the same, give its --uid");
@@ -115,16 +109,14 @@ void RunSet(const Program& program, const SetOptions& options)
     bool isChanged = false;
     service.Check(service->SetAppPermissionGroupCheckedState(options.bundleName, uid, options.permissionGroup,
                                                              options.parameter, isChanged));
-    if (program.output.isJson) {
-        PrintJson(program.output, {{"bundleName", options.bundleName},
-                                   {"uid", uid},
-                                   {"permissionGroup", options.permissionGroup},
-                                   {"checkedState", options.parameter.checkedState},
-                                   {"changed", isChanged}});
-    } else {
-        PrintLine(VisibleText(options.bundleName + " (uid " + std::to_string(uid) + ") " + options.permissionGroup +
-                              ": " + options.parameter.checkedState + (isChanged ? "" : ", as it was before")));
-    }
+    PrintResult(program.output,
+                {{"bundleName", options.bundleName},
+                 {"uid", uid},
+                 {"permissionGroup", options.permissionGroup},
+                 {"checkedState", options.parameter.checkedState},
+                 {"changed", isChanged}},
+                options.bundleName + " (uid " + std::to_string(uid) + ") " + options.permissionGroup + ": " +
+                    options.parameter.checkedState + (isChanged ? "" : ", as it was before"));
 }
 
 }  // namespace
@@ -134,15 +126,20 @@ void AddGroupsCommands(CLI::App& app, const Program& program)
     CLI::App* groups = app.add_subcommand("groups", "Permission groups: by-app, by-permission, set");
     groups->require_subcommand(1);
 
-    const auto [byApp, appOptions] =
-        AddCommand(*groups, program, "by-app", "The permission groups of an app", RunByApp);
+    const auto [byApp, appOptions] = AddCommand(*groups, program, "by-app", "The permission groups of an app", RunList);
+    appOptions->request = &Interface::GetAppPermissionGroupInfosByApp;
+    appOptions->filter = "--group";
+    appOptions->maxNames = Contract::MAX_INTERESTED_PERMISSION_GROUPS_SIZE;
     AddOption(*byApp, "BUNDLE", appOptions->name, " ", "The app, as com.example.camera");
     AddOption(*byApp, "--user", appOptions->userId, "N", "For which user [100]");
     AddOption(*byApp, "--group", appOptions->interested, "GROUP", "Only this group; may be repeated [all]");
     byApp->footer("\nExample:\n  security-privacy-cli groups by-app com.example.camera --group CAMERA --user 101");
 
     const auto [byPermission, permissionOptions] =
-        AddCommand(*groups, program, "by-permission", "The apps that hold a permission group", RunByPermission);
+        AddCommand(*groups, program, "by-permission", "The apps that hold a permission group", RunList);
+    permissionOptions->request = &Interface::GetAppPermissionGroupInfosByPermission;
+    permissionOptions->filter = "--bundle";
+    permissionOptions->maxNames = Contract::MAX_INTERESTED_BUNDLE_NAMES_SIZE;
     AddOption(*byPermission, "GROUP", permissionOptions->name, " ", "The permission group, as LOCATION");
     AddOption(*byPermission, "--user", permissionOptions->userId, "N", "For which user [100]");
     AddOption(*byPermission, "--bundle", permissionOptions->interested, "BUNDLE",

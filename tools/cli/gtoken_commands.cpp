@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <charconv>
 #include <cstdint>
+#include <optional>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "cli/failure.h"
 #include "cli/output.h"
 #include "cli/program.h"
 #include "cli/remote_service.h"
+#include "cli/whole_number.h"
 #include "common/json_input.h"
 #include "security_privacy/contract.h"
 #include "security_privacy/gtoken_info.h"
@@ -39,18 +39,17 @@ struct BundlesOptions {
 
 GTokenPolicy ParsePolicy(const std::string& text)
 {
-    const size_t equals = text.rfind('=');
     GTokenPolicy policy;
-    if (equals != std::string::npos && equals != 0) {
-        const char* end = text.data() + text.size();
-        const auto [stop, error] = std::from_chars(text.data() + equals + 1, end, policy.policyValue);
-        if (error == std::errc() && stop == end) {
-            policy.policyName = text.substr(0, equals);
-            return policy;
-        }
+    const size_t equals = text.rfind('=');
+    const std::optional<int64_t> value =
+        equals != std::string::npos ? ParseWhole<int64_t>(text.substr(equals + 1)) : std::nullopt;
+    if (!value || equals == 0) {
+        throw Failure(EXIT_USAGE,
+                      "--policy: \"" + VisibleText(text) + "\" is not NAME=VALUE with a whole number as the value");
     }
-    throw Failure(EXIT_USAGE,
-                  "--policy: \"" + VisibleText(text) + "\" is not NAME=VALUE with a whole number as the value");
+    policy.policyName = text.substr(0, equals);
+    policy.policyValue = *value;
+    return policy;
 }
 
 std::string ReadFingerprint(const std::string& path)
@@ -96,13 +95,10 @@ GTokenInfo MakeInfo(const AddPolicyOptions& options)
     return info;
 }
 
-void ReportCount(const Program& program, const char* done, size_t count)
+void ReportCount(const Program& program, const std::string& done, size_t count)
 {
-    if (program.output.isJson) {
-        PrintJson(program.output, {{done, count}});
-    } else {
-        PrintLine(std::string(done) + ": " + std::to_string(count) + (count == 1 ? " bundle" : " bundles"));
-    }
+    PrintResult(program.output, {{done, count}},
+                done + ": " + std::to_string(count) + (count == 1 ? " bundle" : " bundles"));
 }
 
 void RunAdd(const Program& program, const AddPolicyOptions& options)
@@ -121,17 +117,16 @@ void RunGet(const Program& program, const BundlesOptions& options)
     const GTokenResultWithRet result = service->GTokenPolicyGetPolicy(options.policyName, options.bundleNames);
     service.Check(result.ret, result.gTokenResults);
     // The rows carry the bundles' fingerprints; they are nobody's business here.
-    const std::string& policy = options.policyName;
-    const auto toRow = [&policy](const GTokenResult& row) {
-        return TableRow{row.bundleName, std::to_string(row.versionCode), policy, std::to_string(row.policyValue)};
+    const auto toJson = [&options](const GTokenResult& row) {
+        return Json{{"bundleName", row.bundleName},
+                    {"versionCode", row.versionCode},
+                    {"policyName", options.policyName},
+                    {"policyValue", row.policyValue}};
     };
-    const auto toJson = [&policy](const GTokenResult& row) {
-        return nlohmann::ordered_json{{"bundleName", row.bundleName},
-                                      {"versionCode", row.versionCode},
-                                      {"policyName", policy},
-                                      {"policyValue", row.policyValue}};
-    };
-    PrintRecords(program.output, result.gTokenResults, {"BUNDLE", "VERSION", "POLICY", "VALUE"}, toRow, toJson);
+    PrintRecords(
+        program.output, result.gTokenResults,
+        {{"BUNDLE", "bundleName"}, {"VERSION", "versionCode"}, {"POLICY", "policyName"}, {"VALUE", "policyValue"}},
+        toJson);
 }
 
 void RunRemove(const Program& program, const BundlesOptions& options)

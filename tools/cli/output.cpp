@@ -34,60 +34,86 @@ size_t TakeCharacter(std::string_view& text)
     return width < 0 ? 1 : static_cast<size_t>(width);
 }
 
-std::string Dump(const OutputOptions& options, const nlohmann::ordered_json& value)
+std::string Dump(const OutputOptions& options, const Json& value)
 {
-    return value.dump(options.isCompact ? -1 : 2, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
+    return value.dump(options.isCompact ? -1 : 2, ' ', true, Json::error_handler_t::replace);
+}
+
+std::string CellText(const Column& column, const Json& object)
+{
+    if (column.format == nullptr) {
+        return Text(object, column.member);
+    }
+    return column.format(column.member.empty() ? object : Member(object, column.member));
 }
 
 }  // namespace
 
-void PrintTable(const TableRow& headings, size_t count, const std::function<TableRow(size_t)>& makeRow)
+const Json& Member(const Json& object, const std::string& name)
+{
+    static const Json nothing;
+    const auto member = object.find(name);
+    return member != object.end() ? *member : nothing;
+}
+
+std::string Text(const Json& object, const std::string& name)
+{
+    const Json& member = Member(object, name);
+    return member.is_string() ? member.get<std::string>() : member.dump();
+}
+
+void PrintRow(const Columns& columns, const Json& object)
+{
+    std::string line;
+    for (const Column& column : columns) {
+        const std::string text = object.is_null() ? column.heading : CellText(column, object);
+        line += Padded(VisibleText(text), column.width) + std::string(GAP, ' ');
+    }
+    PrintLine(std::string_view(line).substr(0, line.find_last_not_of(' ') + 1));
+}
+
+void PrintTable(Columns columns, size_t count, const MakeObject& makeObject)
 {
     if (count == 0) {
         PrintLine("none");
         return;
     }
-    std::vector<size_t> widths;
-    for (const std::string& heading : headings) {
-        widths.push_back(heading.size());
+    for (Column& column : columns) {
+        column.width = column.heading.size();
     }
-    for (size_t index = 0; index < count; ++index) {
-        const TableRow row = makeRow(index);
-        for (size_t column = 0; column < row.size(); ++column) {
-            widths[column] = std::max(widths[column], std::min(DisplayWidth(VisibleText(row[column])), MAX_COLUMN));
+    for (size_t row = 0; row < count; ++row) {
+        const Json object = makeObject(row);
+        for (Column& column : columns) {
+            const size_t width = DisplayWidth(VisibleText(CellText(column, object)));
+            column.width = std::max(column.width, std::min(width, MAX_COLUMN));
         }
     }
-    const auto printRow = [&widths](const TableRow& row) {
-        std::string line;
-        for (size_t column = 0; column < row.size(); ++column) {
-            line += Padded(VisibleText(row[column]), widths[column]) + std::string(GAP, ' ');
-        }
-        PrintLine(std::string_view(line).substr(0, line.find_last_not_of(' ') + 1));
-    };
-    printRow(headings);
-    for (size_t index = 0; index < count; ++index) {
-        printRow(makeRow(index));
+    PrintRow(columns, Json());
+    for (size_t row = 0; row < count; ++row) {
+        PrintRow(columns, makeObject(row));
     }
 }
 
-void PrintJson(const OutputOptions& options, const nlohmann::ordered_json& value)
+void PrintJson(const OutputOptions& options, const Json& value)
 {
     PrintLine(Dump(options, value));
 }
 
-void PrintJsonList(const OutputOptions& options, size_t count,
-                   const std::function<nlohmann::ordered_json(size_t)>& makeItem)
+void PrintJsonList(const OutputOptions& options, size_t count, const MakeObject& makeObject)
 {
-    const char* lineBreak = options.isCompact ? "" : "\n";
-    std::fputs("[", stdout);
+    const std::string_view end = options.isCompact ? "]" : "\n]";
     for (size_t index = 0; index < count; ++index) {
-        std::string item = (index == 0 ? "" : ",") + (lineBreak + Dump(options, makeItem(index)));
-        for (size_t at = 0; !options.isCompact && (at = item.find('\n', at)) != std::string::npos; at += 3) {
-            item.insert(at + 1, "  ");
-        }
-        std::fwrite(item.data(), 1, item.size(), stdout);
+        // A list of this one alone, without its end. All but the first take a comma in the place of its beginning.
+        std::string item = Dump(options, Json::array({makeObject(index)}));
+        item.front() = index == 0 ? '[' : ',';
+        std::fwrite(item.data(), 1, item.size() - end.size(), stdout);
     }
-    PrintLine(count == 0 ? "]" : std::string(lineBreak) + "]");
+    PrintLine(count == 0 ? "[]" : end);
+}
+
+void PrintResult(const OutputOptions& options, const Json& json, const std::string& text)
+{
+    PrintLine(options.isJson ? Dump(options, json) : VisibleText(text));
 }
 
 void PrintLine(std::string_view text)
@@ -133,15 +159,11 @@ std::string Padded(std::string text, size_t width)
 
 size_t OutputWidth()
 {
-    winsize size = {};
-    size_t width = 0;
-    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) {
-        width = size.ws_col;
-    }
-    if (width == 0) {
-        const char* columns = std::getenv("COLUMNS");
-        width = columns != nullptr ? std::strtoul(columns, nullptr, 10) : 0;
-    }
+    winsize size = {};  // stays 0 where there is no terminal
+    ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size);
+    const char* columns = std::getenv("COLUMNS");
+    const size_t inPipe = columns != nullptr ? std::strtoul(columns, nullptr, 10) : 0;
+    const size_t width = size.ws_col != 0 ? size.ws_col : inPipe;
     return width == 0 ? DEFAULT_WIDTH : std::min(width, MAX_WIDTH);
 }
 

@@ -85,9 +85,6 @@ public:
         return call_.status;
     }
 
-    bool IsProxyObject() const override { return object_->IsProxyObject(); }
-    bool IsObjectDead() const override { return object_->IsObjectDead(); }
-
 private:
     Call& call_;
     const VARN::sptr<VARN::IRemoteObject> object_;
@@ -108,16 +105,16 @@ RemoteService::RemoteService(const ServiceOptions& options) : isVerbose_(options
     }
     VARN::Host::SetLogLevel(isVerbose_ ? VARN::LOG_LEVEL_DEBUG : VARN::LOG_LEVEL_WARN);
     if (!isVerbose_) {
-        VARN::Host::SetLogSink([this](const VARN::Host::LogLine& line) {
+        VARN::Host::SetLogSink([lastLine = lastLine_](const VARN::Host::LogLine& line) {
             // The library's lines follow from the platform's, which say what really happened.
             if (line.tag == "VARN") {
-                lastLine_ = line.text;
+                *lastLine = line.text;
             }
         });
     }
     const auto start = steady_clock::now();
     const Contract::ConnectResult found = Contract::Connect(options.waitSeconds);
-    finding_ = steady_clock::now() - start;
+    call_.finding = steady_clock::now() - start;
     if (found.service == nullptr) {
         throw Failure(EXIT_UNREACHABLE, "cannot reach the service: " + Reason() +
                                             "\nStart security-privacy-service, or name the folder of its socket with "
@@ -129,11 +126,6 @@ RemoteService::RemoteService(const ServiceOptions& options) : isVerbose_(options
     if (service_ == nullptr) {
         throw std::bad_alloc();
     }
-}
-
-RemoteService::SinkReset::~SinkReset()
-{
-    VARN::Host::SetLogSink(nullptr);
 }
 
 void RemoteService::CheckAnswer() const
@@ -182,7 +174,7 @@ std::string RemoteService::Reason() const
     if (isVerbose_) {
         return "see the log lines above";
     }
-    return lastLine_.empty() ? "no reason was logged" : lastLine_;
+    return lastLine_->empty() ? "no reason was logged" : *lastLine_;
 }
 
 }  // namespace SecurityPrivacyTools

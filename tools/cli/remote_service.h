@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,7 @@ std::string ServiceDirectory(const ServiceOptions& options);
 
 // What is known of the last call.
 struct Call {
+    std::chrono::nanoseconds finding{0};  // how long it took to find the service
     bool isSent = false;
     int32_t status = 0;  // 0, the service's status, or an IpcCode
     size_t replyBytes = 0;
@@ -58,25 +60,30 @@ public:
         CheckRecords(records.size());
     }
 
+    // Sends a request that brings records: a member function of the interface whose last argument they are.
+    template <class Record, class Request, class... Arguments>
+    std::vector<Record> List(Request request, const Arguments&... arguments) const
+    {
+        std::vector<Record> records;
+        const int32_t result = (service_.Get()->*request)(arguments..., records);
+        Check(result, records);
+        return records;
+    }
+
     // Throws Failure unless there was an answer, whatever it says.
     void CheckAnswer() const;
 
     const Call& LastCall() const { return call_; }
-    std::chrono::nanoseconds FindingTime() const { return finding_; }
 
 private:
     class WatchedObject;
-    struct SinkReset {
-        ~SinkReset();
-    };
 
     void CheckRecords(size_t count) const;
     std::string Reason() const;
 
     const bool isVerbose_;
-    std::string lastLine_;
-    SinkReset sinkReset_;  // after what the sink writes to, so that it goes first
-    std::chrono::nanoseconds finding_{0};
+    // The sink has a share of it: log lines may come when this object is gone.
+    const std::shared_ptr<std::string> lastLine_ = std::make_shared<std::string>();
     Call call_;
     VARN::sptr<Interface> service_;
 };

@@ -26,15 +26,12 @@
 namespace SecurityPrivacyTools {
 namespace {
 
-using Json = nlohmann::ordered_json;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::SECURITY_PRIVACY_SA_ID;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery;
 using MessageCode = RemoteService::Interface::MessageCode;
 
 constexpr int32_t MAX_PINGS = 1000000;
-constexpr double MICROSECONDS_PER_MILLISECOND = 1000;
-
 constexpr int ANSWER_TIMEOUT_MS = 8000;
 
 struct PingOptions {
@@ -74,16 +71,12 @@ void RunPing(const Program& program, const PingOptions& options)
         service->GetPermissionUsageTimeline(query, records);
         // Whatever the service thinks of the query: it has answered.
         service.CheckAnswer();
-        const double finding = Milliseconds(service.FindingTime());
-        const double answering = Milliseconds(service.LastCall().answering);
-        if (program.output.isJson) {
-            PrintJson(program.output, {{"name", name},
-                                       {"findingMs", finding},
-                                       {"answeringMs", answering},
-                                       {"status", service.LastCall().status}});
-        } else {
-            PrintLine(name + ": found in " + Decimal(finding) + " ms, answered in " + Decimal(answering) + " ms");
-        }
+        const Call& call = service.LastCall();
+        const double finding = Milliseconds(call.finding);
+        const double answering = Milliseconds(call.answering);
+        PrintResult(program.output,
+                    {{"name", name}, {"findingMs", finding}, {"answeringMs", answering}, {"status", call.status}},
+                    name + ": found in " + Decimal(finding) + " ms, answered in " + Decimal(answering) + " ms");
     }
 }
 
@@ -104,10 +97,14 @@ public:
             const bool isRefused = errno == EACCES || errno == EPERM;
             Fail(isRefused ? EXIT_REFUSED : EXIT_UNREACHABLE, std::strerror(errno));
         }
+        status_ = Next(ANSWER_TIMEOUT_MS);
     }
 
+    // What the service said first.
+    const Json& Status() const { return status_; }
+
     // The next line. Throws Failure at the end, and when none is whole within the time (negative: for ever).
-    Json Next(int timeoutMs)
+    Json Next(int timeoutMs = -1)
     {
         constexpr size_t MAX_LINE = size_t{1024} * 1024;
         // Against a document so deep that printing it would overflow the stack.
@@ -118,19 +115,20 @@ public:
             char bytes[4096];
             const ssize_t count =
                 ::poll(&waiting, 1, timeoutMs) > 0 ? ::recv(socket_, bytes, sizeof(bytes), 0) : ssize_t{-1};
-            if (count <= 0 || unread_.size() > MAX_LINE) {
-                Fail(count == 0 && !isBegun_ ? EXIT_REFUSED : EXIT_BROKEN,
-                     count == 0 ? "the service has ended the connection"
-                                : "the service took too long, or said too much");
+            if (count == 0) {
+                // Before anything was said it is the way to turn a user away.
+                Fail(status_.is_null() ? EXIT_REFUSED : EXIT_BROKEN, "the service has ended the connection");
+            }
+            if (count < 0 || unread_.size() > MAX_LINE) {
+                Fail(EXIT_BROKEN, "the service took too long, or said too much");
             }
             unread_.append(bytes, static_cast<size_t>(count));
         }
-        isBegun_ = true;
         bool isFlat = true;
         const auto check = [&isFlat](int depth, Json::parse_event_t, Json&) {
             return isFlat = isFlat && depth <= MAX_DEPTH;
         };
-        Json line = Json::parse(unread_.begin(), unread_.begin() + static_cast<std::ptrdiff_t>(end), check, false);
+        Json line = Json::parse(unread_.substr(0, end), check, false);
         unread_.erase(0, end + 1);
         if (!isFlat || !line.is_object()) {
             Fail(EXIT_BROKEN, "a line makes no sense");
@@ -148,25 +146,12 @@ private:
     const std::string path_;
     const int socket_;  // the process has no other and ends with it
     std::string unread_;
-    bool isBegun_ = false;
+    Json status_;
 };
 
-Json Member(const Json& object, const char* key)
+int64_t Number(const Json& value)
 {
-    const auto member = object.find(key);
-    return member != object.end() ? *member : Json();
-}
-
-std::string Text(const Json& object, const char* key)
-{
-    const Json member = Member(object, key);
-    return member.is_string() ? member.get<std::string>() : member.dump();
-}
-
-int64_t Number(const Json& object, const char* key)
-{
-    const Json member = Member(object, key);
-    return member.is_number_integer() ? member.get<int64_t>() : 0;
+    return value.is_number_integer() ? value.get<int64_t>() : 0;
 }
 
 // A table of objects, with the members of the first one as columns.
@@ -175,31 +160,25 @@ void PrintObjects(const Json& objects)
     if (!objects.is_array() || objects.empty()) {
         return;
     }
-    TableRow headings;
+    Columns columns;
     for (const auto& [key, value] : objects.front().items()) {
-        headings.push_back(key);
+        columns.push_back({key, key});
     }
     PrintLine("");
-    PrintTable(headings, objects.size(), [&](size_t index) {
-        TableRow row;
-        for (const std::string& heading : headings) {
-            row.push_back(Text(objects[index], heading.c_str()));
-        }
-        return row;
-    });
+    PrintTable(columns, objects.size(), [&objects](size_t index) { return objects[index]; });
 }
 
 void RunStatus(const Program& program, const StatusOptions& /*options*/)
 {
-    const Json status = StatusStream(program.service).Next(ANSWER_TIMEOUT_MS);
+    const Json status = StatusStream(program.service).Status();
     if (program.output.isJson) {
         PrintJson(program.output, status);
         return;
     }
     PrintLine(VisibleText(Text(status, "service") + " " + Text(status, "version") + ", process " + Text(status, "pid") +
-                          ", up " + FormatSpan(Number(status, "startedAt"), Number(status, "time"))));
+                          ", up " + FormatSpan(Number(Member(status, "startedAt")), Number(Member(status, "time")))));
     PrintObjects(Member(status, "requests"));
-    const Json server = Member(status, "server");
+    const Json& server = Member(status, "server");
     PrintLine("");
     for (const auto& [key, value] : server.items()) {
         if (!value.is_structured()) {
@@ -214,44 +193,30 @@ bool IsWanted(const Json& request, const MonitorOptions& options)
     const auto contains = [](const auto& wanted, const auto& value) {
         return wanted.empty() || std::find(wanted.begin(), wanted.end(), value) != wanted.end();
     };
-    return contains(options.names, Text(request, "name")) && contains(options.uids, Number(request, "uid"));
+    return contains(options.names, Text(request, "name")) && contains(options.uids, Number(Member(request, "uid")));
 }
 
-void PrintMonitorLine(const TableRow& cells)
+std::string ExactTime(const Json& time)
 {
-    constexpr size_t WIDTHS[] = {23, 10, 8, 44, 9, 9, 6, 0};
-    std::string line;
-    for (size_t index = 0; index < cells.size(); ++index) {
-        line += Padded(VisibleText(cells[index]), WIDTHS[index]) + (WIDTHS[index] == 0 ? "" : "  ");
-    }
-    PrintLine(line);
-}
-
-TableRow ToMonitorLine(const Json& request)
-{
-    const int64_t time = Number(request, "time");
     char milliseconds[8];
-    std::snprintf(milliseconds, sizeof(milliseconds), ".%03d", static_cast<int>(std::abs(time % SECOND)));
-    return {FormatTime(time) + milliseconds,
-            Text(request, "uid"),
-            Text(request, "pid"),
-            Text(request, "name"),
-            Text(request, "bytesIn"),
-            Text(request, "bytesOut"),
-            Text(request, "status"),
-            Decimal(static_cast<double>(Number(request, "durationUs")) / MICROSECONDS_PER_MILLISECOND)};
+    std::snprintf(milliseconds, sizeof(milliseconds), ".%03d", static_cast<int>(std::abs(Number(time) % SECOND)));
+    return FormatTime(Number(time)) + milliseconds;
 }
 
 void RunMonitor(const Program& program, const MonitorOptions& options)
 {
+    const auto toMilliseconds = [](const Json& time) { return Decimal(static_cast<double>(Number(time)) / 1000); };
+    const Columns columns = {{"TIME", "time", ExactTime, 23},     {"UID", "uid", nullptr, 10},
+                             {"PID", "pid", nullptr, 8},          {"REQUEST", "name", nullptr, 44},
+                             {"BYTES IN", "bytesIn", nullptr, 9}, {"BYTES OUT", "bytesOut", nullptr, 9},
+                             {"STATUS", "status", nullptr, 6},    {"MS", "durationUs", toMilliseconds}};
     StatusStream stream(program.service);
-    stream.Next(ANSWER_TIMEOUT_MS);
     if (!program.output.isJson) {
-        PrintMonitorLine({"TIME", "UID", "PID", "REQUEST", "BYTES IN", "BYTES OUT", "STATUS", "MS"});
+        PrintRow(columns, Json());
     }
     for (int64_t shown = 0; options.count == 0 || shown < options.count;) {
         FinishOutput();
-        const Json request = stream.Next(-1);
+        const Json request = stream.Next();
         const bool isGap = request.contains("lost");
         if (!isGap && !IsWanted(request, options)) {
             continue;
@@ -262,7 +227,7 @@ void RunMonitor(const Program& program, const MonitorOptions& options)
             PrintLine(
                 VisibleText("lost: " + Text(request, "lost") + " requests, which came faster than they were read"));
         } else {
-            PrintMonitorLine(ToMonitorLine(request));
+            PrintRow(columns, request);
         }
         shown += isGap ? 0 : 1;
     }

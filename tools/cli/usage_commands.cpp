@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
-#include <cstdio>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <tuple>
 #include <vector>
 
@@ -15,6 +12,7 @@
 #include "cli/program.h"
 #include "cli/remote_service.h"
 #include "cli/time_text.h"
+#include "cli/whole_number.h"
 #include "common/usage_codes.h"
 #include "security_privacy/contract.h"
 #include "security_privacy/permission_usage_record.h"
@@ -41,29 +39,19 @@ struct UsageOptions {
     bool isChart = false;
 };
 
-int ParseUsageCode(const char* option, const UsageCodes& codes, const std::string& text)
-{
-    if (const auto code = FindUsageCode(codes, text)) {
-        return *code;
-    }
-    int number = 0;
-    const char* end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc() || stop != end) {
-        throw Failure(EXIT_USAGE, std::string(option) + ": \"" + VisibleText(text) + "\" is none of " +
-                                      UsageCodeNames(codes) + ", nor a number");
-    }
-    return number;
-}
-
 std::vector<int> ParseUsageCodes(const char* option, const UsageCodes& codes, const std::vector<std::string>& texts)
 {
+    CheckLength(option, texts.size(), MAX_QUERY_LIST_SIZE);
     std::vector<int> numbers;
-    numbers.reserve(texts.size());
     for (const std::string& text : texts) {
-        numbers.push_back(ParseUsageCode(option, codes, text));
+        const std::optional<int> code = FindUsageCode(codes, text);
+        const std::optional<int> number = code ? code : ParseWhole<int>(text);
+        if (!number) {
+            throw Failure(EXIT_USAGE, std::string(option) + ": \"" + VisibleText(text) + "\" is none of " +
+                                          UsageCodeNames(codes) + ", nor a number");
+        }
+        numbers.push_back(*number);
     }
-    CheckLength(option, numbers.size(), MAX_QUERY_LIST_SIZE);
     return numbers;
 }
 
@@ -105,7 +93,7 @@ PermissionUsageRecordQuery MakeQuery(const UsageOptions& options)
     return query;
 }
 
-nlohmann::ordered_json UsageToJson(const PermissionUsageRecord& record)
+Json UsageToJson(const PermissionUsageRecord& record)
 {
     return {{"bundleName", record.GetBundleName()},         {"uid", record.GetUid()},
             {"operationGroup", record.GetOperationGroup()}, {"times", record.GetTimes()},
@@ -114,40 +102,32 @@ nlohmann::ordered_json UsageToJson(const PermissionUsageRecord& record)
             {"endTimestamp", record.GetEndTimestamp()}};
 }
 
-// The columns that both tables share.
-TableRow DescribeUse(const PermissionUsageRecord& record)
+std::string TimeText(const Json& time)
 {
-    return {record.GetBundleName(),
-            std::to_string(record.GetUid()),
-            record.GetOperationGroup(),
-            std::to_string(record.GetTimes()),
-            UsageCodeName(OperationModes(), record.GetOperationMode()),
-            UsageCodeName(AppStates(), record.GetAppState()),
-            UsageCodeName(ScreenStates(), record.GetScreenState())};
+    return FormatTime(time);
 }
 
-TableRow ToSummaryRow(const PermissionUsageRecord& record)
+// A timeline shows all but the last two, a summary all but the first two.
+Columns UsageColumns()
 {
-    TableRow row = DescribeUse(record);
-    row.push_back(FormatTime(record.GetBeginTimestamp()));
-    row.push_back(FormatTime(record.GetEndTimestamp()));
-    return row;
-}
-
-TableRow ToTimelineRow(const PermissionUsageRecord& record)
-{
-    TableRow row = DescribeUse(record);
-    row.insert(row.begin(), {FormatTime(record.GetBeginTimestamp()),
-                             FormatSpan(record.GetBeginTimestamp(), record.GetEndTimestamp())});
-    return row;
+    return {{"BEGIN", "beginTimestamp", TimeText},
+            {"FOR", "", [](const Json& use) { return FormatSpan(use["beginTimestamp"], use["endTimestamp"]); }},
+            {"APP", "bundleName"},
+            {"UID", "uid"},
+            {"GROUP", "operationGroup"},
+            {"TIMES", "times"},
+            {"MODE", "operationMode", [](const Json& mode) { return UsageCodeName(OperationModes(), mode); }},
+            {"APP STATE", "appState", [](const Json& state) { return UsageCodeName(AppStates(), state); }},
+            {"SCREEN", "screenState", [](const Json& state) { return UsageCodeName(ScreenStates(), state); }},
+            {"FIRST", "beginTimestamp", TimeText},
+            {"LAST", "endTimestamp", TimeText}};
 }
 
 void RunSummary(const Program& program, const UsageOptions& options)
 {
     const PermissionUsageRecordQuery query = MakeQuery(options);
     const RemoteService service(program.service);
-    std::vector<PermissionUsageRecord> records;
-    service.Check(service->GetPermissionUsageSummary(query, records), records);
+    auto records = service.List<PermissionUsageRecord>(&RemoteService::Interface::GetPermissionUsageSummary, query);
     if (!options.isNewestFirst) {
         // Stable: what is equal here stays in the service's order, oldest first.
         std::stable_sort(records.begin(), records.end(), [](const auto& left, const auto& right) {
@@ -155,9 +135,8 @@ void RunSummary(const Program& program, const UsageOptions& options)
                    std::forward_as_tuple(right.GetBundleName(), right.GetUid(), right.GetOperationGroup());
         });
     }
-    PrintRecords(program.output, records,
-                 {"APP", "UID", "GROUP", "TIMES", "MODE", "APP STATE", "SCREEN", "FIRST", "LAST"}, ToSummaryRow,
-                 UsageToJson);
+    const Columns columns = UsageColumns();
+    PrintRecords(program.output, records, Columns(columns.begin() + 2, columns.end()), UsageToJson);
 }
 
 void RunTimeline(const Program& program, const UsageOptions& options)
@@ -167,15 +146,14 @@ void RunTimeline(const Program& program, const UsageOptions& options)
     }
     const PermissionUsageRecordQuery query = MakeQuery(options);
     const RemoteService service(program.service);
-    std::vector<PermissionUsageRecord> records;
-    service.Check(service->GetPermissionUsageTimeline(query, records), records);
+    const auto records =
+        service.List<PermissionUsageRecord>(&RemoteService::Interface::GetPermissionUsageTimeline, query);
     if (options.isChart && !records.empty()) {
         PrintChart(records, {query.GetBeginTimestamp(), query.GetEndTimestamp(), OutputWidth(), IsColoured()});
-    } else {
-        PrintRecords(program.output, records,
-                     {"BEGIN", "FOR", "APP", "UID", "GROUP", "TIMES", "MODE", "APP STATE", "SCREEN"}, ToTimelineRow,
-                     UsageToJson);
+        return;
     }
+    const Columns columns = UsageColumns();
+    PrintRecords(program.output, records, Columns(columns.begin(), columns.end() - 2), UsageToJson);
 }
 
 void AddFilters(CLI::App& command, UsageOptions& options)
