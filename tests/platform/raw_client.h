@@ -53,14 +53,31 @@ inline ssize_t SendDescriptor(int socket, std::string bytes, int descriptor)
     return ::sendmsg(socket, &message, MSG_NOSIGNAL);
 }
 
+// A socket that speaks bytes, for what an honest peer would never send. It closes its descriptor.
 class RawSocket {
 public:
     explicit RawSocket(const std::string& path) { std::memcpy(address_.sun_path, path.c_str(), path.size()); }
+    explicit RawSocket(int accepted) : fd_(accepted) {}
     ~RawSocket() { ::close(fd_); }
     RawSocket(const RawSocket&) = delete;
     RawSocket& operator=(const RawSocket&) = delete;
 
     int GetFd() const { return fd_; }
+
+    // Whether all of it could be sent.
+    bool Send(const std::string& bytes) const
+    {
+        return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    }
+
+    // That many bytes, or fewer when the peer ends first.
+    std::string Receive(size_t size) const
+    {
+        std::string bytes(size, '\0');
+        const ssize_t received = size == 0 ? 0 : ::recv(fd_, bytes.data(), size, MSG_WAITALL);
+        bytes.resize(received < 0 ? 0 : static_cast<size_t>(received));
+        return bytes;
+    }
 
 protected:
     const sockaddr* Address() const { return reinterpret_cast<const sockaddr*>(&address_); }
@@ -70,7 +87,6 @@ private:
     sockaddr_un address_ = {AF_UNIX, {}};
 };
 
-// A peer that speaks bytes, for what an honest client would never send.
 class RawClient : public RawSocket {
 public:
     explicit RawClient(const std::string& path)
@@ -79,36 +95,6 @@ public:
     }
 
     bool IsConnected() const { return isConnected_; }
-
-    // Whether all of it could be sent.
-    bool Send(const std::string& bytes) const
-    {
-        size_t sent = 0;
-        while (sent < bytes.size()) {
-            const ssize_t part = ::send(GetFd(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-            if (part <= 0) {
-                return false;
-            }
-            sent += static_cast<size_t>(part);
-        }
-        return true;
-    }
-
-    // That many bytes, or fewer when the peer ends first.
-    std::string Receive(size_t size) const
-    {
-        std::string bytes(size, '\0');
-        size_t received = 0;
-        while (received < size) {
-            const ssize_t part = ::recv(GetFd(), bytes.data() + received, size - received, 0);
-            if (part <= 0) {
-                break;
-            }
-            received += static_cast<size_t>(part);
-        }
-        bytes.resize(received);
-        return bytes;
-    }
 
 private:
     const bool isConnected_;
