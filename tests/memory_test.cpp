@@ -6,9 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "platform/raw_client.h"
 #include "support/allocation.h"
 #include "support/calls.h"
 #include "support/record_cases.h"
+#include "varn/host/ability_manager.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
@@ -173,6 +175,28 @@ TEST(Memory, ThatRunsOutLeavesARecordNullAndNamesTheClass)
         Parcel written;
         FailEach([&] { record.record->Marshalling(written); }, [](size_t) {});
     }
+}
+
+TEST(Memory, ThatRunsOutOnTheWayToAServiceFailsTheRequest)
+{
+    const std::string path = AbilityFolder() + "/4711.sock";
+    sptr<IRemoteObject> object;
+    {
+        const Host::RawServer goesAway(path);
+        object = Host::AbilityManager::Get()->LoadSystemAbility(4711, 8);
+        ASSERT_NE(nullptr, object);
+    }
+    const LogCapture log;
+    int32_t status = 0;
+    FailEach(
+        [&] {
+            MessageParcel data;
+            MessageParcel reply;
+            MessageOption option;
+            status = object->SendRequest(1, data, reply, option);
+        },
+        [&](size_t number) { EXPECT_NE(0, status) << number; });
+    EXPECT_EQ(IPC_DEAD_OBJECT, status);
 }
 
 class MemoryOfACall : public CallTest {};
