@@ -8,11 +8,10 @@
 
 #include <algorithm>
 #include <array>
-#include <iterator>
+#include <functional>
 #include <limits>
 #include <map>
 #include <string>
-#include <string_view>
 #include <tuple>
 #include <utility>
 
@@ -31,130 +30,100 @@ constexpr int32_t MAX_READ = VARN::AppSecurityPrivacy::SecurityPrivacyServer::MA
 // Sums that are kept while a summary is made: with many apps there may be more than memory should hold.
 constexpr size_t MAX_SUMS = 65536;
 
-int64_t MostRecords(const PermissionUsageRecordQuery& query)
+int32_t MostRecords(const PermissionUsageRecordQuery& query)
 {
     return query.GetLimit() == 0 ? MAX_READ : std::min(query.GetLimit(), MAX_READ);
 }
 
-int32_t CheckQuery(const PermissionUsageRecordQuery& query)
+// " AND column IN (1,2)", or nothing for a list that does not restrict.
+std::string In(const char* column, const std::vector<int>& numbers)
 {
-    if (query.GetOrder() != OLDEST_FIRST && query.GetOrder() != NEWEST_FIRST) {
-        return RESULT_BAD_ORDER;
+    std::string list;
+    for (const int number : numbers) {
+        list += (list.empty() ? "" : ",") + std::to_string(number);
     }
-    return query.GetLimit() < 0 ? RESULT_BAD_LIMIT : RESULT_OK;
+    return list.empty() ? "" : std::string(" AND ") + column + " IN (" + list + ")";
 }
 
-// " AND column IN (?,?)", or nothing for a list that does not restrict.
-template <class T>
-std::string In(const char* column, const std::vector<T>& values)
+// The same for the ids that `find` gives for each of the names. One alone makes its own index lead; with more, the plus
+// sign keeps the planner from an index in which the events do not stand in order of time.
+std::string InNamed(Connection& connection, const std::string& column, const std::vector<std::string>& names,
+                    const std::string& find)
 {
-    if (values.empty()) {
+    std::string list;
+    int count = 0;
+    for (const std::string& name : names) {
+        for (Statement rows(connection, find, name); rows.Step(); ++count) {
+            list += (list.empty() ? "" : ",") + std::to_string(rows.Integer(0));
+        }
+    }
+    if (names.empty()) {
         return "";
     }
-    std::string text = std::string(" AND ") + column + " IN (";
-    for (size_t index = 0; index < values.size(); ++index) {
-        text += index == 0 ? "?" : ",?";
-    }
-    return text + ")";
-}
-
-template <class T>
-void BindAll(Statement& statement, const std::vector<T>& values)
-{
-    for (const T& value : values) {
-        statement.Bind(value);
-    }
-}
-
-// " AND column = id" when the names stand for exactly one row.
-std::string OnlyOne(const char* column, Statement& find)
-{
-    if (!find.Step()) {
-        return " AND FALSE";
-    }
-    const std::string id = std::to_string(find.Integer(0));
-    return find.Step() ? "" : std::string(" AND ") + column + " = " + id;
+    return count == 1 ? " AND " + column + " = " + list : " AND +" + column + " IN (" + list + ")";
 }
 
 std::string Where(Connection& connection, const PermissionUsageRecordQuery& query)
 {
-    const std::string apps = In("bundle", query.GetBundleNames()) + In("user", query.GetUserIds());
-    const std::string groups = In("name", query.GetOperationGroups());
-    // The plus signs keep the planner from an index in which the events do not stand in order of time.
-    std::string where = " WHERE TRUE";
-    where += apps.empty() ? "" : " AND +usage.app IN (SELECT id FROM app WHERE TRUE" + apps + ")";
-    where += groups.empty()
-                 ? ""
-                 : " AND +usage.permission_group IN (SELECT id FROM permission_group WHERE TRUE" + groups + ")";
-    if (!query.GetBundleNames().empty()) {
-        Statement find(connection, "SELECT id FROM app WHERE TRUE" + apps + " LIMIT 2");
-        BindAll(find, query.GetBundleNames());
-        BindAll(find, query.GetUserIds());
-        where += OnlyOne("usage.app", find);
-    }
-    if (!groups.empty()) {
-        Statement find(connection, "SELECT id FROM permission_group WHERE TRUE" + groups + " LIMIT 2");
-        BindAll(find, query.GetOperationGroups());
-        where += OnlyOne("usage.permission_group", find);
-    }
-    where += In("mode", query.GetOperationModes()) + In("app_state", query.GetAppStates()) +
-             In("screen_state", query.GetScreenStates());
-    where += query.GetBeginTimestamp() != 0 ? " AND began >= ?" : "";
-    where += query.GetEndTimestamp() != 0 ? " AND began < ?" : "";
-    return where;
+    const std::string users = In("user", query.GetUserIds());
+    return " WHERE TRUE" +
+           InNamed(connection, "usage.app", query.GetBundleNames(), "SELECT id FROM app WHERE bundle = ?" + users) +
+           (users.empty() ? "" : " AND +usage.app IN (SELECT id FROM app WHERE TRUE" + users + ")") +
+           InNamed(connection, "usage.permission_group", query.GetOperationGroups(),
+                   "SELECT id FROM permission_group WHERE name = ?") +
+           In("mode", query.GetOperationModes()) + In("app_state", query.GetAppStates()) +
+           In("screen_state", query.GetScreenStates()) + (query.GetBeginTimestamp() != 0 ? " AND began >= ?" : "") +
+           (query.GetEndTimestamp() != 0 ? " AND began < ?" : "");
 }
 
-// Binds what `Where` left open.
-void BindFilters(Statement& select, const PermissionUsageRecordQuery& query)
+// Calls `use` with each event, and the columns that `more` names, until it answers another code than RESULT_OK.
+int32_t ReadEvents(Connection& connection, const PermissionUsageRecordQuery& query, const std::string& more,
+                   const std::string& order, const std::function<int32_t(const Statement&)>& use)
 {
-    BindAll(select, query.GetBundleNames());
-    BindAll(select, query.GetUserIds());
-    BindAll(select, query.GetOperationGroups());
-    BindAll(select, query.GetOperationModes());
-    BindAll(select, query.GetAppStates());
-    BindAll(select, query.GetScreenStates());
+    if (query.GetOrder() != OLDEST_FIRST && query.GetOrder() != NEWEST_FIRST) {
+        return RESULT_BAD_ORDER;
+    }
+    if (query.GetLimit() < 0) {
+        return RESULT_BAD_LIMIT;
+    }
+    Statement select(connection,
+                     "SELECT began, ended, usage.app, usage.permission_group, mode, app_state, screen_state, times" +
+                         more + Where(connection, query) + order);
     for (const int64_t bound : {query.GetBeginTimestamp(), query.GetEndTimestamp()}) {
         if (bound != 0) {
             select.Bind(bound);
         }
     }
+    int32_t result = RESULT_OK;
+    while (result == RESULT_OK && select.Step()) {
+        result = use(select);
+    }
+    return result;
 }
 
-// A record from columns in the order of the usage table, and its app's and group's names.
-PermissionUsageRecord MakeRecord(std::string_view bundle, int32_t uid, std::string_view group, const Statement& row)
+// The bundle, uid and group are columns of `names`, from `first` on.
+PermissionUsageRecord MakeRecord(const Statement& event, const Statement& names, int first)
 {
     PermissionUsageRecord record;
-    record.SetBundleName(std::string(bundle));
-    record.SetUid(uid);
-    record.SetOperationGroup(std::string(group));
-    record.SetBeginTimestamp(row.Integer(0));
-    record.SetEndTimestamp(row.Integer(1));
-    record.SetOperationMode(row.Int32(4));
-    record.SetAppState(row.Int32(5));
-    record.SetScreenState(row.Int32(6));
-    record.SetTimes(row.Int32(7));
+    record.SetBundleName(std::string(names.Text(first)));
+    record.SetUid(names.Int32(first + 1));
+    record.SetOperationGroup(std::string(names.Text(first + 2)));
+    record.SetBeginTimestamp(event.Integer(0));
+    record.SetEndTimestamp(event.Integer(1));
+    record.SetOperationMode(event.Int32(4));
+    record.SetAppState(event.Int32(5));
+    record.SetScreenState(event.Int32(6));
+    record.SetTimes(event.Int32(7));
     return record;
 }
 
-PermissionUsageRecord FirstOfSum(Connection& connection, const Statement& row)
+void AddUp(PermissionUsageRecord& sum, const Statement& event)
 {
-    Statement app(connection, "SELECT bundle, uid FROM app WHERE id = ?", row.Integer(2));
-    Statement group(connection, "SELECT name FROM permission_group WHERE id = ?", row.Integer(3));
-    app.Step();
-    group.Step();
-    return MakeRecord(app.Text(0), app.Int32(1), group.Text(0), row);
-}
-
-void AddUp(PermissionUsageRecord& sum, const Statement& row)
-{
-    const int64_t times = sum.GetTimes() + row.Integer(7);
+    const int64_t times = sum.GetTimes() + event.Integer(7);
     sum.SetTimes(static_cast<int32_t>(std::min<int64_t>(times, std::numeric_limits<int32_t>::max())));
-    sum.SetBeginTimestamp(std::min(sum.GetBeginTimestamp(), row.Integer(0)));
-    sum.SetEndTimestamp(std::max(sum.GetEndTimestamp(), row.Integer(1)));
+    sum.SetBeginTimestamp(std::min(sum.GetBeginTimestamp(), event.Integer(0)));
+    sum.SetEndTimestamp(std::max(sum.GetEndTimestamp(), event.Integer(1)));
 }
-
-constexpr const char* EVENTS =
-    "SELECT began, ended, usage.app, usage.permission_group, mode, app_state, screen_state, times";
 
 }  // namespace
 
@@ -162,24 +131,28 @@ constexpr const char* EVENTS =
 int32_t SummariseUsage(Connection& connection, const PermissionUsageRecordQuery& query,
                        std::vector<PermissionUsageRecord>& records)
 {
-    const int32_t result = CheckQuery(query);
-    if (result != RESULT_OK) {
-        return result;
-    }
-    Statement select(connection, std::string(EVENTS) + " FROM usage" + Where(connection, query));
-    BindFilters(select, query);
     std::map<std::array<int64_t, 5>, PermissionUsageRecord> sums;
-    while (select.Step()) {
-        const std::array<int64_t, 5> key{select.Integer(2), select.Integer(3), select.Integer(4), select.Integer(5),
-                                         select.Integer(6)};
+    const int32_t result = ReadEvents(connection, query, " FROM usage", "", [&](const Statement& event) {
+        const std::array<int64_t, 5> key{event.Integer(2), event.Integer(3), event.Integer(4), event.Integer(5),
+                                         event.Integer(6)};
         const auto sum = sums.find(key);
         if (sum != sums.end()) {
-            AddUp(sum->second, select);
-        } else if (sums.size() == MAX_SUMS) {
-            return RESULT_ANSWER_TOO_LONG;
-        } else {
-            sums.emplace(key, FirstOfSum(connection, select));
+            AddUp(sum->second, event);
+            return RESULT_OK;
         }
+        if (sums.size() == MAX_SUMS) {
+            return RESULT_ANSWER_TOO_LONG;
+        }
+        Statement names(
+            connection,
+            "SELECT bundle, uid, name FROM app, permission_group WHERE app.id = ? AND permission_group.id = ?", key[0],
+            key[1]);
+        names.Step();
+        sums.emplace(key, MakeRecord(event, names, 0));
+        return RESULT_OK;
+    });
+    if (result != RESULT_OK) {
+        return result;
     }
     std::vector<PermissionUsageRecord> sorted;
     for (auto& [key, sum] : sums) {
@@ -193,29 +166,23 @@ int32_t SummariseUsage(Connection& connection, const PermissionUsageRecordQuery&
     std::sort(sorted.begin(), sorted.end(),
               [&](const auto& left, const auto& right) { return place(left) < place(right); });
     sorted.resize(std::min(sorted.size(), static_cast<size_t>(MostRecords(query))));
-    std::move(sorted.begin(), sorted.end(), std::back_inserter(records));
+    records.insert(records.end(), sorted.begin(), sorted.end());
     return RESULT_OK;
 }
 
 int32_t ListUsage(Connection& connection, const PermissionUsageRecordQuery& query,
                   std::vector<PermissionUsageRecord>& records)
 {
-    const int32_t result = CheckQuery(query);
-    if (result != RESULT_OK) {
-        return result;
-    }
-    Statement select(connection, std::string(EVENTS) +
-                                     ", bundle, uid, name FROM usage CROSS JOIN app ON app.id = usage.app CROSS JOIN "
-                                     "permission_group ON permission_group.id = usage.permission_group" +
-                                     Where(connection, query) + " ORDER BY began" +
-                                     (query.GetOrder() == NEWEST_FIRST ? " DESC" : "") +
-                                     ", bundle, uid, name, mode, app_state, screen_state, usage.id LIMIT ?");
-    BindFilters(select, query);
-    select.Bind(MostRecords(query));
-    while (select.Step()) {
-        records.push_back(MakeRecord(select.Text(8), select.Int32(9), select.Text(10), select));
-    }
-    return RESULT_OK;
+    return ReadEvents(connection, query,
+                      ", bundle, uid, name FROM usage CROSS JOIN app ON app.id = usage.app "
+                      "CROSS JOIN permission_group ON permission_group.id = usage.permission_group",
+                      std::string(" ORDER BY began") + (query.GetOrder() == NEWEST_FIRST ? " DESC" : "") +
+                          ", bundle, uid, name, mode, app_state, screen_state, usage.id LIMIT " +
+                          std::to_string(MostRecords(query)),
+                      [&](const Statement& event) {
+                          records.push_back(MakeRecord(event, event, 8));
+                          return RESULT_OK;
+                      });
 }
 
 }  // namespace SecurityPrivacyTools
