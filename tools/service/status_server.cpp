@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Workers put finished requests into a queue of fixed length and wake the thread, which makes lines of them and gives
-// each watcher what its socket and a buffer of fixed length take. Whatever does not fit is counted. So memory and the
-// time that a worker spends here are bounded, however slow a watcher is.
+// A worker appends a line for its finished request to what each watcher is still to be sent, if there is room, and
+// wakes the thread, which gives the sockets what they take. Whatever does not fit is counted. So memory and the time
+// that a worker spends here are bounded, however slow a watcher is.
 #include "service/status_server.h"
 
 #include <fcntl.h>
@@ -24,7 +24,6 @@ namespace SecurityPrivacyTools {
 namespace {
 
 constexpr size_t MAX_WATCHERS = 16;
-constexpr size_t MAX_FINISHED = 4096;
 constexpr size_t MAX_PENDING_BYTES = size_t{256} * 1024;
 constexpr int BACKLOG = 16;
 constexpr mode_t OWNER_ONLY = 0600;
@@ -51,7 +50,7 @@ StatusServer::~StatusServer()
             const std::lock_guard<std::mutex> lock(mutex_);
             isStopping_ = true;
         }
-        Wake();
+        ::eventfd_write(wake_, 1);
         thread_.join();
     }
     for (const int descriptor : {listener_, wake_}) {
@@ -74,7 +73,6 @@ bool StatusServer::Start(int listener, const std::string& path)
     if (wake_ < 0) {
         return false;
     }
-    finished_.reserve(MAX_FINISHED);
     thread_ = std::thread(&StatusServer::Run, this);
     return true;
 }
@@ -99,50 +97,53 @@ bool StatusServer::Bind(const std::string& path)
     return ::listen(listener_, BACKLOG) == 0;
 }
 
-void StatusServer::Tell(const VARN::Host::Transaction& transaction) noexcept
+void StatusServer::Tell(const VARN::Host::Transaction& transaction)
 {
     if (!isWatched_.load(std::memory_order_relaxed)) {
         return;
     }
-    const int64_t time = Now();
+    const std::string line = Status::Line(Now(), transaction) + "\n";
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (finished_.size() == MAX_FINISHED) {
-        ++lost_;
-        return;
+    for (Watcher& watcher : watchers_) {
+        if (watcher.pending.size() + line.size() > MAX_PENDING_BYTES) {
+            ++watcher.lost;
+            continue;
+        }
+        // With something pending, the thread is on its way already.
+        if (watcher.pending.empty()) {
+            ::eventfd_write(wake_, 1);
+        }
+        if (watcher.lost != 0) {
+            watcher.pending += LostLine(std::exchange(watcher.lost, 0));
+        }
+        watcher.pending += line;
     }
-    finished_.push_back({time, transaction});
-    if (finished_.size() == 1) {
-        Wake();
-    }
-}
-
-void StatusServer::Wake() const
-{
-    ::eventfd_write(wake_, 1);
 }
 
 void StatusServer::Run()
 {
     for (;;) {
         std::vector<pollfd> polled{{wake_, POLLIN, 0}, {listener_, POLLIN, 0}};
-        for (const Watcher& watcher : watchers_) {
-            polled.push_back({watcher.socket, static_cast<short>(watcher.pending.empty() ? 0 : POLLOUT), 0});
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            if (isStopping_) {
+                break;
+            }
+            for (const Watcher& watcher : watchers_) {
+                polled.push_back({watcher.socket, static_cast<short>(watcher.pending.empty() ? 0 : POLLOUT), 0});
+            }
         }
         ::poll(polled.data(), polled.size(), -1);
         eventfd_t woken = 0;
         ::eventfd_read(wake_, &woken);
         {
             const std::lock_guard<std::mutex> lock(mutex_);
-            if (isStopping_) {
-                break;
-            }
-        }
-        PassOn();
-        for (size_t index = watchers_.size(); index > 0; --index) {
-            const bool hasHungUp = (polled[index + 1].revents & (POLLHUP | POLLERR)) != 0;
-            if (hasHungUp || !Flush(watchers_[index - 1])) {
-                ::close(watchers_[index - 1].socket);
-                watchers_.erase(watchers_.begin() + static_cast<std::ptrdiff_t>(index - 1));
+            for (size_t index = watchers_.size(); index > 0; --index) {
+                const bool hasHungUp = (polled[index + 1].revents & (POLLHUP | POLLERR)) != 0;
+                if (hasHungUp || !Flush(watchers_[index - 1])) {
+                    ::close(watchers_[index - 1].socket);
+                    watchers_.erase(watchers_.begin() + static_cast<std::ptrdiff_t>(index - 1));
+                }
             }
         }
         if (polled[1].revents != 0) {
@@ -169,40 +170,9 @@ void StatusServer::Accept()
     }
     // Nothing that it sends is ever taken in.
     ::shutdown(socket, SHUT_RD);
-    watchers_.push_back({socket, status_() + "\n", 0});
-}
-
-void StatusServer::PassOn()
-{
-    std::vector<Finished> finished;
-    finished.reserve(MAX_FINISHED);
-    uint64_t lost = 0;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        finished.swap(finished_);
-        std::swap(lost, lost_);
-    }
-    for (const Finished& request : finished) {
-        const std::string line = Status::Line(request.time, request.transaction) + "\n";
-        for (Watcher& watcher : watchers_) {
-            Offer(watcher, line);
-        }
-    }
-    for (Watcher& watcher : watchers_) {
-        watcher.lost += lost;
-    }
-}
-
-void StatusServer::Offer(Watcher& watcher, const std::string& line)
-{
-    if (watcher.pending.size() + line.size() > MAX_PENDING_BYTES) {
-        ++watcher.lost;
-        return;
-    }
-    if (watcher.lost != 0) {
-        watcher.pending += LostLine(std::exchange(watcher.lost, 0));
-    }
-    watcher.pending += line;
+    Watcher watcher{socket, status_() + "\n", 0};
+    const std::lock_guard<std::mutex> lock(mutex_);
+    watchers_.push_back(std::move(watcher));
 }
 
 bool StatusServer::Flush(Watcher& watcher)

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -33,13 +32,9 @@ public:
     // service left. False, with the error in errno, when there can be none; `Tell` does nothing then.
     bool Start(int listener, const std::string& path);
 
-    void Tell(const VARN::Host::Transaction& transaction) noexcept;
+    void Tell(const VARN::Host::Transaction& transaction);
 
 private:
-    struct Finished {
-        int64_t time;
-        VARN::Host::Transaction transaction;
-    };
     struct Watcher {
         int socket;
         std::string pending;  // what the socket has not taken yet
@@ -47,11 +42,8 @@ private:
     };
 
     bool Bind(const std::string& path);
-    void Wake() const;
     void Run();
     void Accept();
-    void PassOn();
-    static void Offer(Watcher& watcher, const std::string& line);
     static bool Flush(Watcher& watcher);
 
     const std::function<std::string()> status_;
@@ -59,13 +51,11 @@ private:
     int listener_ = -1;
     int wake_ = -1;
     std::thread thread_;
-    std::vector<Watcher> watchers_;  // the thread's own
 
     std::atomic<bool> isWatched_{false};
     std::mutex mutex_;
-    bool isStopping_ = false;         // these are guarded by mutex_
-    std::vector<Finished> finished_;  // not passed on yet
-    uint64_t lost_ = 0;               // what did not fit in there
+    bool isStopping_ = false;        // guarded by mutex_, as are
+    std::vector<Watcher> watchers_;  // these; the thread alone adds and removes some
 };
 
 }  // namespace SecurityPrivacyTools
