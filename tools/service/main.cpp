@@ -78,8 +78,8 @@ sigset_t BlockSignals()
 void DropOldUsage(Database& database, const Options& options)
 {
     try {
-        const int64_t oldest = Now() - options.keepUsage.count();
-        for (int batch = 0; options.keepUsage.count() != 0 && batch < MAX_DROPS; ++batch) {
+        const int64_t oldest = Now() - options.keepUsageSeconds * 1000;
+        for (int batch = 0; options.keepUsageSeconds != 0 && batch < MAX_DROPS; ++batch) {
             if (DropUsageBefore(database, oldest) == 0) {
                 return;
             }

@@ -26,61 +26,43 @@ std::string InstalledDataPath()
     return (program.parent_path().parent_path() / "share" / "security-privacy" / "device.json").string();
 }
 
-void AddLimits(CLI::App& app, VARN::Host::AbilityServerOptions& server, int64_t& stallTimeoutMs)
+void AddOptions(CLI::App& app, Options& options)
 {
-    struct Limit {
-        const char* name;
-        size_t& value;
-        int64_t max;
-        const char* description;
+    const auto add = [&](const char* name, auto& value, const char* operand, const std::string& description) {
+        return app.add_option(name, value, description)->option_text(operand);
     };
-    const Limit limits[] = {
-        {"--workers", server.workers, 1024, "Threads that run requests [one a processor, at least 8]"},
-        {"--max-connections", server.maxConnections, 1000000, "Connections at a time"},
-        {"--max-connections-per-user", server.maxConnectionsPerUser, 1000000, "The same for one user id"},
-        {"--max-request-bytes", server.maxRequestBytes, int64_t{128} * 1024 * 1024, "Length of a request"},
-    };
-    for (const Limit& limit : limits) {
-        const std::string standard = limit.value != 0 ? " [" + std::to_string(limit.value) + "]" : "";
-        app.add_option(limit.name, limit.value, limit.description + standard)
-            ->option_text("N")
-            ->check(CLI::Range(int64_t{1}, limit.max))
-            ->group("Limits");
-    }
-    app.add_option("--stall-timeout-ms", stallTimeoutMs,
-                   "Time from the first byte of a request to its last [" + std::to_string(stallTimeoutMs) + "]")
-        ->option_text("N")
-        ->check(CLI::Range(1, 3600000))
-        ->group("Limits");
-}
-
-void AddOptions(CLI::App& app, Options& options, int64_t& keepSeconds)
-{
-    app.add_option("--database", options.databasePath,
-                   "Keep the device in this SQLite database, made if there is none; without it, in memory alone")
-        ->option_text("FILE");
-    app.add_option("--data", options.inputPath,
-                   "Device data, JSON, that fills an empty database [that installed with the program]")
-        ->option_text("FILE");
-    app.add_option("--directory", options.server.directory,
-                   "Folder of the sockets 65993.sock and 65993.status.sock [$VARN_ABILITY_DIR or /run/varn]")
-        ->option_text("FOLDER");
+    add("--database", options.databasePath, "FILE",
+        "Keep the device in this SQLite database, made if there is none; without it, in memory alone");
+    add("--data", options.inputPath, "FILE",
+        "Device data, JSON, that fills an empty database [that installed with the program]");
+    add("--directory", options.server.directory, "FOLDER",
+        "Folder of the sockets 65993.sock and 65993.status.sock [$VARN_ABILITY_DIR or /run/varn]");
     app.add_flag("--shift-to-now", options.shiftsToNow,
                  "Move the usage of the device data in time, so that it ends now and \"usage --since 2d\" finds some");
     const std::map<std::string, int64_t> units{{"m", 60}, {"h", 3600}, {"d", 86400}};
-    app.add_option("--keep-usage", keepSeconds, "Drop usage that began longer ago: 90m, 12h, 30d [keep all]")
-        ->option_text("TIME")
+    add("--keep-usage", options.keepUsageSeconds, "TIME", "Drop usage that began longer ago: 90m, 12h, 30d [keep all]")
         ->transform(CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::UNIT_REQUIRED, "TIME") &
                     CLI::Range(int64_t{1}, MAX_KEEP_SECONDS));
 
     const char* access = "Who may change something";
-    app.add_option("--change-uids", options.changers, "User ids that may change something [root and my own]")
+    add("--change-uids", options.changers, "UID,...", "User ids that may change something [root and my own]")
         ->delimiter(',')
-        ->option_text("UID,...")
         ->check(CLI::Range(int64_t{0}, MAX_UID))
         ->group(access);
     app.add_flag("--read-only", options.isReadOnly, "Refuse every change, whoever asks")->group(access);
     app.add_flag("-v,--verbose", options.isVerbose, "Show every log line on standard error");
+
+    const auto addLimit = [&](const char* name, auto& value, int64_t max, const std::string& description) {
+        const std::string standard = value != 0 ? " [" + std::to_string(value) + "]" : "";
+        add(name, value, "N", description + standard)->check(CLI::Range(int64_t{1}, max))->group("Limits");
+    };
+    VARN::Host::AbilityServerOptions& server = options.server;
+    addLimit("--workers", server.workers, 1024, "Threads that run requests [one a processor, at least 8]");
+    addLimit("--max-connections", server.maxConnections, 1000000, "Connections at a time");
+    addLimit("--max-connections-per-user", server.maxConnectionsPerUser, 1000000, "The same for one user id");
+    addLimit("--max-request-bytes", server.maxRequestBytes, int64_t{128} * 1024 * 1024, "Length of a request");
+    addLimit("--stall-timeout-ms", options.stallTimeoutMs, 3600000,
+             "Time from the first byte of a request to its last");
 }
 
 void AddTasks(CLI::App& app, Options& options)
@@ -105,8 +87,7 @@ std::optional<Options> ReadOptions(int argc, char** argv, int& exitCode)
 {
     Options options;
     options.inputPath = InstalledDataPath();
-    int64_t stallTimeoutMs = options.server.stallTimeout.count();
-    int64_t keepSeconds = 0;
+    options.stallTimeoutMs = options.server.stallTimeout.count();
     CLI::App app(
         "The security-privacy service: answers for the device in its database.\n"
         "Prints \"ready\" and the socket on standard output when clients can come.",
@@ -115,8 +96,7 @@ std::optional<Options> ReadOptions(int argc, char** argv, int& exitCode)
     app.set_help_flag("-h,--help", "Print this and exit");
     app.set_version_flag("--version", "security-privacy-service " SECURITY_PRIVACY_VERSION,
                          "Print the version and exit");
-    AddOptions(app, options, keepSeconds);
-    AddLimits(app, options.server, stallTimeoutMs);
+    AddOptions(app, options);
     AddTasks(app, options);
     app.require_subcommand(0, 1);
     app.footer(
@@ -140,8 +120,7 @@ std::optional<Options> ReadOptions(int argc, char** argv, int& exitCode)
         exitCode = app.exit(error) == 0 ? 0 : USAGE_ERROR;
         return std::nullopt;
     }
-    options.server.stallTimeout = std::chrono::milliseconds(stallTimeoutMs);
-    options.keepUsage = std::chrono::seconds(keepSeconds);
+    options.server.stallTimeout = std::chrono::milliseconds(options.stallTimeoutMs);
     if (options.changers.empty()) {
         options.changers = {0, ::geteuid()};
     }

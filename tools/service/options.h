@@ -3,7 +3,7 @@
 
 #include <sys/types.h>
 
-#include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,10 +20,11 @@ struct Options {
     std::string databasePath;  // empty: in memory, forgotten at the end
     std::string inputPath;     // device data, or the events to record ("-": standard input)
     bool shiftsToNow = false;
-    std::chrono::milliseconds keepUsage{0};  // 0: for ever
+    int64_t keepUsageSeconds = 0;  // 0: for ever
     bool isReadOnly = false;
     std::vector<uid_t> changers;
     bool isVerbose = false;
+    int64_t stallTimeoutMs = 0;  // also in `server`
     VARN::Host::AbilityServerOptions server;
 };
 
