@@ -50,9 +50,9 @@ void AddRecords(Seeds& seeds)
 void AddCalls(Seeds& seeds)
 {
     FakeAnswer answer;
-    answer.appPermissionGroupInfos = {MakeAppPermissionGroupInfo()};
-    answer.records = {MakePermissionUsageRecord()};
-    answer.gTokenResultWithRet = MakeGTokenResultWithRet();
+    answer.appPermissionGroupInfos = {Sample<Permission::AppPermissionGroupInfo>()};
+    answer.records = {Sample<Record::PermissionUsageRecord>()};
+    answer.gTokenResultWithRet = Sample<GTokenResultWithRet>();
     const sptr<FakeService> service(new FakeService());
     const size_t tokenSize = MakeRequest().size();
     for (const uint32_t number : CODES) {

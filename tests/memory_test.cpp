@@ -26,25 +26,25 @@ public:
     int32_t GTokenPolicyAddPolicy(const std::vector<GTokenInfo>&) override { return 0; }
 };
 
-// A list: how a message begins with it, the shortest element, how many of them one count may announce, and who reads
-// it.
+// A list: how a message begins with it, its shortest element (both as PutText has them), how many of them one count may
+// announce, and who reads it.
 struct List {
     std::string name;
-    std::function<void(Parcel&)> putHead;
-    std::function<void(Parcel&, int)> putElement;
+    std::string head;
+    std::string element;
     int32_t most;
     std::function<void(MessageParcel&)> read;
 };
 
 // Lets a proxy read the parcel as its reply.
-template <class Operation>
-auto AsReply(Operation operation)
+std::function<void(MessageParcel&)> AsReply(uint32_t code)
 {
-    return [operation](MessageParcel& message) {
-        const std::vector<int32_t> words = TakeWords(message);
-        const auto proxy = ProxyOver(Replying(words));
+    return [code](MessageParcel& message) {
+        const auto proxy = ProxyOver(Replying(TakeWords(message)));
+        const Arguments arguments;
+        Outcome outcome{0, {}, false, {}, {}};
         CountBytes();
-        operation(*proxy);
+        CallOperation(*proxy, code, arguments, outcome);
     };
 }
 std::function<void(MessageParcel&)> AsRequest(uint32_t code)
@@ -59,73 +59,40 @@ std::function<void(MessageParcel&)> AsRequest(uint32_t code)
         service->OnRemoteRequest(code, request, reply, option);
     };
 }
-template <class Record>
-void AsRecord(MessageParcel& message)
+std::function<void(MessageParcel&)> AsRecord(const std::string& name)
 {
-    CountBytes();
-    const sptr<Record> record(Record::Unmarshalling(message));
-}
-
-// Three letters, different for each number: the shortest texts that are so many.
-std::string Name(int number)
-{
-    return {static_cast<char>('0' + number % 64), static_cast<char>('0' + number / 64 % 64),
-            static_cast<char>('0' + number / 4096)};
-}
-
-std::vector<List> Lists()
-{
-    const auto putOk = [](Parcel& parcel) { Put(parcel, 0); };
-    const auto readGroups = AsReply([](SecurityPrivacyServiceIntf& proxy) {
-        std::vector<Permission::AppPermissionGroupInfo> infos;
-        proxy.GetAppPermissionGroupInfosByApp("", 0, {}, infos);
-    });
-    const auto putStates = [](Parcel& parcel, bool areShown) {
-        std::vector<std::string> names;
-        for (int number = 0; number < 50; ++number) {
-            names.push_back(Name(number));
-        }
-        PutAll(parcel, 1, "", 0, "", "", areShown ? 50 : 0, areShown ? names : std::vector<std::string>());
-        PutAll(parcel, areShown ? 0 : 50, areShown ? std::vector<std::string>() : names, "", int64_t{0});
-    };
-    return {
-        {"groups", putOk, [](Parcel& parcel, int) { Put(parcel, Permission::AppPermissionGroupInfo()); }, 10000,
-         readGroups},
-        {"shown states", putOk, [=](Parcel& parcel, int) { putStates(parcel, true); }, 10000, readGroups},
-        {"disabled states", putOk, [=](Parcel& parcel, int) { putStates(parcel, false); }, 10000, readGroups},
-        {"usage", putOk, [](Parcel& parcel, int) { Put(parcel, Record::PermissionUsageRecord()); }, 10000,
-         AsReply([](SecurityPrivacyServiceIntf& proxy) {
-             std::vector<Record::PermissionUsageRecord> records;
-             proxy.GetPermissionUsageSummary({}, records);
-         })},
-        {"rows", [](Parcel& parcel) { Put(parcel, int64_t{0}); },
-         [](Parcel& parcel, int) { Put(parcel, GTokenResult()); }, INT32_MAX,
-         AsReply([](SecurityPrivacyServiceIntf& proxy) { proxy.GTokenPolicyGetPolicy("", {}); })},
-        {"names", [](Parcel& parcel) { PutAll(parcel, "", 0); },
-         [](Parcel& parcel, int number) { Put(parcel, Name(number)); }, 10000,
-         AsRequest(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION)},
-        {"infos", [](Parcel&) {}, [](Parcel& parcel, int) { Put(parcel, GTokenInfo()); }, 10000,
-         AsRequest(MessageCode::GTOKEN_POLICY_ADD_POLICY)},
-        {"policies", [](Parcel& parcel) { PutAll(parcel, "", "", int64_t{0}); },
-         [](Parcel& parcel, int) { PutAll(parcel, "", int64_t{0}); }, 10000, AsRecord<GTokenInfo>},
-        {"rows of a record", [](Parcel& parcel) { Put(parcel, int64_t{0}); },
-         [](Parcel& parcel, int) { PutAll(parcel, "", "", int64_t{0}, int64_t{0}); }, 10000,
-         AsRecord<GTokenResultWithRet>},
+    return [name](MessageParcel& message) {
+        CountBytes();
+        CaseOf(name).unmarshal(message);
     };
 }
+
+const List LISTS[] = {
+    {"groups", "0", "1 '' 0 '' '' 0 0 '' 0L", 10000, AsReply(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP)},
+    {"shown states", "0", "1 '' 0 '' '' 50 50*'#' 0 '' 0L", 10000,
+     AsReply(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP)},
+    {"disabled states", "0", "1 '' 0 '' '' 0 50 50*'#' '' 0L", 10000,
+     AsReply(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP)},
+    {"usage", "0", "1 '' 0 '' 0 0 0 0 0L 0L", 10000, AsReply(MessageCode::GET_PERMISSION_USAGE_RECORD_SUMMARY)},
+    {"rows", "0L", "1 '' '' 0L 0L", INT32_MAX, AsReply(MessageCode::GTOKEN_POLICY_GET_POLICY)},
+    {"names", "'' 0", "'#'", 10000, AsRequest(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION)},
+    {"infos", "", "1 '' '' 0L 0", 10000, AsRequest(MessageCode::GTOKEN_POLICY_ADD_POLICY)},
+    {"policies", "'' '' 0L", "'' 0L", 10000, AsRecord("GTokenInfo")},
+    {"rows of a record", "0L", "'' '' 0L 0L", 10000, AsRecord("GTokenResultWithRet")},
+};
 
 TEST(Memory, FollowsTheBytesThatArrivedAndNotTheCount)
 {
     const LogCapture quiet(WARN);
     constexpr size_t FIXED = 2048;
-    for (const List& list : Lists()) {
+    for (const List& list : LISTS) {
         for (const int count : {0, 1, 1000}) {
             for (const int32_t announced : {count, list.most}) {
                 MessageParcel message;
-                list.putHead(message);
+                PutText(message, list.head);
                 Put(message, announced);
                 for (int number = 0; number < count; ++number) {
-                    list.putElement(message, number);
+                    PutText(message, list.element, static_cast<size_t>(number));
                 }
                 const size_t bytes = message.GetDataSize();
                 list.read(message);
@@ -203,56 +170,45 @@ class MemoryOfACall : public CallTest {};
 
 TEST_P(MemoryOfACall, ThatRunsOutEndsItWithMinusOneAndTheNextOneWorks)
 {
-    const auto parameter = MakeCheckedStateParameter();
-    const auto query = MakePermissionUsageRecordQuery();
-    const std::vector<std::string> bundles = {"a bundle whose name needs memory of its own"};
-    const std::vector<GTokenInfo> infos = {MakeGTokenInfo()};
-    std::vector<Permission::AppPermissionGroupInfo> groups;
-    std::vector<Record::PermissionUsageRecord> records;
-    bool returns = false;
-    constexpr size_t ADD = 5;
+    Arguments arguments;
+    arguments.bundleNames = {"a bundle whose name needs memory of its own"};
+    Outcome outcome;
     FakeAnswer answer;
-    answer.appPermissionGroupInfos.assign(3, MakeAppPermissionGroupInfo());
-    answer.records.assign(3, MakePermissionUsageRecord());
-    answer.gTokenResultWithRet.gTokenResults.assign(2, MakeGTokenResult());
+    answer.appPermissionGroupInfos.assign(3, Sample<Permission::AppPermissionGroupInfo>());
+    answer.records.assign(3, Sample<Record::PermissionUsageRecord>());
+    answer.gTokenResultWithRet.gTokenResults.assign(2, Sample<GTokenResult>());
     for (const uint32_t code : CODES) {
         service->SetAnswer(code, answer);
     }
-    const std::function<int64_t()> calls[] = {
-        [&] { return client.GetAppPermissionGroupInfosByApp(bundles[0], 1, {}, groups); },
-        [&] { return client.GetAppPermissionGroupInfosByPermission(bundles[0], 1, {}, groups); },
-        [&] { return client.SetAppPermissionGroupCheckedState(bundles[0], 1, bundles[0], parameter, returns); },
-        [&] { return client.GetPermissionUsageSummary(query, records); },
-        [&] { return client.GetPermissionUsageTimeline(query, records); },
-        [&] { return client.GTokenPolicyAddPolicy(infos); },
-        [&] { return client.GTokenPolicyGetPolicy("policy", bundles).ret; },
-        [&] { return client.GTokenPolicyRemovePolicy(bundles); },
-    };
     for (const int level : {int{LOG_LEVEL_FATAL}, DEBUG}) {
         Host::SetLogSink([](const Host::LogLine&) {});
         Host::SetLogLevel(level);
-        for (size_t index = 0; index < std::size(calls); ++index) {
-            SCOPED_TRACE(index);
-            EXPECT_EQ(0, calls[index]());
-            int64_t result = 0;
+        for (const uint32_t code : CODES) {
+            SCOPED_TRACE(code);
+            const auto call = [&] {
+                CallOperation(client, code, arguments, outcome);
+                return outcome.result;
+            };
+            EXPECT_EQ(0, call());
             int zeros = 0;
             size_t before = 0;
             FailEach(
                 [&] {
-                    before = groups.size() + records.size();
-                    result = calls[index]();
+                    before = outcome.groups.size() + outcome.records.size();
+                    call();
                 },
                 [&](size_t number) {
-                    EXPECT_TRUE(result == -1 || result == 0) << result << ", allocation " << number;
-                    EXPECT_TRUE(result == 0 || before == groups.size() + records.size()) << "a part of the list";
-                    groups.clear();
-                    records.clear();
-                    zeros += result == 0 ? 1 : 0;
-                    EXPECT_EQ(0, calls[index]()) << "after allocation " << number;
+                    EXPECT_TRUE(outcome.result == -1 || outcome.result == 0) << outcome.result << ", " << number;
+                    const size_t after = outcome.groups.size() + outcome.records.size();
+                    EXPECT_TRUE(outcome.result == 0 || before == after) << "a part of the list";
+                    outcome.groups.clear();
+                    outcome.records.clear();
+                    zeros += outcome.result == 0 ? 1 : 0;
+                    EXPECT_EQ(0, call()) << "after allocation " << number;
                 });
             // Without a proxy it is 0; a line that cannot be made changes nothing; a bundle that the service has no
             // memory for is left out.
-            EXPECT_TRUE(zeros == 1 || level == DEBUG || index == ADD) << zeros;
+            EXPECT_TRUE(zeros == 1 || level == DEBUG || code == MessageCode::GTOKEN_POLICY_ADD_POLICY) << zeros;
         }
         Host::SetLogLevel(INFO);
         Host::SetLogSink({});

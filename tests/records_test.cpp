@@ -10,7 +10,6 @@
 #include "support/log_capture.h"
 #include "support/parcels.h"
 #include "support/record_cases.h"
-#include "support/records.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
@@ -95,7 +94,7 @@ TEST(PermissionUsageRecordQuery, InnerReadingAppendsAndOwnsWhatItIsGiven)
         int& destroyed;
     };
     int destroyed = 0;
-    const PermissionUsageRecordQuery query = MakePermissionUsageRecordQuery();
+    const PermissionUsageRecordQuery query = Sample<Record::PermissionUsageRecordQuery>();
     {
         Parcel parcel;
         ASSERT_TRUE(query.Marshalling(parcel));

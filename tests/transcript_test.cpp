@@ -7,12 +7,13 @@
 //   > service answer CODE RESULT N   the operation answers RESULT and N records
 //   > service fail N           every operation answers N, 0 as before
 //   > service refuse           the access check refuses everything; 'allow' ends it
-//   > send CODE VALUES         a hand-made request: its status, its reply in words, and the call that reached the
-//   service > client CODE [N]          the client's request, with lists of N elements where N is given > reply CODE
-//   VALUES        the proxy's request, in words, and what it makes of a hand-made reply
+//   > send CODE VALUES         a hand-made request: its status, its reply in words, and the call it makes
+//   > client CODE [N]          the client's request, with lists of N elements where N is given
+//   > reply CODE VALUES        the proxy's request, in words, and what it makes of a hand-made reply
+//   > orphan CODE              what a proxy without an object makes of a call
+//   > record NAME [VALUES]     a record read from its sample's values or these, and written again
 //
-// Values: 7 an int32, 7L an int64, 'text' a string ('#' is its number in a repetition), @Record a sample record behind
-// its presence word, 3*value three of them, 3*value,value three pairs.
+// Values are those of PutText.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -31,35 +32,10 @@
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
 
-void PutValue(Parcel& parcel, std::string token, size_t number)
-{
-    const size_t star = token.find('*');
-    if (token.front() != '\'' && star != std::string::npos) {
-        for (size_t i = 0; i < std::stoul(token); ++i) {
-            PutValue(parcel, token.substr(star + 1), i);
-        }
-    } else if (const size_t comma = token.find(','); comma != std::string::npos) {
-        PutValue(parcel, token.substr(0, comma), number);
-        PutValue(parcel, token.substr(comma + 1), number);
-    } else if (token.front() == '\'') {
-        const size_t mark = token.find('#');
-        Put(parcel, (mark == std::string::npos ? token : token.replace(mark, 1, std::to_string(number)))
-                        .substr(1, token.size() - 2));
-    } else if (token.front() == '@') {
-        parcel.WriteParcelable(CaseOf(token.substr(1)).record.Get());
-    } else if (token.back() == 'L') {
-        Put(parcel, static_cast<int64_t>(std::stoll(token)));
-    } else {
-        Put(parcel, static_cast<int32_t>(std::stol(token)));
-    }
-}
-
-std::vector<int32_t> TakeValues(std::istream& tokens)
+std::vector<int32_t> TakeValues(std::istream& command)
 {
     Parcel parcel;
-    for (std::string token; tokens >> token;) {
-        PutValue(parcel, token, 0);
-    }
+    PutText(parcel, std::string(std::istreambuf_iterator<char>(command), {}));
     return TakeWords(parcel);
 }
 
@@ -136,11 +112,11 @@ FakeAnswer MakeAnswer(int32_t result, size_t count)
     answer.returns = count % 2 == 1;
     answer.gTokenResultWithRet.ret = result;
     for (size_t i = 0; i < count; ++i) {
-        answer.appPermissionGroupInfos.push_back(MakeAppPermissionGroupInfo());
+        answer.appPermissionGroupInfos.push_back(Sample<Permission::AppPermissionGroupInfo>());
         answer.appPermissionGroupInfos.back().uid = static_cast<int32_t>(i);
-        answer.records.push_back(MakePermissionUsageRecord());
+        answer.records.push_back(Sample<Record::PermissionUsageRecord>());
         answer.records.back().SetTimes(static_cast<int32_t>(i));
-        answer.gTokenResultWithRet.gTokenResults.push_back(MakeGTokenResult());
+        answer.gTokenResultWithRet.gTokenResults.push_back(Sample<GTokenResult>());
         answer.gTokenResultWithRet.gTokenResults.back().policyValue = static_cast<int64_t>(i);
     }
     return answer;
@@ -152,7 +128,7 @@ Arguments MakeArguments(size_t count)
     arguments.bundleNames = MakeNames(count, "name");
     arguments.interested = {arguments.bundleNames.begin(), arguments.bundleNames.end()};
     arguments.query.SetScreenStates(std::vector<int>(count, 1));
-    arguments.gTokenInfos.resize(count, MakeGTokenInfo());
+    arguments.gTokenInfos.resize(count, Sample<GTokenInfo>());
     return arguments;
 }
 

@@ -182,7 +182,7 @@ TEST(LibraryTest, SendsEveryRequestOverTheTransport)
     const sptr<FakeService> service(new FakeService());
     ASSERT_TRUE(Serve(SECURITY_PRIVACY_SA_ID, service));
     FakeAnswer answer;
-    answer.records = {MakePermissionUsageRecord()};
+    answer.records = {Sample<Record::PermissionUsageRecord>()};
     for (const uint32_t code : CODES) {
         service->SetAnswer(code, answer);
         const Outcome outcome = CallOperation(SecurityPrivacyClient::GetInstance(), code);

@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/record_cases.h"
 
-#include <algorithm>
 #include <cstdint>
-
-#include "support/records.h"
+#include <sstream>
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
@@ -25,10 +23,35 @@ RecordCase MakeCase(const std::string& name, const std::string& module, std::vec
             Read<T>, [](const Parcelable& any) { return dynamic_cast<const T&>(any).ToString(); }};
 }
 
-template <class T>
-T Sample(const std::string& name)
+Record::PermissionUsageRecord MakePermissionUsageRecord()
 {
-    return dynamic_cast<const T&>(*CaseOf(name).record);
+    Record::PermissionUsageRecord record;
+    record.SetBundleName("com.example.maps");
+    record.SetUid(INT32_MIN);
+    record.SetOperationGroup("op's %n group");
+    record.SetTimes(INT32_MAX);
+    record.SetOperationMode(-3);
+    record.SetAppState(4);
+    record.SetScreenState(-5);
+    record.SetBeginTimestamp(INT64_MIN);
+    record.SetEndTimestamp(INT64_MAX);
+    return record;
+}
+
+Record::PermissionUsageRecordQuery MakePermissionUsageRecordQuery()
+{
+    Record::PermissionUsageRecordQuery query;
+    query.SetBundleNames({"com.example.maps", "", "com.example.maps"});
+    query.SetUserIds({100, 100, 0});
+    query.SetOperationGroups({"LOCATION"});
+    query.SetOperationModes({INT32_MIN, INT32_MAX});
+    query.SetAppStates({});
+    query.SetScreenStates({-7, 8});
+    query.SetBeginTimestamp(INT64_MIN + 1);
+    query.SetEndTimestamp(1700000000123);
+    query.SetLimit(-50);
+    query.SetOrder(INT32_MAX - 2);
+    return query;
 }
 
 std::vector<RecordCase> MakeRecordCases()
@@ -87,6 +110,29 @@ std::vector<RecordCase> MakeRecordCases()
 // Made before any test listens to the log.
 const bool isMade = !RecordCases().empty();
 
+void PutToken(Parcel& parcel, std::string token, size_t number)
+{
+    const size_t star = token.find('*');
+    if (token.front() != '\'' && star != std::string::npos) {
+        for (size_t i = 0; i < std::stoul(token); ++i) {
+            PutToken(parcel, token.substr(star + 1), i);
+        }
+    } else if (const size_t comma = token.find(','); comma != std::string::npos) {
+        PutToken(parcel, token.substr(0, comma), number);
+        PutToken(parcel, token.substr(comma + 1), number);
+    } else if (token.front() == '\'') {
+        const size_t mark = token.find('#');
+        Put(parcel, (mark == std::string::npos ? token : token.replace(mark, 1, std::to_string(number)))
+                        .substr(1, token.size() - 2));
+    } else if (token.front() == '@') {
+        parcel.WriteParcelable(CaseOf(token.substr(1)).record.Get());
+    } else if (token.back() == 'L') {
+        Put(parcel, static_cast<int64_t>(std::stoll(token)));
+    } else {
+        Put(parcel, static_cast<int32_t>(std::stol(token)));
+    }
+}
+
 }  // namespace
 
 const std::vector<RecordCase>& RecordCases()
@@ -101,65 +147,12 @@ const RecordCase& CaseOf(const std::string& name)
                          [&name](const RecordCase& record) { return record.name == name; });
 }
 
-Record::PermissionUsageRecord MakePermissionUsageRecord()
+void PutText(Parcel& parcel, const std::string& values, size_t number)
 {
-    Record::PermissionUsageRecord record;
-    record.SetBundleName("com.example.maps");
-    record.SetUid(INT32_MIN);
-    record.SetOperationGroup("op's %n group");
-    record.SetTimes(INT32_MAX);
-    record.SetOperationMode(-3);
-    record.SetAppState(4);
-    record.SetScreenState(-5);
-    record.SetBeginTimestamp(INT64_MIN);
-    record.SetEndTimestamp(INT64_MAX);
-    return record;
-}
-
-Record::PermissionUsageRecordQuery MakePermissionUsageRecordQuery()
-{
-    Record::PermissionUsageRecordQuery query;
-    query.SetBundleNames({"com.example.maps", "", "com.example.maps"});
-    query.SetUserIds({100, 100, 0});
-    query.SetOperationGroups({"LOCATION"});
-    query.SetOperationModes({INT32_MIN, INT32_MAX});
-    query.SetAppStates({});
-    query.SetScreenStates({-7, 8});
-    query.SetBeginTimestamp(INT64_MIN + 1);
-    query.SetEndTimestamp(1700000000123);
-    query.SetLimit(-50);
-    query.SetOrder(INT32_MAX - 2);
-    return query;
-}
-
-Permission::AppPermissionGroupInfo MakeAppPermissionGroupInfo()
-{
-    return Sample<Permission::AppPermissionGroupInfo>("AppPermissionGroupInfo");
-}
-
-Permission::CheckedStateParameter MakeCheckedStateParameter()
-{
-    return Sample<Permission::CheckedStateParameter>("CheckedStateParameter");
-}
-
-GTokenPolicy MakeGTokenPolicy()
-{
-    return Sample<GTokenPolicy>("GTokenPolicy");
-}
-
-GTokenInfo MakeGTokenInfo()
-{
-    return Sample<GTokenInfo>("GTokenInfo");
-}
-
-GTokenResult MakeGTokenResult()
-{
-    return Sample<GTokenResult>("GTokenResult");
-}
-
-GTokenResultWithRet MakeGTokenResultWithRet()
-{
-    return Sample<GTokenResultWithRet>("GTokenResultWithRet");
+    std::istringstream tokens(values);
+    for (std::string token; tokens >> token;) {
+        PutToken(parcel, token, number);
+    }
 }
 
 std::vector<std::string> MakeNames(size_t count, const std::string& prefix)
