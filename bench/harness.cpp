@@ -112,7 +112,7 @@ int Main(const std::vector<std::string>& arguments)
         std::cerr << "serve|call DIRECTORY CASE RECORDS REQUEST_BYTES REPLY_BYTES\n";
         return 2;
     }
-    // Nobody is left behind when the driver ends.
+    // No process is left behind when the driver ends.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const Workload workload{CaseNamed(arguments[2]), std::stoul(arguments[3]), std::stoul(arguments[4]),
                             std::stoul(arguments[5])};

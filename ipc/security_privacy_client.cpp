@@ -86,7 +86,7 @@ private:
     const std::lock_guard<std::recursive_mutex> lock_;
 };
 
-// No exception leaves the library, whoever throws it (above all for want of memory).
+// No exception leaves the library, whatever throws it; most often memory has run out.
 void ReportException(const char* method) noexcept
 {
     try {
@@ -110,8 +110,8 @@ void Fail(GTokenResultWithRet& result)
     result.ret = RESULT_TRANSPORT_FAILED;
 }
 
-// What `operation` returns for the service, or the default of its result, 0, when the service cannot be had: callers
-// who need to tell that from success use `Connect`. `method` is whom the error line names.
+// What `operation` returns for the service, or the default of its result, 0, when there is no service: callers that
+// need to tell that from success use `Connect`. The error line names `method`.
 template <class Operation>
 auto Request(std::recursive_mutex& mutex, const char* method, Operation operation)
 {
@@ -209,7 +209,7 @@ int32_t SecurityPrivacyClient::SetAppPermissionGroupCheckedState(
 int32_t SecurityPrivacyClient::GetPermissionUsageSummary(const Record::PermissionUsageRecordQuery& query,
                                                          std::vector<Record::PermissionUsageRecord>& records)
 {
-    // The error line bears the timeline's name here too: whoever searches a log for it finds both requests.
+    // The error line bears the timeline's name here too: a search of a log for it finds both requests.
     const int32_t result = Request(mutex_, "GetPermissionUsageTimeline", [&](SecurityPrivacyServiceIntf& service) {
         return service.GetPermissionUsageSummary(query, records);
     });

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "security_privacy/security_privacy_service_intf.h"
 
-// Not for its names: whoever includes the proxy's header also registers the proxy with the broker registry. From a
-// static library a program takes only the objects that it names something of, and nobody names the proxy's. But whoever
-// implements the interface or casts to it names its destructor or its type, and these are in this one.
+// Not for its names, but because it registers the proxy with the broker registry. A program takes from a static library
+// only the objects that it names something of, and it names nothing of the proxy's. But a program that implements the
+// interface or casts to it names its destructor or its type, and these are in this one.
 #include "ipc/security_privacy_service_proxy.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {

@@ -47,8 +47,8 @@ int32_t ReadGroupReply(MessageParcel& reply, const char* operation, const char* 
     return RESULT_OK;
 }
 
-// Reads the reply to a usage request: the result, which it returns, and if that is 0 the records. `operation` is whom
-// the lines name.
+// Reads the reply to a usage request: the result, which it returns, and if that is 0 the records. The lines name
+// `operation`.
 int32_t ReadUsageReply(MessageParcel& reply, const char* operation, std::vector<Record::PermissionUsageRecord>& records)
 {
     const int32_t result = reply.ReadInt32();
@@ -57,7 +57,7 @@ int32_t ReadUsageReply(MessageParcel& reply, const char* operation, std::vector<
         return result;
     }
     const int32_t size = reply.ReadInt32();
-    // A service that has nothing to tell is reported like one that tells too much; a negative number is not.
+    // No records at all get the same line as too many; a negative number gets none.
     if (size == 0 || size > MAX_USAGE_RECORD_SIZE) {
         LOG_WARN_AS(operation, "record size is abnormal.");
         return RESULT_OK;

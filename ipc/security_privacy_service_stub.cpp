@@ -70,7 +70,7 @@ int32_t SecurityPrivacyServiceStub::OnRemoteRequest(uint32_t code, MessageParcel
     }
     LOG_DEBUG("called, messageCode=%s, messageCodeStr=%s", Text(code).c_str(),
               Text(MessageCode::ToString(code)).c_str());
-    // Before the lookup, so that whoever may not ask does not learn which codes exist.
+    // Before the lookup, so that a caller that may not ask does not learn which codes exist.
     if (!IsMessageCodeAllowed(code)) {
         LOG_ERROR("messageCode=%s messageCodeStr=%s forbidden access.", Text(code).c_str(),
                   Text(MessageCode::ToString(code)).c_str());
@@ -230,8 +230,8 @@ int32_t SecurityPrivacyServiceStub::HandleGTokenPolicyAddPolicy(MessageParcel& d
 
 int32_t SecurityPrivacyServiceStub::HandleGTokenPolicyGetPolicy(MessageParcel& data, MessageParcel& reply)
 {
-    LOG_ERROR(
-        "HandleGTokenPolicyGetPolicy called");  // at a level that is never dropped: who reads policies is to be seen
+    // At a level that is never dropped, so that the log shows who reads policies.
+    LOG_ERROR("HandleGTokenPolicyGetPolicy called");
     if (!HoldsGTokenArguments(data, __func__)) {
         return INVALID_ARGUMENTS;
     }

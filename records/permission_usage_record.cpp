@@ -43,7 +43,7 @@ PermissionUsageRecord* PermissionUsageRecord::Unmarshalling(Parcel& parcel)
 
 std::string PermissionUsageRecord::ToString() const
 {
-    // The times come before the operation group here, though not in the parcel; whoever reads logs is used to it.
+    // The times come before the operation group here, though not in the parcel; log readers expect this order.
     return "PermissionUsageRecord{bundleName=" + Text(bundleName_) + ", uid=" + Text(uid_) + ", times=" + Text(times_) +
            ", operationGroup=" + Text(operationGroup_) + ", operationMode=" + Text(operationMode_) +
            ", appState=" + Text(appState_) + ", screenState=" + Text(screenState_) +

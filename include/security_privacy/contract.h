@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-// The numbers that a client, a service and whoever watches them agree on: how the service is found, how long a call
-// waits, how long a list may be, and what a status says. Each stands here once.
+// The numbers that clients, services and monitors agree on: how a client finds the service, how long a call waits, how
+// long a list may be, and what a status says. Each stands here once.
 //
 // Never change a value: clients and services are updated at different times, and each relies on what the other knows.
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {

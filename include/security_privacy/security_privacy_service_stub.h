@@ -34,9 +34,9 @@ public:
     // request. Any other status than 0 reaches a client as -1.
     int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override;
 
-    // The access check: whether whoever sent the request that this thread is handling may use `messageCode`. Called for
-    // every request with the right interface token, before anything else of it is read, for codes that do not exist as
-    // well.
+    // The access check: whether the sender of the request that this thread is handling may use `messageCode`. The stub
+    // asks for every request with the right interface token before it reads anything else of it, also for codes that
+    // do not exist.
     virtual bool IsMessageCodeAllowed(uint32_t messageCode) = 0;
 
 private:
