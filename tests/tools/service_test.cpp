@@ -15,9 +15,8 @@
 
 #include "common/json_input.h"
 #include "common/result_codes.h"
-#include "service/device_import.h"
+#include "service/feed.h"
 #include "service/security_privacy_service.h"
-#include "service/usage_recorder.h"
 
 namespace SecurityPrivacyTools {
 namespace {

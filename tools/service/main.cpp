@@ -14,7 +14,6 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
-#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -24,12 +23,10 @@
 #include "security_privacy/contract.h"
 #include "security_privacy/security_privacy_client.h"
 #include "service/database.h"
-#include "service/device_import.h"
+#include "service/feed.h"
 #include "service/options.h"
 #include "service/security_privacy_service.h"
 #include "service/status.h"
-#include "service/status_server.h"
-#include "service/usage_recorder.h"
 #include "varn/host/ability_server.h"
 #include "varn/host/log_sink.h"
 #include "varn/log.h"
@@ -102,8 +99,7 @@ bool IsAnswering()
     return isAnswering;
 }
 
-void WaitForTheEnd(const sigset_t& signals, Database& database, const Options& options,
-                   const std::function<std::string()>& status)
+void WaitForTheEnd(const sigset_t& signals, Database& database, const Options& options, const Status& status)
 {
     uint64_t watchdogMicroseconds = 0;
     const bool isWatched = ::sd_watchdog_enabled(0, &watchdogMicroseconds) > 0;
@@ -117,7 +113,7 @@ void WaitForTheEnd(const sigset_t& signals, Database& database, const Options& o
         DropOldUsage(database, options);
         const int signal = ::sigtimedwait(&signals, nullptr, &pause);
         if (signal == SIGUSR1) {
-            Print(status());
+            Print(status.Document());
         } else if (signal > 0) {
             return;
         }
@@ -180,20 +176,15 @@ int Serve(Options options, const sigset_t& signals)
     ::setenv("VARN_ABILITY_DIR", Directory(options).c_str(), 1);
     const VARN::sptr<SecurityPrivacyService> service(
         new SecurityPrivacyService(database, {options.changers, options.isReadOnly}));
-    Status counters;
     std::optional<VARN::Host::AbilityServer> server;
-    const auto status = [&] { return counters.Document(*server); };
-    StatusServer watchers(status);
-    options.server.observer = [&](const VARN::Host::Transaction& transaction) {
-        counters.Count(transaction);
-        watchers.Tell(transaction);
-    };
+    Status status([&] { return server->Statistics(); });
+    options.server.observer = [&](const VARN::Host::Transaction& transaction) { status.Count(transaction); };
     server.emplace(SECURITY_PRIVACY_SA_ID, service, options.server);
     if (!server->Start()) {
         std::fprintf(stderr, "security-privacy-service: cannot serve, see the error line above\n");
         return CANNOT_START;
     }
-    if (!watchers.Start(statusSocket, sockets + ".status.sock")) {
+    if (!status.Serve(statusSocket, sockets + ".status.sock")) {
         Warn("nobody can ask for the status or watch requests", std::strerror(errno));
     }
     Print("ready " + (isActivated ? "(socket from the init system)" : sockets + ".sock"));
@@ -201,7 +192,7 @@ int Serve(Options options, const sigset_t& signals)
     WaitForTheEnd(signals, database, options, status);
     ::sd_notify(0, "STOPPING=1");
     server->Stop();
-    Print(status());
+    Print(status.Document());
     return 0;
 }
 

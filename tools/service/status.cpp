@@ -1,9 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// A worker appends a line for its finished request to what each watcher is still to be sent, if there is room, and
+// wakes the thread, which gives the sockets what they take. Whatever does not fit is counted. So memory and the time
+// that a worker spends here are bounded, however slow a watcher is.
 #include "service/status.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <nlohmann/json.hpp>
 
 #include "security_privacy/security_privacy_service_intf.h"
@@ -14,6 +25,24 @@ namespace {
 
 using MessageCode = VARN::AppSecurityPrivacy::SecurityPrivacyServer::SecurityPrivacyServiceIntf::MessageCode;
 using nlohmann::ordered_json;
+
+constexpr size_t MAX_WATCHERS = 16;
+constexpr size_t MAX_PENDING_BYTES = size_t{256} * 1024;
+constexpr int BACKLOG = 16;
+constexpr mode_t OWNER_ONLY = 0600;
+
+std::string LostLine(uint64_t count)
+{
+    return "{\"lost\":" + std::to_string(count) + "}\n";
+}
+
+bool MayWatch(int socket)
+{
+    ucred peer = {};
+    socklen_t size = sizeof(peer);
+    return ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
+           (peer.uid == 0 || peer.uid == ::geteuid());
+}
 
 int64_t Microseconds(std::chrono::nanoseconds time)
 {
@@ -43,6 +72,20 @@ ordered_json Holdings(const VARN::Host::ServerStatistics& statistics)
             {"users", users}};
 }
 
+std::string Line(const VARN::Host::Transaction& transaction)
+{
+    const ordered_json line{{"time", Now()},
+                            {"uid", transaction.caller.uid},
+                            {"pid", transaction.caller.pid},
+                            {"name", MessageCode::ToString(transaction.code)},
+                            {"code", transaction.code},
+                            {"bytesIn", transaction.requestBytes},
+                            {"bytesOut", transaction.replyBytes},
+                            {"status", transaction.status},
+                            {"durationUs", Microseconds(transaction.duration)}};
+    return line.dump() + "\n";
+}
+
 }  // namespace
 
 int64_t Now()
@@ -62,9 +105,24 @@ void Status::Count(const VARN::Host::Transaction& transaction)
     counter.replyBytes += transaction.replyBytes;
     counter.total += transaction.duration;
     counter.longest = std::max(counter.longest, transaction.duration);
+    const std::string line = watchers_.empty() ? "" : Line(transaction);
+    for (Watcher& watcher : watchers_) {
+        if (watcher.pending.size() + line.size() > MAX_PENDING_BYTES) {
+            ++watcher.lost;
+            continue;
+        }
+        // With something pending, the thread is on its way already.
+        if (watcher.pending.empty()) {
+            ::eventfd_write(wake_, 1);
+        }
+        if (watcher.lost != 0) {
+            watcher.pending += LostLine(std::exchange(watcher.lost, 0));
+        }
+        watcher.pending += line;
+    }
 }
 
-std::string Status::Document(const VARN::Host::AbilityServer& server) const
+std::string Status::Document() const
 {
     static_assert(MessageCode::GTOKEN_POLICY_REMOVE_POLICY < PLACES, "every request code needs a place");
     std::array<Counter, PLACES> counters;
@@ -92,22 +150,134 @@ std::string Status::Document(const VARN::Host::AbilityServer& server) const
                                 {"startedAt", startedAt_},
                                 {"time", Now()},
                                 {"requests", requests},
-                                {"server", Holdings(server.Statistics())}};
+                                {"server", Holdings(statistics_())}};
     return document.dump();
 }
 
-std::string Status::Line(int64_t time, const VARN::Host::Transaction& transaction)
+Status::~Status()
 {
-    const ordered_json line{{"time", time},
-                            {"uid", transaction.caller.uid},
-                            {"pid", transaction.caller.pid},
-                            {"name", MessageCode::ToString(transaction.code)},
-                            {"code", transaction.code},
-                            {"bytesIn", transaction.requestBytes},
-                            {"bytesOut", transaction.replyBytes},
-                            {"status", transaction.status},
-                            {"durationUs", Microseconds(transaction.duration)}};
-    return line.dump();
+    if (thread_.joinable()) {
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            isStopping_ = true;
+        }
+        ::eventfd_write(wake_, 1);
+        thread_.join();
+    }
+    for (const int descriptor : {listener_, wake_}) {
+        if (descriptor >= 0) {
+            ::close(descriptor);
+        }
+    }
+    if (!path_.empty()) {
+        ::unlink(path_.c_str());
+    }
+}
+
+bool Status::Serve(int listener, const std::string& path)
+{
+    listener_ = listener;
+    if ((listener_ < 0 && !Bind(path)) || ::fcntl(listener_, F_SETFL, O_NONBLOCK) != 0) {
+        return false;
+    }
+    wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wake_ < 0) {
+        return false;
+    }
+    thread_ = std::thread(&Status::Run, this);
+    return true;
+}
+
+bool Status::Bind(const std::string& path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path)) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    path.copy(address.sun_path, path.size());
+    listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // Whoever serves the requests owns the name: what is in its place was left behind. The mode is set before anybody
+    // can see the file.
+    if (listener_ < 0 || ::fchmod(listener_, OWNER_ONLY) != 0 || (::unlink(path.c_str()) != 0 && errno != ENOENT) ||
+        ::bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        return false;
+    }
+    path_ = path;
+    return ::listen(listener_, BACKLOG) == 0;
+}
+
+void Status::Run()
+{
+    for (;;) {
+        std::vector<pollfd> polled{{wake_, POLLIN, 0}, {listener_, POLLIN, 0}};
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            if (isStopping_) {
+                break;
+            }
+            for (const Watcher& watcher : watchers_) {
+                polled.push_back({watcher.socket, static_cast<short>(watcher.pending.empty() ? 0 : POLLOUT), 0});
+            }
+        }
+        ::poll(polled.data(), polled.size(), -1);
+        eventfd_t woken = 0;
+        ::eventfd_read(wake_, &woken);
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            for (size_t index = watchers_.size(); index > 0; --index) {
+                const bool hasHungUp = (polled[index + 1].revents & (POLLHUP | POLLERR)) != 0;
+                if (hasHungUp || !Flush(watchers_[index - 1])) {
+                    ::close(watchers_[index - 1].socket);
+                    watchers_.erase(watchers_.begin() + static_cast<std::ptrdiff_t>(index - 1));
+                }
+            }
+        }
+        if (polled[1].revents != 0) {
+            Accept();
+        }
+    }
+    for (const Watcher& watcher : watchers_) {
+        ::close(watcher.socket);
+    }
+}
+
+void Status::Accept()
+{
+    const int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (socket < 0) {
+        // Out of descriptors, perhaps: the connection stays where it is, and must not keep this thread busy.
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        return;
+    }
+    if (watchers_.size() == MAX_WATCHERS || !MayWatch(socket)) {
+        ::close(socket);
+        return;
+    }
+    // Nothing that it sends is ever taken in.
+    ::shutdown(socket, SHUT_RD);
+    Watcher watcher{socket, Document() + "\n", 0};
+    const std::lock_guard<std::mutex> lock(mutex_);
+    watchers_.push_back(std::move(watcher));
+}
+
+bool Status::Flush(Watcher& watcher)
+{
+    for (;;) {
+        if (watcher.pending.empty() && watcher.lost != 0) {
+            watcher.pending = LostLine(std::exchange(watcher.lost, 0));
+        }
+        if (watcher.pending.empty()) {
+            return true;
+        }
+        const ssize_t sent =
+            ::send(watcher.socket, watcher.pending.data(), watcher.pending.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0) {
+            return errno == EAGAIN || errno == EINTR;
+        }
+        watcher.pending.erase(0, static_cast<size_t>(sent));
+    }
 }
 
 }  // namespace SecurityPrivacyTools

@@ -5,8 +5,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "varn/host/ability_server.h"
 
@@ -15,18 +19,30 @@ namespace SecurityPrivacyTools {
 // Milliseconds since the epoch.
 int64_t Now();
 
-// What an operator may know: numbers about requests and connections, and nothing of what requests say.
+// What an operator may know: numbers about requests and connections, and nothing of what requests say. Whoever watches
+// its socket is sent the status, one line, then a line for each request that is finished. A watcher that reads too
+// slowly loses lines and is told how many ({"lost": 17}); the requests and the other watchers never wait for it.
 //
-// Thread safety: every operation may be called from any thread.
+// Thread safety: `Count` and `Document` may be called from any thread, the others from the one that made it.
 class Status {
 public:
+    // `statistics` tells what the server holds, on the thread of whoever asks for the status.
+    explicit Status(std::function<VARN::Host::ServerStatistics()> statistics) : statistics_(std::move(statistics)) {}
+    // Ends all connections, and takes the socket file away if it was made here.
+    ~Status();
+
+    Status(const Status&) = delete;
+    Status& operator=(const Status&) = delete;
+
+    // Lets root and the own user, and nobody else, watch on `listener`, or, if that is below 0, on a new socket `path`
+    // (mode 0600) in place of one that a dead service left. False, with the error in errno, when there can be none.
+    bool Serve(int listener, const std::string& path);
+
+    // For each request that is finished.
     void Count(const VARN::Host::Transaction& transaction);
 
     // One JSON document on one line. tools/README.md describes its members.
-    std::string Document(const VARN::Host::AbilityServer& server) const;
-
-    // The same for one request that is finished.
-    static std::string Line(int64_t time, const VARN::Host::Transaction& transaction);
+    std::string Document() const;
 
 private:
     struct Counter {
@@ -37,14 +53,32 @@ private:
         std::chrono::nanoseconds total{0};
         std::chrono::nanoseconds longest{0};
     };
+    struct Watcher {
+        int socket;
+        std::string pending;  // what the socket has not taken yet
+        uint64_t lost;        // lines since the last one that is in `pending`
+    };
+
+    bool Bind(const std::string& path);
+    void Run();
+    void Accept();
+    static bool Flush(Watcher& watcher);
 
     // One for each code up to the last one; the place of code 0 takes all codes that do not exist, so that a client
     // which tries them all takes no memory.
     static constexpr size_t PLACES = 14;
 
+    const std::function<VARN::Host::ServerStatistics()> statistics_;
     const int64_t startedAt_ = Now();
+    std::string path_;  // the socket file, if it was made here
+    int listener_ = -1;
+    int wake_ = -1;
+    std::thread thread_;
+
     mutable std::mutex mutex_;
-    std::array<Counter, PLACES> counters_;  // guarded by mutex_
+    std::array<Counter, PLACES> counters_;  // guarded by mutex_, as are
+    bool isStopping_ = false;               // this
+    std::vector<Watcher> watchers_;         // and these; the thread alone adds and removes some
 };
 
 }  // namespace SecurityPrivacyTools

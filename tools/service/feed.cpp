@@ -1,8 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "service/device_import.h"
+#include "service/feed.h"
 
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <istream>
 #include <vector>
 
+#include "common/json_input.h"
 #include "common/result_codes.h"
 #include "common/usage_codes.h"
 #include "security_privacy/contract.h"
@@ -15,6 +21,10 @@ using VARN::AppSecurityPrivacy::SecurityPrivacyServer::MAX_STATES_SIZE;
 
 // Keeps sums and shifts of timestamps far from overflow.
 constexpr int64_t MAX_TIMESTAMP = int64_t{1} << 53;
+// Longer than any event: input that never ends a line must not fill the memory.
+constexpr size_t MAX_LINE_BYTES = 65536;
+// Events stored or dropped in one transaction, so that others who write wait a few milliseconds at most.
+constexpr size_t MAX_BATCH = 1000;
 
 std::string Bounded(const JsonNode& node, size_t maxBytes)
 {
@@ -159,8 +169,8 @@ int32_t UsageCodeOf(const JsonNode& node, const UsageCodes& codes)
     return *code;
 }
 
-}  // namespace
-
+// Appends one usage event, moved by `shift` ms; one of the same content whose id is `knownUpTo` or less is left as it
+// is. Answers how many were appended, 0 or 1.
 int64_t AddUsageEvent(Connection& connection, const JsonNode& event, int64_t shift, int64_t knownUpTo)
 {
     event.AllowOnly({"bundleName", "userId", "operationGroup", "times", "mode", "app", "screen", "begin", "end"});
@@ -181,6 +191,30 @@ int64_t AddUsageEvent(Connection& connection, const JsonNode& event, int64_t shi
         UsageCodeOf(event["app"], AppStates()), UsageCodeOf(event["screen"], ScreenStates()), event["times"].Int32(1),
         knownUpTo);
 }
+
+// Waits for a line and takes with it what has arrived behind it; nothing at the end. One that is too long is the last,
+// and cut off.
+std::vector<std::string> NextLines(std::istream& input)
+{
+    std::vector<std::string> lines;
+    std::array<char, MAX_LINE_BYTES + 2> line;
+    while (lines.size() < MAX_BATCH && (lines.empty() || input.rdbuf()->in_avail() > 0) &&
+           input.getline(line.data(), line.size()).gcount() > 0) {
+        // The end of the line counts, but is not there.
+        lines.emplace_back(line.data(), static_cast<size_t>(input.gcount()) - (input.good() ? 1 : 0));
+    }
+    return lines;
+}
+
+void StoreLine(Connection& connection, const std::string& place, const std::string& line)
+{
+    if (line.size() > MAX_LINE_BYTES) {
+        throw InputError(place + ": is longer than " + std::to_string(MAX_LINE_BYTES) + " bytes");
+    }
+    AddUsageEvent(connection, ParseJson(place, line), 0, 0);
+}
+
+}  // namespace
 
 ImportCounts ImportDevice(Database& database, const std::string& path, int64_t now)
 {
@@ -211,6 +245,48 @@ bool IsEmpty(Database& database)
     return database.Read([](Connection& connection) {
         return static_cast<int32_t>(connection.Number("SELECT EXISTS (SELECT 1 FROM user)"));
     }) == 0;
+}
+
+int64_t RecordUsage(Database& database, const std::string& path)
+{
+    const std::string name = path == "-" ? "standard input" : path;
+    std::ifstream input(path == "-" ? "/dev/stdin" : path);
+    if (!input) {
+        throw InputError(name + ": cannot open: " + std::strerror(errno));
+    }
+    int64_t stored = 0;
+    for (auto lines = NextLines(input); !lines.empty(); lines = NextLines(input)) {
+        int64_t number = stored;
+        try {
+            database.Write([&](Connection& connection) {
+                for (const std::string& line : lines) {
+                    ++number;
+                    StoreLine(connection, name + ": line " + std::to_string(number), line);
+                }
+                return RESULT_OK;
+            });
+        } catch (const InputError& error) {
+            throw InputError(std::string(error.what()) + "; the first " + std::to_string(stored) +
+                             " lines are stored, and no other");
+        }
+        stored = number;
+    }
+    if (input.bad()) {
+        throw InputError(name + ": cannot read: " + std::strerror(errno));
+    }
+    return stored;
+}
+
+int64_t DropUsageBefore(Database& database, int64_t time)
+{
+    int64_t dropped = 0;
+    database.Write([&](Connection& connection) {
+        dropped = connection.Run(
+            "DELETE FROM usage WHERE id IN (SELECT id FROM usage WHERE began < ? ORDER BY began LIMIT ?)", time,
+            static_cast<int64_t>(MAX_BATCH));
+        return RESULT_OK;
+    });
+    return dropped;
 }
 
 }  // namespace SecurityPrivacyTools
