@@ -16,7 +16,8 @@ namespace VARN {
 class VARN_API IPCObjectStub : public IRemoteObject {
 public:
     // With serial invocation one `OnRemoteRequest` runs at a time (a request that an operation sends to its own object
-    // on the same thread is let in); without it as many run as there are callers.
+    // on the same thread is let in); without it as many run as there are callers. A child that is forked while one runs
+    // must not send to a serial object of its parent: it would wait for ever.
     explicit IPCObjectStub(const std::u16string& descriptor = std::u16string(), bool serialInvoke = false);
     ~IPCObjectStub() override;
 

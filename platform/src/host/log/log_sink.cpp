@@ -29,23 +29,12 @@ struct Log {
 // Never destroyed: lines are written during static destruction as well.
 Log& GetLog()
 {
-    alignas(Log) static unsigned char storage[sizeof(Log)];
-    static Log& log = *new (storage) Log;
+    static Log& log = *new Log;
     return log;
 }
 
 // How many sink calls this thread is inside of: a sink may log, and may set another sink.
 thread_local int sinkDepth = 0;
-
-void LockLog()
-{
-    GetLog().mutex.lock();
-}
-
-void UnlockLog()
-{
-    GetLog().mutex.unlock();
-}
 
 // The parent's other threads, inside the sink or waiting for it, will never come back here.
 void ForgetOtherThreads()
@@ -55,10 +44,11 @@ void ForgetOtherThreads()
         log.sink->running = sinkDepth;
     }
     new (&log.idle) std::condition_variable;
-    UnlockLog();
+    log.mutex.unlock();
 }
 
-const ForkHandler forkHandler(ForkHandler::Rank::LOG, {LockLog, UnlockLog, ForgetOtherThreads});
+const ForkHandler forkHandler(ForkHandler::Rank::LOG,
+                              {[] { GetLog().mutex.lock(); }, [] { GetLog().mutex.unlock(); }, ForgetOtherThreads});
 
 }  // namespace
 

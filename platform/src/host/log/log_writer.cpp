@@ -107,23 +107,19 @@ void UnlockWriter() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 const ForkHandler forkHandler(ForkHandler::Rank::LOG, {LockWriter, UnlockWriter, UnlockWriter});
 
-char LevelLetter(int level)
-{
-    constexpr char LETTERS[] = "DIWEF";
-    return level >= LOG_LEVEL_DEBUG && level <= LOG_LEVEL_FATAL ? LETTERS[level - LOG_LEVEL_DEBUG] : '?';
-}
+// How a line shows its level: a letter, and the number by which the journal knows it.
+struct LevelMark {
+    char letter;
+    char journal;
+};
 
-// The number by which the journal knows the level.
-int JournalPriority(int level)
+LevelMark MarkOf(int level)
 {
-    constexpr int DEBUG = 7;
-    constexpr int INFO = 6;
-    constexpr int WARNING = 4;
-    constexpr int ERROR = 3;
-    if (level >= LOG_LEVEL_ERROR) {
-        return ERROR;
+    constexpr LevelMark MARKS[] = {{'D', '7'}, {'I', '6'}, {'W', '4'}, {'E', '3'}, {'F', '3'}};
+    if (level < LOG_LEVEL_DEBUG || level > LOG_LEVEL_FATAL) {
+        return {'?', level < LOG_LEVEL_DEBUG ? '7' : '3'};
     }
-    return level == LOG_LEVEL_WARN ? WARNING : (level == LOG_LEVEL_INFO ? INFO : DEBUG);
+    return MARKS[level - LOG_LEVEL_DEBUG];
 }
 
 const char* MinuteText(time_t seconds) REQUIRES(writer.mutex)
@@ -156,12 +152,11 @@ std::string MakeHead(const timespec& now, const char* minuteText)
 
 void AppendLine(std::string& out, const std::string& head, int level, const std::string& tag, const std::string& text)
 {
+    const LevelMark mark = MarkOf(level);
     if (IsJournal()) {
-        out += '<' + std::to_string(JournalPriority(level)) + '>';
+        out.append({'<', mark.journal, '>'});
     }
-    out += head;
-    out += LevelLetter(level);
-    out += ' ' + VisibleText(tag) + ": " + VisibleText(text) + '\n';
+    out += head + mark.letter + ' ' + VisibleText(tag) + ": " + VisibleText(text) + '\n';
 }
 
 }  // namespace
