@@ -299,16 +299,6 @@ TEST_F(ClientAbuseTest, ThreadsShareWhatConnectGaveSideBySide)
     EXPECT_FALSE(Load()->IsObjectDead());
 }
 
-// Acts as another user until it is over; the process must be root.
-template <class Function>
-auto As(uid_t user, gid_t group, Function function)
-{
-    EXPECT_EQ(0, ::setegid(group) | ::seteuid(user));
-    const auto result = function();
-    EXPECT_EQ(0, ::seteuid(0) | ::setegid(0));
-    return result;
-}
-
 TEST_F(ClientAbuseTest, NoConnectionIsUsedAsSomebodyElseAndNoStrangerIsTrusted)
 {
     constexpr uid_t NOBODY = 65534;
@@ -321,13 +311,18 @@ TEST_F(ClientAbuseTest, NoConnectionIsUsedAsSomebodyElseAndNoStrangerIsTrusted)
         EXPECT_EQ(0, ::chmod(folder_.SocketPath().c_str(), 0777));
         const std::vector<std::pair<uid_t, gid_t>> users = {{0, 0}, {NOBODY, 0}, {NOBODY, NOBODY}, {0, NOBODY}, {0, 0}};
         for (const auto& [user, group] : users) {
-            EXPECT_TRUE(As(user, group, [this] { return Ask() == 0 && Ask() == 0; })) << user << ":" << group;
+            const AsUser other(user, group);
+            EXPECT_EQ(0, Ask());
+            EXPECT_EQ(0, Ask());
         }
         EXPECT_EQ(users, service.Peers());
     }
     EXPECT_EQ(0, ::unlink(folder_.SocketPath().c_str()));
     const Host::RawServer stranger(folder_.SocketPath());
-    As(NOBODY, 0, [&] { return ::listen(stranger.GetFd(), 8); });
+    {
+        const AsUser other(NOBODY, 0);
+        EXPECT_EQ(0, ::listen(stranger.GetFd(), 8));
+    }
     EXPECT_EQ(nullptr, Load());
     ExpectLogged("the service at " + folder_.SocketPath() + " runs as user 65534, not as root or as user 0");
 }

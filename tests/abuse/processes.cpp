@@ -72,14 +72,16 @@ size_t ReadSize(pid_t pid, const std::string& field)
     return status >> size && IS_SIZE_TELLING ? size * KIBIBYTE : 0;
 }
 
-AsUser::AsUser(uid_t user)
+AsUser::AsUser(uid_t user, gid_t group)
 {
+    ::syscall(SYS_setresgid, -1, group, -1);
     ::syscall(SYS_setresuid, -1, user, -1);
 }
 
 AsUser::~AsUser()
 {
     ::syscall(SYS_setresuid, -1, 0, -1);
+    ::syscall(SYS_setresgid, -1, 0, -1);
 }
 
 void ResetPeak(pid_t pid)

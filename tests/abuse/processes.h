@@ -33,10 +33,10 @@ size_t CountEntries(pid_t pid, const std::string& folder);
 size_t ReadSize(pid_t pid, const std::string& field);
 void ResetPeak(pid_t pid);  // "VmHWM" begins anew
 
-// While it exists, those to whom this thread connects see another user.
+// While it exists, those to whom this thread connects see another user and group. The process must be root.
 class AsUser {
 public:
-    explicit AsUser(uid_t user);
+    explicit AsUser(uid_t user, gid_t group = 0);
     ~AsUser();
     AsUser(const AsUser&) = delete;
     AsUser& operator=(const AsUser&) = delete;
