@@ -36,6 +36,7 @@ public:
     bool Prepare() override { return true; }
     Ahead GetAhead() const override { return left_ > served ? Ahead::INPUT : Ahead::NOTHING; }
     void Serve() override { ++served; }
+    int GetPatience() const override { return static_cast<int>(std::chrono::milliseconds(PATIENCE).count()); }
 
     int served = 0;
     std::function<void()> beforeWait = [] {};

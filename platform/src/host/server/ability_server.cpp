@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varn/host/ability_server.h"
 
-#include <malloc.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 
 #include "host/base/process.h"
 #include "host/server/engine.h"
+#include "host/server/heap.h"
 #include "host/wire/socket_folder.h"
 #include "platform_log.h"
 
@@ -24,11 +24,6 @@ constexpr size_t LEAST_WORKERS = 8;
 // Of the descriptors that the process may open, these are for the service's own files, and for the server's.
 constexpr size_t RESERVED_DESCRIPTORS = 64;
 constexpr size_t RESERVED_PART = 4;
-
-// By default the allocator keeps up to 64 MiB at the end of each of its arenas, for ever. A service that was asked for
-// much once must not hold it: longer blocks are mapped one by one, and each arena keeps little.
-constexpr int MAPPED_BYTES = 1024 * 1024;
-constexpr int KEPT_BYTES = 1024 * 1024;
 
 constexpr std::chrono::milliseconds LONGEST_TIME = std::chrono::hours(24 * 365);
 
@@ -104,10 +99,7 @@ bool AbilityServer::Start()
     } else if (!stub_) {
         problem = "the object is null";
     } else {
-        ::mallopt(M_MMAP_THRESHOLD, MAPPED_BYTES);
-        ::mallopt(M_TRIM_THRESHOLD, KEPT_BYTES);
-        // What the service needed to get ready.
-        ::malloc_trim(0);
+        PrepareHeap();
         auto engine = std::make_unique<Engine>(*this, FitToDescriptors(id_, options_));
         problem = engine->Start();
         if (problem.empty()) {

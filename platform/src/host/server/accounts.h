@@ -119,11 +119,14 @@ public:
     // Whether much memory was used since the last call. Many connections, each with a little, held much as well.
     bool TakeBurst() noexcept { return burst_.exchange(false, std::memory_order_relaxed); }
     void NoteEnd() noexcept { burst_.store(true, std::memory_order_relaxed); }
-    void NoteUse(size_t bytes) noexcept
+    // True when that is much.
+    bool NoteUse(size_t bytes) noexcept
     {
-        if (bytes >= BURST_BYTES) {
+        const bool isMuch = bytes >= BURST_BYTES;
+        if (isMuch) {
             burst_.store(true, std::memory_order_relaxed);
         }
+        return isMuch;
     }
 
     Stock connections;

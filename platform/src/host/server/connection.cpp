@@ -206,7 +206,7 @@ Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader&
     }
     const Clock::time_point end = observed ? Clock::now() : Clock::time_point();
     answer.length = static_cast<uint32_t>(reply.GetDataSize());
-    context_.accounts.NoteUse(answer.length);
+    buffers.hasFreedMuch |= context_.accounts.NoteUse(std::max(header.length, answer.length));
     const Next next = Reply(buffers, answer);
     // Now, since the worker's next request may be long in coming.
     ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);

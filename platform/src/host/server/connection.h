@@ -63,6 +63,7 @@ struct WorkerBuffers {
 
     alignas(FrameHeader) std::array<uint8_t, PIECE_SIZE> piece;
     std::unique_ptr<MessageParcel> reply;  // null until it is first needed
+    bool hasFreedMuch = false;             // since it was last idle for a while, see GiveArenaBack
 
     Running running;
 };

@@ -10,11 +10,13 @@
 #include <chrono>
 #include <csignal>
 #include <exception>
+#include <utility>
 #include <vector>
 
 #include "host/base/deadline.h"
 #include "host/base/error_text.h"
 #include "host/server/clock.h"
+#include "host/server/heap.h"
 #include "platform_log.h"
 
 namespace VARN::Host {
@@ -23,13 +25,18 @@ namespace {
 
 constexpr uint64_t STOP_TOKEN = UINT64_MAX;
 
-// A spare worker that has had nothing to do for this long ends.
+// A worker that has had nothing to do for this long gives memory back, and ends if it is a spare one.
 constexpr int IDLE_MILLISECONDS = 1000;
 
 // What a peer gets to read a reply that waits when the server stops.
 constexpr std::chrono::seconds DRAIN_TIME{2};
 
 thread_local const AbilityServer* currentServer = nullptr;
+
+int GetPatience(const WorkerBuffers& buffers)
+{
+    return buffers.hasFreedMuch ? IDLE_MILLISECONDS : -1;
+}
 
 }  // namespace
 
@@ -74,6 +81,7 @@ public:
                : next_ == Connection::Next::TURN ? Ahead::MORE
                                                  : Ahead::NOTHING;
     }
+    int GetPatience() const override { return Host::GetPatience(buffers_); }
 
 private:
     Engine& engine_;
@@ -184,13 +192,18 @@ void AbilityServer::Engine::Work()
         int count = 0;
         int error = 0;
         workers_.AwaitAny([&] {
-            const int patience = workers_.HasSpare() ? IDLE_MILLISECONDS : -1;
+            const int patience = workers_.HasSpare() ? IDLE_MILLISECONDS : GetPatience(buffers);
             count = ::epoll_wait(connections_.GetEpoll(), &event, 1, patience);
             error = errno;
             return count == 1 && event.data.u64 != STOP_TOKEN;
         });
-        if (count == 0 && workers_.Retire()) {
-            break;
+        if (count == 0) {
+            if (std::exchange(buffers.hasFreedMuch, false)) {
+                GiveArenaBack();
+            }
+            if (workers_.Retire()) {
+                break;
+            }
         }
         if (count > 0 && event.data.u64 != STOP_TOKEN) {
             HandleEvent(event.data.u64, event.events, buffers);

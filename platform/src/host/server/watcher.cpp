@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/server/watcher.h"
 
-#include <malloc.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -17,7 +16,7 @@
 
 #include "host/base/error_text.h"
 #include "host/server/clock.h"
-#include "parcel_buffer.h"
+#include "host/server/heap.h"
 #include "platform_log.h"
 
 namespace VARN::Host {
@@ -228,8 +227,7 @@ int64_t Watcher::GiveMemoryBack(int64_t now)
         trimIsDue_ = true;
     } else if (trimIsDue_) {
         trimIsDue_ = false;
-        ParcelBuffer::FreeSpares();
-        ::malloc_trim(0);
+        GiveHeapBack();
     }
     return trimIsDue_ ? now + LOOK_NANOSECONDS : NEVER;
 }

@@ -131,7 +131,7 @@ void WorkerPool::StayIfBusy(Pace& pace, Visit& visit, int64_t (*now)())
     pace.quickVisits = 0;
     staying_.fetch_add(1);
     while (visit.GetAhead() != Visit::Ahead::NOTHING && MayStay()) {
-        if (visit.GetAhead() == Visit::Ahead::INPUT && !AwaitInput(visit.GetFd())) {
+        if (visit.GetAhead() == Visit::Ahead::INPUT && !AwaitInput(visit.GetFd(), visit.GetPatience())) {
             break;
         }
         visit.Serve();
@@ -147,11 +147,11 @@ void WorkerPool::StayIfBusy(Pace& pace, Visit& visit, int64_t (*now)())
     }
 }
 
-// False when the worker was woken before there was anything to read.
-bool WorkerPool::AwaitInput(int fd) const noexcept
+// False when there was nothing to read for so long, or until the worker was woken.
+bool WorkerPool::AwaitInput(int fd, int milliseconds) const noexcept
 {
     std::array<pollfd, 2> entries{{{fd, POLLIN, 0}, {wakeEvent_.Get(), POLLIN, 0}}};
-    ::poll(entries.data(), entries.size(), -1);
+    ::poll(entries.data(), entries.size(), milliseconds);
     if (entries[0].revents != 0) {
         // The wake-up, if there is one too, is for a worker that has nothing to do.
         return true;

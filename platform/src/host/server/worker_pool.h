@@ -62,6 +62,8 @@ public:
         virtual Ahead GetAhead() const = 0;
         // Serves the connection once.
         virtual void Serve() = 0;
+        // How long to wait for input, in milliseconds; -1: as long as it takes.
+        virtual int GetPatience() const = 0;
     };
 
     // At most `usual` threads, and `spare` more which end when they are idle; each runs `work` once. `refusals`, which
@@ -100,7 +102,7 @@ public:
 private:
     void LeaveIdle(bool hasWork) noexcept;
     bool MayStay() const noexcept;
-    bool AwaitInput(int fd) const noexcept;
+    bool AwaitInput(int fd, int milliseconds) const noexcept;
     bool WakeNowAndThen(int64_t now) noexcept;
     void WakeStaying() const noexcept;
     bool AddWorker() noexcept;
