@@ -36,6 +36,7 @@ public:
     bool Prepare() override { return true; }
     Ahead GetAhead() const override { return left_ > served ? Ahead::INPUT : Ahead::NOTHING; }
     void Serve() override { ++served; }
+    int64_t GetBegin() const override { return testTime; }
     int GetPatience() const override { return static_cast<int>(std::chrono::milliseconds(PATIENCE).count()); }
 
     int served = 0;
@@ -68,7 +69,7 @@ protected:
     void Stay(TestVisit& visit)
     {
         Pace busy{testTime, 100};
-        pool_.StayIfBusy(busy, visit, [] { return testTime; });
+        pool_.StayIfBusy(busy, visit);
     }
     // The only idle worker gets something to do.
     void TakeIdleAway()
@@ -123,7 +124,7 @@ TEST_F(WorkerPoolTest, OnlyAConnectionWhoseVisitsAreQuickIsStayedWith)
             TestVisit visit(true);
             for (; visit.served == 0 && visits < 20; ++visits) {
                 testTime += pause;
-                pool_.StayIfBusy(pace, visit, [] { return testTime; });
+                pool_.StayIfBusy(pace, visit);
             }
             EXPECT_EQ(pause == 10 ? 9 : 20, visits);
         }

@@ -128,8 +128,8 @@ public:
 
     // Begins to serve; when it returns true, a client finds the service. False, with an error line that says what is
     // wrong and where, when the object is null, the server already runs, the folder is missing or unsafe, the path is
-    // too long, another process serves it, or the system refuses. Has the process's allocator give long blocks back to
-    // the system at once (mallopt(3)).
+    // too long, another process serves it, or the system refuses. From then on the process's allocator keeps up to 8
+    // MiB for each thread while requests come, and gives it back when it is quiet (mallopt(3)).
     bool Start();
 
     // Ends: takes the socket file away (unless the init system owns it), lets the requests that are running finish and

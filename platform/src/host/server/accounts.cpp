@@ -25,32 +25,23 @@ constexpr size_t REPLY_PART = 4;
 
 Account::Account(uid_t user) noexcept : uid(user), isTrusted(user == 0 || user == ::geteuid()) {}
 
-// What the user may hold, and what the others leave.
-size_t Stock::Share(const Account& account, size_t mine, size_t& left) const noexcept
-{
-    const uint64_t all = all_.load();
-    const size_t others = (all & HELD_MASK) - std::min<size_t>(mine, all & HELD_MASK);
-    const uint64_t users = all >> USER_SHIFT;
-    const size_t otherUsers = users - (mine != 0 && users != 0 ? 1 : 0);
-    const size_t whole = rules_.whole - (account.isTrusted ? 0 : rules_.whole / RESERVE_PART);
-    const size_t shared = std::min(rules_.shared + extra_.load(std::memory_order_relaxed), whole);
-    left = whole - std::min(others, whole);
-    const size_t share = (shared - std::min(others, shared)) / (otherUsers + 1);
-    return std::min(std::max(share, rules_.floor), rules_.mostOfUser);
-}
-
 Stock::Answer Stock::Take(const Account& account, std::atomic<size_t>& mine, size_t amount, size_t& allowed) noexcept
 {
-    const size_t before = mine.fetch_add(amount);
-    all_.fetch_add(amount + (before == 0 && amount != 0 ? ONE_USER : 0));
-    size_t left = 0;
-    const size_t share = Share(account, before + amount, left);
-    allowed = std::min(share, left);
-    if (before + amount <= allowed) {
+    const size_t after = mine.fetch_add(amount) + amount;
+    const uint64_t change = amount + (after == amount && amount != 0 ? ONE_USER : 0);
+    const uint64_t all = all_.fetch_add(change) + change;
+    const size_t others = (all & HELD_MASK) - std::min<size_t>(after, all & HELD_MASK);
+    const uint64_t users = std::max<uint64_t>(all >> USER_SHIFT, 1);
+    const size_t whole = rules_.whole - (account.isTrusted ? 0 : rules_.whole / RESERVE_PART);
+    const size_t shared = std::min(rules_.shared + extra_.load(std::memory_order_relaxed), whole);
+    const size_t part = (shared - std::min(others, shared)) / users;
+    const size_t share = std::min(std::max(part, rules_.floor), rules_.mostOfUser);
+    allowed = std::min(share, whole - std::min(others, whole));
+    if (after <= allowed) {
         return Answer::TAKEN;
     }
     Give(mine, amount);
-    return before + amount <= share ? Answer::NOTHING_LEFT : Answer::BEYOND_SHARE;
+    return after <= share ? Answer::NOTHING_LEFT : Answer::BEYOND_SHARE;
 }
 
 void Stock::Give(std::atomic<size_t>& mine, size_t amount) noexcept

@@ -82,8 +82,6 @@ private:
     static constexpr uint64_t ONE_USER = uint64_t{1} << USER_SHIFT;
     static constexpr uint64_t HELD_MASK = ONE_USER - 1;
 
-    size_t Share(const Account& account, size_t mine, size_t& left) const noexcept;
-
     const Rules rules_;
     std::atomic<uint64_t> all_{0};
     // Relaxed: to go by an old number is to serve a request a moment later.

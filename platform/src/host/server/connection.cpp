@@ -97,8 +97,9 @@ Connection::Next Connection::ReadFirst(WorkerBuffers& buffers, bool hangUp)
         return BeginRest(buffers, size);
     }
     const size_t end = FRAME_HEADER_SIZE + header.length;
-    ahead_.assign(buffers.piece.begin() + static_cast<ptrdiff_t>(end),
-                  buffers.piece.begin() + static_cast<ptrdiff_t>(size));
+    if (end < size) {
+        ahead_.assign(buffers.piece.data() + end, buffers.piece.data() + size);
+    }
     ParcelBuffer::Lend(body, buffers.piece.data() + FRAME_HEADER_SIZE, header.length);
     const Next next = Dispatch(buffers, header, body);
     // A peer that sends without end must not keep the worker to itself.
@@ -209,7 +210,9 @@ Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader&
     buffers.hasFreedMuch |= context_.accounts.NoteUse(std::max(header.length, answer.length));
     const Next next = Reply(buffers, answer);
     // Now, since the worker's next request may be long in coming.
-    ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
+    if (ParcelBuffer::Capacity(*buffers.reply) > WorkerBuffers::KEPT_CAPACITY) {
+        ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
+    }
     if (observed) {
         context_.options.observer({header.code, caller_, header.length, answer.length, end - begin, answer.status});
     }

@@ -53,7 +53,8 @@ public:
     void ServeBegun(bool hangUp)
     {
         Account& account = slot_.connection->GetAccount();
-        next_ = engine_.ServeOnce(slot_, buffers_, hangUp);
+        begin_ = CoarseMilliseconds();
+        next_ = engine_.ServeOnce(slot_, buffers_, hangUp, begin_);
         engine_.turns_.End(account);
     }
     void Serve() override { Serve(false); }
@@ -69,6 +70,7 @@ public:
     bool Waits() const noexcept { return waits_; }
     Connection::Next GetNext() const noexcept { return next_; }
 
+    int64_t GetBegin() const override { return begin_; }
     int GetFd() const override { return slot_.connection->GetFd(); }
     bool Prepare() override { return engine_.connections_.ArmForStay(index_); }
     Ahead GetAhead() const override
@@ -90,6 +92,7 @@ private:
     WorkerBuffers& buffers_;
     Connection::Next next_ = Connection::Next::INPUT;
     bool waits_ = false;
+    int64_t begin_ = 0;
 };
 
 AbilityServer::Engine::Engine(const AbilityServer& server, const AbilityServerOptions& options)
@@ -252,7 +255,7 @@ void AbilityServer::Engine::Finish(uint32_t index, OwnedConnection& owned)
         if (owned.Waits()) {
             return;
         }
-        workers_.StayIfBusy(slot.pace, owned, CoarseMilliseconds);
+        workers_.StayIfBusy(slot.pace, owned);
         if (owned.Waits()) {
             return;
         }
@@ -275,10 +278,9 @@ void AbilityServer::Engine::EndConnection(uint32_t index)
     watcher_.ConnectionEnded();
 }
 
-Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buffers, bool hangUp)
+Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buffers, bool hangUp, int64_t now)
 {
     Running& running = buffers.running;
-    const int64_t now = CoarseMilliseconds();
     running.uid.store(slot.connection->GetAccount().uid, std::memory_order_relaxed);
     running.since.store(now);
     watcher_.NoteRequest(now);

@@ -123,9 +123,10 @@ bool WorkerPool::MayStay() const noexcept
            !stopping_.load(std::memory_order_relaxed);
 }
 
-void WorkerPool::StayIfBusy(Pace& pace, Visit& visit, int64_t (*now)())
+void WorkerPool::StayIfBusy(Pace& pace, Visit& visit)
 {
-    if (!IsBusy(pace, now()) || visit.GetAhead() == Visit::Ahead::NOTHING || !MayStay() || !visit.Prepare()) {
+    if (!IsBusy(pace, visit.GetBegin()) || visit.GetAhead() == Visit::Ahead::NOTHING || !MayStay() ||
+        !visit.Prepare()) {
         return;
     }
     pace.quickVisits = 0;
@@ -136,7 +137,7 @@ void WorkerPool::StayIfBusy(Pace& pace, Visit& visit, int64_t (*now)())
         }
         visit.Serve();
         // The one that wakes has to stop staying too, or its next wait would take the wake-up.
-        if (WakeNowAndThen(now())) {
+        if (WakeNowAndThen(visit.GetBegin())) {
             break;
         }
     }

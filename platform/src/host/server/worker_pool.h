@@ -16,7 +16,7 @@ namespace VARN::Host {
 
 // How soon the visits to one connection follow each other. Only the connection's owner changes it.
 struct Pace {
-    std::atomic<int64_t> lastVisit{0};  // in milliseconds; relaxed: any thread may read how long ago it was
+    std::atomic<int64_t> lastVisit{0};  // when it began, in milliseconds; relaxed: any thread may read how long ago
     uint32_t quickVisits = 0;
 };
 
@@ -62,6 +62,8 @@ public:
         virtual Ahead GetAhead() const = 0;
         // Serves the connection once.
         virtual void Serve() = 0;
+        // When it last began to, in milliseconds.
+        virtual int64_t GetBegin() const = 0;
         // How long to wait for input, in milliseconds; -1: as long as it takes.
         virtual int GetPatience() const = 0;
     };
@@ -96,8 +98,8 @@ public:
     }
 
     // To be called after each visit to a connection. When the visits follow each other quickly, the worker stays as
-    // long as the rules and the connection allow. `now` gives the time in milliseconds.
-    void StayIfBusy(Pace& pace, Visit& visit, int64_t (*now)());
+    // long as the rules and the connection allow.
+    void StayIfBusy(Pace& pace, Visit& visit);
 
 private:
     void LeaveIdle(bool hasWork) noexcept;
