@@ -20,36 +20,6 @@ namespace {
 using namespace std::string_literals;
 using Words = std::vector<int32_t>;
 
-template <class T>
-void ExpectLayout(const T& value, const Words& words)
-{
-    SCOPED_TRACE(testing::PrintToString(words));
-    Parcel parcel;
-    ASSERT_TRUE(Put(parcel, value));
-    EXPECT_EQ(words.size() * 4, parcel.GetDataSize());
-    EXPECT_EQ(words, TakeWords(parcel));
-}
-
-struct Point : Parcelable {
-    bool Marshalling(Parcel& parcel) const override { return parcel.WriteInt32(7) && parcel.WriteInt32(-8); }
-};
-
-TEST(ParcelLayoutTest, EveryTypeHasItsLayout)
-{
-    ExpectLayout(true, {1});
-    ExpectLayout(false, {0});
-    ExpectLayout(int32_t{-2}, {-2});
-    ExpectLayout(int64_t{-0x100000002LL}, {-2, -2});
-    ExpectLayout(""s, {0, 0});
-    ExpectLayout("abc"s, {3, 0x00636261});
-    ExpectLayout("abcd"s, {4, 0x64636261, 0});
-    ExpectLayout("a\0c"s, {3, 0x00630061});
-    ExpectLayout(u""s, {0, 0});
-    ExpectLayout(u"a"s, {1, 0x00000061});
-    ExpectLayout(u"ab"s, {2, 0x00620061, 0});
-    ExpectLayout(Point(), {1, 7, -8});
-}
-
 // From none of these words a value can be read: its target and the cursor stay.
 template <class T, class Read>
 void ExpectUnread(const T& kept, Read read, const std::vector<Words>& cases)
