@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <limits>
 #include <nlohmann/json.hpp>
-#include <numeric>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,15 +21,20 @@
 #include "common/result_codes.h"
 #include "service/feed.h"
 #include "service/security_privacy_service.h"
+#include "varn/host/log_sink.h"
 
 namespace SecurityPrivacyTools {
 namespace {
 
 using nlohmann::json;
 using VARN::sptr;
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenPolicy;
 using Code = SecurityPrivacyService::MessageCode;
 using Names = std::unordered_set<std::string>;
 using Texts = std::vector<std::string>;
+
+constexpr auto BY_APP = &SecurityPrivacyService::GetAppPermissionGroupInfosByApp;
+constexpr auto BY_GROUP = &SecurityPrivacyService::GetAppPermissionGroupInfosByPermission;
 
 PermissionUsageRecordQuery Query(const std::string& text)
 {
@@ -44,13 +53,17 @@ PermissionUsageRecordQuery Query(const std::string& text)
     return query;
 }
 
-std::vector<GTokenInfo> Bundles(const std::string& text)
+GTokenInfo Bundle(const std::string& name, const std::string& fingerprint, const std::string& policy, int64_t value = 1)
 {
-    std::vector<GTokenInfo> bundles;
-    for (const JsonNode& node : ParseJson("bundles", text).Items()) {
-        bundles.push_back(ReadGTokenInfo(node));
-    }
-    return bundles;
+    GTokenPolicy stored;
+    stored.policyName = policy;
+    stored.policyValue = value;
+    GTokenInfo info;
+    info.bundleName = name;
+    info.fingerprint = fingerprint;
+    info.versionCode = 9;
+    info.policies.push_back(stored);
+    return info;
 }
 
 // "bundle,fingerprint,version,value " of each row; the result alone when it is another than 0.
@@ -61,21 +74,6 @@ std::string Policies(const sptr<SecurityPrivacyService>& service, const std::str
     for (const auto& row : result.gTokenResults) {
         text += row.bundleName + "," + row.fingerprint + "," + std::to_string(row.versionCode) + "," +
                 std::to_string(row.policyValue) + " ";
-    }
-    return text;
-}
-
-// "bundle uid group state flags: shown states, a star behind disabled ones; reason|" of each.
-std::string Text(int32_t result, const std::vector<AppPermissionGroupInfo>& infos)
-{
-    std::string text = result == RESULT_OK ? "" : std::to_string(result);
-    for (const AppPermissionGroupInfo& info : infos) {
-        text += info.bundleName + " " + std::to_string(info.uid) + " " + info.permissionGroup + " " +
-                info.checkedState + " " + std::to_string(info.flags) + ":";
-        for (const std::string& state : info.shownStates) {
-            text += " " + state + (info.disabledStates.count(state) != 0 ? "*" : "");
-        }
-        text += info.disabledReason + "|";
     }
     return text;
 }
@@ -101,17 +99,23 @@ protected:
         }
         return times;
     }
-    std::string OfApp(const std::string& app, int32_t user, const Names& wanted = {})
+    // "bundle uid group state flags: shown states, a star behind disabled ones; reason|" of each; the result alone when
+    // it is another than 0.
+    template <class Lister>
+    std::string List(Lister lister, const std::string& name, int32_t user, const Names& wanted = {})
     {
         std::vector<AppPermissionGroupInfo> infos;
-        const int32_t result = service_->GetAppPermissionGroupInfosByApp(app, user, wanted, infos);
-        return Text(result, infos);
-    }
-    std::string OfGroup(const std::string& group, int32_t user, const Names& wanted = {})
-    {
-        std::vector<AppPermissionGroupInfo> infos;
-        const int32_t result = service_->GetAppPermissionGroupInfosByPermission(group, user, wanted, infos);
-        return Text(result, infos);
+        const int32_t result = (*service_.*lister)(name, user, wanted, infos);
+        std::string text = result == RESULT_OK ? "" : std::to_string(result);
+        for (const AppPermissionGroupInfo& info : infos) {
+            text += info.bundleName + " " + std::to_string(info.uid) + " " + info.permissionGroup + " " +
+                    info.checkedState + " " + std::to_string(info.flags) + ":";
+            for (const std::string& state : info.shownStates) {
+                text += " " + state + (info.disabledStates.count(state) != 0 ? "*" : "");
+            }
+            text += info.disabledReason + "|";
+        }
+        return text;
     }
     int32_t Set(const std::string& app, int32_t uid, const char* group, const char* state, int64_t mask, int64_t value)
     {
@@ -168,16 +172,7 @@ TEST_F(ServiceTest, QueryAdmitsWhatMeetsAllItsFilters)
     };
     for (const auto& [text, expected] : cases) {
         SCOPED_TRACE(text);
-        PermissionUsageRecordQuery query = Query(text);
-        EXPECT_EQ(expected, Timeline(query));
-        // A summary adds up the same events.
-        query.SetLimit(0);
-        const std::vector<int32_t> all = Timeline(query);
-        std::vector<PermissionUsageRecord> sums;
-        EXPECT_EQ(RESULT_OK, service_->GetPermissionUsageSummary(query, sums));
-        EXPECT_EQ(std::accumulate(all.begin(), all.end(), 0),
-                  std::accumulate(sums.begin(), sums.end(), 0,
-                                  [](int32_t total, const auto& sum) { return total + sum.GetTimes(); }));
+        EXPECT_EQ(expected, Timeline(Query(text)));
     }
     EXPECT_EQ(std::vector<int32_t>(), Timeline(Query(R"({"order": 2})"), RESULT_BAD_ORDER));
     EXPECT_EQ(std::vector<int32_t>(), Timeline(Query(R"({"order": -1})"), RESULT_BAD_ORDER));
@@ -192,20 +187,17 @@ TEST_F(ServiceTest, SummaryAddsUpTimesAloneAndSaturates)
     EXPECT_EQ(1, Import(database_, device.dump()).usageEvents) << "the others are there already";
     std::vector<PermissionUsageRecord> sums;
     EXPECT_EQ(RESULT_OK, service_->GetPermissionUsageSummary(Query(R"({"order": 1})"), sums));
-    std::string text;
+    std::ostringstream text;
     for (const PermissionUsageRecord& sum : sums) {
-        for (const int64_t number : {int64_t{sum.GetUid()}, int64_t{sum.GetOperationMode()}, int64_t{sum.GetAppState()},
-                                     int64_t{sum.GetScreenState()}, int64_t{sum.GetTimes()}, sum.GetBeginTimestamp()}) {
-            text += std::to_string(number) + " ";
-        }
-        text +=
-            std::to_string(sum.GetEndTimestamp()) + " " + sum.GetBundleName() + " " + sum.GetOperationGroup() + "\n";
+        text << sum.GetUid() << ' ' << sum.GetOperationMode() << ' ' << sum.GetAppState() << ' ' << sum.GetScreenState()
+             << ' ' << sum.GetTimes() << ' ' << sum.GetBeginTimestamp() << ' ' << sum.GetEndTimestamp() << ' '
+             << sum.GetBundleName() << ' ' << sum.GetOperationGroup() << '\n';
     }
     EXPECT_EQ(
         "12 1 1 0 2147483647 4000 4600 chat CAMERA\n12 1 1 2 8 2000 2100 chat CAMERA\n"
         "11 0 0 1 32 2000 2001 maps CAMERA\n11 0 1 1 16 2000 2200 maps LOCATION\n"
         "21 1 0 1 4 2000 2500 maps CAMERA\n11 0 0 0 3 1000 3001 maps CAMERA\n",
-        text);
+        text.str());
 }
 
 TEST_F(ServiceTest, TimelineStopsReadingOnePastAnAnswer)
@@ -230,16 +222,16 @@ TEST_F(ServiceTest, GroupsComeInTheOrderOfTheDeviceWithWhatWasChosen)
     const std::string location = "maps 11 LOCATION ask 6: allow* ask deny!|";
     const std::string camera = "maps 11 CAMERA deny 0: allow deny|";
     const std::string chat = "chat 12 CAMERA allow 2: allow|";
-    EXPECT_EQ(location + camera, OfApp("maps", 100));
-    EXPECT_EQ(camera, OfApp("maps", 100, {"CAMERA", "SMS"}));
-    EXPECT_EQ("", OfApp("maps", 100, {"SMS"}));
-    EXPECT_EQ("1001", OfApp("maps", 102));
-    EXPECT_EQ("1002", OfApp("chat", 101));
-    EXPECT_EQ(camera + chat, OfGroup("CAMERA", 100));
-    EXPECT_EQ(chat, OfGroup("CAMERA", 100, {"chat", "nobody"}));
-    EXPECT_EQ("", OfGroup("SMS", 100));
-    EXPECT_EQ("1001", OfGroup("CAMERA", 102));
-    EXPECT_EQ("1003", OfGroup("NFC", 100));
+    EXPECT_EQ(location + camera, List(BY_APP, "maps", 100));
+    EXPECT_EQ(camera, List(BY_APP, "maps", 100, {"CAMERA", "SMS"}));
+    EXPECT_EQ("", List(BY_APP, "maps", 100, {"SMS"}));
+    EXPECT_EQ("1001", List(BY_APP, "maps", 102));
+    EXPECT_EQ("1002", List(BY_APP, "chat", 101));
+    EXPECT_EQ(camera + chat, List(BY_GROUP, "CAMERA", 100));
+    EXPECT_EQ(chat, List(BY_GROUP, "CAMERA", 100, {"chat", "nobody"}));
+    EXPECT_EQ("", List(BY_GROUP, "SMS", 100));
+    EXPECT_EQ("1001", List(BY_GROUP, "CAMERA", 102));
+    EXPECT_EQ("1003", List(BY_GROUP, "NFC", 100));
 
     const struct {
         const char *app, *group, *state;
@@ -264,7 +256,7 @@ TEST_F(ServiceTest, GroupsComeInTheOrderOfTheDeviceWithWhatWasChosen)
         isChanged_ = !row.isChanged;
         EXPECT_EQ(row.expected, Set(row.app, row.uid, row.group, row.state, row.mask, row.value));
         EXPECT_EQ(row.isChanged, isChanged_);
-        EXPECT_EQ(row.then + camera, OfApp("maps", 100));
+        EXPECT_EQ(row.then + camera, List(BY_APP, "maps", 100));
     }
 
     // Another device file: choices stay where they are still offered, and what the file does not name is gone.
@@ -277,8 +269,9 @@ TEST_F(ServiceTest, GroupsComeInTheOrderOfTheDeviceWithWhatWasChosen)
     device["apps"][0]["installations"][0]["groups"][0]["disabledStates"].push_back("deny");
     device["usageEvents"].clear();
     EXPECT_EQ(1, Import(database_, device.dump()).droppedChoices);
-    EXPECT_EQ("maps 21 LOCATION ask 6: allow* ask deny*!|maps 21 CAMERA allow 0: allow deny|", OfApp("maps", 100));
-    EXPECT_EQ("1001", OfApp("maps", 101));
+    EXPECT_EQ("maps 21 LOCATION ask 6: allow* ask deny*!|maps 21 CAMERA allow 0: allow deny|",
+              List(BY_APP, "maps", 100));
+    EXPECT_EQ("1001", List(BY_APP, "maps", 101));
     EXPECT_EQ((std::vector<int32_t>{1, 32, 16, 2}), Timeline(Query("{}")));
 }
 
@@ -286,30 +279,24 @@ TEST_F(ServiceTest, PoliciesOfABatchAreStoredTogetherOrNotAtAll)
 {
     const std::string name255(255, 'n');
     const std::string print1024(1024, 'f');
-    const auto bundle = [](const std::string& name, const std::string& print, const std::string& policy) {
-        return R"({"bundleName": ")" + name + R"(", "fingerprint": ")" + print +
-               R"(", "versionCode": 9, "policies": {")" + policy + R"(": 1}})";
-    };
-    const std::pair<std::string, int32_t> additions[] = {
-        {bundle("maps", "F2", "p"), RESULT_FINGERPRINT_MISMATCH},
-        {bundle("b", "", "p"), RESULT_BAD_NAME},
-        {bundle("a b", "F", "p"), RESULT_BAD_NAME},
-        {bundle("b", "F", "\u00e4"), RESULT_BAD_NAME},
-        {bundle(name255 + "n", "F", "p"), RESULT_TOO_LONG},
-        {bundle("b", print1024 + "f", "p"), RESULT_TOO_LONG},
-        {bundle("b", "F", name255 + "n"), RESULT_TOO_LONG},
-        {bundle(name255, print1024, name255), RESULT_OK},
+    const std::pair<GTokenInfo, int32_t> additions[] = {
+        {Bundle("maps", "F2", "p"), RESULT_FINGERPRINT_MISMATCH},
+        {Bundle("b", "", "p"), RESULT_BAD_NAME},
+        {Bundle("a b", "F", "p"), RESULT_BAD_NAME},
+        {Bundle("b", "F", "\u00e4"), RESULT_BAD_NAME},
+        {Bundle(name255 + "n", "F", "p"), RESULT_TOO_LONG},
+        {Bundle("b", print1024 + "f", "p"), RESULT_TOO_LONG},
+        {Bundle("b", "F", name255 + "n"), RESULT_TOO_LONG},
+        {Bundle(name255, print1024, name255), RESULT_OK},
     };
     for (const auto& [last, expected] : additions) {
-        SCOPED_TRACE(last.substr(0, 60));
-        std::string batch = "[" + bundle("first", "F", "p") + ",";
-        batch += last + "]";
-        EXPECT_EQ(expected, service_->GTokenPolicyAddPolicy(Bundles(batch)));
+        SCOPED_TRACE(last.bundleName + " " + last.fingerprint + " " + last.policies[0].policyName);
+        EXPECT_EQ(expected, service_->GTokenPolicyAddPolicy({Bundle("first", "F", "p"), last}));
         EXPECT_EQ(expected == RESULT_OK ? "first,F,9,1 " : "", Policies(service_, "p", {"first"}));
     }
     EXPECT_EQ(name255 + "," + print1024 + ",9,1 ", Policies(service_, name255, {name255}));
     EXPECT_EQ("maps,F1,3,7 ", Policies(service_, "p", {"maps"}));
-    EXPECT_EQ(RESULT_OK, service_->GTokenPolicyAddPolicy(Bundles("[" + bundle("maps", "F1", "q") + "]")));
+    EXPECT_EQ(RESULT_OK, service_->GTokenPolicyAddPolicy({Bundle("maps", "F1", "q")}));
     EXPECT_EQ("maps,F1,9,7 first,F,9,1 maps,F1,9,7 ", Policies(service_, "p", {"maps", "nobody", "first", "maps"}));
     EXPECT_EQ("maps,,9,7 ", Policies(foreign_, "p", {"maps"})) << "fingerprints are for those who may change";
     EXPECT_EQ("", Policies(service_, "none", {"maps"}));
@@ -338,6 +325,21 @@ TEST_F(ServiceTest, ChangesAreForTheChangersAndReadingForAll)
     }
 }
 
+// What is stored hangs together. Answers the value of the policy "p" of the bundle "b".
+int64_t CheckAndRead(Database& database)
+{
+    return database.Read([](Connection& connection) {
+        Statement check(connection, "PRAGMA integrity_check");
+        EXPECT_TRUE(check.Step());
+        EXPECT_EQ("ok", check.Text(0));
+        EXPECT_EQ(0, connection.Number("SELECT count(*) FROM pragma_foreign_key_check"));
+        EXPECT_EQ(2, connection.Number("PRAGMA synchronous")) << "an answer waits for the disk";
+        return static_cast<int32_t>(
+            connection.Number("SELECT value FROM policy JOIN bundle ON bundle.id = bundle WHERE bundle.name = 'b' AND "
+                              "policy.name = 'p'"));
+    });
+}
+
 // The service is killed while it makes one change after the other; whatever it had answered is there.
 TEST_F(ServiceTest, AcknowledgedChangesOutliveTheProcess)
 {
@@ -351,11 +353,9 @@ TEST_F(ServiceTest, AcknowledgedChangesOutliveTheProcess)
             Database database(path);
             SecurityPrivacyService service(database, {{::getuid()}, false});
             for (int64_t next = acknowledged + 1;; ++next) {
-                auto bundle =
-                    Bundles(R"([{"bundleName": "b", "fingerprint": "F", "versionCode": 1, "policies": {"p": 0}}])");
-                bundle[0].policies[0].policyValue = next;
-                bundle[0].versionCode = next;
-                if (service.GTokenPolicyAddPolicy(bundle) != RESULT_OK || ::write(answers[1], &next, 8) != 8) {
+                if (service.GTokenPolicyAddPolicy({Bundle("b", "F", "q", next), Bundle("b", "F", "p", next)}) !=
+                        RESULT_OK ||
+                    ::write(answers[1], &next, 8) != 8) {
                     ::_exit(1);
                 }
             }
@@ -371,20 +371,53 @@ TEST_F(ServiceTest, AcknowledgedChangesOutliveTheProcess)
         ::close(answers[0]);
 
         Database database(path);
-        const int64_t stored = database.Read([](Connection& connection) {
-            Statement check(connection, "PRAGMA integrity_check");
-            EXPECT_TRUE(check.Step());
-            EXPECT_EQ("ok", check.Text(0));
-            EXPECT_EQ(0, connection.Number("SELECT count(*) FROM pragma_foreign_key_check"));
-            EXPECT_EQ(connection.Number("SELECT version_code FROM bundle"),
-                      connection.Number("SELECT value FROM policy"));
-            EXPECT_EQ(2, connection.Number("PRAGMA synchronous")) << "an answer waits for the disk";
-            return static_cast<int32_t>(connection.Number("SELECT value FROM policy"));
-        });
+        const int64_t stored = CheckAndRead(database);
         EXPECT_LE(acknowledged, stored);
         EXPECT_GE(acknowledged + 1, stored) << "one was under way";
+        const sptr<SecurityPrivacyService> service(new SecurityPrivacyService(database, {{::getuid()}, false}));
+        EXPECT_EQ("b,F,9," + std::to_string(stored) + " ", Policies(service, "q", {"b"})) << "both or neither";
         acknowledged = stored;
     }
+}
+
+// No file may grow beyond it.
+void SetMostFileBytes(rlim_t bytes)
+{
+    rlimit limit = {};
+    ASSERT_EQ(0, ::getrlimit(RLIMIT_FSIZE, &limit));
+    limit.rlim_cur = std::min(bytes, limit.rlim_max);
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &limit)) << std::strerror(errno);
+}
+
+TEST_F(ServiceTest, ChangeOnAFullDiskIsRefusedWhole)
+{
+    Database database(folder_ + "/device.db");
+    Import(database, device_.dump());
+    const sptr<SecurityPrivacyService> service(new SecurityPrivacyService(database, {{::getuid()}, false}));
+    std::vector<GTokenInfo> batch{Bundle("b", "F", "p")};
+    json device = device_;
+    for (int number = 0; number < 600; ++number) {
+        batch.push_back(Bundle("b" + std::to_string(number), std::string(1000, 'f'), "p"));
+        device["permissionGroups"].push_back(std::to_string(number) + std::string(250, 'g'));
+    }
+    std::signal(SIGXFSZ, SIG_IGN);
+    std::string said;
+    VARN::Host::SetLogSink([&](const VARN::Host::LogLine& line) { said += line.text + "\n"; });
+    for (const rlim_t bytes : {0, 50000, 150000}) {
+        SCOPED_TRACE(bytes);
+        said.clear();
+        std::ofstream(folder_ + "/device") << device;
+        SetMostFileBytes(bytes);
+        EXPECT_EQ(RESULT_NOT_SAVED, service->GTokenPolicyAddPolicy(batch));
+        EXPECT_THROW(ImportDevice(database, folder_ + "/device", 0), DatabaseError);
+        EXPECT_EQ("maps,F1,3,7 ", Policies(service, "p", {"maps", "b"})) << "reading goes on";
+        SetMostFileBytes(RLIM_INFINITY);
+        EXPECT_NE(std::string::npos, said.find("the database could not be written; nothing was changed: ")) << said;
+        EXPECT_EQ(0, CheckAndRead(database));
+    }
+    VARN::Host::SetLogSink({});
+    EXPECT_EQ(RESULT_OK, service->GTokenPolicyAddPolicy(batch)) << "there is room again";
+    EXPECT_EQ(1, CheckAndRead(database));
 }
 
 }  // namespace
