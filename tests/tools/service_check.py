@@ -191,7 +191,9 @@ def feeding():
         has("deny", ask(0, "groups", "by-app", "com.example.camera", "--group", "LOCATION"), "reading meanwhile")
         holder.execute("ROLLBACK")
         holder.close()
+    os.chmod(database, 0o644)
     with Service("--database", database, "--keep-usage", "1m"):
+        check(0o600, os.stat(database).st_mode & 0o777, "mode of a database that others could read")
         has("deny", ask(0, "groups", "by-app", "com.example.camera", "--group", "LOCATION"), "a restart")
         while count() != 1002:
             pass
@@ -246,6 +248,15 @@ def watching():
     check(False, os.path.exists(path("65993.status.sock")), "the socket is taken away")
 
 
+def many_watchers():
+    with Service():
+        watchers = [watch(reads=False) for _ in range(17)]
+        check([True] * 16 + [False], [watcher.recv(1) != b"" for watcher in watchers], "who is let in")
+        for watcher in watchers:
+            watcher.close()
+        watch()[0].close()
+
+
 def under_the_init_system():
     notified = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     notified.bind(path("notify"))
@@ -262,7 +273,7 @@ def under_the_init_system():
             os.dup2(number, 3 + place)
         os.environ.update(LISTEN_PID=str(os.getpid()), LISTEN_FDS="2", LISTEN_FDNAMES="requests:status",
                           NOTIFY_SOCKET=path("notify"), WATCHDOG_USEC="3000000", WATCHDOG_PID=str(os.getpid()))
-        os.execv(SERVICE, [SERVICE, "--data", DATA, "--directory", folder.name])
+        os.execv(SERVICE, [SERVICE, "--data", DATA, "--directory", folder.name, "--database", path("watched.db")])
 
     out = os.pipe()
     child = os.fork()
@@ -270,13 +281,43 @@ def under_the_init_system():
         os.dup2(out[1], 1)
         hand_over()
     os.close(out[1])
-    check(b"READY=1", notified.recv(100), "ready")
-    check(b"WATCHDOG=1", notified.recv(100), "its own request gets through")
-    await_status(["GET_PERMISSION_USAGE_RECORD_TIMELINE"],
-                 lambda status: [request["name"] for request in status["requests"]], "the status on a handed socket")
-    os.kill(child, signal.SIGTERM)
-    while notified.recv(100) != b"STOPPING=1":
-        pass
+    try:
+        check(b"READY=1", notified.recv(100), "ready")
+        check(b"WATCHDOG=1", notified.recv(100), "its own request gets through")
+        await_status(["GET_PERMISSION_USAGE_RECORD_TIMELINE"],
+                     lambda status: [request["name"] for request in status["requests"]], "the status on a handed socket")
+
+        # While it cannot answer, the watchdog is not told that all is well. A printed status shows that it has looked.
+        printed = os.fdopen(out[0])
+        printed.readline()
+
+        def look():
+            os.kill(child, signal.SIGUSR1)
+            printed.readline()
+
+        def told():
+            notified.settimeout(0)
+            messages = []
+            with contextlib.suppress(BlockingIOError):
+                while True:
+                    messages.append(notified.recv(100))
+            notified.settimeout(WAIT)
+            return messages
+
+        sql(path("watched.db"), "ALTER TABLE usage RENAME TO gone")
+        look()
+        told()
+        look()
+        look()
+        check([], told(), "the watchdog of a service that cannot answer")
+        sql(path("watched.db"), "ALTER TABLE gone RENAME TO usage")
+        check(b"WATCHDOG=1", notified.recv(100), "it answers again")
+        os.kill(child, signal.SIGTERM)
+        while notified.recv(100) != b"STOPPING=1":
+            pass
+    except BaseException:
+        os.kill(child, signal.SIGKILL)
+        raise
     check(0, os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]), "its end")
     check(True, os.path.exists(path("65993.status.sock")), "a handed socket stays")
 
@@ -284,5 +325,6 @@ def under_the_init_system():
 starts_that_fail()
 feeding()
 watching()
+many_watchers()
 under_the_init_system()
 print("the service keeps its word")
