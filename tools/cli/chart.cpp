@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 #include <ctime>
+#include <iterator>
 #include <map>
 #include <set>
 #include <string>
@@ -28,8 +29,8 @@ constexpr char SEVERAL = '*';
 constexpr char DENIED = '!';
 
 using Letters = std::map<std::string, char>;
-// Sorted by app and uid: the records of one row stand together.
-using Records = std::vector<const PermissionUsageRecord*>;
+// The uses that a row shows, by the app and its uid.
+using Rows = std::map<std::pair<std::string_view, int32_t>, std::vector<const PermissionUsageRecord*>>;
 
 // A span of time, in milliseconds since the epoch, and the columns that stand for it.
 struct TimeScale {
@@ -49,9 +50,9 @@ struct TimeScale {
     }
 };
 
-auto RowOf(const PermissionUsageRecord& record)
+char Upper(char letter)
 {
-    return std::make_pair(std::string_view(record.GetBundleName()), record.GetUid());
+    return static_cast<char>(std::toupper(static_cast<unsigned char>(letter)));
 }
 
 bool IsDenied(const PermissionUsageRecord& record)
@@ -74,9 +75,8 @@ Letters ChooseLetters(const std::vector<PermissionUsageRecord>& records)
     for (const auto& [group, count] : groups) {
         char letter = '?';
         for (const char candidate : group + "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789") {
-            const auto upper = static_cast<char>(std::toupper(static_cast<unsigned char>(candidate)));
-            if (std::isalnum(static_cast<unsigned char>(upper)) != 0 && taken.insert(upper).second) {
-                letter = upper;
+            if (std::isalnum(static_cast<unsigned char>(candidate)) != 0 && taken.insert(Upper(candidate)).second) {
+                letter = Upper(candidate);
                 break;
             }
         }
@@ -94,11 +94,10 @@ char Merge(char shown, char added)
     if (shown == DENIED || shown == SEVERAL) {
         return shown;
     }
-    const auto upper = static_cast<char>(std::toupper(static_cast<unsigned char>(shown)));
-    if (upper != std::toupper(static_cast<unsigned char>(added))) {
+    if (Upper(shown) != Upper(added)) {
         return SEVERAL;
     }
-    return shown == added ? shown : upper;
+    return shown == added ? shown : Upper(shown);
 }
 
 void DrawUse(std::string& row, const PermissionUsageRecord& record, char letter, const TimeScale& scale)
@@ -112,39 +111,36 @@ void DrawUse(std::string& row, const PermissionUsageRecord& record, char letter,
 }
 
 // What all names begin with, up to a dot: said once, in the corner, it leaves more room for the time.
-std::string CommonPrefix(const Records& records)
+std::string_view CommonPrefix(const Rows& rows)
 {
-    const std::string& first = records.front()->GetBundleName();
-    const std::string& last = records.back()->GetBundleName();
+    const std::string_view first = rows.begin()->first.first;
+    const std::string_view last = rows.rbegin()->first.first;
     const auto differs = std::mismatch(first.begin(), first.end(), last.begin(), last.end()).first;
-    const size_t dot = std::string(first.begin(), differs).rfind('.');
-    return dot == std::string::npos ? "" : first.substr(0, dot + 1);
+    const std::string_view same = first.substr(0, static_cast<size_t>(differs - first.begin()));
+    return same.substr(0, same.rfind('.') + 1);
 }
 
 // The labels of the rows: the app, and its uid where the app has several rows. Where one is too wide for `room`, uids
 // lose what stands behind the last digit in which those of an app differ; only then names are cut.
-std::vector<std::string> MakeLabels(const Records& records, size_t prefixLength, size_t room)
+std::vector<std::string> MakeLabels(const Rows& rows, size_t prefixLength, size_t room)
 {
-    std::vector<std::pair<std::string, std::string>> rows;  // name and uid
+    std::vector<std::pair<std::string, std::string>> parts;  // name and uid
     size_t digits = 0;
     size_t widest = 0;
-    const PermissionUsageRecord* last = nullptr;
-    for (const PermissionUsageRecord* record : records) {
-        if (last != nullptr && RowOf(*last) == RowOf(*record)) {
+    for (auto row = rows.begin(); row != rows.end(); ++row) {
+        const std::string_view name = row->first.first;
+        parts.emplace_back(VisibleText(name.substr(prefixLength)), "");
+        if (row == rows.begin() || std::prev(row)->first.first != name) {
             continue;
         }
-        rows.emplace_back(VisibleText(record->GetBundleName().substr(prefixLength)), "");
-        if (last != nullptr && last->GetBundleName() == record->GetBundleName()) {
-            std::string& uid = rows.back().second = " " + std::to_string(record->GetUid());
-            std::string& before = rows[rows.size() - 2].second = " " + std::to_string(last->GetUid());
-            const auto differs = std::mismatch(uid.begin(), uid.end(), before.begin(), before.end()).first;
-            digits = std::max(digits, static_cast<size_t>(differs - uid.begin()) + 1);
-            widest = std::max(widest, DisplayWidth(rows.back().first) + std::max(uid.size(), before.size()));
-        }
-        last = record;
+        const std::string& uid = parts.back().second = " " + std::to_string(row->first.second);
+        const std::string& before = parts.rbegin()[1].second = " " + std::to_string(std::prev(row)->first.second);
+        const auto differs = std::mismatch(uid.begin(), uid.end(), before.begin(), before.end()).first;
+        digits = std::max(digits, static_cast<size_t>(differs - uid.begin()) + 1);
+        widest = std::max(widest, DisplayWidth(parts.back().first) + std::max(uid.size(), before.size()));
     }
     std::vector<std::string> labels;
-    for (const auto& [name, uid] : rows) {
+    for (const auto& [name, uid] : parts) {
         const bool isShort = widest > room && uid.size() > digits + 2;
         const std::string end = isShort ? uid.substr(0, digits) + ".." : uid;
         labels.push_back(FitEnd(name, room - std::min(end.size(), room)) + end);
@@ -157,18 +153,12 @@ std::string ColourOf(char shown, const Letters& letters)
 {
     constexpr int FIRST_COLOUR = 32;
     constexpr int COLOURS = 5;
-    if (shown == DENIED) {
-        return "\x1b[1;97;41m";
+    const auto isShown = [shown](const auto& entry) { return entry.second == Upper(shown); };
+    const auto group = std::find_if(letters.begin(), letters.end(), isShown);
+    if (group != letters.end()) {
+        return "\x1b[1;" + std::to_string(FIRST_COLOUR + std::distance(letters.begin(), group) % COLOURS) + "m";
     }
-    const auto upper = static_cast<char>(std::toupper(static_cast<unsigned char>(shown)));
-    int colour = FIRST_COLOUR;
-    for (const auto& [group, letter] : letters) {
-        if (letter == upper) {
-            return "\x1b[1;" + std::to_string(colour) + "m";
-        }
-        colour = FIRST_COLOUR + (colour - FIRST_COLOUR + 1) % COLOURS;
-    }
-    return shown == NOTHING ? "\x1b[2m" : "\x1b[1m";
+    return shown == DENIED ? "\x1b[1;97;41m" : shown == NOTHING ? "\x1b[2m" : "\x1b[1m";
 }
 
 // Runs of the same character are coloured at once.
@@ -305,16 +295,13 @@ void PrintChart(const std::vector<PermissionUsageRecord>& records, const ChartOp
 {
     const Letters letters = ChooseLetters(records);
     const bool marksDenied = !std::all_of(records.begin(), records.end(), IsDenied);
-    Records sorted;
+    Rows rows;
     for (const PermissionUsageRecord& record : records) {
-        sorted.push_back(&record);
+        rows[{record.GetBundleName(), record.GetUid()}].push_back(&record);
     }
-    std::sort(sorted.begin(), sorted.end(),
-              [](const auto* left, const auto* right) { return RowOf(*left) < RowOf(*right); });
-
-    const std::string prefix = CommonPrefix(sorted);
+    const std::string_view prefix = CommonPrefix(rows);
     const size_t room = std::max(options.width / 3, MIN_LABEL);
-    std::vector<std::string> labels = MakeLabels(sorted, prefix.size(), room);
+    std::vector<std::string> labels = MakeLabels(rows, prefix.size(), room);
     labels.push_back(FitEnd(VisibleText(prefix), room));
     size_t labelWidth = 0;
     for (const std::string& label : labels) {
@@ -327,14 +314,13 @@ void PrintChart(const std::vector<PermissionUsageRecord>& records, const ChartOp
     PrintLine(Padded(labels.back(), labelWidth + 1) + DrawTimeAxis(scale));
     std::set<char> shown;
     auto label = labels.begin();
-    for (auto record = sorted.begin(); record != sorted.end(); ++label) {
+    for (const auto& [app, uses] : rows) {
         std::string row(scale.columns, NOTHING);
-        for (const auto key = RowOf(**record); record != sorted.end() && RowOf(**record) == key; ++record) {
-            const bool isMarked = marksDenied && IsDenied(**record);
-            DrawUse(row, **record, isMarked ? DENIED : letters.at((*record)->GetOperationGroup()), scale);
+        for (const PermissionUsageRecord* use : uses) {
+            DrawUse(row, *use, marksDenied && IsDenied(*use) ? DENIED : letters.at(use->GetOperationGroup()), scale);
         }
         shown.insert(row.begin(), row.end());
-        PrintLine(Padded(*label, labelWidth + 1) + (options.isColoured ? Coloured(row, letters) : row));
+        PrintLine(Padded(*label++, labelWidth + 1) + (options.isColoured ? Coloured(row, letters) : row));
     }
     PrintLegend(letters, shown, options);
 }

@@ -24,8 +24,9 @@ std::optional<int64_t> ParseSpan(std::string_view text)
     do {
         const size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
         const std::optional<int64_t> number = ParseWhole<int64_t>(text.substr(0, digits));
-        const size_t unit = digits < text.size() ? UNITS.find(text[digits]) : UNITS.npos;
-        if (!number || unit == UNITS.npos || *number > (MAX_TIME - span) / LENGTHS[unit]) {
+        const size_t unit = UNITS.find(text.substr(digits, 1));
+        if (!number || digits == text.size() || unit == std::string_view::npos ||
+            *number > (MAX_TIME - span) / LENGTHS[unit]) {
             return std::nullopt;
         }
         span += *number * LENGTHS[unit];
