@@ -62,6 +62,8 @@ every_request() {
     expect 0 gtoken get p com.example.secret
     expect 0 --json gtoken get p com.example.secret
     expect 1 gtoken add --bundle com.example.secret --fingerprint "$secret-other" --policy p=1
+    expect 0 --verbose gtoken get p com.example.secret
+    grep -q ' succeed' "$folder/answer" || fail "--verbose shows no line of the library"
     expect 0 gtoken remove com.example.secret
     expect 1 gtoken remove com.example.secret
 }
@@ -70,6 +72,10 @@ touch "$folder/printed"
 expect 3 --wait 0 groups by-app com.example.camera
 expect 2 groups by-app
 expect 2 gtoken add --bundle b --fingerprint "$secret" --policy p
+mapfile -t bundles < <(printf -- '--bundle\nb%d\n' {1..100})
+expect 2 usage timeline "${bundles[@]}"
+grep -q -- '--bundle: 100 values, a request carries at most 99' "$folder/answer" || fail "too long a list is not explained"
+expect 3 --wait 0 usage timeline "${bundles[@]:2}"
 
 for level in '' 3; do
     export VARN_LOG_LEVEL=$level

@@ -117,7 +117,8 @@ public:
                 ::poll(&waiting, 1, timeoutMs) > 0 ? ::recv(socket_, bytes, sizeof(bytes), 0) : ssize_t{-1};
             if (count == 0) {
                 // Before anything was said it is the way to turn a user away.
-                Fail(status_.is_null() ? EXIT_REFUSED : EXIT_BROKEN, "the service has ended the connection");
+                const bool isSilent = status_.is_null() && unread_.empty();
+                Fail(isSilent ? EXIT_REFUSED : EXIT_BROKEN, "the service has ended the connection");
             }
             if (count < 0 || unread_.size() > MAX_LINE) {
                 Fail(EXIT_BROKEN, "the service took too long, or said too much");
