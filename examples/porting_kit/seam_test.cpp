@@ -34,8 +34,11 @@ TEST(ParcelTest, ValuesComeBackInTheirOrder)
     // Long enough to leave the parcel's own bytes, with a string whose zero bytes count.
     Parcel parcel;
     const std::string text(70000, '\0');
-    ASSERT_TRUE(parcel.WriteInt64(INT64_MIN) && parcel.WriteString(text) && parcel.WriteString16(u"\xD83D\xDE00") &&
-                parcel.WriteBool(true) && parcel.WriteInt32(2));
+    ASSERT_TRUE(parcel.WriteInt64(INT64_MIN));
+    ASSERT_TRUE(parcel.WriteString(text));
+    ASSERT_TRUE(parcel.WriteString16(u"\xD83D\xDE00"));
+    ASSERT_TRUE(parcel.WriteBool(true));
+    ASSERT_TRUE(parcel.WriteInt32(2));
     EXPECT_EQ(INT64_MIN, parcel.ReadInt64());
     EXPECT_EQ(text, parcel.ReadString());
     EXPECT_EQ(u"\xD83D\xDE00", parcel.ReadString16());
@@ -50,8 +53,12 @@ TEST(ParcelTest, FailedWriteLeavesTheParcelAndWhatAMarshallingWroteBefore)
     const Point point;
     ASSERT_TRUE(parcel.SetMaxCapacity(8));
     EXPECT_FALSE(parcel.WriteParcelable(&point));
-    EXPECT_FALSE(parcel.WriteInt32(1) || parcel.WriteString("x") || parcel.WriteParcelable(nullptr));
-    EXPECT_TRUE(parcel.ReadInt32() == 1 && parcel.ReadInt32() == 7 && parcel.GetReadableBytes() == 0);
+    EXPECT_FALSE(parcel.WriteInt32(1));
+    EXPECT_FALSE(parcel.WriteString("x"));
+    EXPECT_FALSE(parcel.WriteParcelable(nullptr));
+    EXPECT_EQ(1, parcel.ReadInt32());
+    EXPECT_EQ(7, parcel.ReadInt32());
+    EXPECT_EQ(0U, parcel.GetReadableBytes());
 }
 
 TEST(ParcelTest, WriteThatEndsAtTheCapacitySucceeds)
@@ -61,7 +68,8 @@ TEST(ParcelTest, WriteThatEndsAtTheCapacitySucceeds)
         ASSERT_TRUE(parcel.WriteString(std::string(before, 'x')));
         const size_t size = parcel.GetDataSize();
         ASSERT_TRUE(parcel.SetMaxCapacity(size + 11));
-        EXPECT_FALSE(parcel.WriteString("abcd") || parcel.SetMaxCapacity(size - 1));
+        EXPECT_FALSE(parcel.WriteString("abcd"));
+        EXPECT_FALSE(parcel.SetMaxCapacity(size - 1));
         EXPECT_EQ(size, parcel.GetDataSize());
         ASSERT_TRUE(parcel.SetMaxCapacity(size + 12));
         EXPECT_TRUE(parcel.WriteString("abcd"));
@@ -72,18 +80,23 @@ TEST(ParcelTest, WriteThatEndsAtTheCapacitySucceeds)
 TEST(ParcelTest, PresenceOtherThanZeroReadsAValue)
 {
     Parcel parcel;
-    ASSERT_TRUE(parcel.WriteInt32(-5) && Point().Marshalling(parcel) && parcel.WriteParcelable(nullptr));
-    ASSERT_TRUE(parcel.WriteInt32(1) && parcel.WriteInt32(3));
+    ASSERT_TRUE(parcel.WriteInt32(-5));
+    ASSERT_TRUE(Point().Marshalling(parcel));
+    ASSERT_TRUE(parcel.WriteParcelable(nullptr));
+    ASSERT_TRUE(parcel.WriteInt32(1));
+    ASSERT_TRUE(parcel.WriteInt32(3));
     const sptr<Point> point = parcel.ReadParcelable<Point>();
     ASSERT_NE(nullptr, point);
     EXPECT_EQ(1, point->StrongCount());
-    EXPECT_TRUE(point->x == 7 && point->y == 8);
+    EXPECT_EQ(7, point->x);
+    EXPECT_EQ(8, point->y);
     // Absent, then announced but not whole (what could be read is consumed), then nothing there.
     for (const size_t left : {8U, 0U, 0U}) {
         EXPECT_EQ(nullptr, parcel.ReadParcelable<Point>());
         EXPECT_EQ(left, parcel.GetReadableBytes());
     }
-    EXPECT_TRUE(!parcel.ReadBool() && parcel.ReadInt32() == 0);
+    EXPECT_FALSE(parcel.ReadBool());
+    EXPECT_EQ(0, parcel.ReadInt32());
 }
 
 TEST(ParcelTest, TokenAndOptionKeepTheirValues)
@@ -92,8 +105,10 @@ TEST(ParcelTest, TokenAndOptionKeepTheirValues)
     EXPECT_TRUE(parcel.WriteInterfaceToken(u"a.b.C"));
     EXPECT_EQ(u"a.b.C", parcel.ReadInterfaceToken());
     EXPECT_EQ(u"", parcel.ReadInterfaceToken());
-    EXPECT_TRUE(MessageOption().GetFlags() == MessageOption::TF_SYNC && MessageOption().GetWaitTime() == 8);
-    EXPECT_TRUE(MessageOption(3, 2).GetFlags() == 3 && MessageOption(3, 2).GetWaitTime() == 2);
+    EXPECT_EQ(MessageOption::TF_SYNC, MessageOption().GetFlags());
+    EXPECT_EQ(8, MessageOption().GetWaitTime());
+    EXPECT_EQ(3, MessageOption(3, 2).GetFlags());
+    EXPECT_EQ(2, MessageOption(3, 2).GetWaitTime());
     EXPECT_EQ(8, MessageOption(0, 0).GetWaitTime());
 }
 
@@ -114,7 +129,10 @@ TEST(RefBaseTest, LastReleaseDestroysThroughTheBase)
     sptr<RefBase> base = object;
     sptr<const Left> left(object);
     EXPECT_EQ(3, object->StrongCount());
-    EXPECT_TRUE(base == object && left == object && object != nullptr && nullptr != object);
+    EXPECT_TRUE(base == object);
+    EXPECT_TRUE(left == object);
+    EXPECT_TRUE(object != nullptr);
+    EXPECT_TRUE(nullptr != object);
     object = nullptr;
     left = sptr<const Left>();
     EXPECT_EQ(1, base->StrongCount());
@@ -132,7 +150,8 @@ TEST(RefBaseTest, CopyAndAssignmentHaveOwnersOfTheirOwn)
     const sptr<Counted> copy(new Counted(*first));
     EXPECT_EQ(1, copy->StrongCount());
     *copy = *first;
-    EXPECT_TRUE(copy->StrongCount() == 1 && first->StrongCount() == 2);
+    EXPECT_EQ(1, copy->StrongCount());
+    EXPECT_EQ(2, first->StrongCount());
 }
 
 TEST(RefBaseTest, ManyThreadsDestroyItOnce)
@@ -191,7 +210,8 @@ TEST(BrokerTest, RegistryRefusesWhatCannotBeUsed)
 {
     BrokerRegistration& registry = BrokerRegistration::Get();
     const auto nothing = [](const sptr<IRemoteObject>&) { return sptr<IRemoteBroker>(); };
-    EXPECT_FALSE(registry.Register(u"", nothing, nullptr) || registry.Register(u"x", nullptr, nullptr));
+    EXPECT_FALSE(registry.Register(u"", nothing, nullptr));
+    EXPECT_FALSE(registry.Register(u"x", nullptr, nullptr));
     EXPECT_TRUE(registry.Register(u"x", nothing, nullptr));
     EXPECT_FALSE(registry.Register(u"x", nothing, nullptr));
     EXPECT_EQ(nullptr, registry.NewInstance(u"x", sptr<GreeterStub>(new GreeterStub)));
@@ -204,7 +224,8 @@ TEST(BrokerTest, StubIsObjectAndInterface)
     const sptr<GreeterStub> stub(new GreeterStub);
     EXPECT_EQ(stub, stub->AsObject());
     EXPECT_EQ(stub, stub->AsInterface());
-    EXPECT_TRUE(!stub->IsProxyObject() && !stub->IsObjectDead());
+    EXPECT_FALSE(stub->IsProxyObject());
+    EXPECT_FALSE(stub->IsObjectDead());
     EXPECT_EQ(Greeter::GetDescriptor(), stub->GetObjectDescriptor());
     MessageParcel data;
     MessageParcel reply;

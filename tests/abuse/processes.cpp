@@ -30,7 +30,7 @@ std::string ProcPath(pid_t pid, const std::string& name)
 
 SocketFolder::SocketFolder()
 {
-    EXPECT_NE(::mkdtemp(path_.data()), nullptr);
+    EXPECT_NE(nullptr, ::mkdtemp(path_.data()));
     // Other users are among the clients.
     ::chmod(path_.c_str(), 0755);
     ::setenv("VARN_ABILITY_DIR", path_.c_str(), 1);
@@ -94,7 +94,7 @@ ServiceProcess::ServiceProcess(const SocketFolder& folder, std::vector<std::stri
     : logPath_(folder.Path() + "/log")
 {
     int ends[2] = {};
-    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    EXPECT_EQ(0, ::pipe2(ends, O_CLOEXEC));
     std::vector<char*> arguments;
     for (std::string& argument : command) {
         arguments.push_back(argument.data());
@@ -171,7 +171,7 @@ std::string Peer::ReadReply() const
         uint32_t length = 0;
         std::memcpy(&length, &reply[headerSize - sizeof(length)], sizeof(length));
         reply += Receive(length);
-        EXPECT_EQ(reply.size(), headerSize + length) << "half a reply";
+        EXPECT_EQ(headerSize + length, reply.size()) << "half a reply";
     }
     EXPECT_TRUE(reply.empty() || reply.size() >= headerSize) << "half a header";
     return reply;

@@ -68,7 +68,7 @@ class HostTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_NE(::mkdtemp(folder_.data()), nullptr);
+        ASSERT_NE(nullptr, ::mkdtemp(folder_.data()));
         ::setenv("VARN_ABILITY_DIR", folder_.c_str(), 1);
         SetLogSink([this](const LogLine& line) {
             const std::lock_guard<std::mutex> lock(mutex_);
@@ -79,7 +79,7 @@ protected:
     {
         SetLogSink(nullptr);
         ::unsetenv("VARN_ABILITY_DIR");
-        EXPECT_EQ(::rmdir(folder_.c_str()), 0) << "a server left a file behind";
+        EXPECT_EQ(0, ::rmdir(folder_.c_str())) << "a server left a file behind";
     }
     std::string Log()
     {
@@ -101,21 +101,21 @@ TEST_F(HostTest, ObjectOfThisProcessIsFoundFirst)
 {
     AbilityServer server(ID, sptr<IPCObjectStub>(new Service([](auto, auto&, auto&) { return 9; })));
     ASSERT_TRUE(server.Start());
-    EXPECT_EQ(SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager(), manager_);
+    EXPECT_EQ(manager_, SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager());
     EXPECT_TRUE(manager_->LoadSystemAbility(ID, 0)->IsProxyObject());
     EXPECT_FALSE(manager_->AddSystemAbility(ID, nullptr));
     EXPECT_TRUE(manager_->AddSystemAbility(ID, echo_));
     EXPECT_FALSE(manager_->AddSystemAbility(ID, echo_));
-    EXPECT_EQ(manager_->LoadSystemAbility(ID, 0), echo_);
+    EXPECT_EQ(echo_, manager_->LoadSystemAbility(ID, 0));
     EXPECT_TRUE(manager_->RemoveSystemAbility(ID));
     EXPECT_FALSE(manager_->RemoveSystemAbility(ID));
-    EXPECT_EQ(Ask(manager_->LoadSystemAbility(ID, 0), 1, "").status, 9);
+    EXPECT_EQ(9, Ask(manager_->LoadSystemAbility(ID, 0), 1, "").status);
 }
 
 TEST_F(HostTest, WhatCannotBeFoundOrStartedSaysWhy)
 {
-    EXPECT_EQ(manager_->LoadSystemAbility(ID, 0), nullptr);
-    EXPECT_NE(Log().find("connect to " + Path() + ": No such file or directory (errno 2)"), std::string::npos) << Log();
+    EXPECT_EQ(nullptr, manager_->LoadSystemAbility(ID, 0));
+    EXPECT_NE(std::string::npos, Log().find("connect to " + Path() + ": No such file or directory (errno 2)")) << Log();
     EXPECT_FALSE(AbilityServer(ID, nullptr).Start());
     AbilityServerOptions options;
     options.directory = folder_ + "/none";
@@ -133,8 +133,8 @@ TEST_F(HostTest, StatusReplyAndCallerCrossTheSocket)
     ASSERT_TRUE(server.Start());
     const sptr<IRemoteObject> object = manager_->LoadSystemAbility(ID, 0);
     const std::string bulky(5000000, '\0');
-    EXPECT_EQ(Ask(object, 1, bulky), (Answer{0, bulky}));
-    EXPECT_EQ(Ask(object, 5, "with a status"), (Answer{5, "with a status"}));
+    EXPECT_EQ((Answer{0, bulky}), Ask(object, 1, bulky));
+    EXPECT_EQ((Answer{5, "with a status"}), Ask(object, 5, "with a status"));
     EXPECT_EQ(::getpid(), caller.pid);
     EXPECT_EQ(::geteuid(), caller.uid);
     EXPECT_EQ(::getegid(), caller.gid);
@@ -155,11 +155,11 @@ TEST_F(HostTest, ExceptionBecomesAStatusOnBothRoads)
     AbilityServer server(ID, service);
     ASSERT_TRUE(server.Start());
     for (const sptr<IRemoteObject>& object : {sptr<IRemoteObject>(service), manager_->LoadSystemAbility(ID, 0)}) {
-        EXPECT_EQ(Ask(object, 1, "").status, IPC_SERVICE_FAILED);
-        EXPECT_EQ(Ask(object, 2, "").status, IPC_NO_MEMORY);
-        EXPECT_EQ(Ask(object, 3, "").status, IPC_SERVICE_FAILED);
+        EXPECT_EQ(IPC_SERVICE_FAILED, Ask(object, 1, "").status);
+        EXPECT_EQ(IPC_NO_MEMORY, Ask(object, 2, "").status);
+        EXPECT_EQ(IPC_SERVICE_FAILED, Ask(object, 3, "").status);
     }
-    EXPECT_NE(Log().find("request 1 failed: an exception left the service: broken"), std::string::npos);
+    EXPECT_NE(std::string::npos, Log().find("request 1 failed: an exception left the service: broken"));
 }
 
 TEST_F(HostTest, SerialInvocationRunsOneAtATime)
@@ -258,12 +258,12 @@ TEST_F(HostTest, OnlyAStaleSocketIsReplaced)
     EXPECT_TRUE(server.Start()) << "a stale socket was in the way";
     AbilityServer second(ID, echo_);
     EXPECT_FALSE(second.Start());
-    EXPECT_NE(Log().find("another process serves " + Path()), std::string::npos) << Log();
+    EXPECT_NE(std::string::npos, Log().find("another process serves " + Path())) << Log();
     server.Stop();
     {
         const RawServer foreign(Path());
         EXPECT_FALSE(second.Start());
-        EXPECT_NE(Log().find("another process listens on " + Path()), std::string::npos) << Log();
+        EXPECT_NE(std::string::npos, Log().find("another process listens on " + Path())) << Log();
         EXPECT_TRUE(RawClient(Path()).IsConnected());
     }
     ::unlink(Path().c_str());
@@ -285,7 +285,7 @@ TEST_F(HostTest, ObserverSeesEveryRequestAndNoPayload)
     Ask(manager_->LoadSystemAbility(ID, 0), 7, "twelve bytes");
     // The observer is told after the reply is out; when the server has stopped, it has been.
     server.Stop();
-    ASSERT_EQ(seen.size(), 1U);
+    ASSERT_EQ(1U, seen.size());
     EXPECT_EQ(7U, seen[0].code);
     EXPECT_EQ(8, seen[0].status);
     EXPECT_EQ(20U, seen[0].requestBytes);
