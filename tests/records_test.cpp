@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -66,24 +65,27 @@ TEST(AppPermissionGroupInfo, AtMostFiftyStatesAreWritten)
 
 TEST(PermissionUsageRecordQuery, ListsOfOneHundredAreRefusedAfterTheirCount)
 {
-    // In wire order.
-    const std::vector<std::function<void(PermissionUsageRecordQuery&)>> setLists = {
-        [](auto& query) { query.SetBundleNames(MakeNames(100, "b")); },
-        [](auto& query) { query.SetUserIds(std::vector<int>(100, -1)); },
-        [](auto& query) { query.SetOperationGroups(MakeNames(100, "o")); },
-        [](auto& query) { query.SetOperationModes(std::vector<int>(100, -1)); },
-        [](auto& query) { query.SetAppStates(std::vector<int>(100, -1)); },
-        [](auto& query) { query.SetScreenStates(std::vector<int>(100, -1)); }};
-    std::vector<int32_t> counts;
-    for (const auto& setList : setLists) {
-        PermissionUsageRecordQuery query;
-        setList(query);
+    PermissionUsageRecordQuery query;
+    const auto expectRefusal = [&query](size_t listsBefore) {
         Parcel refused;
         EXPECT_FALSE(query.Marshalling(refused));
+        std::vector<int32_t> counts(listsBefore);
         counts.push_back(100);
         EXPECT_EQ(counts, TakeWords(refused));
-        counts.back() = 0;
-    }
+    };
+    // Against the wire order: the first list that is too long ends it.
+    query.SetScreenStates(std::vector<int>(100, -1));
+    expectRefusal(5);
+    query.SetAppStates(std::vector<int>(100, -1));
+    expectRefusal(4);
+    query.SetOperationModes(std::vector<int>(100, -1));
+    expectRefusal(3);
+    query.SetOperationGroups(MakeNames(100, "o"));
+    expectRefusal(2);
+    query.SetUserIds(std::vector<int>(100, -1));
+    expectRefusal(1);
+    query.SetBundleNames(MakeNames(100, "b"));
+    expectRefusal(0);
 }
 
 TEST(PermissionUsageRecordQuery, InnerReadingAppendsAndOwnsWhatItIsGiven)
