@@ -178,20 +178,20 @@ TEST_F(Client, ChildOfAForkFindsEveryLockFree)
     std::atomic<bool> isOver{false};
     std::promise<void> inside;
     std::promise<void> leave;
-    std::vector<std::thread> threads;
-    threads.emplace_back([&] {
+    std::vector<std::future<void>> threads;
+    threads.push_back(std::async(std::launch::async, [&] {
         client.WithSystemAbilityProxy([&](const auto&) {
             inside.set_value();
             leave.get_future().wait();
         });
-    });
+    }));
     inside.get_future().wait();
     for (const auto& holder : holders) {
-        threads.emplace_back([&isOver, holder] {
+        threads.push_back(std::async(std::launch::async, [&isOver, holder] {
             while (!isOver) {
                 holder();
             }
-        });
+        }));
     }
     int failures = 0;
     for (int forks = 0; forks < 50; ++forks) {
@@ -205,9 +205,7 @@ TEST_F(Client, ChildOfAForkFindsEveryLockFree)
     }
     isOver = true;
     leave.set_value();
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    threads.clear();
     ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(0, failures);
     EXPECT_TRUE(manager->RemoveSystemAbility(SECURITY_PRIVACY_SA_ID));

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <deque>
 #include <functional>
@@ -205,8 +206,11 @@ TEST_F(ClientAbuseTest, WrongReplies)
 TEST_F(ClientAbuseTest, NothingLastsLongerThanTheWaitTime)
 {
     HostileService service(folder_.SocketPath());
+    EXPECT_EQ(0, Ask(60));
     service.Become([](const auto& connection) { return !IsClientGone(connection, -1); });
+    const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(IPC_TIMED_OUT, Ask()) << "silence";
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30)) << "as long as the call before it";
     EXPECT_EQ(IPC_TIMED_OUT, Ask(1, 20000000)) << "a request that is not read";
     service.Become([](const auto& connection) {
         constexpr int PACE_MILLISECONDS = 20;
@@ -292,12 +296,9 @@ TEST_F(ClientAbuseTest, ThreadsShareWhatConnectGaveSideBySide)
     SecurityPrivacyClient::GetInstance().WithSystemAbilityProxy([&](const auto&) {
         const sptr<SecurityPrivacyServiceIntf> shared = Connect(4).service;
         ASSERT_NE(nullptr, shared);
-        std::vector<std::thread> threads;
-        for (int thread = 0; thread < THREADS; ++thread) {
-            threads.emplace_back([&] { EXPECT_EQ(0, CallOperation(*shared, CODE).result); });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
+        std::vector<std::future<void>> threads(THREADS);
+        for (std::future<void>& thread : threads) {
+            thread = std::async(std::launch::async, [&] { EXPECT_EQ(0, CallOperation(*shared, CODE).result); });
         }
     });
     EXPECT_EQ(THREADS, service.Connections());
