@@ -49,7 +49,7 @@ Outcome Talk()
 {
     const sptr<IRemoteObject> object = Host::AbilityManager::Get()->LoadSystemAbility(ID, 1);
     const Outcome first = Ask(object, 10);
-    return std::max(first, Ask(object, 400000));
+    return std::max(first, Ask(object, 1000000));
 }
 
 struct FaultCase {
