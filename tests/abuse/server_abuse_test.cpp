@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <csignal>
@@ -195,20 +194,28 @@ TEST_F(ServerAbuseTest, HostileNumbersInEveryPlaceAreAnswered)
 TEST_F(ServerAbuseTest, HangUpWhileTheOperationRuns)
 {
     ASSERT_NO_FATAL_FAILURE(Begin({"--workers", "2"}));
-    const std::string gate = folder_.Path() + "/gate";
-    for (const std::string& ahead : {std::string(), honestFrame + honestFrame}) {
-        int open = -1;
-        ASSERT_EQ(0, ::mkfifo(gate.c_str(), 0600));
-        {
-            const Peer peer(Path());
-            EXPECT_TRUE(peer.Send(MakeByAppFrame("gate", 0) + ahead));
-            open = ::open(gate.c_str(), O_WRONLY | O_CLOEXEC);
-        }
-        // The next round's operation is not to be met by what this one has still open.
-        EXPECT_EQ(0, ::unlink(gate.c_str()));
+    for (const size_t ahead : {0U, 2U}) {
+        EXPECT_TRUE(Peer(Path()).Send(MakeByAppFrame("nap", 100) + Repeat(honestFrame, ahead)));
         ExpectServed();
-        ::close(open);
     }
+}
+
+// Each asked once and keeps its connection: those that have been idle for longest make way.
+TEST_F(ServerAbuseTest, PeersThatStayTakeNoPlaceFromOthers)
+{
+    ASSERT_NO_FATAL_FAILURE(Begin());
+    std::deque<Peer> staying;
+    while (staying.size() < 132) {
+        EXPECT_TRUE(IsAnswered(staying.emplace_back(Path()))) << staying.size();
+    }
+    const auto closed = std::count_if(staying.begin(), staying.end(), [](const Peer& peer) {
+        pollfd entry = {peer.GetFd(), 0, 0};
+        return ::poll(&entry, 1, 0) == 1;
+    });
+    EXPECT_EQ(132 - 128, closed);
+    EXPECT_TRUE(IsAnswered(staying.back()));
+    const AsUser other(54321);
+    EXPECT_TRUE(IsAnswered(Peer(Path())));
 }
 
 TEST_F(ServerAbuseTest, HalfCloseBehindRequestsLosesNoAnswer)
@@ -216,9 +223,9 @@ TEST_F(ServerAbuseTest, HalfCloseBehindRequestsLosesNoAnswer)
     ASSERT_NO_FATAL_FAILURE(Begin());
     constexpr size_t COUNT = 100;
     const Peer peer(Path());
-    EXPECT_TRUE(peer.Send(MakeByAppFrame("nap", 100) + Repeat(honestFrame, COUNT)));
+    EXPECT_TRUE(peer.Send(MakeByAppFrame("nap", 100) + longReply + Repeat(honestFrame, COUNT)));
     ::shutdown(peer.GetFd(), SHUT_WR);
-    for (size_t number = 0; number <= COUNT; ++number) {
+    for (size_t number = 0; number <= COUNT + 1; ++number) {
         ASSERT_NE("", peer.ReadReply()) << number;
     }
     EXPECT_TRUE(peer.IsClosed());

@@ -1,15 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <future>
 #include <mutex>
 #include <new>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -123,22 +126,33 @@ TEST_F(HostTest, WhatCannotBeFoundOrStartedSaysWhy)
     EXPECT_NE(std::string::npos, Log().find("/none cannot be used: No such file or directory (errno 2)")) << Log();
 }
 
-TEST_F(HostTest, StatusReplyAndCallerCrossTheSocket)
+TEST_F(HostTest, StatusReplyAndCallerCrossTheSocketAndAnObserverSeesNoPayload)
 {
     Caller caller{};
+    std::vector<Transaction> seen;
+    AbilityServerOptions options;
+    options.observer = [&](const Transaction& transaction) { seen.push_back(transaction); };
     AbilityServer server(ID, sptr<IPCObjectStub>(new Service([&caller](auto code, auto& data, auto& reply) {
                              caller = CurrentCaller();
-                             return Echo(code, data, reply);
-                         })));
+                             return Echo(code, data, reply) + (reply.WriteInt32(0) ? 1 : 0);
+                         })),
+                         options);
     ASSERT_TRUE(server.Start());
-    const sptr<IRemoteObject> object = manager_->LoadSystemAbility(ID, 0);
     const std::string bulky(5000000, '\0');
-    EXPECT_EQ((Answer{0, bulky}), Ask(object, 1, bulky));
-    EXPECT_EQ((Answer{5, "with a status"}), Ask(object, 5, "with a status"));
+    EXPECT_EQ((Answer{6, bulky}), Ask(manager_->LoadSystemAbility(ID, 0), 5, bulky));
     EXPECT_EQ(::getpid(), caller.pid);
     EXPECT_EQ(::geteuid(), caller.uid);
     EXPECT_EQ(::getegid(), caller.gid);
     EXPECT_EQ(::getpid(), CurrentCaller().pid);
+    // The observer is told after the reply is out; when the server has stopped, it has been.
+    server.Stop();
+    ASSERT_EQ(1U, seen.size());
+    EXPECT_EQ(5U, seen[0].code);
+    EXPECT_EQ(6, seen[0].status);
+    EXPECT_EQ(5000008U, seen[0].requestBytes);
+    EXPECT_EQ(5000012U, seen[0].replyBytes);
+    EXPECT_EQ(::geteuid(), seen[0].caller.uid);
+    EXPECT_LT(0, seen[0].duration.count());
 }
 
 TEST_F(HostTest, ExceptionBecomesAStatusOnBothRoads)
@@ -269,29 +283,103 @@ TEST_F(HostTest, OnlyAStaleSocketIsReplaced)
     ::unlink(Path().c_str());
 }
 
-TEST_F(HostTest, ObserverSeesEveryRequestAndNoPayload)
+// So many numbers, all different, that swapped ones show.
+TEST_F(HostTest, StatisticsAndLinesTellWhatIsStuckAndWhatIsHeld)
 {
-    std::mutex mutex;
-    std::vector<Transaction> seen;
+    std::atomic<size_t> running{0};
+    std::promise<void> release;
+    const std::shared_future<void> released = release.get_future().share();
+    const sptr<IPCObjectStub> service(new Service([&](uint32_t code, MessageParcel& data, MessageParcel& reply) {
+        if (code == 7) {
+            ++running;
+            released.wait();
+        }
+        return code == 8 ? reply.WriteString(std::string(5000000, 'x')) - 1 : Echo(1, data, reply);
+    }));
     AbilityServerOptions options;
-    options.observer = [&](const Transaction& transaction) {
-        const std::lock_guard<std::mutex> lock(mutex);
-        seen.push_back(transaction);
-    };
-    const sptr<IPCObjectStub> service(
-        new Service([](auto, auto&, auto& reply) { return reply.WriteString("abcd") ? 8 : 0; }));
+    options.workers = 2;
+    options.stuckAfter = std::chrono::seconds(1);
+    options.stallTimeout = std::chrono::milliseconds::max();
+    const rlimit few = {100, 100};
+    rlimit before = {};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    ::prlimit(0, RLIMIT_NOFILE, &few, nullptr);
     AbilityServer server(ID, service, options);
     ASSERT_TRUE(server.Start());
-    Ask(manager_->LoadSystemAbility(ID, 0), 7, "twelve bytes");
-    // The observer is told after the reply is out; when the server has stopped, it has been.
+    EXPECT_NE(std::string::npos, Log().find("service 4242: at most 75 connections instead of 1024, since the process "
+                                            "may open 100 descriptors"))
+        << Log();
+    const std::string body = MakeBody("text");
+    const std::string request = MakeFrame(1, body);
+    const std::string reply = MakeFrame(1, body, 2);
+    const auto isTrue = [&](const std::function<bool()>& condition) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (!condition() && std::chrono::steady_clock::now() < end) {
+            std::this_thread::yield();
+        }
+        return condition();
+    };
+    const RawClient half(Path());
+    EXPECT_TRUE(half.Send(request.substr(0, request.size() - 1)));
+    for (int time = 0; time < 5; ++time) {
+        const RawClient garbage(Path());
+        EXPECT_TRUE(garbage.Send(std::string(20, 'x')));
+        EXPECT_EQ("", garbage.Receive(1));
+    }
+    const RawClient deaf(Path());
+    EXPECT_TRUE(deaf.Send(MakeFrame(8, "")));
+    std::deque<RawClient> slow;
+    EXPECT_TRUE(slow.emplace_back(Path()).Send(MakeFrame(7, body)));
+    EXPECT_TRUE(isTrue([&] { return server.Statistics().workersStuck == 1; }));
+    for (size_t number = 2; number <= 3; ++number) {
+        EXPECT_TRUE(slow.emplace_back(Path()).Send(MakeFrame(7, body)));
+        EXPECT_TRUE(isTrue([&] { return running == number; })) << "another may take the place of a stuck one";
+    }
+    std::deque<RawClient> waiting;
+    while (waiting.size() < 4) {
+        EXPECT_TRUE(waiting.emplace_back(Path()).Send(request));
+    }
+    ServerStatistics all;
+    EXPECT_TRUE(isTrue([&] { return (all = server.Statistics()).waiting == 4; }));
+    ASSERT_EQ(1U, all.users.size());
+    const UserStatistics& user = all.users[0];
+    using Numbers = std::vector<uint64_t>;
+    const Numbers expected = {9, 512, 5000008, 3, 4, 5};
+    EXPECT_EQ(expected, (Numbers{all.connections, all.requestBytes, all.replyBytes, all.workersAtWork, all.waiting,
+                                 all.refused}));
+    EXPECT_EQ(expected, (Numbers{user.connections, user.requestBytes, user.replyBytes, user.workersAtWork, user.waiting,
+                                 user.refused}));
+    EXPECT_EQ(::geteuid(), user.uid);
+    EXPECT_EQ(1U, all.workersStuck);
+    EXPECT_LE(4U, all.workers);
+    release.set_value();
+    for (const RawClient& client : waiting) {
+        EXPECT_EQ(reply, client.Receive(reply.size()));
+    }
+    EXPECT_TRUE(half.Send(request.substr(request.size() - 1)));
+    EXPECT_EQ(reply, half.Receive(reply.size())) << "its time is long";
     server.Stop();
-    ASSERT_EQ(1U, seen.size());
-    EXPECT_EQ(7U, seen[0].code);
-    EXPECT_EQ(8, seen[0].status);
-    EXPECT_EQ(20U, seen[0].requestBytes);
-    EXPECT_EQ(12U, seen[0].replyBytes);
-    EXPECT_EQ(::geteuid(), seen[0].caller.uid);
-    EXPECT_LT(0, seen[0].duration.count());
+    ::prlimit(0, RLIMIT_NOFILE, &before, nullptr);
+    const std::string log = Log();
+    const std::regex line("service 4242: worker [1-9][0-9]* is stuck: request 7 of uid " + std::to_string(::geteuid()) +
+                          " runs for 1[0-9]{3} ms\n");
+    EXPECT_EQ(1, std::distance(std::sregex_iterator(log.begin(), log.end(), line), {})) << log;
+}
+
+TEST_F(HostTest, AReplyMayFillItsBoundAndNotOneByteMore)
+{
+    constexpr uint32_t LONGEST = 0x100000 - sizeof(int32_t) - 1;
+    AbilityServerOptions options;
+    options.maxBytes = 0x100000;
+    AbilityServer server(ID, sptr<IPCObjectStub>(new Service([](uint32_t code, auto&, MessageParcel& reply) {
+                             return reply.WriteString(std::string(code, 'x')) ? 0 : 9;
+                         })),
+                         options);
+    ASSERT_TRUE(server.Start());
+    const sptr<IRemoteObject> object = manager_->LoadSystemAbility(ID, 0);
+    EXPECT_EQ((Answer{0, std::string(LONGEST, 'x')}), Ask(object, LONGEST, ""));
+    EXPECT_EQ((Answer{9, ""}), Ask(object, LONGEST + 1, ""));
+    EXPECT_EQ((Answer{0, "x"}), Ask(object, 1, "")) << "its bound was another's";
 }
 
 }  // namespace
