@@ -52,6 +52,12 @@ def after_bulk(bench, name):
         return {"before": before, "peak": peak, "quiet": status(pair.server.pid, "VmRSS")}
 
 
+def allocations(bench, name, case):
+    """Heap allocations for one request: client, server."""
+    counted = callgrind.count(bench, name, case, callgrind.allocations)
+    return [round(side["heap"]) for side in counted.values()]
+
+
 def system_calls(bench, name, case, side):
     """System calls that one side makes for one request."""
     def seen():
@@ -72,9 +78,8 @@ def measure(bench):
               "per connection": per_connection(bench),
               "after bulk": {name: after_bulk(bench, name) for name in ("ours", "floor-list")}}
     if callgrind.is_available() and not bench.quick:
-        result["allocations"] = {
-            case: {name: [side["heap"] for side in callgrind.count(bench, name, case, callgrind.allocations).values()]
-                   for name in bench.contenders if name != "floor"} for case in COUNTED_CASES}
+        result["allocations"] = {case: {name: allocations(bench, name, case) for name in bench.contenders
+                                        if name != "floor"} for case in COUNTED_CASES}
     if shutil.which("strace") and not bench.quick:
         result["system calls"] = {name: [system_calls(bench, name, "least", side) for side in ("client", "server")]
                                   for name in bench.contenders}
