@@ -28,22 +28,12 @@ LogCapture::~LogCapture()
     Host::SetLogSink({});
 }
 
-std::string LogCapture::Lines(int level) const
+std::string LogCapture::Lines(int level, const std::string& tag) const
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     std::string shown;
     for (const Host::LogLine& line : lines_) {
-        shown += line.tag == "ASP" && line.level >= level ? Show(line) : "";
-    }
-    return shown;
-}
-
-std::string LogCapture::Everything() const
-{
-    const std::lock_guard<std::mutex> lock(mutex_);
-    std::string shown;
-    for (const Host::LogLine& line : lines_) {
-        shown += Show(line);
+        shown += (tag.empty() || line.tag == tag) && line.level >= level ? Show(line) : "";
     }
     return shown;
 }

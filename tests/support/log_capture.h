@@ -24,10 +24,10 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
 
     // The library's own lines so far (those of the tag ASP) that are at least of `level`, as `Line` shows them.
-    std::string Lines(int level = DEBUG) const;
+    std::string Lines(int level = DEBUG, const std::string& tag = "ASP") const;
 
     // Everything that was logged, by whomever.
-    std::string Everything() const;
+    std::string Everything() const { return Lines(DEBUG, ""); }
 
     void Clear();
 
