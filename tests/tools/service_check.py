@@ -110,6 +110,13 @@ def count():
     return sql(database, "SELECT count(*) FROM usage")[0]
 
 
+def await_count(expected, what):
+    end = time.monotonic() + WAIT
+    while count() != expected and time.monotonic() < end:
+        pass
+    check(expected, count(), what)
+
+
 def content(name):
     if not os.path.isfile(name):
         return None
@@ -175,8 +182,7 @@ def feeding():
         recorder = subprocess.Popen([SERVICE, "record", "--database", database, "-"], stdin=subprocess.PIPE, text=True)
         recorder.stdin.write(line.replace("4000000000000", "4000000000001") + "\n")
         recorder.stdin.flush()
-        while count() != before + 1001:
-            check(None, recorder.poll(), "the recorder waits for more")
+        await_count(before + 1001, "the recorder waits for more")
         newest = json.loads(ask(0, "--json", "usage", "timeline", "--newest-first", "--limit", "1"))
         has("4000000000001", json.dumps(newest), "a recorded event")
         recorder.communicate(line, timeout=WAIT)
@@ -195,8 +201,7 @@ def feeding():
     with Service("--database", database, "--keep-usage", "1m"):
         check(0o600, os.stat(database).st_mode & 0o777, "mode of a database that others could read")
         has("deny", ask(0, "groups", "by-app", "com.example.camera", "--group", "LOCATION"), "a restart")
-        while count() != 1002:
-            pass
+        await_count(1002, "what is older is dropped")
 
 
 def watching():

@@ -77,14 +77,12 @@ int32_t RemovePolicies(Connection& connection, const std::vector<std::string>& b
 int32_t GetPolicies(Connection& connection, const std::string& policyName, const std::vector<std::string>& bundleNames,
                     bool withFingerprints, std::vector<GTokenResult>& rows)
 {
+    const std::string sql = std::string("SELECT version_code, value, ") + (withFingerprints ? "fingerprint" : "''") +
+                            " FROM bundle JOIN policy ON policy.bundle = bundle.id "
+                            "WHERE bundle.name = ? AND policy.name = ?";
     size_t bytes = 0;
     for (const std::string& bundleName : bundleNames) {
-        Statement find(connection,
-                       withFingerprints ? "SELECT version_code, value, fingerprint FROM bundle JOIN policy ON "
-                                          "policy.bundle = bundle.id WHERE bundle.name = ? AND policy.name = ?"
-                                        : "SELECT version_code, value, '' FROM bundle JOIN policy ON "
-                                          "policy.bundle = bundle.id WHERE bundle.name = ? AND policy.name = ?",
-                       bundleName, policyName);
+        Statement find(connection, sql, bundleName, policyName);
         if (!find.Step()) {
             continue;
         }
