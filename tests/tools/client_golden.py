@@ -5,8 +5,8 @@
     client_golden.py SERVICE CLIENT DATA [--write]
 
 Each file in golden/ holds commands ("$ ARGUMENTS", variables in front of them, redirections behind) with their output,
-errors behind "! ", and exit code; where TERM is set, output goes to a terminal. They run one after the other against one
-service with fixed data; --write writes the files anew.
+errors behind "! ", and exit code; with TERM in front, output goes to a terminal. They run one after the other against
+one service with fixed data; --write writes the files anew.
 """
 import contextlib
 import datetime
@@ -50,8 +50,8 @@ def run(client, folder, arguments):
         name, value = words.pop(0).split("=", 1)
         variables[name] = value
     environment = {"PATH": os.environ["PATH"], "TZ": "UTC", "LC_ALL": "C", "VARN_ABILITY_DIR": folder,
-                   "COLUMNS": "80", **{key: os.environ[key] for key in os.environ if key.endswith("SAN_OPTIONS")},
-                   **variables}
+                   "COLUMNS": "80", "TERM": "xterm",
+                   **{key: os.environ[key] for key in os.environ if key.endswith("SAN_OPTIONS")}, **variables}
     words = [word.replace("FOLDER", folder).replace("\\e", "\x1b") for word in words]
     master, slave = pty.openpty() if "TERM" in variables else (None, subprocess.PIPE)
     done = subprocess.run(["sh", "-c", f'exec "$0" "$@" {redirections}', client, *words], env=environment, cwd=folder,
