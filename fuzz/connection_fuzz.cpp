@@ -51,8 +51,8 @@ std::vector<uint32_t> Expected(const std::vector<uint8_t>& bytes)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
     static std::array<char, 65536> sink;
-    fuzz::Input input(bytes, size);
-    const bool doesRead = input.Take<uint8_t>() % 2 == 0;
+    std::string_view input = fuzz::MakeInput(bytes, size);
+    const bool doesRead = fuzz::Take<uint8_t>(input) % 2 == 0;
     std::array<int, 2> ends{};
     fuzz::Require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()) == 0);
     const UniqueFd peer(ends[1]);
@@ -69,14 +69,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
     {
         Connection connection(context, PeerSocket(UniqueFd{ends[0]}), Caller{1, 1, 1}, account, deadline);
         auto next = Connection::Next::INPUT;
-        while (next != Connection::Next::CLOSE && input.GetSize() != 0) {
-            const auto length = input.Take<uint16_t>();
-            const uint8_t* piece = input.GetBytes();
-            const ssize_t part = ::send(peer.Get(), piece, input.Skip(length), MSG_NOSIGNAL);
-            sent.insert(sent.end(), piece, piece + std::max<ssize_t>(part, 0));
+        while (next != Connection::Next::CLOSE && !input.empty()) {
+            const auto length = fuzz::Take<uint16_t>(input);
+            const std::string_view piece = input.substr(0, length);
+            input.remove_prefix(piece.size());
+            const ssize_t part = ::send(peer.Get(), piece.data(), piece.size(), MSG_NOSIGNAL);
+            sent.insert(sent.end(), piece.begin(), piece.begin() + std::max<ssize_t>(part, 0));
             do {
                 const size_t before = echo->executed.size();
-                next = connection.Serve(buffers, input.GetSize() == 0);
+                next = connection.Serve(buffers, input.empty());
                 fuzz::Require(echo->executed.size() <= before + 1);
                 while (doesRead && ::recv(peer.Get(), sink.data(), sink.size(), 0) > 0) {
                 }

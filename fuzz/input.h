@@ -6,48 +6,37 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "varn/host/log_sink.h"
 #include "varn/parcel.h"
 
 namespace fuzz {
 
-// The bytes of one run, taken from the front. What is asked for beyond the end is 0.
-class Input {
-public:
-    Input(const uint8_t* bytes, size_t size) : bytes_(bytes), size_(size) {}
+// The bytes of one run, to be taken from the front.
+inline std::string_view MakeInput(const uint8_t* bytes, size_t size)
+{
+    return {reinterpret_cast<const char*>(bytes), size};
+}
 
-    size_t GetSize() const { return size_; }
-    const uint8_t* GetBytes() const { return bytes_; }
+// What is asked for beyond the end is 0.
+template <class T>
+T Take(std::string_view& input)
+{
+    T value = 0;
+    const size_t size = std::min(sizeof(value), input.size());
+    std::memcpy(&value, input.data(), size);
+    input.remove_prefix(size);
+    return value;
+}
 
-    template <class T>
-    T Take()
-    {
-        T value = 0;
-        const uint8_t* from = bytes_;
-        std::memcpy(&value, from, Skip(sizeof(value)));
-        return value;
+// Everything that is left, as the contents of a parcel.
+inline void TakeParcel(std::string_view& input, VARN::Parcel& parcel)
+{
+    while (!input.empty()) {
+        parcel.WriteInt32(Take<int32_t>(input));
     }
-    // Skips up to `size` bytes and says how many there were.
-    size_t Skip(size_t size)
-    {
-        const size_t part = std::min(size, size_);
-        bytes_ += part;
-        size_ -= part;
-        return part;
-    }
-    // Everything that is left, as the contents of a parcel.
-    void TakeParcel(VARN::Parcel& parcel)
-    {
-        while (size_ != 0) {
-            parcel.WriteInt32(Take<int32_t>());
-        }
-    }
-
-private:
-    const uint8_t* bytes_;
-    size_t size_;
-};
+}
 
 // Ends the run as a finding.
 inline void Require(bool condition)

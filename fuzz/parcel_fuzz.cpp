@@ -39,16 +39,16 @@ constexpr void (*CHECKS[])(Parcel&) = {
 // The first byte of the input says how many reads follow, each chosen by one byte; the rest is the parcel.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
-    fuzz::Input input(bytes, size);
-    const auto reads = input.Take<uint8_t>();
-    fuzz::Input choices = input;
-    input.Skip(reads);
+    std::string_view input = fuzz::MakeInput(bytes, size);
+    const auto reads = fuzz::Take<uint8_t>(input);
+    std::string_view choices = input;
+    input.remove_prefix(std::min<size_t>(reads, input.size()));
     // Lent, since what arrives need not be a multiple of a word.
-    std::vector<uint8_t> contents(input.GetBytes(), input.GetBytes() + input.GetSize());
+    std::vector<uint8_t> contents(input.begin(), input.end());
     Parcel parcel;
     VARN::ParcelBuffer::Lend(parcel, contents.data(), contents.size());
     for (size_t index = 0; index < reads; ++index) {
-        CHECKS[choices.Take<uint8_t>() % std::size(CHECKS)](parcel);
+        CHECKS[fuzz::Take<uint8_t>(choices) % std::size(CHECKS)](parcel);
     }
     return 0;
 }

@@ -9,11 +9,11 @@ using namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing;
 // no reply gives more of them than it has words.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
-    fuzz::Input input(bytes, size);
-    const auto code = input.Take<uint8_t>();
-    const size_t most = input.GetSize() / sizeof(int32_t) + 1;
+    std::string_view input = fuzz::MakeInput(bytes, size);
+    const auto code = fuzz::Take<uint8_t>(input);
+    const size_t most = input.size() / sizeof(int32_t) + 1;
     const auto answer = [&input](uint32_t, MessageParcel&, MessageParcel& reply) {
-        input.TakeParcel(reply);
+        fuzz::TakeParcel(input, reply);
         return 0;
     };
     const Outcome outcome = CallOperation(*ProxyOver(sptr<IRemoteObject>(new ScriptedObject(answer))), code);

@@ -12,8 +12,8 @@ using namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing;
 // be written, and reads back to the same text.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
-    fuzz::Input input(bytes, size);
-    const RecordCase& record = RecordCases()[input.Take<uint8_t>() % RecordCases().size()];
+    std::string_view input = fuzz::MakeInput(bytes, size);
+    const RecordCase& record = RecordCases()[fuzz::Take<uint8_t>(input) % RecordCases().size()];
     const auto text = [&record](const Parcelable& value) {
         std::string letters = record.toString(value);
         if (record.name == "AppPermissionGroupInfo") {
@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
         return letters;
     };
     Parcel parcel;
-    input.TakeParcel(parcel);
+    fuzz::TakeParcel(input, parcel);
     const sptr<Parcelable> value = record.unmarshal(parcel);
     if (value == nullptr) {
         return 0;

@@ -8,13 +8,13 @@ using namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer;
 // arguments. Whatever they are, the stub answers with one of its statuses.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
-    fuzz::Input input(bytes, size);
-    const uint32_t code = input.Take<uint8_t>() % 16;
+    std::string_view input = fuzz::MakeInput(bytes, size);
+    const uint32_t code = fuzz::Take<uint8_t>(input) % 16;
     VARN::MessageParcel data;
-    if (input.Take<uint8_t>() != 0) {
+    if (fuzz::Take<uint8_t>(input) != 0) {
         data.WriteInterfaceToken(SecurityPrivacyServiceIntf::GetDescriptor());
     }
-    input.TakeParcel(data);
+    fuzz::TakeParcel(input, data);
     const VARN::sptr<Testing::FakeService> service(new Testing::FakeService());
     VARN::MessageParcel reply;
     VARN::MessageOption option;

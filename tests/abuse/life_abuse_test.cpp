@@ -72,12 +72,7 @@ TEST_F(LifeTest, ForkedChildDoesNotTouchItsParentsServer)
     ASSERT_TRUE(server->Start());
     const Peer kept(folder_.SocketPath());
     EXPECT_TRUE(IsAnswered(kept));
-    const auto endInChild = [&server] {
-        server->Stop();
-        server.reset();
-        ::_exit(0);
-    };
-    EXPECT_EXIT(endInChild(), ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT((server->Stop(), server.reset(), ::_exit(0)), ::testing::ExitedWithCode(0), "");
     EXPECT_TRUE(std::filesystem::exists(folder_.SocketPath()));
     EXPECT_TRUE(IsAnswered(kept));
     EXPECT_TRUE(IsAnswered(Peer(folder_.SocketPath())));

@@ -132,7 +132,6 @@ const FaultCase allFaults[] = {
     {"epoll_ctl", ALWAYS, {ENOMEM, ENOSPC}},
     {"epoll_wait", 0, {EINTR}},
     {"eventfd", ALWAYS, {EMFILE, ENOMEM}},
-    {"fcntl", ALWAYS, {EPERM}},
     {"flock", 1, {ENOLCK}},
     {"getsockopt", ALWAYS, {ENOBUFS}},
     {"listen", 1, {ENOMEM}},

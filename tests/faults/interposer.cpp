@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -86,16 +85,6 @@ INTERPOSE(setsockopt, __THROW, (int fd, int level, int option, const void* value
           value, size)
 INTERPOSE(socket, __THROW, (int domain, int type, int protocol), domain, type, protocol)
 INTERPOSE(stat, __THROW, (const char* path, struct stat* status), path, status)
-
-extern "C" int fcntl(int fd, int command, ...)
-{
-    REAL(fcntl);
-    va_list arguments;
-    va_start(arguments, command);
-    void* argument = va_arg(arguments, void*);
-    va_end(arguments);
-    return Strike("fcntl") ? -1 : real(fd, command, argument);
-}
 
 extern "C" ssize_t recv(int fd, void* to, size_t room, int flags)
 {
