@@ -403,7 +403,7 @@ TEST_F(ServiceTest, ChangeOnAFullDiskIsRefusedWhole)
     std::signal(SIGXFSZ, SIG_IGN);
     std::string said;
     VARN::Host::SetLogSink([&](const VARN::Host::LogLine& line) { said += line.text + "\n"; });
-    for (const rlim_t bytes : {0, 50000, 150000}) {
+    for (const rlim_t bytes : {0U, 50000U, 150000U}) {
         SCOPED_TRACE(bytes);
         said.clear();
         std::ofstream(folder_ + "/device") << device;
