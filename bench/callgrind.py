@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What callgrind counts of one call, on both sides: instructions in user space by what they are for, and allocations."""
+"""What callgrind counts of one call on both sides: instructions in user space by what they are for, allocations."""
 import collections
 import pathlib
 import re
