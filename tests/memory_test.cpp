@@ -67,7 +67,7 @@ std::function<void(MessageParcel&)> AsRecord(const std::string& name)
     };
 }
 
-const List LISTS[] = {
+const List lists[] = {
     {"groups", "0", "1 '' 0 '' '' 0 0 '' 0L", 10000, AsReply(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP)},
     {"shown states", "0", "1 '' 0 '' '' 50 50*'#' 0 '' 0L", 10000,
      AsReply(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP)},
@@ -85,7 +85,7 @@ TEST(Memory, FollowsTheBytesThatArrivedAndNotTheCount)
 {
     const LogCapture quiet(WARN);
     constexpr size_t FIXED = 2048;
-    for (const List& list : LISTS) {
+    for (const List& list : lists) {
         for (const int count : {0, 1, 1000}) {
             for (const int32_t announced : {count, list.most}) {
                 MessageParcel message;

@@ -13,6 +13,12 @@ sptr<Parcelable> Read(Parcel& parcel)
     return sptr<Parcelable>(T::Unmarshalling(parcel));
 }
 
+template <class... T>
+std::vector<Value> Values(const T&... values)
+{
+    return {Value(values)...};
+}
+
 template <class T>
 RecordCase MakeCase(const std::string& name, const std::string& module, std::vector<Value> values)
 {
@@ -69,28 +75,10 @@ std::vector<RecordCase> MakeRecordCases()
         MakeCase<Record::PermissionUsageRecord>(
             "PermissionUsageRecord", "",
             {"com.example.maps", INT32_MIN, "op's %n group", INT32_MAX, -3, 4, -5, INT64_MIN, INT64_MAX}),
-        MakeCase<Record::PermissionUsageRecordQuery>("PermissionUsageRecordQuery", "",
-                                                     {3,
-                                                      "com.example.maps",
-                                                      "",
-                                                      "com.example.maps",
-                                                      3,
-                                                      100,
-                                                      100,
-                                                      0,
-                                                      1,
-                                                      "LOCATION",
-                                                      2,
-                                                      INT32_MIN,
-                                                      INT32_MAX,
-                                                      0,
-                                                      2,
-                                                      -7,
-                                                      8,
-                                                      INT64_MIN + 1,
-                                                      int64_t{1700000000123},
-                                                      -50,
-                                                      INT32_MAX - 2}),
+        MakeCase<Record::PermissionUsageRecordQuery>(
+            "PermissionUsageRecordQuery", "",
+            Values(3, "com.example.maps", "", "com.example.maps", 3, 100, 100, 0, 1, "LOCATION", 2, INT32_MIN,
+                   INT32_MAX, 0, 2, -7, 8, INT64_MIN + 1, int64_t{1700000000123}, -50, INT32_MAX - 2)),
         MakeCase<GTokenPolicy>("GTokenPolicy", "GToken", {"camera", int64_t{-3}}),
         MakeCase<GTokenInfo>("GTokenInfo", "GToken",
                              {"com.example.bank", print, INT64_MIN + 2, 3, "screenshot", int64_t{1}, "", INT64_MAX,
