@@ -16,9 +16,11 @@ function(add_room_test name)
   target_link_libraries(${name} PRIVATE ${room_LIBRARIES} GTest::gtest GTest::gtest_main)
   security_privacy_warnings(${name})
   # Their own code need not be fast: optimising it is half the time of a build.
-  target_compile_options(${name} PRIVATE
-    $<$<CONFIG:RelWithDebInfo>:-g1>
-    $<$<CONFIG:RelWithDebInfo>:$<IF:$<BOOL:${SECURITY_PRIVACY_SANITIZE}>,-O0,-O1>>)
+  set(level -O1)
+  if(SECURITY_PRIVACY_SANITIZE)
+    set(level -O0)
+  endif()
+  target_compile_options(${name} PRIVATE $<$<CONFIG:RelWithDebInfo>:-g1> $<$<CONFIG:RelWithDebInfo>:${level}>)
   gtest_discover_tests(${name} NO_PRETTY_VALUES DISCOVERY_TIMEOUT 60
     PROPERTIES LABELS ${room_LABEL} TIMEOUT 120 RUN_SERIAL ${room_ALONE} ENVIRONMENT "${leaks_on_purpose}")
 endfunction()
