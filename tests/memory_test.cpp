@@ -40,7 +40,10 @@ struct List {
 std::function<void(MessageParcel&)> AsReply(uint32_t code)
 {
     return [code](MessageParcel& message) {
-        const auto proxy = ProxyOver(Replying(TakeWords(message)));
+        const auto answer = [words = TakeWords(message)](uint32_t, MessageParcel&, MessageParcel& reply) {
+            return Put(reply, words) ? 0 : -1;
+        };
+        const auto proxy = ProxyOver(sptr<IRemoteObject>(new ScriptedObject(answer)));
         const Arguments arguments;
         Outcome outcome{0, {}, false, {}, {}};
         CountBytes();

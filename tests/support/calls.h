@@ -42,16 +42,6 @@ private:
     const Script script_;
 };
 
-// One that answers every request with status 0 and these values.
-template <class... T>
-sptr<ScriptedObject> Replying(const T&... values)
-{
-    return sptr<ScriptedObject>(new ScriptedObject([=](uint32_t, MessageParcel&, MessageParcel& reply) {
-        PutAll(reply, values...);
-        return 0;
-    }));
-}
-
 // The proxy that the library has registered, over any object.
 sptr<SecurityPrivacyServiceIntf> ProxyOver(const sptr<IRemoteObject>& object);
 
