@@ -45,6 +45,10 @@ private:
     const Operation operation_;
 };
 
+const std::string askBody = MakeBody("text");
+const std::string askFrame = MakeFrame(1, askBody);
+const std::string replyFrame = MakeFrame(1, askBody, 2);
+
 int32_t Echo(uint32_t code, MessageParcel& data, MessageParcel& reply)
 {
     reply.WriteString(data.ReadString());
@@ -99,21 +103,6 @@ private:
     std::mutex mutex_;
     std::string log_;
 };
-
-TEST_F(HostTest, ObjectOfThisProcessIsFoundFirst)
-{
-    AbilityServer server(ID, sptr<IPCObjectStub>(new Service([](auto, auto&, auto&) { return 9; })));
-    ASSERT_TRUE(server.Start());
-    EXPECT_EQ(manager_, SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager());
-    EXPECT_TRUE(manager_->LoadSystemAbility(ID, 0)->IsProxyObject());
-    EXPECT_FALSE(manager_->AddSystemAbility(ID, nullptr));
-    EXPECT_TRUE(manager_->AddSystemAbility(ID, echo_));
-    EXPECT_FALSE(manager_->AddSystemAbility(ID, echo_));
-    EXPECT_EQ(echo_, manager_->LoadSystemAbility(ID, 0));
-    EXPECT_TRUE(manager_->RemoveSystemAbility(ID));
-    EXPECT_FALSE(manager_->RemoveSystemAbility(ID));
-    EXPECT_EQ(9, Ask(manager_->LoadSystemAbility(ID, 0), 1, "").status);
-}
 
 TEST_F(HostTest, WhatCannotBeFoundOrStartedSaysWhy)
 {
@@ -214,13 +203,10 @@ TEST_F(HostTest, WorkerThatStaysMissesNothing)
     options.stallTimeout = std::chrono::milliseconds(50);
     AbilityServer server(ID, service, options);
     ASSERT_TRUE(server.Start());
-    const std::string body = MakeBody("text");
-    const std::string request = MakeFrame(1, body);
-    const std::string reply = MakeFrame(1, body, 2);
     const auto asks = [&](const RawClient& client, int times) {
         for (int time = 0; time < times; ++time) {
-            EXPECT_TRUE(client.Send(request));
-            EXPECT_EQ(reply, client.Receive(reply.size()));
+            EXPECT_TRUE(client.Send(askFrame));
+            EXPECT_EQ(replyFrame, client.Receive(replyFrame.size()));
         }
     };
     const RawClient slow(Path());
@@ -228,26 +214,26 @@ TEST_F(HostTest, WorkerThatStaysMissesNothing)
     const RawClient stalling(Path());
     const RawClient halfClosing(Path());
     const RawClient patient(Path());
-    EXPECT_TRUE(slow.Send(MakeFrame(2, body)));
+    EXPECT_TRUE(slow.Send(MakeFrame(2, askBody)));
     begun[0].get_future().wait();
     asks(stalling, 100);
-    EXPECT_TRUE(stalling.Send(request + request.substr(0, 9)));
-    EXPECT_EQ(reply, stalling.Receive(2 * reply.size())) << "the half request runs into its time";
+    EXPECT_TRUE(stalling.Send(askFrame + askFrame.substr(0, 9)));
+    EXPECT_EQ(replyFrame, stalling.Receive(2 * replyFrame.size())) << "the half request runs into its time";
     asks(halfClosing, 100);
-    EXPECT_TRUE(halfClosing.Send(request));
+    EXPECT_TRUE(halfClosing.Send(askFrame));
     EXPECT_EQ(0, ::shutdown(halfClosing.GetFd(), SHUT_WR));
-    EXPECT_EQ(reply, halfClosing.Receive(2 * reply.size()));
+    EXPECT_EQ(replyFrame, halfClosing.Receive(2 * replyFrame.size()));
     asks(patient, 100);
-    EXPECT_TRUE(slower.Send(MakeFrame(3, body)));
+    EXPECT_TRUE(slower.Send(MakeFrame(3, askBody)));
     begun[1].get_future().wait();
     asks(RawClient(Path()), 1);
     asks(patient, 1);
     release.set_value();
-    EXPECT_EQ(MakeFrame(2, body, 2), slow.Receive(reply.size()));
-    EXPECT_EQ(MakeFrame(3, body, 2), slower.Receive(reply.size()));
+    EXPECT_EQ(MakeFrame(2, askBody, 2), slow.Receive(replyFrame.size()));
+    EXPECT_EQ(MakeFrame(3, askBody, 2), slower.Receive(replyFrame.size()));
 }
 
-TEST_F(HostTest, RestartIsMetWithAFreshConnection)
+TEST_F(HostTest, RestartIsMetWithAFreshConnectionAndAnObjectOfThisProcessComesFirst)
 {
     AbilityServer server(ID, echo_);
     ASSERT_TRUE(server.Start());
@@ -261,6 +247,15 @@ TEST_F(HostTest, RestartIsMetWithAFreshConnection)
     EXPECT_EQ((Answer{0, "after"}), Ask(kept, 1, "after"));
     EXPECT_FALSE(kept->IsObjectDead());
     EXPECT_EQ(kept, manager_->LoadSystemAbility(ID, 0));
+    EXPECT_TRUE(kept->IsProxyObject());
+    EXPECT_FALSE(manager_->AddSystemAbility(ID, nullptr));
+    EXPECT_TRUE(manager_->AddSystemAbility(ID, echo_));
+    EXPECT_FALSE(manager_->AddSystemAbility(ID, echo_));
+    EXPECT_EQ(echo_, manager_->LoadSystemAbility(ID, 0));
+    EXPECT_TRUE(manager_->RemoveSystemAbility(ID));
+    EXPECT_FALSE(manager_->RemoveSystemAbility(ID));
+    EXPECT_EQ(kept, manager_->LoadSystemAbility(ID, 0));
+    EXPECT_EQ(manager_, SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager());
 }
 
 TEST_F(HostTest, OnlyAStaleSocketIsReplaced)
@@ -309,9 +304,6 @@ TEST_F(HostTest, StatisticsAndLinesTellWhatIsStuckAndWhatIsHeld)
     EXPECT_NE(std::string::npos, Log().find("service 4242: at most 75 connections instead of 1024, since the process "
                                             "may open 100 descriptors"))
         << Log();
-    const std::string body = MakeBody("text");
-    const std::string request = MakeFrame(1, body);
-    const std::string reply = MakeFrame(1, body, 2);
     const auto isTrue = [&](const std::function<bool()>& condition) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (!condition() && std::chrono::steady_clock::now() < end) {
@@ -320,7 +312,7 @@ TEST_F(HostTest, StatisticsAndLinesTellWhatIsStuckAndWhatIsHeld)
         return condition();
     };
     const RawClient half(Path());
-    EXPECT_TRUE(half.Send(request.substr(0, request.size() - 1)));
+    EXPECT_TRUE(half.Send(askFrame.substr(0, askFrame.size() - 1)));
     for (int time = 0; time < 5; ++time) {
         const RawClient garbage(Path());
         EXPECT_TRUE(garbage.Send(std::string(20, 'x')));
@@ -329,15 +321,15 @@ TEST_F(HostTest, StatisticsAndLinesTellWhatIsStuckAndWhatIsHeld)
     const RawClient deaf(Path());
     EXPECT_TRUE(deaf.Send(MakeFrame(8, "")));
     std::deque<RawClient> slow;
-    EXPECT_TRUE(slow.emplace_back(Path()).Send(MakeFrame(7, body)));
+    EXPECT_TRUE(slow.emplace_back(Path()).Send(MakeFrame(7, askBody)));
     EXPECT_TRUE(isTrue([&] { return server.Statistics().workersStuck == 1; }));
     for (size_t number = 2; number <= 3; ++number) {
-        EXPECT_TRUE(slow.emplace_back(Path()).Send(MakeFrame(7, body)));
+        EXPECT_TRUE(slow.emplace_back(Path()).Send(MakeFrame(7, askBody)));
         EXPECT_TRUE(isTrue([&] { return running == number; })) << "another may take the place of a stuck one";
     }
     std::deque<RawClient> waiting;
     while (waiting.size() < 4) {
-        EXPECT_TRUE(waiting.emplace_back(Path()).Send(request));
+        EXPECT_TRUE(waiting.emplace_back(Path()).Send(askFrame));
     }
     ServerStatistics all;
     EXPECT_TRUE(isTrue([&] { return (all = server.Statistics()).waiting == 4; }));
@@ -354,10 +346,11 @@ TEST_F(HostTest, StatisticsAndLinesTellWhatIsStuckAndWhatIsHeld)
     EXPECT_LE(4U, all.workers);
     release.set_value();
     for (const RawClient& client : waiting) {
-        EXPECT_EQ(reply, client.Receive(reply.size()));
+        EXPECT_EQ(replyFrame, client.Receive(replyFrame.size()));
     }
-    EXPECT_TRUE(half.Send(request.substr(request.size() - 1)));
-    EXPECT_EQ(reply, half.Receive(reply.size())) << "its time is long";
+    EXPECT_TRUE(half.Send(askFrame.substr(askFrame.size() - 1)));
+    EXPECT_EQ(replyFrame, half.Receive(replyFrame.size())) << "its time is long";
+    EXPECT_TRUE(isTrue([&] { return server.Statistics().requestBytes == 0; })) << "they are held for ever";
     server.Stop();
     ::prlimit(0, RLIMIT_NOFILE, &before, nullptr);
     const std::string log = Log();
