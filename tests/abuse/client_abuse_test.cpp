@@ -255,23 +255,24 @@ TEST_F(ClientAbuseTest, ForkedChildHasAConnectionOfItsOwnAndWritesNowhereElse)
     ::close(unused);
     const pid_t child = ::fork();
     if (child == 0) {
+        bool isRight = ::fcntl(reused, F_GETFD) >= 0;
         int others[2] = {};
         ::socketpair(AF_UNIX, SOCK_STREAM, 0, others);
         const Host::RawSocket first(others[0]);
         const Host::RawSocket second(others[1]);
         ::close(STDERR_FILENO);
         Host::SetLogSink({});
-        bool isRight = others[0] < unused && ::fcntl(reused, F_GETFD) >= 0 && Ask(5, 4, kept) == 0;
+        isRight = isRight && others[1] < unused && Ask(5, 4, kept) == 0;
         VoLogPrint(0, LOG_LEVEL_ERROR, 0, "TEST", "a line that nobody sees");
         isRight = isRight && Ask(5) == 0 && ::fcntl(STDERR_FILENO, F_GETFD) < 0;
         const pid_t grandchild = ::fork();
         if (grandchild == 0) {
-            ::_exit(second.Send("x") ? 0 : 1);
+            ::_exit(first.Send("y") && second.Send("x") ? 0 : 1);
         }
         ::waitpid(grandchild, nullptr, 0);
         ::shutdown(others[0], SHUT_WR);
         ::shutdown(others[1], SHUT_WR);
-        ::_exit(isRight && first.Receive(2) == "x" && second.Receive(1).empty() ? 0 : 1);
+        ::_exit(isRight && first.Receive(2) == "x" && second.Receive(2) == "y" ? 0 : 1);
     }
     int status = -1;
     EXPECT_EQ(child, ::waitpid(child, &status, 0));
