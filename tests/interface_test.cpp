@@ -4,9 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/calls.h"
@@ -63,21 +61,6 @@ TEST(Stub, RefusesWrongTokensBeforeAnythingIsAsked)
             log.Lines());
     }
     EXPECT_TRUE(service->AccessChecks().empty());
-}
-
-// Were the stub to take one request at a time, the first would wait for the second for ever.
-TEST(Stub, TakesSeveralRequestsAtATime)
-{
-    const sptr<FakeService> service(new FakeService());
-    std::promise<void> second;
-    service->SetResponder(MessageCode::GTOKEN_POLICY_ADD_POLICY,
-                          [&second](const FakeCall&) { return second.get_future().wait(), FakeAnswer(); });
-    service->SetResponder(MessageCode::GTOKEN_POLICY_REMOVE_POLICY,
-                          [&second](const FakeCall&) { return second.set_value(), FakeAnswer(); });
-    const sptr<SecurityPrivacyServiceIntf> proxy = ProxyOver(service);
-    std::thread first([&proxy] { EXPECT_EQ(0, proxy->GTokenPolicyAddPolicy({GTokenInfo()})); });
-    EXPECT_EQ(0, proxy->GTokenPolicyRemovePolicy({"app"}));
-    first.join();
 }
 
 // In a process of its own: what makes proxies is registered once, when the library is loaded.

@@ -41,7 +41,7 @@ private:
     std::vector<pid_t> users_;
 };
 
-// Five thousand different names that a hash set keeps in one bucket.
+// Ten thousand different names that a hash set keeps in one bucket.
 std::vector<std::string> MakeCollidingNames();
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing

@@ -160,7 +160,9 @@ TEST_F(LifeTest, OnlyTheServicesOwnSocketIsTakenOfThoseHandedOver)
         ASSERT_TRUE(service.IsReady()) << service.Log();
         const size_t before = CountEntries(service.Pid(), "fd");
         for (const bool isAfterRestart : {false, true}) {
-            ASSERT_TRUE(IsAnswered(Peer(sockets.served))) << isAfterRestart;
+            const Peer peer(sockets.served);
+            ASSERT_TRUE(IsAnswered(peer)) << isAfterRestart;
+            EXPECT_TRUE(Host::SendDescriptor(peer.GetFd(), honestFrame, STDIN_FILENO) < 0 || peer.IsClosed());
             ::kill(service.Pid(), SIGHUP);
             ASSERT_TRUE(service.IsReady()) << service.Log();
         }

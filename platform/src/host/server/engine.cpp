@@ -195,12 +195,15 @@ void AbilityServer::Engine::Work()
         int count = 0;
         int error = 0;
         workers_.AwaitAny([&] {
-            const int patience = workers_.HasSpare() ? IDLE_MILLISECONDS : GetPatience(buffers);
+            // A place that a stuck worker leaves brings no event: what waits for it is looked at from time to time.
+            const bool looksAgain = workers_.HasSpare() || turns_.HasWaiting();
+            const int patience = looksAgain ? IDLE_MILLISECONDS : GetPatience(buffers);
             count = ::epoll_wait(connections_.GetEpoll(), &event, 1, patience);
             error = errno;
-            return count == 1 && event.data.u64 != STOP_TOKEN;
+            return count == 0 ? turns_.HasWaiting() : count == 1 && event.data.u64 != STOP_TOKEN;
         });
         if (count == 0) {
+            ServeWaiting(buffers);
             if (std::exchange(buffers.hasFreedMuch, false)) {
                 GiveArenaBack();
             }
@@ -232,6 +235,12 @@ void AbilityServer::Engine::HandleEvent(uint64_t token, uint32_t events, WorkerB
     OwnedConnection owned(*this, index, buffers);
     owned.Serve(hangUp);
     Finish(index, owned);
+    ServeWaiting(buffers);
+}
+
+void AbilityServer::Engine::ServeWaiting(WorkerBuffers& buffers)
+{
+    uint32_t index = 0;
     while (turns_.HasWaiting() && !stopping_.load(std::memory_order_relaxed) && turns_.TakeNext(index)) {
         Slot& slot = connections_[index];
         pollfd entry = {slot.connection->GetFd(), 0, 0};

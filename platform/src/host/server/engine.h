@@ -44,6 +44,7 @@ private:
     void Watch() { watcher_.Run(listener_.Get()); }
 
     void HandleEvent(uint64_t token, uint32_t events, WorkerBuffers& buffers);
+    void ServeWaiting(WorkerBuffers& buffers);
     Connection::Next ServeOnce(Slot& slot, WorkerBuffers& buffers, bool hangUp, int64_t now);
     void Finish(uint32_t index, OwnedConnection& owned);
     void EndConnection(uint32_t index);
