@@ -34,15 +34,12 @@ void Add(std::vector<std::string>& seeds, const std::string& prefix, const std::
     }
 }
 
-void AddRecords(Seeds& seeds)
+void AddParcels(std::vector<std::string>& seeds)
 {
-    char choice = 0;
     for (const RecordCase& record : RecordCases()) {
         Parcel parcel;
         record.record->Marshalling(parcel);
-        const std::string message = BytesLeftIn(parcel);
-        Add(seeds["record"], {choice++}, message);
-        Add(seeds["parcel"], "\5\3\1\3\2\4", message);
+        Add(seeds, "\5\3\1\3\2\4", BytesLeftIn(parcel));
     }
 }
 
@@ -109,7 +106,7 @@ int main(int argc, char** argv)
 {
     using namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing;
     Seeds all;
-    AddRecords(all);
+    AddParcels(all["parcel"]);
     AddCalls(all);
     for (const int32_t replyBytes : {0, 1000, 0xFFFFF}) {
         AddConnections(all["connection"], replyBytes);

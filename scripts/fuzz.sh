@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 
 seconds=${1:-30}
 build=build/fuzz
-targets=(parcel record stub proxy connection)
+targets=(parcel stub proxy connection)
 programs=("${targets[@]/#/fuzz_}")
 
 scripts/setup.sh

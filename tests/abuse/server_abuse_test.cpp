@@ -123,7 +123,7 @@ const LimitCase limitCases[] = {
       honestFrame.substr(0, honestFrame.size() - 1), honestFrame + honestFrame.substr(0, 1)},
      5,
      "request time in ms",
-     "used 2[0-9]{2}, allowed 200"},
+     "used [0-9]{3,}, allowed 200"},
     {"ReplyTime", {"--reply-timeout-ms", "200"}, {longReply}, 1, "reply time in ms", "used [0-9]{3,}, allowed 200"},
     {"WaitingReplyBytes",
      {"--max-waiting-reply-bytes", "8388608", "--workers", "1"},
@@ -187,16 +187,6 @@ TEST_F(ServerAbuseTest, HostileNumbersInEveryPlaceAreAnswered)
             ASSERT_TRUE(peer.Send(MakeFrame(code, body)));
             ASSERT_EQ(MakeFrame(code, "", 2).substr(0, 12), peer.ReadReply().substr(0, 12)) << service_->Log();
         }
-    }
-}
-
-// A client, perhaps with more requests on the way, is gone when its answer comes.
-TEST_F(ServerAbuseTest, HangUpWhileTheOperationRuns)
-{
-    ASSERT_NO_FATAL_FAILURE(Begin({"--workers", "2"}));
-    for (const size_t ahead : {0U, 2U}) {
-        EXPECT_TRUE(Peer(Path()).Send(MakeByAppFrame("nap", 100) + Repeat(honestFrame, ahead)));
-        ExpectServed();
     }
 }
 
