@@ -117,6 +117,11 @@ def await_count(expected, what):
     check(expected, count(), what)
 
 
+def peak_memory(pid):
+    with open(f"/proc/{pid}/status", encoding="ascii") as status:
+        return int(next(line.split()[1] for line in status if line.startswith("VmHWM:")))
+
+
 def content(name):
     if not os.path.isfile(name):
         return None
@@ -253,6 +258,19 @@ def watching():
     check(False, os.path.exists(path("65993.status.sock")), "the socket is taken away")
 
 
+def long_answers():
+    """One request may name one bundle again and again, and each row repeats its fingerprint."""
+    with Service() as service:
+        ask(0, "gtoken", "add", "--bundle", "b" * 100, "--fingerprint", "f" * 1024, "--policy", "p=1")
+        memory = peak_memory(service.process.pid)
+        for _ in range(20):
+            has("ANSWER_TOO_LONG", ask(1, "gtoken", "get", "p", *["b" * 100] * 10000), "ten thousand times the same")
+        rows = json.loads(ask(0, "--json", "gtoken", "get", "p", *["b" * 100] * 3000))
+        check(3000, len(rows), "rows within the bound")
+        if peak_memory(service.process.pid) > memory + 32 * 1024:
+            sys.exit(f"service_check: it took {peak_memory(service.process.pid) - memory} KiB")
+
+
 def many_watchers():
     with Service():
         watchers = [watch(reads=False) for _ in range(17)]
@@ -330,6 +348,7 @@ def under_the_init_system():
 starts_that_fail()
 feeding()
 watching()
+long_answers()
 many_watchers()
 under_the_init_system()
 print("the service keeps its word")
