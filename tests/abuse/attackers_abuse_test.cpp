@@ -50,7 +50,7 @@ std::string MakeLongest()
 
 std::string MakeColliding()
 {
-    return Host::MakeFrame(2, MakeRequest(std::string("group"), int32_t{1}, int32_t{10000}, MakeCollidingNames()));
+    return Host::MakeFrame(2, MakeRequest(std::string("group"), int32_t{1}, int32_t{5000}, MakeCollidingNames()));
 }
 
 struct AttackerCase {

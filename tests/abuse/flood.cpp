@@ -175,7 +175,7 @@ std::vector<std::string> MakeCollidingNames()
 {
     constexpr uint64_t M = 0xc6a4a7935bd1e995;
     constexpr uint64_t SEED = 0xc70f6907;
-    constexpr size_t COUNT = 10000;
+    constexpr size_t COUNT = 5000;
     const auto shift = [](uint64_t value) { return value ^ value >> 47; };
     uint64_t inverse = M;
     for (int round = 0; round < 6; ++round) {

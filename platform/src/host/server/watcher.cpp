@@ -32,7 +32,7 @@ constexpr int64_t RECHECK_NANOSECONDS = 20 * NANOSECONDS_PER_MILLISECOND;
 constexpr int MAX_ACCEPTS_AT_ONCE = 64;
 
 // After a request has begun: is a worker stuck, is there memory to give back? Without requests nobody looks.
-constexpr int64_t LOOK_NANOSECONDS = 1500 * NANOSECONDS_PER_MILLISECOND;
+constexpr int64_t LOOK_NANOSECONDS = 1000 * NANOSECONDS_PER_MILLISECOND;
 
 // When descriptors or memory ran out, accepting is tried again after this, or when a connection ends.
 constexpr int ACCEPT_PAUSE_MILLISECONDS = 100;
