@@ -37,7 +37,7 @@ constexpr size_t MEMORY_LEFT = 32 * MEBIBYTE;
 milliseconds Scaled(milliseconds time)
 {
     static const char* const scale = ::getenv("VARN_TEST_TIME_SCALE");
-    static const long factor = scale != nullptr ? std::strtol(scale, nullptr, 10) : IS_SIZE_TELLING ? 1 : 10;
+    static const long factor = scale != nullptr ? std::strtol(scale, nullptr, 10) : IS_SIZE_TELLING ? 1 : 30;
     return time * factor;
 }
 
