@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "parcel_buffer.h"
+#include "varn/fork_handler.h"
 
 namespace VARN::Host {
 
@@ -19,22 +20,21 @@ constexpr int KEPT_BYTES = 8 * 1024 * 1024;
 // Of the end of a quiet worker's arena so much may stay. The allocator looks at it when a block of 64 KiB is freed.
 constexpr int KEPT_QUIET_BYTES = 128 * 1024;
 
-// While it exists, what is freed at the end of an arena goes back, whoever frees it.
+// Held while the threshold is low, and across a fork: the child may start a server of its own.
+std::mutex quietMutex;
+const ForkHandler forkHandler(ForkHandler::Rank::LOG,
+                              {[] { quietMutex.lock(); }, [] { quietMutex.unlock(); }, [] { quietMutex.unlock(); }});
+
+// While it exists, what is freed at the end of an arena goes back, whichever thread frees it.
 class QuietScope {
 public:
-    QuietScope() noexcept : lock_(TheMutex()) { ::mallopt(M_TRIM_THRESHOLD, KEPT_QUIET_BYTES); }
+    QuietScope() noexcept { ::mallopt(M_TRIM_THRESHOLD, KEPT_QUIET_BYTES); }
     ~QuietScope() { ::mallopt(M_TRIM_THRESHOLD, KEPT_BYTES); }
     QuietScope(const QuietScope&) = delete;
     QuietScope& operator=(const QuietScope&) = delete;
 
 private:
-    static std::mutex& TheMutex() noexcept
-    {
-        static std::mutex mutex;
-        return mutex;
-    }
-
-    const std::lock_guard<std::mutex> lock_;
+    const std::lock_guard<std::mutex> lock_{quietMutex};
 };
 
 }  // namespace
