@@ -15,7 +15,6 @@ namespace SecurityPrivacyTools {
 namespace {
 
 constexpr const char* IN_MEMORY = ":memory:";
-constexpr mode_t OWNER_ONLY = 0600;
 
 // Tells our databases from those of other programs: "SPdv".
 constexpr int64_t APPLICATION_ID = 0x53506476;
@@ -78,7 +77,7 @@ constexpr auto VERSION = static_cast<int64_t>(std::size(MIGRATIONS));
 // A file that is not there yet is private from its first moment.
 void MakeFile(const std::string& path)
 {
-    const int made = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, OWNER_ONLY);
+    const int made = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
     if (made >= 0) {
         ::close(made);
     } else if (errno != EEXIST) {
@@ -115,7 +114,7 @@ Database::Lock::~Lock()
 
 void Database::KeepOthersAway()
 {
-    lock_.descriptor = ::open((path_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, OWNER_ONLY);
+    lock_.descriptor = ::open((path_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
     if (lock_.descriptor < 0) {
         FailStep("open its lock");
     }

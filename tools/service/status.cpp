@@ -29,7 +29,6 @@ using nlohmann::ordered_json;
 constexpr size_t MAX_WATCHERS = 16;
 constexpr size_t MAX_PENDING_BYTES = size_t{256} * 1024;
 constexpr int BACKLOG = 16;
-constexpr mode_t OWNER_ONLY = 0600;
 
 std::string LostLine(uint64_t count)
 {
@@ -200,7 +199,8 @@ bool Status::Bind(const std::string& path)
     listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     // Whoever serves the requests owns the name: what is in its place was left behind. The mode is set before anybody
     // can see the file.
-    if (listener_ < 0 || ::fchmod(listener_, OWNER_ONLY) != 0 || (::unlink(path.c_str()) != 0 && errno != ENOENT) ||
+    if (listener_ < 0 || ::fchmod(listener_, S_IRUSR | S_IWUSR) != 0 ||
+        (::unlink(path.c_str()) != 0 && errno != ENOENT) ||
         ::bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         return false;
     }
