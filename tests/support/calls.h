@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -86,10 +88,7 @@ template <class T>
 std::vector<std::string> Texts(const std::vector<T>& records)
 {
     std::vector<std::string> texts;
-    texts.reserve(records.size());
-    for (const T& record : records) {
-        texts.push_back(record.ToString());
-    }
+    std::transform(records.begin(), records.end(), std::back_inserter(texts), std::mem_fn(&T::ToString));
     return texts;
 }
 
