@@ -12,7 +12,7 @@ CALLS = {"bulk": (3, 5), "usage": (3, 5)}
 USUAL_CALLS = (20, 200)
 SIDES = ("client", "server")
 ALLOCATORS = {"malloc", "calloc", "realloc"}
-# Code that works for whoever calls it: what it costs is its caller's.
+# Code that works for its caller: what it costs is its caller's.
 SHARED = re.compile(r"/(libc|libm|libstdc\+\+|libgcc_s|ld-linux-x86-64)\.so|^\?*$")
 # By the plain names of functions; the rest is the call itself: finding the service, checks, limits, turns, log lines.
 PURPOSES = (("codec", re.compile(r"Parcel::[A-Z]|MessageParcel|arshalling|ReadFields|(Read|Write)(String|List)|"

@@ -96,7 +96,7 @@ inline void AppendRecord(MessageParcel& parcel, std::vector<GTokenInfo>& infos)
 {
     const sptr<GTokenInfo> info(GTokenInfo::Unmarshalling(parcel));
     if (info != nullptr) {
-        infos.push_back(std::move(*info));  // nobody else sees it, so it need not be copied
+        infos.push_back(std::move(*info));  // no other owner sees it, so it need not be copied
     }
 }
 

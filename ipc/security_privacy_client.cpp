@@ -28,7 +28,7 @@ using Util::KelLog::Tag;
 
 const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
 
-// A proxy for `object`. Null when nobody registered a maker of proxies, or when it made nothing or something else.
+// A proxy for `object`. Null when no maker of proxies is registered, or when it made nothing or something else.
 sptr<SecurityPrivacyServiceIntf> CastToInterface(const sptr<IRemoteObject>& object)
 {
     const sptr<IRemoteBroker> broker =

@@ -31,7 +31,7 @@ void GiveBack(uint8_t* buffer, size_t capacity) noexcept
     std::memcpy(buffer, &capacity, sizeof(capacity));
     for (SparePlace& place : sparePlaces) {
         uint8_t* none = nullptr;
-        // Release: whoever takes it reads what stands in it.
+        // Release: the thread that takes it reads what stands in it.
         if (capacity <= place.maxCapacity &&
             place.buffer.compare_exchange_strong(none, buffer, std::memory_order_release, std::memory_order_relaxed)) {
             return;

@@ -42,7 +42,7 @@ sptr<ISystemAbilityManager> SystemAbilityManagerClient::GetSystemAbilityManager(
 
 void SystemAbilityManagerClient::SetSystemAbilityManager(sptr<ISystemAbilityManager> manager)
 {
-    // The old manager goes after the lock does: its destructor is somebody else's code.
+    // The old manager goes after the lock does: its destructor is not our code.
     const std::lock_guard<std::mutex> lock(managerMutex);
     manager_.Swap(manager);
 }

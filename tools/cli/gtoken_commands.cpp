@@ -116,7 +116,7 @@ void RunGet(const Program& program, const BundlesOptions& options)
     const RemoteService service(program.service);
     const GTokenResultWithRet result = service->GTokenPolicyGetPolicy(options.policyName, options.bundleNames);
     service.Check(result.ret, result.gTokenResults);
-    // The rows carry the bundles' fingerprints; they are nobody's business here.
+    // The rows carry the bundles' fingerprints; they are not to be shown.
     const auto toJson = [&options](const GTokenResult& row) {
         return Json{{"bundleName", row.bundleName},
                     {"versionCode", row.versionCode},

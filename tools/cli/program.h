@@ -14,7 +14,7 @@
 
 namespace SecurityPrivacyTools {
 
-// The user whose apps are meant when nobody says otherwise: the first one of a device.
+// The user whose apps are meant when none is named: the first one of a device.
 constexpr int32_t DEFAULT_USER_ID = 100;
 
 // What the command line says for every command.

@@ -43,7 +43,7 @@ public:
     JsonNode operator[](const char* key) const;
     std::optional<JsonNode> Find(const char* key) const;
 
-    // Refuses members of other names, which would be misspelt ones that nobody reads.
+    // Refuses members of other names, which would be misspelt ones that have no effect.
     void AllowOnly(std::initializer_list<std::string_view> keys) const;
     // Refuses a document whose "format" and "version" are not these.
     void RequireFormat(const char* format, int32_t version) const;

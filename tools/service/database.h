@@ -57,7 +57,7 @@ private:
     };
 
     const std::string path_;
-    Lock lock_;  // goes last: whoever takes it next finds the database closed
+    Lock lock_;  // goes last: the next to take it finds the database closed
 
     std::mutex writing_;                  // held for a change, the disk included; in memory for a read as well
     std::unique_ptr<Connection> writer_;  // guarded by writing_

@@ -34,8 +34,8 @@ bool IsEmpty(Database& database);
 // were. An InputError names the line that is wrong and how many are stored; of its batch nothing is.
 int64_t RecordUsage(Database& database, const std::string& path);
 
-// Forgets the usage events that began before `time`, the oldest first and a bounded number, so that nobody waits long.
-// Answers how many there were: 0 when none is left.
+// Forgets the usage events that began before `time`, the oldest first and a bounded number, so that no other writer
+// waits long. Answers how many there were: 0 when none is left.
 int64_t DropUsageBefore(Database& database, int64_t time);
 
 }  // namespace SecurityPrivacyTools

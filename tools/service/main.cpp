@@ -66,7 +66,7 @@ sigset_t BlockSignals()
         sigaddset(&signals, signal);
     }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    // Whoever reads our output may go away; that is no reason to end.
+    // The reader of our output may go away; that is no reason to end.
     std::signal(SIGPIPE, SIG_IGN);
     return signals;
 }

@@ -197,7 +197,7 @@ bool Status::Bind(const std::string& path)
     }
     path.copy(address.sun_path, path.size());
     listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    // Whoever serves the requests owns the name: what is in its place was left behind. The mode is set before anybody
+    // The server of the requests owns the name: what is in its place was left behind. The mode is set before anybody
     // can see the file.
     if (listener_ < 0 || ::fchmod(listener_, S_IRUSR | S_IWUSR) != 0 ||
         (::unlink(path.c_str()) != 0 && errno != ENOENT) ||

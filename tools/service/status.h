@@ -26,7 +26,7 @@ int64_t Now();
 // Thread safety: `Count` and `Document` may be called from any thread, the others from the one that made it.
 class Status {
 public:
-    // `statistics` tells what the server holds, on the thread of whoever asks for the status.
+    // `statistics` tells what the server holds, on the thread that asks for the status.
     explicit Status(std::function<VARN::Host::ServerStatistics()> statistics) : statistics_(std::move(statistics)) {}
     // Ends all connections, and takes the socket file away if it was made here.
     ~Status();

@@ -27,7 +27,7 @@ class VARN_API MessageOption {
 public:
     enum { TF_SYNC = 0 };  // wait for the reply
 
-    // How long a request may take when nobody says otherwise.
+    // How long a request may take when no other time is given.
     static constexpr int32_t kDefaultWaitTimeSeconds = 8;
 
     // `waitTimeSeconds` bounds connecting, sending and receiving together. What is not positive means the default,

@@ -34,12 +34,12 @@ public:
     virtual ~RefBase();
 
     // Adds an owner.
-    // Relaxed: whoever adds one already reaches the object through another owner or has just made it, so nothing that
-    // happens to the object needs to be ordered by this step.
+    // Relaxed: a thread that adds one already reaches the object through another owner or has just made it, so nothing
+    // that happens to the object needs to be ordered by this step.
     void IncStrongRef() const noexcept { strongCount_.fetch_add(1, std::memory_order_relaxed); }
 
     // Takes an owner away and deletes the object when that was the last.
-    // Release: what this owner did to the object must happen before its deletion by whoever comes last. Acquire: the
+    // Release: what this owner did to the object must happen before its deletion by the last one. Acquire: the
     // last one must see what all the others did. One read-modify-write carries both, and the chain of them is one
     // release sequence, so no fence is needed.
     void DecStrongRef() const noexcept

@@ -13,7 +13,7 @@ namespace VARN {
 // statuses pass through unchanged, so it should keep away from these. Never renumber: they cross the socket.
 enum IpcCode : int32_t {
     IPC_OK = 0,
-    IPC_DEAD_OBJECT = -2,      // nobody serves the object, or its process went away before it had answered
+    IPC_DEAD_OBJECT = -2,      // no process serves the object, or its process went away before it had answered
     IPC_TIMED_OUT = -3,        // the wait time was over before the reply was there
     IPC_PROTOCOL_ERROR = -4,   // the other side does not speak the protocol; the connection was dropped
     IPC_TOO_LARGE = -5,        // a message is longer than a parcel or a frame may be
@@ -37,7 +37,7 @@ public:
     // Whether the object stands in for one of another process.
     virtual bool IsProxyObject() const;
 
-    // Whether it is known that nobody will ever answer. False is no promise: the other process may die at any time.
+    // Whether the object is known never to answer again. False is no promise: the other process may die at any time.
     virtual bool IsObjectDead() const;
 };
 

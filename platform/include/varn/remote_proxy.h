@@ -15,7 +15,7 @@ public:
     PeerHolder& operator=(const PeerHolder&) = delete;
 
 protected:
-    // `object` may be null: then there is nobody to speak to.
+    // `object` may be null: then there is no service to speak to.
     explicit PeerHolder(const sptr<IRemoteObject>& object) noexcept : object_(object) {}
     ~PeerHolder() = default;
 

@@ -64,7 +64,7 @@ struct AbilityServerOptions {
     size_t maxWaitingReplyBytesPerUser = size_t{64} * 1024 * 1024;
 
     // Told of every request after its reply was handed to the socket, on the worker's thread, by several at once. It
-    // must not throw. Empty: nobody is told, and no clock is read.
+    // must not throw. Empty: nothing is called, and no clock is read.
     std::function<void(const Transaction&)> observer;
 
     // Bytes of requests that have arrived in part, of one user id: peers that each stop a byte short of a long request
@@ -111,7 +111,7 @@ struct ServerStatistics {
 
 // Serves one object on a Unix socket. The listening socket comes from the init system by socket activation (LISTEN_FDS,
 // LISTEN_PID; the variables are consumed), else the server binds `<directory>/<id>.sock` itself. A stale socket file is
-// replaced, one that somebody answers on is not.
+// replaced, one that a server answers on is not.
 //
 // A child of a fork neither serves nor stops what its parent started: there `Start` is false and `Stop` does nothing.
 //

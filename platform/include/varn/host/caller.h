@@ -17,7 +17,7 @@ struct Caller {
 };
 
 // The caller of the request that this thread is handling; this process itself when the thread handles none. A request
-// to an object of the same process changes nothing: whoever sent the request that it is part of stays the caller. A
+// to an object of the same process changes nothing: the sender of the request that it is part of stays the caller. A
 // thread that a service starts of its own handles none: pass the answer along.
 VARN_API Caller CurrentCaller();
 

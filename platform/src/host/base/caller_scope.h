@@ -14,7 +14,7 @@ public:
     CallerScope(const CallerScope&) = delete;
     CallerScope& operator=(const CallerScope&) = delete;
 
-    // Whose request this thread handles; null: nobody's.
+    // Whose request this thread handles; null: none.
     static const Caller* Current() noexcept;
 
 private:

@@ -16,7 +16,7 @@ constexpr int PASS_RIGHTS = 83;
 #endif
 
 // A Unix stream socket that does not block, that a program started by this one does not inherit, and that takes no
-// descriptors if the kernel can help it: whoever gets one has to close it, and closing can be made to last for ever.
+// descriptors if the kernel can help it: the receiver has to close it, and closing can be made to last for ever.
 // Holds nothing, with the reason in errno, when the system refuses.
 UniqueFd MakeUnixSocket() noexcept;
 

@@ -25,7 +25,7 @@ namespace {
 constexpr std::chrono::milliseconds FIRST_PAUSE{1};
 constexpr std::chrono::milliseconds LAST_PAUSE{50};
 
-// Whether the service may still appear: there is no socket yet, nobody listens on it, or its queue is full. Anything
+// Whether the service may still appear: there is no socket yet, no server listens on it, or its queue is full. Anything
 // else (a folder that is unsafe or closed to us, a path too long) will not get better by waiting.
 bool MayAppear(int error)
 {

@@ -105,7 +105,7 @@ int Channel::Connect(Link& link, std::string& problem) const
         problem = "connect to " + path_ + ": " + ErrorText(error);
         return error;
     }
-    // The folder was looked at by name, and whoever owns one above may have put another in its place since: so the peer
+    // The folder was looked at by name, and the owner of one above may have put another in its place since: so the peer
     // must be one to trust too.
     ucred peer = {};
     socklen_t size = sizeof(peer);
@@ -120,7 +120,7 @@ int Channel::Connect(Link& link, std::string& problem) const
         return EPERM;
     }
     if (!(identity == Identity::Current())) {
-        // Another thread changed it meanwhile; nobody can say for whom the service takes this connection.
+        // Another thread changed it meanwhile; for whom the service takes this connection is not known.
         problem = "connect to " + path_ + ": this process became another user's meanwhile";
         return EAGAIN;
     }
@@ -182,7 +182,7 @@ int32_t Channel::Report(uint32_t code, const char* step, int32_t ipcCode, const 
     return ipcCode;
 }
 
-// Takes an idle connection that is alive, or was when `Prepare` looked. One that was made as somebody else is closed: a
+// Takes an idle connection that is alive, or was when `Prepare` looked. One that was made as another user is closed: a
 // program that gave up its privileges must not go on using them.
 Channel::Link Channel::TakeAlive()
 {
@@ -238,7 +238,7 @@ int32_t Channel::Send(uint32_t code, MessageParcel& data, MessageParcel& reply, 
         const char* step = "sending";
         error = call.Send(header, data);
         if (isKept && call.WasClosedBefore(error)) {
-            // The service was restarted since somebody looked. Nothing of the request has left, so it may be tried on
+            // The service was restarted since the last look. Nothing of the request has left, so it may be tried on
             // the next connection; there are fewer each time, and a new one is not tried again.
             continue;
         }

@@ -71,7 +71,7 @@ LinkFd::~LinkFd()
         return;
     }
     if (!IsOurs()) {
-        // Closed at the fork; the number may belong to somebody else by now.
+        // Closed at the fork; the number may be another file's by now.
         static_cast<void>(fd_.Release());
         return;
     }

@@ -68,7 +68,7 @@ void DeliverToSink(const LogLine& line)
     try {
         sink->write(line);
     } catch (...) {
-        // Nobody who logs is prepared for an exception, and there is nowhere left to report it.
+        // No caller of a log line expects an exception, and there is nowhere left to report it.
     }
     --sinkDepth;
     lock.lock();

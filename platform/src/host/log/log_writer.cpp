@@ -86,7 +86,7 @@ struct Writer {
     // which it guards with a lock of its own: a fork waits for this one, so that the child finds both free.
     Mutex mutex;
     LineLimit limit GUARDED_BY(mutex);
-    uint64_t lost GUARDED_BY(mutex) = 0;         // lines that standard error did not take and that nobody was told of
+    uint64_t lost GUARDED_BY(mutex) = 0;         // lines that standard error did not take and no line has counted yet
     bool isCut GUARDED_BY(mutex) = false;        // the last line was taken in part, without its end
     time_t minute GUARDED_BY(mutex) = -1;        // which one `minuteText` shows; the calendar is asked once for each
     char minuteText[96] GUARDED_BY(mutex) = "";  // such as "2025-03-01 12:59:"

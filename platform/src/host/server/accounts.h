@@ -39,7 +39,7 @@ struct Account {
 
 // One thing that users share: connections, bytes or workers.
 //
-// The attack it stops: one user, or eight that work together, take all there is, and everybody else is turned away. A
+// The attack it stops: one user, or eight that work together, take all there is, and every other user is turned away. A
 // fixed limit for each user does not stop it: eight times the limit may be everything. So what a user may hold depends
 // on what is left. With n other users that hold something it is
 //
@@ -48,7 +48,7 @@ struct Account {
 // but at least the floor, so that a newcomer is served even when the others hold it all, and never more than the limit
 // for one user or than what is left of the whole. The last sixteenth of the whole is for root and the service's own
 // user. An example for 256 MiB: one user alone may hold its 128 MiB. The next gets (256 - 128) / 2 = 64, the third (256
-// - 192) / 3 = 21, the fourth 10: whoever comes still finds some.
+// - 192) / 3 = 21, the fourth 10: a newcomer always finds some.
 //
 // Thread safety: any thread may call anything. Sequentially consistent, since Turns compares what is held with what
 // waits.
@@ -107,7 +107,7 @@ public:
     bool TakeBytes(Account& account, Bytes kind, size_t amount, size_t& used, size_t& allowed) noexcept;
     void GiveBytes(Account& account, Bytes kind, size_t amount) noexcept;
 
-    // What a reply may grow to while it is made. Nobody knows its length before, so it is bounded by what is left: a
+    // What a reply may grow to while it is made. Its length is not known before, so it is bounded by what is left: a
     // quarter of it, shared by the workers at work, lest one request asks for the same long text ten thousand times.
     size_t GetReplyBound() const noexcept;
 

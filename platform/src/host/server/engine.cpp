@@ -226,7 +226,7 @@ void AbilityServer::Engine::HandleEvent(uint64_t token, uint32_t events, WorkerB
     auto index = static_cast<uint32_t>(token);
     const bool hangUp = (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
     if (!connections_[index].Acquire(static_cast<uint32_t>(token >> 32), hangUp)) {
-        // It may wait for its turn: then nobody would read the reply.
+        // It may wait for its turn: then no thread would read the reply.
         if ((events & EPOLLHUP) != 0 && turns_.HasWaiting() && turns_.Remove(index)) {
             EndConnection(index);
         }

@@ -98,7 +98,7 @@ std::string Listener::Bind()
         return problem;
     }
     const auto* where = reinterpret_cast<const sockaddr*>(&address);
-    // The lock says that none of our servers lives, but somebody else may listen there, the init system for one.
+    // The lock says that none of our servers lives, but another program may listen there, the init system for one.
     UniqueFd probe = MakeUnixSocket();
     if (!probe) {
         return Failure("socket for", path_);

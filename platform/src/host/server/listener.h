@@ -22,7 +22,7 @@ public:
     // Begins to listen for service `id`. Empty on success, else what is wrong.
     std::string Open(const std::string& directory, int32_t id);
 
-    // Removes the files that were made here; whoever has connected stays connected.
+    // Removes the files that were made here; clients that have connected stay connected.
     void Withdraw();
 
     // Withdraws and ends. A socket that was handed over stays open, for the next `Open`.

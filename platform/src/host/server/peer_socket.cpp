@@ -25,8 +25,8 @@ namespace VARN::Host {
 
 namespace {
 
-// Closes one socket after the other on a thread that ends when there are no more. Nobody waits for it, not even the end
-// of the server: the process's own end closes what is left without waiting.
+// Closes one socket after the other on a thread that ends when there are no more. Nothing waits for it, not even the
+// end of the server: the process's own end closes what is left without waiting.
 class Closer {
 public:
     static void Take(UniqueFd socket) noexcept
@@ -129,7 +129,7 @@ void PeerSocket::RefuseDescriptors() noexcept
 ssize_t PeerSocket::Receive(void* to, size_t room) const noexcept
 {
     if (mayCarryDescriptors_) {
-        // Looked at first: whoever receives descriptors, wanted or not, is the one who has to close them.
+        // Looked at first: the thread that receives descriptors, wanted or not, has to close them.
         iovec piece = {to, room};
         msghdr message = {};
         message.msg_iov = &piece;

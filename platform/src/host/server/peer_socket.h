@@ -10,10 +10,11 @@
 namespace VARN::Host {
 
 // A peer may send open descriptors along with its bytes. They are of no use here, and the last close of one may block
-// whoever does it for as long as the peer likes: a TCP socket with unsent data waits for its linger time. So the kernel
-// is told to refuse them when they are sent. Kernels before 6.16 do not know that, and what was queued at a socket
-// before the service got it handed over may carry some. Then they are never taken in: a connection that carries one is
-// closed as it is, and closing, which throws away what was not received, is left to a thread that does nothing else.
+// the closing thread for as long as the peer likes: a TCP socket with unsent data waits for its linger time. So the
+// kernel is told to refuse them when they are sent. Kernels before 6.16 do not know that, and what was queued at a
+// socket before the service got it handed over may carry some. Then they are never taken in: a connection that carries
+// one is closed as it is, and closing, which throws away what was not received, is left to a thread that does nothing
+// else.
 
 // Owns an accepted connection, or a socket that listens.
 class PeerSocket {

@@ -15,7 +15,7 @@ namespace VARN::Host {
 // get an event of the same connection, or of one that has ended since. One atomic word settles it without a lock:
 //
 //   FREE            no connection
-//   IDLE            a connection that nobody owns: the next event makes its receiver the owner
+//   IDLE            a connection that no thread owns: the next event makes its receiver the owner
 //   OWNED           a thread owns it
 //   OWNED_AGAIN     the same, and an event came meanwhile: the owner looks again before it gives the place up
 //   OWNED_HUNG_UP   the same, and the event said that the peer has closed its end
@@ -56,7 +56,7 @@ public:
         }
     }
 
-    // Whether there is a connection that nobody owns. It may be otherwise a moment later.
+    // Whether there is a connection that no thread owns. It may be otherwise a moment later.
     bool IsIdle() const noexcept { return (state_.load(std::memory_order_relaxed) & PHASE_MASK) == IDLE; }
 
     // The same as `Acquire` without an event: false, and nothing is noted, unless the connection is idle.

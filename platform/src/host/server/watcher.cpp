@@ -31,7 +31,7 @@ constexpr int64_t RECHECK_NANOSECONDS = 20 * NANOSECONDS_PER_MILLISECOND;
 // After so many the deadlines are looked at again: peers that connect without end must not keep the watcher busy.
 constexpr int MAX_ACCEPTS_AT_ONCE = 64;
 
-// After a request has begun: is a worker stuck, is there memory to give back? Without requests nobody looks.
+// After a request has begun: is a worker stuck, is there memory to give back? Without requests there is nothing to see.
 constexpr int64_t LOOK_NANOSECONDS = 1000 * NANOSECONDS_PER_MILLISECOND;
 
 // When descriptors or memory ran out, accepting is tried again after this, or when a connection ends.

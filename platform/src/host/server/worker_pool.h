@@ -28,7 +28,7 @@ struct Pace {
 //
 // Three rules connect them:
 //
-//   1. While there are connections, somebody is idle, or all are busy. When the last idle worker gets work, it starts
+//   1. While there are connections, one is idle, or all are busy. When the last idle worker gets work, it starts
 //      another one, up to the limit. At the limit it wakes one that stays, which then becomes idle.
 //   2. A worker stays only while another is idle, for the other connections, and a second one is busy or stays. Several
 //      busy clients then have a thread each, which the scheduler brings to its client's processor. A single one fares
@@ -37,7 +37,7 @@ struct Pace {
 //      again at once; if its client is silent, it no longer counts as busy.
 //
 // A wake-up may reach a worker that has just got work. It serves that first and leaves the wake-up for others; when it
-// stops staying and nobody is idle, it wakes the next.
+// stops staying and none is idle, it wakes the next.
 //
 // Memory order: `idle_` and `staying_` are sequentially consistent. A worker counts itself as staying and then reads
 // `idle_` (rule 2). The last idle one takes itself out of `idle_` and then reads `staying_` (rule 1). In the one order

@@ -17,8 +17,8 @@
 //   body   := the bytes of a parcel
 //
 // Numbers are in the host's byte order: both ends are on one machine. A client sends one request and waits for its
-// reply before it sends the next; a server also takes requests that were sent ahead and answers them in order. Whoever
-// receives anything else drops the connection.
+// reply before it sends the next; a server also takes requests that were sent ahead and answers them in order. A side
+// that receives anything else drops the connection.
 
 namespace VARN::Host {
 

@@ -12,7 +12,7 @@ namespace VARN::Host {
 // Puts one frame together from the pieces in which it arrives. Memory grows with the bytes that have arrived, never
 // with the length that was announced, so that a peer cannot make this process allocate more than it sends.
 //
-// Thread safety: none; it belongs to whoever owns the connection.
+// Thread safety: none; it belongs to the owner of the connection.
 class FrameReader {
 public:
     enum class State {

@@ -17,7 +17,7 @@ namespace VARN::Host {
 
 namespace {
 
-// What the variable has said, the latest first. Nothing is ever taken out: somebody may be reading it.
+// What the variable has said, the latest first. Nothing is ever taken out: a thread may be reading it.
 struct Remembered {
     const std::string directory;
     const Remembered* const earlier;

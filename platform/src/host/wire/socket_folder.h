@@ -24,8 +24,8 @@ std::string SocketPath(const std::string& directory, int32_t id);
 // limit.
 std::string MakeSocketAddress(const std::string& path, sockaddr_un& address);
 
-// Whether the folder can be trusted: whoever may write in it may put another socket in a service's place. It must
-// be a directory that belongs to root or to this process's user and that nobody else may write in. Returns 0, or an
+// Whether the folder can be trusted: a user that may write in it may put another socket in a service's place. It must
+// be a directory that belongs to root or to this process's user and that no other user may write in. Returns 0, or an
 // errno with `problem` saying what is wrong (EPERM for a folder that exists but is not safe).
 int CheckSocketFolder(const std::string& directory, std::string& problem);
 
