@@ -71,9 +71,8 @@ fi
 if command -v ninja >/dev/null && [[ ! -f build/demo/CMakeCache.txt ]]; then
     export CMAKE_GENERATOR=Ninja
 fi
-if ! { cmake -S . -B build/demo -DCMAKE_BUILD_TYPE=Release -DCMAKE_UNITY_BUILD=ON \
-    -DSECURITY_PRIVACY_BUILD_TESTS=OFF -DSECURITY_PRIVACY_INSTALL=OFF &&
-    cmake --build build/demo --parallel "$(nproc)"; } >"$folder/build.log" 2>&1; then
+if ! { cmake -S . -B build/demo -DCMAKE_BUILD_TYPE=Release -DSECURITY_PRIVACY_BUILD_TESTS=OFF \
+    -DSECURITY_PRIVACY_INSTALL=OFF && cmake --build build/demo --parallel "$(nproc)"; } >"$folder/build.log" 2>&1; then
     cat "$folder/build.log" >&2
     exit 1
 fi
