@@ -6,11 +6,14 @@
 
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <future>
 #include <memory>
 #include <thread>
 #include <vector>
+
+#include "host/server/accounts.h"
 
 // The rules by which workers are started, stay and are woken, in the order that workers could follow them.
 namespace VARN::Host {
@@ -25,7 +28,7 @@ public:
     explicit TestVisit(bool hasInput, int visits = 1) : event_(::eventfd(hasInput ? 1 : 0, EFD_CLOEXEC)), left_(visits)
     {
     }
-    // Whoever asks is about to wait, and has counted itself as staying.
+    // The one that asks is about to wait, and has counted itself as staying.
     int GetFd() const override
     {
         beforeWait();
@@ -107,6 +110,30 @@ TEST_F(WorkerPoolTest, AWorkerStaysOnlyWithAnotherIdleAndASecondBusy)
     };
     tryWithIdle(4);
     EXPECT_EQ((std::vector<int>{0, 1, 1, 0, 0}), served);
+}
+
+// They come one after the other, as users that work together would, and each takes all that it may have.
+TEST(AccountsTest, EightUsersLeaveTheNinthItsFloors)
+{
+    AbilityServerOptions options;
+    options.workers = 8;
+    Accounts accounts(options);
+    accounts.workers.SetExtra(options.maxSpareWorkers / 4);
+    size_t used = 0;
+    size_t allowed = 0;
+    std::deque<Account> users;
+    while (users.size() < 8) {
+        Account& user = users.emplace_back(static_cast<uid_t>(1 + users.size()));
+        for (const Bytes kind : {Bytes::REQUEST, Bytes::REPLY}) {
+            while (accounts.TakeBytes(user, kind, 65536, used, allowed)) {
+            }
+        }
+        while (accounts.workers.Take(user, user.workers, 1, allowed) == Stock::Answer::TAKEN) {
+        }
+    }
+    Account& ninth = users.emplace_back(9);
+    EXPECT_TRUE(accounts.TakeBytes(ninth, Bytes::REPLY, 2097152, used, allowed)) << allowed;
+    EXPECT_EQ(Stock::Answer::TAKEN, accounts.workers.Take(ninth, ninth.workers, 1, allowed));
 }
 
 }  // namespace

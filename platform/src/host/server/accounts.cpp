@@ -12,10 +12,18 @@ namespace {
 // Of whatever there is, root and the service's own user have this part for themselves.
 constexpr size_t RESERVE_PART = 16;
 
-// What a user may always hold while anything is left: a connection and its successor, a short request, a worker.
+// What a user may always hold while anything is left: a connection and its successor, a request or reply of ordinary
+// length in a buffer that had a longer one before, a worker.
 constexpr size_t CONNECTION_FLOOR = 2;
-constexpr size_t BYTE_FLOOR = 65536;
+constexpr size_t BYTE_FLOOR = size_t{2} * 1024 * 1024;
 constexpr size_t WORKER_FLOOR = 1;
+
+// Of the whole so much at the most is divided into shares; the rest is for floors. Eight users that come one after the
+// other, and each take their share, take nearly all of what is divided.
+constexpr size_t SharedOf(size_t whole)
+{
+    return whole - whole / 4;
+}
 
 // A reply may always be this long.
 constexpr size_t REPLY_FLOOR = size_t{1} * 1024 * 1024;
@@ -53,20 +61,19 @@ void Stock::Give(std::atomic<size_t>& mine, size_t amount) noexcept
 Accounts::Accounts(const AbilityServerOptions& options)
     : connections(Stock::Rules{options.maxConnections, options.maxConnections, options.maxConnectionsPerUser,
                                CONNECTION_FLOOR}),
-      workers(Stock::Rules{options.workers, options.workers + options.maxSpareWorkers, SIZE_MAX, WORKER_FLOOR}),
+      workers(Stock::Rules{std::min(options.workers, SharedOf(options.workers + options.maxSpareWorkers)),
+                           options.workers + options.maxSpareWorkers, SIZE_MAX, WORKER_FLOOR}),
       options_(options),
-      bytes_(Stock::Rules{options.maxBytes, options.maxBytes, SIZE_MAX, BYTE_FLOOR})
+      bytes_(Stock::Rules{SharedOf(options.maxBytes), options.maxBytes, SIZE_MAX, BYTE_FLOOR})
 {
 }
 
 Account& Accounts::Open(uid_t uid)
 {
     const MutexLock lock(mutex_);
-    std::unique_ptr<Account>& account = accounts_[uid];
-    if (!account) {
-        account = std::make_unique<Account>(uid);
-    }
-    return *account;
+    const auto known = accounts_.find(uid);
+    return known != accounts_.end() ? *known->second
+                                    : *accounts_.emplace(uid, std::make_unique<Account>(uid)).first->second;
 }
 
 void Accounts::Leave(Account& account)

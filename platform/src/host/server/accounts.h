@@ -47,8 +47,8 @@ struct Account {
 //
 // but at least the floor, so that a newcomer is served even when the others hold it all, and never more than the limit
 // for one user or than what is left of the whole. The last sixteenth of the whole is for root and the service's own
-// user. An example for 256 MiB: one user alone may hold its 128 MiB. The next gets (256 - 128) / 2 = 64, the third (256
-// - 192) / 3 = 21, the fourth 10: a newcomer always finds some.
+// user. An example for 256 MiB, of which 192 are shared: one user alone may hold its 128 MiB. The next gets (192 - 128)
+// / 2 = 32, the third (192 - 160) / 3 = 10, the fourth 5: a newcomer always finds some, and in the end its floor.
 //
 // Thread safety: any thread may call anything. Sequentially consistent, since Turns compares what is held with what
 // waits.

@@ -217,8 +217,8 @@ int64_t Watcher::LookForStuck(int64_t now)
         }
     }
     stuck_.store(stuck, std::memory_order_relaxed);
-    // The other half of the spare ones is for users that have none at work.
-    context_.accounts.workers.SetExtra(std::min(stuck, context_.options.maxSpareWorkers / 2));
+    // The other spare ones are for users that have none at work.
+    context_.accounts.workers.SetExtra(std::min(stuck, context_.options.maxSpareWorkers / 4));
     return next;
 }
 
