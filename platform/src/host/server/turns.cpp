@@ -60,13 +60,13 @@ bool Turns::TakeAny(uint32_t& index)
     return isThere;
 }
 
-bool Turns::Remove(uint32_t index)
+bool Turns::Remove(uint32_t index, uint32_t generation)
 {
     const MutexLock lock(mutex_);
     for (size_t user = users_; user != 0; --user) {
         for (size_t left = first_->waiting.load(); left != 0; --left) {
             const uint32_t next = first_->firstWaiting;
-            if (next == index) {
+            if (next == index && connections_[index].GetGeneration() == generation) {
                 PopFirst();
                 return true;
             }

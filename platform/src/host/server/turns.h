@@ -39,8 +39,9 @@ public:
     // The next connection whose user is within its share, begun, and owned by the caller. False when there is none.
     bool TakeNext(uint32_t& index);
 
-    // Takes a connection out, whose peer has hung up: the caller owns it then. False when it does not wait.
-    bool Remove(uint32_t index);
+    // Takes a connection out, whose peer has hung up: the caller owns it then. False when it does not wait, or is
+    // another one in the same place by now.
+    bool Remove(uint32_t index, uint32_t generation);
 
     // Whatever waits, also beyond a share, owned by the caller and not begun. False when nothing waits.
     bool TakeAny(uint32_t& index);
