@@ -2,6 +2,8 @@
 #include "host/base/unix_socket.h"
 
 #include <fcntl.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 
 namespace VARN::Host {
 
@@ -18,6 +20,13 @@ UniqueFd MakeUnixSocket() noexcept
         return UniqueFd(::fcntl(fd.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     }
     return fd;
+}
+
+int CountUnread(int fd) noexcept
+{
+    int bytes = 0;
+    ::ioctl(fd, SIOCINQ, &bytes);
+    return bytes;
 }
 
 }  // namespace VARN::Host

@@ -20,4 +20,7 @@ constexpr int PASS_RIGHTS = 83;
 // Holds nothing, with the reason in errno, when the system refuses.
 UniqueFd MakeUnixSocket() noexcept;
 
+// Bytes that have come in and were not received.
+int CountUnread(int fd) noexcept;
+
 }  // namespace VARN::Host

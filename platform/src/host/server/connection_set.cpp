@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/server/connection_set.h"
 
-#include <linux/sockios.h>
 #include <sys/epoll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -11,6 +9,7 @@
 #include <utility>
 
 #include "host/base/error_text.h"
+#include "host/base/unix_socket.h"
 #include "host/server/clock.h"
 #include "platform_log.h"
 
@@ -36,13 +35,6 @@ uint32_t EventsFor(Connection::Next next)
 
 // So many idle connections are tried for one newcomer: each may turn out to be busy.
 constexpr int MAX_EVICTIONS = 8;
-
-int CountUnread(int fd)
-{
-    int bytes = 0;
-    ::ioctl(fd, SIOCINQ, &bytes);
-    return bytes;
-}
 
 uint64_t MakeToken(uint32_t generation, uint32_t index)
 {

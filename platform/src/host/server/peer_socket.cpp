@@ -107,7 +107,10 @@ PeerSocket::~PeerSocket()
 {
     if (socket_ && mayCarryDescriptors_) {
         ::shutdown(socket_.Get(), SHUT_RDWR);
-        Closer::Take(std::move(socket_));
+        // From now on nothing comes in; descriptors are among what has not been read, if anywhere.
+        if (CountUnread(socket_.Get()) != 0) {
+            Closer::Take(std::move(socket_));
+        }
     }
 }
 
