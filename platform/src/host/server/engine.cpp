@@ -148,9 +148,10 @@ std::string AbilityServer::Engine::Start()
 
 void AbilityServer::Engine::Stop()
 {
-    // The files go first, so that no client finds a server that is about to go; the socket when no thread polls it.
-    listener_.Withdraw();
+    // Nothing begins any more. The files go next, so that no client finds a server that is about to go; the socket when
+    // no thread polls it.
     stopping_.store(true, std::memory_order_relaxed);
+    listener_.Withdraw();
     if (stopEvent_) {
         ::eventfd_write(stopEvent_.Get(), 1);
         watcher_.Stop();
@@ -224,10 +225,11 @@ void AbilityServer::Engine::Work()
 void AbilityServer::Engine::HandleEvent(uint64_t token, uint32_t events, WorkerBuffers& buffers)
 {
     auto index = static_cast<uint32_t>(token);
+    const auto generation = static_cast<uint32_t>(token >> 32);
     const bool hangUp = (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
-    if (!connections_[index].Acquire(static_cast<uint32_t>(token >> 32), hangUp)) {
+    if (!connections_[index].Acquire(generation, hangUp)) {
         // It may wait for its turn: then no thread would read the reply.
-        if ((events & EPOLLHUP) != 0 && turns_.HasWaiting() && turns_.Remove(index)) {
+        if ((events & EPOLLHUP) != 0 && turns_.HasWaiting() && turns_.Remove(index, generation)) {
             EndConnection(index);
         }
         return;
