@@ -29,6 +29,10 @@ constexpr const char* SETTINGS =
     "PRAGMA journal_size_limit = 4194304;"
     "PRAGMA trusted_schema = OFF;";
 
+// The attack it stops: reads that overlap without end. SQLite begins its log anew only at a moment without readers, so
+// the log grows with each change until the disk is full. Past this length a change waits for those who read now.
+constexpr uintmax_t MAX_LOG_BYTES = uintmax_t{16} * 1024 * 1024;
+
 // Each step brings a database from the version before to its own; the first from nothing to 1. Never change one that
 // was released: add another.
 constexpr const char* MIGRATIONS[] = {
@@ -184,7 +188,18 @@ int32_t Database::Read(const std::function<int32_t(Connection&)>& work)
 int32_t Database::Write(const std::function<int32_t(Connection&)>& work)
 {
     const std::lock_guard<std::mutex> lock(writing_);
-    return writer_->Transact("BEGIN IMMEDIATE", work);
+    const int32_t result = writer_->Transact("BEGIN IMMEDIATE", work);
+    std::error_code error;
+    const uintmax_t logBytes = path_ == IN_MEMORY ? 0 : std::filesystem::file_size(path_ + "-wal", error);
+    if (!error && logBytes > MAX_LOG_BYTES) {
+        try {
+            writer_->Execute("PRAGMA busy_timeout = 100; PRAGMA wal_checkpoint(RESTART)");
+        } catch (const DatabaseError&) {
+            // What was written is on the disk already; the next change tries again.
+        }
+        writer_->Execute(SETTINGS);
+    }
+    return result;
 }
 
 }  // namespace SecurityPrivacyTools
