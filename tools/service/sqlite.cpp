@@ -3,6 +3,7 @@
 
 #include <sqlite3.h>
 
+#include <new>
 #include <utility>
 
 namespace SecurityPrivacyTools {
@@ -10,6 +11,8 @@ namespace {
 
 // Filters make statements of many shapes; a client that tries them all must not fill the memory.
 constexpr size_t MAX_KEPT_STATEMENTS = 48;
+// Longer ones have lists of numbers in them, and are hardly asked for twice.
+constexpr size_t MAX_KEPT_BYTES = 1024;
 
 // Undoes a transaction that is still open. SQLite itself ends one that it cannot complete, such as on a full disk.
 struct RollBack {
@@ -94,10 +97,17 @@ Statement::~Statement()
     sqlite3_reset(handle_.get());
     sqlite3_clear_bindings(handle_.get());
     auto& idle = connection_.idle_;
+    if (sql_.size() > MAX_KEPT_BYTES) {
+        return;
+    }
     if (idle.size() >= MAX_KEPT_STATEMENTS) {
         idle.erase(idle.begin());
     }
-    idle.try_emplace(sql_, std::move(handle_));
+    try {
+        idle.try_emplace(sql_, std::move(handle_));
+    } catch (const std::bad_alloc&) {
+        // Then it is prepared again next time.
+    }
 }
 
 void Statement::Bind(int64_t value)
