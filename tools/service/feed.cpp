@@ -265,7 +265,7 @@ int64_t RecordUsage(Database& database, const std::string& path)
                 }
                 return RESULT_OK;
             });
-        } catch (const InputError& error) {
+        } catch (const std::runtime_error& error) {
             throw InputError(std::string(error.what()) + "; the first " + std::to_string(stored) +
                              " lines are stored, and no other");
         }

@@ -183,7 +183,12 @@ bool Status::Serve(int listener, const std::string& path)
     if (wake_ < 0) {
         return false;
     }
-    thread_ = std::thread(&Status::Run, this);
+    try {
+        thread_ = std::thread(&Status::Run, this);
+    } catch (const std::system_error& error) {
+        errno = error.code().value();
+        return false;
+    }
     return true;
 }
 
