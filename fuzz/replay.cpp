@@ -34,15 +34,6 @@ void Add(std::vector<std::string>& seeds, const std::string& prefix, const std::
     }
 }
 
-void AddParcels(std::vector<std::string>& seeds)
-{
-    for (const RecordCase& record : RecordCases()) {
-        Parcel parcel;
-        record.record->Marshalling(parcel);
-        Add(seeds, "\5\3\1\3\2\4", BytesLeftIn(parcel));
-    }
-}
-
 // The arguments of each request, and the reply of a service that has an answer.
 void AddCalls(Seeds& seeds)
 {
@@ -106,7 +97,11 @@ int main(int argc, char** argv)
 {
     using namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing;
     Seeds all;
-    AddParcels(all["parcel"]);
+    for (const RecordCase& record : RecordCases()) {
+        VARN::Parcel parcel;
+        record.record->Marshalling(parcel);
+        Add(all["parcel"], "\5\3\1\3\2\4", BytesLeftIn(parcel));
+    }
     AddCalls(all);
     for (const int32_t replyBytes : {0, 1000, 0xFFFFF}) {
         AddConnections(all["connection"], replyBytes);

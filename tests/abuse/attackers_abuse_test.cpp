@@ -104,7 +104,7 @@ protected:
         }
         ASSERT_TRUE(service_.IsReady()) << service_.Log();
         // Whatever is kept for later is there from now on.
-        ASSERT_EQ(0U, Probe(100).late);
+        ASSERT_EQ(0U, Probe(100).wrong);
         ASSERT_NE("", answer_);
         before_ = GetUse();
     }

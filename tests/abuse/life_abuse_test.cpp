@@ -22,11 +22,6 @@
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
 
-bool IsAnswered(const Peer& peer)
-{
-    return peer.Send(honestFrame) && !peer.ReadReply().empty();
-}
-
 class LifeTest : public ::testing::Test {
 protected:
     LifeTest() { Host::SetLogLevel(LOG_LEVEL_FATAL); }

@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <thread>
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
@@ -40,18 +39,6 @@ SocketFolder::~SocketFolder()
 {
     ::unsetenv("VARN_ABILITY_DIR");
     std::filesystem::remove_all(path_);
-}
-
-bool Eventually(const std::function<bool()>& condition)
-{
-    const auto end = std::chrono::steady_clock::now() + PATIENCE;
-    // Asked once for each answer: what held a moment ago may not hold any more, and need not.
-    bool isTrue = condition();
-    while (!isTrue && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        isTrue = condition();
-    }
-    return isTrue;
 }
 
 size_t CountEntries(pid_t pid, const std::string& folder)

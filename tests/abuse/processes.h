@@ -24,8 +24,7 @@ private:
     std::string path_ = "/tmp/abuse.XXXXXX";
 };
 
-// Waits until the condition holds, or gives up after a time that no healthy system needs.
-bool Eventually(const std::function<bool()>& condition);
+using Host::Eventually;
 
 // What the kernel tells of a process: how many entries a folder has ("fd", "task"), and sizes in bytes ("VmRSS",
 // "VmHWM"). The sanitizers keep freed memory and shadow all of it, so with them every size is 0.

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/raw_client.h"
+#include "abuse/processes.h"
 #include "support/calls.h"
 
 // Requests as bytes, to be sent as they are or spoilt.
@@ -33,6 +33,11 @@ inline std::string MakeByAppFrame(const std::string& bundleName, int32_t userId)
     return Host::MakeFrame(1, MakeRequest(bundleName, userId, int32_t{0}));
 }
 inline const std::string honestFrame = MakeByAppFrame("com.example.bank", 100);
+
+inline bool IsAnswered(const Peer& peer)
+{
+    return peer.Send(honestFrame) && !peer.ReadReply().empty();
+}
 
 inline std::string Repeat(const std::string& text, size_t times)
 {

@@ -22,11 +22,6 @@ using Host::MakeFrame;
 
 constexpr uint64_t MEBIBYTE = 0x100000;
 
-bool IsAnswered(const Peer& peer)
-{
-    return peer.Send(honestFrame) && !peer.ReadReply().empty();
-}
-
 // Waits for the end of the connection (POLLHUP) or for what comes first (POLLIN), and reads nothing.
 bool Sees(const Peer& peer, short events)
 {

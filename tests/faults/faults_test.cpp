@@ -37,7 +37,7 @@ Outcome Ask(const sptr<IRemoteObject>& object, size_t size)
     const std::string text(size, 'x');
     MessageParcel data;
     MessageParcel reply;
-    MessageOption option(MessageOption::TF_SYNC, 1);
+    MessageOption option(MessageOption::TF_SYNC, 3);
     if (object == nullptr || !data.WriteString(text) || object->SendRequest(1, data, reply, option) != 0) {
         return Outcome::FAILED;
     }
@@ -47,7 +47,7 @@ Outcome Ask(const sptr<IRemoteObject>& object, size_t size)
 // Little, and then so much that it takes several turns.
 Outcome Talk()
 {
-    const sptr<IRemoteObject> object = Host::AbilityManager::Get()->LoadSystemAbility(ID, 1);
+    const sptr<IRemoteObject> object = Host::AbilityManager::Get()->LoadSystemAbility(ID, 3);
     const Outcome first = Ask(object, 10);
     return std::max(first, Ask(object, 1000000));
 }

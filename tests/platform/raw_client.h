@@ -6,9 +6,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <thread>
 
 #include "varn/parcel.h"
 
@@ -114,5 +117,18 @@ public:
 private:
     const bool isListening_;
 };
+
+// Waits until the condition holds, or gives up after a time that no healthy system needs.
+inline bool Eventually(const std::function<bool()>& condition)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    // Asked once for each answer: what held a moment ago may not hold any more, and need not.
+    bool isTrue = condition();
+    while (!isTrue && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        isTrue = condition();
+    }
+    return isTrue;
+}
 
 }  // namespace VARN::Host

@@ -60,7 +60,9 @@ def run(client, folder, arguments):
     shown = done.stdout
     if master is not None:
         os.close(slave)
-        shown = os.read(master, 4096).replace(b"\r\n", b"\n").replace(b"\x1b", b"\\e")
+        # To the end, which comes after all that was printed.
+        shown = subprocess.run(["cat"], stdin=master, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                               timeout=TIMEOUT, check=False).stdout.replace(b"\r\n", b"\n").replace(b"\x1b", b"\\e")
         os.close(master)
     text = shown.decode() + "".join(f"! {line}\n" for line in done.stderr.decode().splitlines())
     if "--until" in words:
