@@ -116,7 +116,7 @@ TEST_F(WorkerPoolTest, AWorkerStaysOnlyWithAnotherIdleAndASecondBusy)
 TEST(AccountsTest, EightUsersLeaveTheNinthItsFloors)
 {
     AbilityServerOptions options;
-    options.workers = 8;
+    options.workers = 128;
     Accounts accounts(options);
     accounts.workers.SetExtra(options.maxSpareWorkers / 4);
     size_t used = 0;
