@@ -54,7 +54,10 @@ public:
     {
         Account& account = slot_.connection->GetAccount();
         begin_ = CoarseMilliseconds();
-        next_ = engine_.ServeOnce(slot_, buffers_, hangUp, begin_);
+        // Once the server ends nothing begins; what a peer has still to read is sent at the end.
+        if (!engine_.stopping_.load(std::memory_order_relaxed)) {
+            next_ = engine_.ServeOnce(slot_, buffers_, hangUp, begin_);
+        }
         engine_.turns_.End(account);
     }
     void Serve() override { Serve(false); }
