@@ -25,7 +25,8 @@ constexpr size_t MAX_ANSWER_BYTES = size_t{4} * 1024 * 1024;
 // database. The tables and their rules are in database.cpp.
 //
 // A change is one transaction: when it is answered, it is on the disk. Readers see the state before it or after it, and
-// neither wait for it nor hold it up. A database in memory has one connection, which all take in turn.
+// neither wait for it nor hold it up; but when the log has grown long, a change waits for them, a tenth of a second at
+// most, to begin it anew. A database in memory has one connection, which all take in turn.
 //
 // Thread safety: every operation may be called from any thread.
 class Database {
