@@ -19,7 +19,7 @@ endfunction()
 if(PROJECT_VERSION_MAJOR EQUAL 0)
   set(SECURITY_PRIVACY_SOVERSION 0.${PROJECT_VERSION_MINOR})
 else()
-  set(SECURITY_PRIVACY_SOVERSION ${SECURITY_PRIVACY_SOVERSION})
+  set(SECURITY_PRIVACY_SOVERSION ${PROJECT_VERSION_MAJOR})
 endif()
 
 # For the two libraries: hidden visibility, and no unique symbols, which would keep a shared library from ever being
