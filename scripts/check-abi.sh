@@ -22,6 +22,14 @@ quietly()
     "$@" >"$scratch/log" 2>&1 || { cat "$scratch/log" >&2; fail "failed: $*"; }
 }
 
+# build SOURCE FOLDER: with the debug information that describes types.
+build()
+{
+    quietly cmake -S "$1" -B "$2" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DSECURITY_PRIVACY_BUILD_TESTS=OFF \
+        -DSECURITY_PRIVACY_BUILD_TOOLS=OFF -DSECURITY_PRIVACY_INSTALL=OFF
+    quietly cmake --build "$2"
+}
+
 # The version that the shared objects of a release carry, see docs/abi.md.
 soversion()
 {
@@ -35,10 +43,9 @@ compare()
 }
 
 version=$(sed -n 's/^project(.* VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)
-now=build/dev
+now=build/abi
 headers=(--headers-dir2 include --headers-dir2 platform/include --headers-dir2 "$now/generated")
-quietly cmake --preset dev
-quietly cmake --build --preset dev --target security_privacy varn_platform
+build . "$now"
 
 if [[ ${1:-} == --keep ]]; then
     mkdir -p "docs/abi/$version"
@@ -73,9 +80,7 @@ interface=include/security_privacy/security_privacy_service_intf.h
 sed -i 's/^    virtual int32_t GetPermissionUsageSummary(/    virtual int32_t AddedInTheMiddle() { return 0; }\n&/' \
     "$scratch/broken/$interface"
 ! cmp -s "$interface" "$scratch/broken/$interface" || fail "the self-test did not find where to add its function"
-quietly cmake -S "$scratch/broken" -B "$scratch/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DSECURITY_PRIVACY_BUILD_TESTS=OFF -DSECURITY_PRIVACY_BUILD_TOOLS=OFF -DSECURITY_PRIVACY_INSTALL=OFF
-quietly cmake --build "$scratch/build"
+build "$scratch/broken" "$scratch/build"
 if compare "$now/libsecurity_privacy.so" "$scratch/build/libsecurity_privacy.so" >"$scratch/report"; then
     fail "a virtual function added in the middle of the interface was not noticed"
 fi

@@ -20,7 +20,8 @@ quietly()
     "$@" >"$scratch/log" 2>&1 </dev/null || { cat "$scratch/log" >&2; fail "failed: $*"; }
 }
 
-export DEB_BUILD_MAINT_OPTIONS=hardening=+all
+# The packages hold no debug information.
+export DEB_BUILD_MAINT_OPTIONS=hardening=+all DEB_CXXFLAGS_MAINT_STRIP=-g
 quietly cmake --preset release -B build/packages -DCMAKE_INSTALL_PREFIX=/usr -DSECURITY_PRIVACY_BUILD_TESTS=OFF \
     -DCMAKE_CXX_FLAGS="$(dpkg-buildflags --get CPPFLAGS) $(dpkg-buildflags --get CXXFLAGS)" \
     -DCMAKE_SHARED_LINKER_FLAGS="$(dpkg-buildflags --get LDFLAGS)" \
