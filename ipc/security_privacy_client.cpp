@@ -36,37 +36,42 @@ sptr<SecurityPrivacyServiceIntf> CastToInterface(const sptr<IRemoteObject>& obje
     return dynamic_cast<SecurityPrivacyServiceIntf*>(broker.Get());
 }
 
-// Looks the service up, each time anew: it may have been restarted. The lines bear the name of `function`. Sets the
-// error of the step that it is at, for when that one throws.
-sptr<SecurityPrivacyServiceIntf> LookUp(const char* function, int32_t timeoutSeconds, ConnectError& error)
+// What finds the service and what is found, all held until a request is over.
+struct Found {
+    sptr<ISystemAbilityManager> manager;
+    sptr<IRemoteObject> object;
+    sptr<SecurityPrivacyServiceIntf> proxy;
+    ConnectError error = ConnectError::NO_MANAGER;  // of the step that failed, also when it threw
+};
+
+// Looks the service up, each time anew: it may have been restarted. The lines bear the name of `function`.
+void LookUp(const char* function, int32_t timeoutSeconds, Found& found)
 {
-    error = ConnectError::NO_MANAGER;
-    const sptr<ISystemAbilityManager> manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
-    if (manager == nullptr) {
+    found.manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    if (found.manager == nullptr) {
         LOG_ERROR_AS(function, "SAM is nullptr, please check.");
-        return nullptr;
+        return;
     }
-    error = ConnectError::NO_SERVICE;
-    const sptr<IRemoteObject> object = manager->LoadSystemAbility(SECURITY_PRIVACY_SA_ID, timeoutSeconds);
-    if (object == nullptr) {
+    found.error = ConnectError::NO_SERVICE;
+    found.object = found.manager->LoadSystemAbility(SECURITY_PRIVACY_SA_ID, timeoutSeconds);
+    if (found.object == nullptr) {
         LOG_ERROR_AS(function, "SA=%s is nullptr, please check.", Text(SECURITY_PRIVACY_SA_ID).c_str());
-        return nullptr;
+        return;
     }
-    error = ConnectError::SERVICE_DEAD;
-    if (object->IsObjectDead()) {
+    found.error = ConnectError::SERVICE_DEAD;
+    if (found.object->IsObjectDead()) {
         LOG_ERROR_AS(function, "SA is IsObjectDead, why load system ability return a dead SA?");
-        return nullptr;
+        return;
     }
-    error = ConnectError::NO_PROXY;
-    sptr<SecurityPrivacyServiceIntf> proxy = CastToInterface(object);
-    if (proxy == nullptr) {
+    found.error = ConnectError::NO_PROXY;
+    found.proxy = CastToInterface(found.object);
+    if (found.proxy == nullptr) {
         LOG_ERROR_AS(function, "iface_cast SA=%s is nullptr, there is nothing we can do.",
                      Text(SECURITY_PRIVACY_SA_ID).c_str());
-        return nullptr;
+        return;
     }
-    error = ConnectError::NONE;
+    found.error = ConnectError::NONE;
     LOG_DEBUG_AS(function, "LoadSystemAbility succeed");
-    return proxy;
 }
 
 // The name in the lines of the client's lookup, whichever request it is for.
@@ -79,8 +84,6 @@ class Hold {
 public:
     explicit Hold(std::recursive_mutex& mutex) : lock_(mutex) { ++holds; }
     ~Hold() { --holds; }
-    Hold(const Hold&) = delete;
-    Hold& operator=(const Hold&) = delete;
 
 private:
     const std::lock_guard<std::recursive_mutex> lock_;
@@ -118,12 +121,12 @@ auto Request(std::recursive_mutex& mutex, const char* method, Operation operatio
     std::invoke_result_t<Operation&, SecurityPrivacyServiceIntf&> result{};
     try {
         const Hold hold(mutex);
-        ConnectError error = ConnectError::NONE;
-        const sptr<SecurityPrivacyServiceIntf> proxy = LookUp(CLIENT_LOOKUP, SA_LOAD_TIMEOUT, error);
-        if (proxy == nullptr) {
+        Found found;
+        LookUp(CLIENT_LOOKUP, SA_LOAD_TIMEOUT, found);
+        if (found.proxy == nullptr) {
             LOG_ERROR_AS(method, "proxy is nullptr, please check.");
         } else {
-            result = operation(*proxy);
+            result = operation(*found.proxy);
         }
     } catch (...) {
         ReportException(method);
@@ -166,14 +169,13 @@ void SecurityPrivacyClient::WithSystemAbilityProxy(
     // Held to the end, the callback and with it the whole call included.
     const Hold hold(mutex_);
 
-    sptr<SecurityPrivacyServiceIntf> proxy;
+    Found found;
     try {
-        ConnectError error = ConnectError::NONE;
-        proxy = LookUp(CLIENT_LOOKUP, SA_LOAD_TIMEOUT, error);
+        LookUp(CLIENT_LOOKUP, SA_LOAD_TIMEOUT, found);
     } catch (...) {
         ReportException(CLIENT_LOOKUP);
     }
-    callback(proxy);
+    callback(found.proxy);
 }
 
 int32_t SecurityPrivacyClient::GetAppPermissionGroupInfosByApp(
@@ -252,13 +254,13 @@ int32_t SecurityPrivacyClient::GTokenPolicyRemovePolicy(const std::vector<std::s
 
 ConnectResult Connect(int32_t timeoutSeconds)
 {
-    ConnectResult result;
+    Found found;
     try {
-        result.service = LookUp(__func__, timeoutSeconds, result.error);
+        LookUp(__func__, timeoutSeconds, found);
     } catch (...) {
         ReportException(__func__);
     }
-    return result;
+    return {found.proxy, found.error};
 }
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer

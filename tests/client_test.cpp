@@ -29,11 +29,13 @@ protected:
 TEST_F(Client, CallsBackOnceAndKeepsNothingAfterwards)
 {
     const int32_t owners = fake.Service().StrongCount();
+    const int32_t managers = fake.Manager().StrongCount();
     int calls = 0;
     const auto take = [&](const sptr<SecurityPrivacyServiceIntf>& proxy) {
         ++calls;
         EXPECT_EQ(calls == 1 ? &fake.Service() : nullptr, proxy == nullptr ? nullptr : proxy->AsObject().Get());
         EXPECT_EQ(calls == 1, fake.Service().StrongCount() > owners);
+        EXPECT_EQ(managers + 1, fake.Manager().StrongCount()) << "it may be replaced meanwhile";
     };
     client.WithSystemAbilityProxy(take);
     EXPECT_EQ(owners, fake.Service().StrongCount());
