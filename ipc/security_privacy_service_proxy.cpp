@@ -27,8 +27,8 @@ using Util::KelLog::Tag;
 const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
 
 // Reads the reply to a request for permission groups: the result, which it returns, and if that is 0 the records. The
-// lines are `operation`'s, which calls itself `name` in them and ends with `sizeIs` and the size of the list.
-int32_t ReadGroupReply(MessageParcel& reply, const char* operation, const char* name, const char* sizeIs,
+// lines name `operation`; each of the two has its own.
+int32_t ReadGroupReply(MessageParcel& reply, const char* operation, bool isByApp,
                        std::vector<Permission::AppPermissionGroupInfo>& infos)
 {
     const int32_t result = reply.ReadInt32();
@@ -38,12 +38,15 @@ int32_t ReadGroupReply(MessageParcel& reply, const char* operation, const char* 
     }
     const int32_t size = reply.ReadInt32();
     if (size > MAX_APP_PERMISSION_GROUP_INFO_SIZE) {
-        LOG_ERROR_AS(operation, "%s return size too big.", name);
+        isByApp ? LOG_ERROR_AS(operation, "ByApp return size too big.")
+                : LOG_ERROR_AS(operation, "ByPermission return size too big.");
         return RESULT_OK;
     }
     ReadRecords(reply, size, infos);
-    LOG_DEBUG_AS(operation, "%s finish, result=%s, %s%s", name, Text(result).c_str(), sizeIs,
-                 Text(infos.size()).c_str());
+    isByApp ? LOG_DEBUG_AS(operation, "ByApp finish, result=%s, appPermissionGroupInfos=%s", Text(result).c_str(),
+                           Text(infos.size()).c_str())
+            : LOG_DEBUG_AS(operation, "ByPermission finish, result=%s, size of appPermissionGroupInfos is %s",
+                           Text(result).c_str(), Text(infos.size()).c_str());
     return RESULT_OK;
 }
 
@@ -108,7 +111,7 @@ try {
         LOG_ERROR("send request failed.");
         return RESULT_TRANSPORT_FAILED;
     }
-    return ReadGroupReply(reply, __func__, "ByApp", "appPermissionGroupInfos=", appPermissionGroupInfos);
+    return ReadGroupReply(reply, __func__, true, appPermissionGroupInfos);
 } catch (const std::bad_alloc&) {
     return OutOfMemory(__func__);
 }
@@ -128,8 +131,7 @@ try {
     if (!SendRequest(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION, data, reply)) {
         return RESULT_TRANSPORT_FAILED;
     }
-    return ReadGroupReply(reply, __func__, "ByPermission", "size of appPermissionGroupInfos is ",
-                          appPermissionGroupInfos);
+    return ReadGroupReply(reply, __func__, false, appPermissionGroupInfos);
 } catch (const std::bad_alloc&) {
     return OutOfMemory(__func__);
 }

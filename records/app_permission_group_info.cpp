@@ -79,8 +79,7 @@ bool ReadFields(Parcel& parcel, AppPermissionGroupInfo& info)
 
 AppPermissionGroupInfo* AppPermissionGroupInfo::Unmarshalling(Parcel& parcel)
 {
-    return MakeRecord<AppPermissionGroupInfo>(&LOG_TAG, "AppPermissionGroupInfo",
-                                              [&](const auto& info) { return ReadFields(parcel, *info); });
+    return MAKE_RECORD(AppPermissionGroupInfo, [&](const auto& info) { return ReadFields(parcel, *info); });
 }
 
 std::string AppPermissionGroupInfo::ToString() const

@@ -27,7 +27,7 @@ bool CheckedStateParameter::Marshalling(Parcel& parcel) const
 
 CheckedStateParameter* CheckedStateParameter::Unmarshalling(Parcel& parcel)
 {
-    return MakeRecord<CheckedStateParameter>(&LOG_TAG, "CheckedStateParameter", [&](const auto& parameter) {
+    return MAKE_RECORD(CheckedStateParameter, [&](const auto& parameter) {
         bool isRead = READ(String, parameter, checkedState);
         isRead = isRead && READ(Int64, parameter, flagsMask);
         return isRead && READ(Int64, parameter, flagsValue);

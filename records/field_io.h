@@ -54,6 +54,10 @@
 
 #define FIELD_LOG(function, ...) (LOG_DEBUG_AS(function, __VA_ARGS__), true)
 
+// What `MakeRecord` makes, for a record that logs: an error line names its class when memory runs out.
+#define MAKE_RECORD(Record, ...) \
+    MakeRecord<Record>(__VA_ARGS__, [] { LOG_ERROR_AS("Unmarshalling", "new " #Record " failed."); })
+
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 
 // Runs `step` on the first `count` elements of `list`, until one fails. `count` must not exceed the list's size.
@@ -93,9 +97,9 @@ bool IfMemoryLasts(const Step& step)
 }
 
 // A new record that `read`, which is handed its owner, has filled; null when it returns false. When memory runs out,
-// null as well, after an error line that names the class; records that never log have no tag.
-template <class Record, class Read>
-Record* MakeRecord(const Util::KelLog::Tag* tag, const char* name, const Read& read)
+// null as well, after `logFailure`.
+template <class Record, class Read, class LogFailure>
+Record* MakeRecord(const Read& read, const LogFailure& logFailure)
 {
     try {
         std::unique_ptr<Record> record(new (std::nothrow) Record());
@@ -105,10 +109,7 @@ Record* MakeRecord(const Util::KelLog::Tag* tag, const char* name, const Read& r
     } catch (const std::bad_alloc&) {
         // A record without memory for its fields is as good as none.
     }
-    if (tag != nullptr) {
-        const Util::KelLog::Tag& LOG_TAG = *tag;
-        LOG_ERROR_AS("Unmarshalling", "new %s failed.", name);
-    }
+    logFailure();
     return nullptr;
 }
 

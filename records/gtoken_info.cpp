@@ -34,7 +34,7 @@ bool GTokenInfo::Marshalling(Parcel& parcel) const
 
 GTokenInfo* GTokenInfo::Unmarshalling(Parcel& parcel)
 {
-    return MakeRecord<GTokenInfo>(&LOG_TAG, "GTokenInfo", [&](auto& info) {
+    return MAKE_RECORD(GTokenInfo, [&](auto& info) {
         int32_t policiesSize = 0;
         bool isRead = READ(String, info, bundleName);
         isRead = isRead && READ_MASKED(String, info, fingerprint);

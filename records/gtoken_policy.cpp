@@ -33,8 +33,7 @@ bool ReadFields(Parcel& parcel, GTokenPolicy& policy)
 
 GTokenPolicy* GTokenPolicy::Unmarshalling(Parcel& parcel)
 {
-    return MakeRecord<GTokenPolicy>(&LOG_TAG, "GTokenPolicy",
-                                    [&](const auto& policy) { return ReadFields(parcel, *policy); });
+    return MAKE_RECORD(GTokenPolicy, [&](const auto& policy) { return ReadFields(parcel, *policy); });
 }
 
 std::string GTokenPolicy::ToString() const

@@ -37,8 +37,7 @@ bool ReadFields(Parcel& parcel, GTokenResult& row)
 
 GTokenResult* GTokenResult::Unmarshalling(Parcel& parcel)
 {
-    return MakeRecord<GTokenResult>(&LOG_TAG, "GTokenResult",
-                                    [&](const auto& row) { return ReadFields(parcel, *row); });
+    return MAKE_RECORD(GTokenResult, [&](const auto& row) { return ReadFields(parcel, *row); });
 }
 
 std::string GTokenResult::ToString() const

@@ -32,7 +32,7 @@ bool GTokenResultWithRet::Marshalling(Parcel& parcel) const
 
 GTokenResultWithRet* GTokenResultWithRet::Unmarshalling(Parcel& parcel)
 {
-    return MakeRecord<GTokenResultWithRet>(&LOG_TAG, "GTokenResultWithRet", [&](auto& result) {
+    return MAKE_RECORD(GTokenResultWithRet, [&](auto& result) {
         int32_t gTokenResultsSize = 0;
         bool isRead = READ(Int64, result, ret);
         isRead = isRead && READ_LOCAL(Int32, gTokenResultsSize);

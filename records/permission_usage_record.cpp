@@ -37,8 +37,7 @@ bool ReadFields(Parcel& parcel, PermissionUsageRecord& record)
 
 PermissionUsageRecord* PermissionUsageRecord::Unmarshalling(Parcel& parcel)
 {
-    return MakeRecord<PermissionUsageRecord>(nullptr, "PermissionUsageRecord",
-                                             [&](const auto& record) { return ReadFields(parcel, *record); });
+    return MakeRecord<PermissionUsageRecord>([&](const auto& record) { return ReadFields(parcel, *record); }, [] {});
 }
 
 std::string PermissionUsageRecord::ToString() const
