@@ -305,6 +305,8 @@ TEST_F(ClientAbuseTest, ThreadsShareWhatConnectGaveSideBySide)
     EXPECT_EQ(THREADS, service.Connections());
     const sptr<IRemoteObject> object = Load();
     service.Become(Writing("", false));
+    EXPECT_EQ(IPC_DEAD_OBJECT, std::async(std::launch::async, [this] { return Ask(); }).get());
+    EXPECT_FALSE(object->IsObjectDead()) << "another thread's failure";
     EXPECT_EQ(IPC_DEAD_OBJECT, Ask());
     EXPECT_TRUE(object->IsObjectDead());
     service.Become(honestAnswer);

@@ -27,6 +27,10 @@ constexpr size_t MAX_IDLE_LINKS = 8;
 // How long to let a service work on its queue of new connections before trying to join it again.
 constexpr std::chrono::milliseconds QUEUE_PAUSE{5};
 
+// Which service this thread has found since it last sent a request. Until it sends one, another thread's failure does
+// not make that service dead for it: it would take a live one for none.
+thread_local const Channel* found = nullptr;
+
 // Whether an idle connection can carry a request: the peer has neither closed it nor said anything unasked.
 bool IsAlive(int fd)
 {
@@ -74,7 +78,7 @@ Channel::Identity Channel::Identity::Current()
 
 bool Channel::IsObjectDead() const
 {
-    return dead_.load(std::memory_order_relaxed);
+    return found != this && dead_.load(std::memory_order_relaxed);
 }
 
 int Channel::Connect(Link& link, std::string& problem) const
@@ -170,6 +174,7 @@ int Channel::Prepare(std::string& problem)
     dead_.store(error != 0, std::memory_order_relaxed);
     if (error == 0) {
         link.checked = true;
+        found = this;
         GiveBack(std::move(link));
     }
     return error;
@@ -219,6 +224,7 @@ int32_t Channel::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& 
 
 int32_t Channel::Send(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
 {
+    found = nullptr;
     const Deadline deadline(std::chrono::seconds(option.GetWaitTime()));
     FrameHeader header;
     header.code = code;

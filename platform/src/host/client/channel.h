@@ -22,11 +22,10 @@ class Call;
 // request never meets the rest of an earlier one, and nothing is ever sent twice.
 //
 // A request makes five system calls, and each is for something that no other of them can do:
-//   recv (a look)      in `LoadSystemAbility`. A service that has gone counts as not there, and is waited for, instead
-//   of
-//                      as a failed request; a send that fails would tell it too late. And what came unasked since the
-//                      last reply (that reply once more, say) is found: once the next request is sent, it would pass
-//                      for its reply.
+//   recv (a look)      in `LoadSystemAbility`. A service that has gone counts as not there, and is waited for, not as a
+//                      failed request; a send that fails would tell it too late. And what came unasked since the last
+//                      reply (that reply once more, say) is found: once the next request is sent, it would pass for
+//                      its reply.
 //   geteuid, getegid   A connection is never used as another user than the one it was made as. Every thread may change
 //                      its own identity behind the C library's back, and no cheaper call tells both.
 //   sendmsg            the request
@@ -40,7 +39,8 @@ public:
 
     int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override;
 
-    // Whether the last attempt to reach the service failed.
+    // Whether the last attempt to reach the service failed, that of any thread; but not for a thread that has found it
+    // since its own last request.
     bool IsObjectDead() const override;
 
     // Makes sure that an idle connection is there that was alive just now. Returns 0 or the errno of what failed, with
