@@ -237,6 +237,7 @@ void ParcelBuffer::Clear(Parcel& parcel, size_t keptCapacity) noexcept
     }
     parcel.size_ = 0;
     parcel.cursor_ = 0;
+    parcel.isCut_ = false;
 }
 
 void ParcelBuffer::FreeSpares() noexcept

@@ -15,6 +15,9 @@ public:
     static size_t Capacity(const Parcel& parcel) noexcept { return parcel.capacity_; }
     static size_t MaxCapacity(const Parcel& parcel) noexcept { return parcel.maxCapacity_; }
 
+    // Whether a write has failed since the parcel was last empty, so that something is missing in it.
+    static bool IsCut(const Parcel& parcel) noexcept { return parcel.isCut_; }
+
     // Empties the parcel. A heap buffer of up to `keptCapacity` bytes is kept for the next use; a longer one may serve
     // the next parcel that needs one, whosever it is.
     static void Clear(Parcel& parcel, size_t keptCapacity) noexcept;

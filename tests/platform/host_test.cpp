@@ -366,13 +366,14 @@ TEST_F(HostTest, AReplyMayFillItsBoundAndNotOneByteMore)
     AbilityServerOptions options;
     options.maxBytes = 0x100000;
     AbilityServer server(ID, sptr<IPCObjectStub>(new Service([](uint32_t code, auto&, MessageParcel& reply) {
-                             return reply.WriteString(std::string(code, 'x')) ? 0 : 9;
+                             return reply.WriteString(std::string(code, 'x')) || code > LONGEST + 1 ? 0 : 9;
                          })),
                          options);
     ASSERT_TRUE(server.Start());
     const sptr<IRemoteObject> object = manager_->LoadSystemAbility(ID, 0);
     EXPECT_EQ((Answer{0, std::string(LONGEST, 'x')}), Ask(object, LONGEST, ""));
     EXPECT_EQ((Answer{9, ""}), Ask(object, LONGEST + 1, ""));
+    EXPECT_EQ((Answer{IPC_TOO_LARGE, ""}), Ask(object, LONGEST + 2, "")) << "the operation did not look";
     EXPECT_EQ((Answer{0, "x"}), Ask(object, 1, "")) << "its bound was another's";
 }
 

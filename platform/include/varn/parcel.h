@@ -125,6 +125,7 @@ private:
     uint8_t* Extend(size_t bytes) noexcept
     {
         if (bytes > capacity_ - size_ && !Grow(bytes)) {
+            isCut_ = true;
             return nullptr;
         }
         uint8_t* end = data_ + size_;
@@ -159,6 +160,7 @@ private:
     bool WriteText(const Unit* units, size_t length) noexcept
     {
         if (length > static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
+            isCut_ = true;
             return false;
         }
         const size_t bytes = length * sizeof(Unit);
@@ -190,6 +192,8 @@ private:
     // Whether `data_` is from the heap and ours to free; false for the inline bytes and for bytes lent by the
     // transport.
     bool ownsHeap_ = false;
+    // A write has failed since the parcel was last empty.
+    bool isCut_ = false;
     alignas(8) uint8_t inline_[kInlineCapacity];
 };
 

@@ -73,7 +73,8 @@ struct AbilityServerOptions {
 
     // Bytes of begun requests and of waiting replies, of all users together: eight users must not fill the memory
     // either. A reply that is being made may grow to a quarter of what is left, divided by the workers at work, and
-    // to `maxWaitingReplyBytesPerUser` at most; past that the service's writes fail.
+    // to `maxWaitingReplyBytesPerUser` at most; past that the service's writes fail, and unless the operation fails
+    // for it, its caller gets IPC_TOO_LARGE: a part must not pass for the whole.
     size_t maxBytes = size_t{256} * 1024 * 1024;
 
     // Threads beyond `workers`: for users that have none at work while others hold them all, and in place of workers

@@ -12,16 +12,11 @@
 #include <utility>
 
 #include "host/base/caller_scope.h"
+#include "host/server/clock.h"
 #include "parcel_buffer.h"
 #include "platform_log.h"
 
 namespace VARN::Host {
-
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
-}  // namespace
 
 std::unique_ptr<MessageParcel> WorkerBuffers::TakeReply()
 {
@@ -53,8 +48,7 @@ Connection::~Connection()
 
 void Connection::SetDeadline(std::chrono::milliseconds fromNow) noexcept
 {
-    const auto end = Clock::now().time_since_epoch() + fromNow;
-    deadline_.store(std::chrono::duration_cast<std::chrono::nanoseconds>(end).count());
+    deadline_.store(SteadyNanoseconds() + fromNow.count() * NANOSECONDS_PER_MILLISECOND);
 }
 
 Connection::Next Connection::Serve(WorkerBuffers& buffers, bool hangUp)
@@ -196,7 +190,7 @@ Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader&
     reply.SetMaxCapacity(context_.accounts.GetReplyBound());
     buffers.running.code.store(header.code, std::memory_order_relaxed);
     const bool observed = static_cast<bool>(context_.options.observer);
-    const Clock::time_point begin = observed ? Clock::now() : Clock::time_point();
+    const int64_t begin = observed ? SteadyNanoseconds() : 0;
     MessageOption option;
     FrameHeader answer;
     answer.kind = FrameKind::REPLY;
@@ -205,7 +199,15 @@ Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader&
         const CallerScope scope(caller_);
         answer.status = context_.stub->SendRequest(header.code, data, reply, option);
     }
-    const Clock::time_point end = observed ? Clock::now() : Clock::time_point();
+    const std::chrono::nanoseconds duration(observed ? SteadyNanoseconds() - begin : 0);
+    if (ParcelBuffer::IsCut(reply)) {
+        context_.Refuse(account_, Limit::REPLY_LENGTH, caller_, reply.GetDataSize(), ParcelBuffer::MaxCapacity(reply));
+        // Most operations do not look whether their writes succeed: a peer must not take a part for the whole.
+        if (answer.status == 0) {
+            answer.status = IPC_TOO_LARGE;
+            ParcelBuffer::Clear(reply, WorkerBuffers::KEPT_CAPACITY);
+        }
+    }
     answer.length = static_cast<uint32_t>(reply.GetDataSize());
     buffers.hasFreedMuch |= context_.accounts.NoteUse(std::max(header.length, answer.length));
     const Next next = Reply(buffers, answer);
@@ -214,7 +216,7 @@ Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader&
         ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
     }
     if (observed) {
-        context_.options.observer({header.code, caller_, header.length, answer.length, end - begin, answer.status});
+        context_.options.observer({header.code, caller_, header.length, answer.length, duration, answer.status});
     }
     return next;
 }

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/server/refusal_log.h"
 
-#include <chrono>
 #include <cinttypes>
 
+#include "host/server/clock.h"
 #include "platform_log.h"
 
 namespace VARN::Host {
@@ -11,11 +11,12 @@ namespace VARN::Host {
 namespace {
 
 // In the order of Limit.
-constexpr std::array<const char*, 11> NAMES = {
+constexpr std::array<const char*, 12> NAMES = {
     "connections",
     "connections per user",
     "request bytes",
     "request time in ms",
+    "bytes of a reply",
     "reply time in ms",
     "waiting reply bytes per user",
     "begun request bytes per user",
@@ -26,12 +27,6 @@ constexpr std::array<const char*, 11> NAMES = {
 };
 
 constexpr int64_t PAUSE_NANOSECONDS = 1'000'000'000;
-
-int64_t Now()
-{
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
 
 }  // namespace
 
@@ -53,7 +48,7 @@ void RefusalLog::Report(Limit limit, const Caller& caller, uint64_t used, uint64
     {
         const MutexLock lock(mutex_);
         Entry& entry = entries_[index];
-        const int64_t now = Now();
+        const int64_t now = SteadyNanoseconds();
         if (entry.lastNanoseconds != 0 && now - entry.lastNanoseconds < PAUSE_NANOSECONDS) {
             ++entry.suppressed;
             return;

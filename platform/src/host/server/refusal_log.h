@@ -11,12 +11,13 @@
 
 namespace VARN::Host {
 
-// What a server ends a connection for, or, the last two, what keeps it from having more.
+// What a server ends a connection for or, REPLY_LENGTH, answers with a failure; the last two keep it from having more.
 enum class Limit {
     CONNECTIONS,
     CONNECTIONS_PER_USER,
     REQUEST_BYTES,
     REQUEST_TIME,
+    REPLY_LENGTH,
     REPLY_TIME,
     REPLY_BYTES,
     BEGUN_REQUEST_BYTES,
@@ -35,9 +36,6 @@ public:
     explicit RefusalLog(int32_t id) : id_(id) {}
     // Tells of what was left out since the last lines.
     ~RefusalLog();
-
-    RefusalLog(const RefusalLog&) = delete;
-    RefusalLog& operator=(const RefusalLog&) = delete;
 
     // How often a limit bit, with and without a line.
     uint64_t CountRefused() const noexcept { return refused_.load(std::memory_order_relaxed); }
