@@ -34,8 +34,6 @@ public:
     Attackers(const std::string& path, size_t users, const Flood& flood);
     // Kills them.
     ~Attackers();
-    Attackers(const Attackers&) = delete;
-    Attackers& operator=(const Attackers&) = delete;
 
 private:
     std::vector<pid_t> users_;

@@ -14,8 +14,6 @@ class SocketFolder {
 public:
     SocketFolder();
     ~SocketFolder();
-    SocketFolder(const SocketFolder&) = delete;
-    SocketFolder& operator=(const SocketFolder&) = delete;
 
     const std::string& Path() const { return path_; }
     std::string SocketPath() const { return path_ + "/65993.sock"; }
@@ -37,8 +35,6 @@ class AsUser {
 public:
     explicit AsUser(uid_t user, gid_t group = 0);
     ~AsUser();
-    AsUser(const AsUser&) = delete;
-    AsUser& operator=(const AsUser&) = delete;
 };
 
 // A program in a process of its own.
@@ -49,8 +45,6 @@ public:
                    const std::function<void()>& prepare = nullptr);
     // Kills it unless it has ended.
     ~ServiceProcess();
-    ServiceProcess(const ServiceProcess&) = delete;
-    ServiceProcess& operator=(const ServiceProcess&) = delete;
 
     pid_t Pid() const { return pid_; }
     // The next line that it prints; empty when it has ended.

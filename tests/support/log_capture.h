@@ -20,8 +20,6 @@ class LogCapture {
 public:
     explicit LogCapture(int level = DEBUG);
     ~LogCapture();
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
 
     // The library's own lines so far (those of the tag ASP) that are at least of `level`, as `Line` shows them.
     std::string Lines(int level = DEBUG, const std::string& tag = "ASP") const;

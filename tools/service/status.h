@@ -31,9 +31,6 @@ public:
     // Ends all connections, and takes the socket file away if it was made here.
     ~Status();
 
-    Status(const Status&) = delete;
-    Status& operator=(const Status&) = delete;
-
     // Lets root and the own user, and nobody else, watch on `listener`, or, if that is below 0, on a new socket `path`
     // (mode 0600) in place of one that a dead service left. False, with the error in errno, when there can be none.
     bool Serve(int listener, const std::string& path);

@@ -87,8 +87,6 @@ public:
     Connection(ServiceContext& context, PeerSocket fd, const Caller& caller, Account& account,
                std::atomic<int64_t>& deadline) noexcept;
     ~Connection();
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
 
     // Does what can be done without waiting, one request at the most. `hangUp`: the peer has closed its end.
     Next Serve(WorkerBuffers& buffers, bool hangUp);

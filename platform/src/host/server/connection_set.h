@@ -27,8 +27,6 @@ public:
     // `context` outlives the set.
     explicit ConnectionSet(ServiceContext& context);
     ~ConnectionSet();
-    ConnectionSet(const ConnectionSet&) = delete;
-    ConnectionSet& operator=(const ConnectionSet&) = delete;
 
     // Makes the epoll set. False, with the reason in errno, when the system refuses.
     bool Open();

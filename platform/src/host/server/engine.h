@@ -25,8 +25,6 @@ public:
     // For `server`, which outlives it.
     Engine(const AbilityServer& server, const AbilityServerOptions& options);
     ~Engine();
-    Engine(const Engine&) = delete;
-    Engine& operator=(const Engine&) = delete;
 
     // Empty on success, else what is wrong.
     std::string Start();

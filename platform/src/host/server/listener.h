@@ -16,8 +16,6 @@ class Listener {
 public:
     Listener() = default;
     ~Listener() { Close(); }
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
 
     // Begins to listen for service `id`. Empty on success, else what is wrong.
     std::string Open(const std::string& directory, int32_t id);

@@ -20,8 +20,6 @@ class Watcher {
 public:
     // Both outlive the watcher.
     Watcher(ServiceContext& context, ConnectionSet& connections) : context_(context), connections_(connections) {}
-    Watcher(const Watcher&) = delete;
-    Watcher& operator=(const Watcher&) = delete;
 
     // Makes what wakes the thread. False, with the reason in errno, when the system refuses.
     bool Open();

@@ -72,8 +72,6 @@ public:
     // outlives the pool, is told when the system refuses one.
     WorkerPool(size_t usual, size_t spare, RefusalLog& refusals, std::function<void()> work);
     ~WorkerPool();
-    WorkerPool(const WorkerPool&) = delete;
-    WorkerPool& operator=(const WorkerPool&) = delete;
 
     // Throws what std::thread does when the system refuses the first one; for want of others it only writes a line. All
     // workers, also later ones, inherit the caller's signal mask.
