@@ -106,10 +106,10 @@ std::string Show(const Outcome& outcome)
 }
 
 // Samples, each with its number where a record has one that a service may choose.
-FakeAnswer MakeAnswer(int32_t result, size_t count)
+FakeAnswer MakeAnswer(int64_t result, size_t count)
 {
     FakeAnswer answer;
-    answer.result = result;
+    answer.result = static_cast<int32_t>(result);
     answer.returns = count % 2 == 1;
     answer.gTokenResultWithRet.ret = result;
     for (size_t i = 0; i < count; ++i) {
@@ -256,7 +256,7 @@ private:
     {
         std::string what;
         uint32_t code = 0;
-        int32_t result = 0;
+        int64_t result = 0;
         size_t count = 0;
         command >> what;
         if (what == "answer") {
@@ -264,7 +264,7 @@ private:
             service->SetAnswer(code, MakeAnswer(result, count));
         } else if (what == "fail") {
             command >> result;
-            service->FailAll(result);
+            service->FailAll(static_cast<int32_t>(result));
         } else if (what == "refuse") {
             service->SetRefused({0, 1, 2, 3, 4, 5, 6, 7, 11, 12, 13, 14, 4294967295U});
         } else {
