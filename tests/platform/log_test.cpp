@@ -3,8 +3,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -146,9 +148,13 @@ TEST(VisibleTextTest, OnlyWhatATerminalShowsGoesThrough)
 // Standard error while it exists, read when the test says so.
 class Reader {
 public:
-    explicit Reader(bool isSocket = false)
+    enum Kind { PIPE, SOCKET, TERMINAL };
+    explicit Reader(Kind kind = PIPE)
     {
-        EXPECT_EQ(0, isSocket ? ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends_) : ::pipe(ends_));
+        const termios raw = {};
+        EXPECT_EQ(0, kind == SOCKET ? ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends_)
+                     : kind == PIPE ? ::pipe(ends_)
+                                    : ::openpty(&ends_[0], &ends_[1], nullptr, &raw, nullptr));
         EXPECT_EQ(0, ::fcntl(ends_[0], F_SETFL, O_NONBLOCK));
         ::dup2(ends_[1], STDERR_FILENO);
         ::close(ends_[1]);
@@ -198,12 +204,12 @@ TEST(StandardErrorTest, GetsOneEscapedLine)
 
 TEST(StandardErrorTest, WhatNobodyReadsIsCountedAndNothingWaitsOrEndsTheProgram)
 {
-    for (const bool isSocket : {false, true}) {
-        Reader reader(isSocket);
+    for (const Reader::Kind kind : {Reader::PIPE, Reader::SOCKET, Reader::TERMINAL}) {
+        Reader reader(kind);
         for (int line = 0; line < 5000; ++line) {
             Log("first " + std::string(200, 'x'));
         }
-        const size_t arrived = Count(reader.Read(), "first");
+        const size_t arrived = Count(reader.Read(), "first x{200}\n");
         Log("second");
         EXPECT_EQ(1U,
                   Count(reader.Read(), "W VARN: " + std::to_string(5000 - arrived) + " lines are m.*\n.*: second\n"));

@@ -62,8 +62,6 @@ public:
     explicit RawSocket(const std::string& path) { std::memcpy(address_.sun_path, path.c_str(), path.size()); }
     explicit RawSocket(int accepted) : fd_(accepted) {}
     ~RawSocket() { ::close(fd_); }
-    RawSocket(const RawSocket&) = delete;
-    RawSocket& operator=(const RawSocket&) = delete;
 
     int GetFd() const { return fd_; }
 

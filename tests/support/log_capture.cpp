@@ -6,13 +6,12 @@
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
 
-constexpr int TYPE = 0;
 constexpr uint32_t DOMAIN = 0x5350;
 
 // Says so when a line of the library does not bear its type and domain.
 std::string Show(const Host::LogLine& line)
 {
-    const bool isForeign = line.tag == "ASP" && (line.type != TYPE || line.domain != DOMAIN);
+    const bool isForeign = line.tag == "ASP" && (line.type != 0 || line.domain != DOMAIN);
     return (isForeign ? "foreign " : "") + std::to_string(line.level) + " [" + line.tag + "] " + line.text + "\n";
 }
 
@@ -51,7 +50,7 @@ void LogCapture::Clear()
 
 std::string Line(int level, const std::string& function, const std::string& message, const std::string& module)
 {
-    return Show({TYPE, level, DOMAIN, "ASP", "[SPS][" + module + "]" + function + ": " + message});
+    return Show({0, level, DOMAIN, "ASP", "[SPS][" + module + "]" + function + ": " + message});
 }
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing

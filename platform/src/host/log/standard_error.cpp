@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/log/standard_error.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -13,6 +14,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <string>
+
+#include "host/base/unique_fd.h"
 
 namespace VARN::Host {
 
@@ -48,19 +51,28 @@ private:
     bool wasPending_ = false;
 };
 
-ssize_t WriteToPipe(std::string_view text) noexcept
+// Writes if standard error is ready. A pipe then has room for a page, unless another writer comes first.
+ssize_t WriteIfReady(std::string_view text) noexcept
 {
-    const WithoutSigpipe guard;
+    pollfd entry = {STDERR_FILENO, POLLOUT, 0};
+    const bool isReady = ::poll(&entry, 1, 0) == 1 && entry.revents == POLLOUT;
+    return isReady ? ::write(STDERR_FILENO, text.data(), std::min<size_t>(text.size(), PIPE_BUF)) : -1;
+}
+
+// A terminal that is nearly full is ready, and has its writer wait all the same. So it is opened anew, for not waiting.
+ssize_t WriteToTerminal(std::string_view text) noexcept
+{
+    const UniqueFd own(::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    return own ? ::write(own.Get(), text.data(), text.size()) : WriteIfReady(text);
+}
+
+// Writes what is taken at once. Where this kernel cannot, `other` does.
+ssize_t WriteAtOnce(std::string_view text, ssize_t (*other)(std::string_view)) noexcept
+{
     const iovec piece = {const_cast<char*>(text.data()), text.size()};
-    ssize_t written = ::pwritev2(STDERR_FILENO, &piece, 1, -1, RWF_NOWAIT);
-    if (written < 0 && (errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL)) {
-        // Not on this kernel. A pipe that is ready has room for a page, unless another writer comes first.
-        pollfd entry = {STDERR_FILENO, POLLOUT, 0};
-        if (::poll(&entry, 1, 0) == 1 && entry.revents == POLLOUT) {
-            written = ::write(STDERR_FILENO, text.data(), std::min<size_t>(text.size(), PIPE_BUF));
-        }
-    }
-    return written;
+    const ssize_t written = ::pwritev2(STDERR_FILENO, &piece, 1, -1, RWF_NOWAIT);
+    const bool isUnknown = written < 0 && (errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL);
+    return isUnknown ? other(text) : written;
 }
 
 }  // namespace
@@ -75,13 +87,12 @@ size_t WriteToStandardError(std::string_view text) noexcept
     if (S_ISSOCK(status.st_mode)) {
         written = ::send(STDERR_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     } else if (S_ISFIFO(status.st_mode)) {
-        written = WriteToPipe(text);
+        const WithoutSigpipe guard;
+        written = WriteAtOnce(text, WriteIfReady);
+    } else if (S_ISCHR(status.st_mode)) {
+        written = WriteAtOnce(text, WriteToTerminal);
     } else {
-        // A terminal that was stopped is not ready; a file always is.
-        pollfd entry = {STDERR_FILENO, POLLOUT, 0};
-        if (::poll(&entry, 1, 0) == 1 && entry.revents == POLLOUT) {
-            written = ::write(STDERR_FILENO, text.data(), text.size());
-        }
+        written = ::write(STDERR_FILENO, text.data(), text.size());
     }
     return written < 0 ? 0 : static_cast<size_t>(written);
 }

@@ -212,9 +212,7 @@ Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader&
     buffers.hasFreedMuch |= context_.accounts.NoteUse(std::max(header.length, answer.length));
     const Next next = Reply(buffers, answer);
     // Now, since the worker's next request may be long in coming.
-    if (ParcelBuffer::Capacity(*buffers.reply) > WorkerBuffers::KEPT_CAPACITY) {
-        ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
-    }
+    ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
     if (observed) {
         context_.options.observer({header.code, caller_, header.length, answer.length, duration, answer.status});
     }

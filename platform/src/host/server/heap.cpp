@@ -30,8 +30,6 @@ class QuietScope {
 public:
     QuietScope() noexcept { ::mallopt(M_TRIM_THRESHOLD, KEPT_QUIET_BYTES); }
     ~QuietScope() { ::mallopt(M_TRIM_THRESHOLD, KEPT_BYTES); }
-    QuietScope(const QuietScope&) = delete;
-    QuietScope& operator=(const QuietScope&) = delete;
 
 private:
     const std::lock_guard<std::mutex> lock_{quietMutex};

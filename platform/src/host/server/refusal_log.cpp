@@ -11,20 +11,18 @@ namespace VARN::Host {
 namespace {
 
 // In the order of Limit.
-constexpr std::array<const char*, 12> NAMES = {
-    "connections",
-    "connections per user",
-    "request bytes",
-    "request time in ms",
-    "bytes of a reply",
-    "reply time in ms",
-    "waiting reply bytes per user",
-    "begun request bytes per user",
-    "protocol",
-    "descriptors sent along",
-    "descriptors of the process",
-    "workers",
-};
+constexpr std::array<const char*, 12> NAMES = {"connections",
+                                               "connections per user",
+                                               "request bytes",
+                                               "request time in ms",
+                                               "bytes of a reply",
+                                               "reply time in ms",
+                                               "waiting reply bytes per user",
+                                               "begun request bytes per user",
+                                               "protocol",
+                                               "descriptors sent along",
+                                               "descriptors of the process",
+                                               "workers"};
 
 constexpr int64_t PAUSE_NANOSECONDS = 1'000'000'000;
 
