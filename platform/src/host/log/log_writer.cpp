@@ -171,6 +171,7 @@ void WriteLogLine(const LogLine& line) noexcept
 {
     uint64_t missing = 1;  // what is lost if nothing can be written: this line, and what it tells about others
     size_t written = 0;
+    size_t told = 0;  // up to here what is written tells of others
     size_t size = 0;
     try {
         timespec now = {};
@@ -194,6 +195,7 @@ void WriteLogLine(const LogLine& line) noexcept
                            std::to_string(writer.lost) + " lines are missing here: standard error did not take them");
                 missing += std::exchange(writer.lost, 0);
             }
+            told = out.size();
             if (!writer.limit.Take(CallerScope::Current(), now.tv_sec)) {
                 --missing;
                 if (missing == 0) {
@@ -211,7 +213,7 @@ void WriteLogLine(const LogLine& line) noexcept
     }
     const MutexLock lock(writer.mutex);
     writer.isCut = written != 0 ? written != size : writer.isCut;
-    writer.lost += written == 0 ? missing : (written != size ? 1 : 0);
+    writer.lost += written == size ? 0 : written < told ? missing : 1;
 }
 
 }  // namespace VARN::Host

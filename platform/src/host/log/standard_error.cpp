@@ -13,7 +13,6 @@
 #include <climits>
 #include <csignal>
 #include <cstdlib>
-#include <string>
 
 #include "host/base/unique_fd.h"
 
