@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Compiles each public header by itself, twice over, and all together at every language level that is here, with both
-# compilers: it includes what it needs, guards itself, and is free of warnings that its users may have switched on.
+# Compiles each public header by itself, twice over, and at the higher language levels that are here all together, with
+# both compilers: it includes what it needs, guards itself, and is free of warnings that its users may have switched on.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -36,7 +36,7 @@ done < <(git grep -nE '^ *# *include "(security_privacy|ipc|records|util)/' -- p
 # The linter sees this only in a source that is read by itself.
 while IFS=: read -r file line declaration; do
     name=$(grep -oE '\w+;' <<<"$declaration")
-    grep -v "$declaration" "$file" | grep -qw "${name%;}" || complain "$file:$line: ${name%;} is not used"
+    grep -v "$declaration" "$file" | grep -w "${name%;}" >/dev/null || complain "$file:$line: ${name%;} is not used"
 done < <(git grep -nE '^ *using [A-Za-z0-9_:]+;' -- '*.cpp')
 
 while read -r lines file; do
