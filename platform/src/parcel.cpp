@@ -77,7 +77,9 @@ bool Parcel::WriteParcelable(const Parcelable* value)
     if (value == nullptr) {
         return WriteInt32(0);
     }
-    return WriteInt32(1) && value->Marshalling(*this);
+    const bool isWhole = WriteInt32(1) && value->Marshalling(*this);
+    isCut_ = isCut_ || !isWhole;
+    return isWhole;
 }
 
 bool Parcel::ReadBool(bool& value)

@@ -2,7 +2,6 @@
 #include "varn/system_ability_manager.h"
 
 #include <mutex>
-#include <utility>
 
 #include "platform_hooks.h"
 

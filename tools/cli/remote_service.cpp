@@ -48,7 +48,7 @@ const char* Describe(int32_t status)
         case VARN::IPC_PROTOCOL_ERROR:
             return "the answer makes no sense; the socket may belong to another kind of service";
         case VARN::IPC_TOO_LARGE:
-            return "the request or the answer is longer than a message may be";
+            return "the request or the answer is longer than a message may be, or than the service has room for now";
         case VARN::IPC_NO_MEMORY:
             return "memory ran out";
         case VARN::IPC_SERVICE_FAILED:

@@ -16,7 +16,7 @@ enum IpcCode : int32_t {
     IPC_DEAD_OBJECT = -2,      // no process serves the object, or its process went away before it had answered
     IPC_TIMED_OUT = -3,        // the wait time was over before the reply was there
     IPC_PROTOCOL_ERROR = -4,   // the other side does not speak the protocol; the connection was dropped
-    IPC_TOO_LARGE = -5,        // a message is longer than a parcel or a frame may be
+    IPC_TOO_LARGE = -5,        // a message is too long, or a service had no room for its reply
     IPC_NO_MEMORY = -6,        // memory ran out
     IPC_SERVICE_FAILED = -7,   // an exception left the service's operation
     IPC_UNKNOWN_REQUEST = -8,  // the object does not handle the request code

@@ -27,8 +27,8 @@ constexpr size_t MAX_IDLE_LINKS = 8;
 // How long to let a service work on its queue of new connections before trying to join it again.
 constexpr std::chrono::milliseconds QUEUE_PAUSE{5};
 
-// Which service this thread has found since it last sent a request. Until it sends one, another thread's failure does
-// not make that service dead for it: it would take a live one for none.
+// The service that this thread has found and not asked yet. To this thread it is alive, whatever others meet: else it
+// would not ask at all.
 thread_local const Channel* found = nullptr;
 
 // Whether an idle connection can carry a request: the peer has neither closed it nor said anything unasked.
@@ -172,9 +172,9 @@ int Channel::Prepare(std::string& problem)
     }
     const int error = link.fd ? 0 : Connect(link, problem);
     dead_.store(error != 0, std::memory_order_relaxed);
+    found = error == 0 ? this : nullptr;
     if (error == 0) {
         link.checked = true;
-        found = this;
         GiveBack(std::move(link));
     }
     return error;

@@ -39,8 +39,8 @@ public:
 
     int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override;
 
-    // Whether the last attempt to reach the service failed, that of any thread; but not for a thread that has found it
-    // since its own last request.
+    // Whether the last attempt to reach the service failed, whichever thread made it. For a thread that has found the
+    // service and not asked yet it is alive.
     bool IsObjectDead() const override;
 
     // Makes sure that an idle connection is there that was alive just now. Returns 0 or the errno of what failed, with

@@ -182,9 +182,6 @@ Connection::Next Connection::Refuse(const FrameReader& reader, FrameReader::Stat
 
 Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader& header, MessageParcel& data)
 {
-    if (!buffers.reply) {
-        buffers.reply = std::make_unique<MessageParcel>();
-    }
     MessageParcel& reply = *buffers.reply;
     ParcelBuffer::Clear(reply, WorkerBuffers::KEPT_CAPACITY);
     reply.SetMaxCapacity(context_.accounts.GetReplyBound());
@@ -201,7 +198,8 @@ Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader&
     }
     const std::chrono::nanoseconds duration(observed ? SteadyNanoseconds() - begin : 0);
     if (ParcelBuffer::IsCut(reply)) {
-        context_.Refuse(account_, Limit::REPLY_LENGTH, caller_, reply.GetDataSize(), ParcelBuffer::MaxCapacity(reply));
+        context_.Refuse(account_, Limit::REPLY_LENGTH, caller_, reply.GetDataSize(), ParcelBuffer::MaxCapacity(reply),
+                        "the rest does not fit, or memory ran out");
         // Most operations do not look whether their writes succeed: a peer must not take a part for the whole.
         if (answer.status == 0) {
             answer.status = IPC_TOO_LARGE;

@@ -62,8 +62,8 @@ struct WorkerBuffers {
     std::unique_ptr<MessageParcel> TakeReply();
 
     alignas(FrameHeader) std::array<uint8_t, PIECE_SIZE> piece;
-    std::unique_ptr<MessageParcel> reply;  // null until it is first needed
-    bool hasFreedMuch = false;             // since it was last idle for a while, see GiveArenaBack
+    std::unique_ptr<MessageParcel> reply = std::make_unique<MessageParcel>();
+    bool hasFreedMuch = false;  // since it was last idle for a while, see GiveArenaBack
 
     Running running;
 };

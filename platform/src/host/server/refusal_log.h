@@ -11,7 +11,7 @@
 
 namespace VARN::Host {
 
-// What a server ends a connection for or, REPLY_LENGTH, answers with a failure; the last two keep it from having more.
+// What a server ends a connection for, or (REPLY_LENGTH) fails a request for, or (the last two) is itself kept from.
 enum class Limit {
     CONNECTIONS,
     CONNECTIONS_PER_USER,
