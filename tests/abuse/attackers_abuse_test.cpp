@@ -178,8 +178,7 @@ TEST_P(AttackersTest, CannotTakeTheServiceFromAnother)
     ResetPeak(service_.Pid());
     {
         const Attackers attackers(folder_.SocketPath(), users, flood);
-        // Under a sanitizer each takes long, and not the time counts.
-        constexpr size_t TIMES = IS_SIZE_TELLING ? 200 : 60;
+        constexpr size_t TIMES = IS_SIZE_TELLING ? 200 : 60;  // with a sanitizer each takes long
         const Probed probed = Probe(TIMES);
         EXPECT_EQ(0U, probed.wrong) << "answers are wrong or missing; " << service_.Log();
         EXPECT_LT(probed.longest, GIVEN_UP);

@@ -15,7 +15,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 
 #include "platform/raw_client.h"

@@ -4,7 +4,6 @@
 #include <sys/types.h>
 
 #include <cstddef>
-#include <functional>
 #include <string>
 #include <vector>
 

@@ -10,7 +10,6 @@
 #include <functional>
 #include <future>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "host/server/accounts.h"

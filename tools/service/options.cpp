@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
-#include <system_error>
 
 #include "security_privacy/version.h"
 
