@@ -32,7 +32,7 @@ constexpr milliseconds TIME_TO_RECOVER{5000};
 constexpr milliseconds GIVEN_UP{3000};  // the rest will not be better
 constexpr size_t MOST_MEMORY = 256 * MEBIBYTE;
 constexpr size_t MEMORY_OF_REQUESTS = 64 * MEBIBYTE;  // what the operations of these tests take while they run
-constexpr size_t MEMORY_LEFT = 32 * MEBIBYTE;
+constexpr size_t MEMORY_LEFT = 16 * MEBIBYTE;
 
 milliseconds Scaled(milliseconds time)
 {

@@ -27,8 +27,7 @@ constexpr size_t MAX_IDLE_LINKS = 8;
 // How long to let a service work on its queue of new connections before trying to join it again.
 constexpr std::chrono::milliseconds QUEUE_PAUSE{5};
 
-// The service that this thread has found and not asked yet. To this thread it is alive, whatever others meet: else it
-// would not ask at all.
+// The service that this thread has found and not asked yet: to this thread it is alive, whatever others meet.
 thread_local const Channel* found = nullptr;
 
 // Whether an idle connection can carry a request: the peer has neither closed it nor said anything unasked.

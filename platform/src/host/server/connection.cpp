@@ -125,6 +125,7 @@ Connection::Next Connection::ReadRest(WorkerBuffers& buffers)
             context_.Refuse(account_, Limit::BEGUN_REQUEST_BYTES, caller_, used, allowed);
             return Next::CLOSE;
         }
+        buffers.hasFreedMuch |= context_.accounts.NoteUse(ParcelBuffer::Capacity(input_->body));
         size_t size = 0;
         const Received received = Receive(space, room, size);
         if (received != Received::SOME) {

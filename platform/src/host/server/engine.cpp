@@ -10,7 +10,6 @@
 #include <chrono>
 #include <csignal>
 #include <exception>
-#include <utility>
 #include <vector>
 
 #include "host/base/deadline.h"
@@ -208,8 +207,10 @@ void AbilityServer::Engine::Work()
         });
         if (count == 0) {
             ServeWaiting(buffers);
-            if (std::exchange(buffers.hasFreedMuch, false)) {
+            if (buffers.hasFreedMuch) {
                 GiveArenaBack();
+                // What is held may be freed by any thread, into the arena that it came from.
+                buffers.hasFreedMuch = context_.accounts.HoldsBytes();
             }
             if (workers_.Retire()) {
                 break;
