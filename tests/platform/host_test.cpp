@@ -375,6 +375,7 @@ TEST_F(HostTest, AReplyMayFillItsBoundAndNotOneByteMore)
     EXPECT_EQ((Answer{9, ""}), Ask(object, LONGEST + 1, ""));
     EXPECT_EQ((Answer{IPC_TOO_LARGE, ""}), Ask(object, LONGEST + 2, "")) << "the operation did not look";
     EXPECT_EQ((Answer{0, "x"}), Ask(object, 1, "")) << "its bound was another's";
+    EXPECT_EQ(2U, server.Statistics().refused);
 }
 
 }  // namespace

@@ -107,8 +107,7 @@ public:
     bool TakeBytes(Account& account, Bytes kind, size_t amount, size_t& used, size_t& allowed) noexcept;
     void GiveBytes(Account& account, Bytes kind, size_t amount) noexcept;
 
-    // Whether there is a request that has begun, or a reply that waits.
-    bool HoldsBytes() const noexcept { return bytes_.CountHeld() != 0; }
+    bool HoldsBytes() const noexcept { return bytes_.CountHeld() != 0; }  // of begun requests or waiting replies
 
     // What a reply may grow to while it is made. Its length is not known before, so it is bounded by what is left: a
     // quarter of it, shared by the workers at work, lest one request asks for the same long text ten thousand times.
