@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/base/process.h"
 
+#include <pthread.h>
+
 #include <atomic>
 
-#include "varn/fork_handler.h"
+#include "platform_hooks.h"
 
 namespace VARN::Host {
 
@@ -24,3 +26,8 @@ uint32_t ProcessGeneration() noexcept
 }
 
 }  // namespace VARN::Host
+
+bool VARN::WatchForks(const ForkHandler::Steps& steps)
+{
+    return ::pthread_atfork(steps.before, steps.inParent, steps.inChild) == 0;
+}

@@ -14,28 +14,14 @@
 
 namespace VARN::Host {
 
-// std::mutex and its guard, as names that the check knows.
-class VARN_THREAD_ANNOTATION(capability("mutex")) Mutex {
+// std::mutex and its guard, as names that the check knows. What is locked without the guard, as around a fork, it does
+// not see.
+class VARN_THREAD_ANNOTATION(capability("mutex")) Mutex : public std::mutex {};
+
+class VARN_THREAD_ANNOTATION(scoped_lockable) MutexLock : public std::unique_lock<std::mutex> {
 public:
-    void Lock() VARN_THREAD_ANNOTATION(acquire_capability()) { mutex_.lock(); }
-    void Unlock() VARN_THREAD_ANNOTATION(release_capability()) { mutex_.unlock(); }
-
-private:
-    std::mutex mutex_;
-};
-
-class VARN_THREAD_ANNOTATION(scoped_lockable) MutexLock {
-public:
-    explicit MutexLock(Mutex& mutex) VARN_THREAD_ANNOTATION(acquire_capability(mutex)) : mutex_(mutex)
-    {
-        mutex_.Lock();
-    }
-    ~MutexLock() VARN_THREAD_ANNOTATION(release_capability()) { mutex_.Unlock(); }
-    MutexLock(const MutexLock&) = delete;
-    MutexLock& operator=(const MutexLock&) = delete;
-
-private:
-    Mutex& mutex_;
+    explicit MutexLock(Mutex& mutex) VARN_THREAD_ANNOTATION(acquire_capability(mutex)) : unique_lock(mutex) {}
+    ~MutexLock() VARN_THREAD_ANNOTATION(release_capability()) = default;
 };
 
 }  // namespace VARN::Host

@@ -14,6 +14,7 @@
 #include "host/client/channel.h"
 #include "host/client/fork_guard.h"
 #include "host/wire/socket_folder.h"
+#include "platform_hooks.h"
 #include "platform_log.h"
 
 namespace VARN::Host {
@@ -126,3 +127,8 @@ sptr<IRemoteObject> AbilityManager::LoadSystemAbility(int32_t systemAbilityId, i
 }
 
 }  // namespace VARN::Host
+
+VARN::sptr<VARN::ISystemAbilityManager> VARN::DefaultSystemAbilityManager()
+{
+    return Host::AbilityManager::Get();
+}

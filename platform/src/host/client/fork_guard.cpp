@@ -22,25 +22,16 @@ std::vector<int>& OpenLinks() REQUIRES(clientMutex)
     return links;
 }
 
-// Held across the fork, so that the child finds what it guards whole.
-void LockClient() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
-{
-    clientMutex.Lock();
-}
-
-void UnlockClient() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
-{
-    clientMutex.Unlock();
-}
-
 void CloseLinksInChild() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
 {
     std::for_each(OpenLinks().begin(), OpenLinks().end(), ::close);
     OpenLinks().clear();
-    clientMutex.Unlock();
+    clientMutex.unlock();
 }
 
-const ForkHandler forkHandler(ForkHandler::Rank::CONNECTIONS, {LockClient, UnlockClient, CloseLinksInChild});
+// Held across the fork, so that the child finds what it guards whole.
+const ForkHandler forkHandler(ForkHandler::Rank::CONNECTIONS,
+                              {[] { clientMutex.lock(); }, [] { clientMutex.unlock(); }, CloseLinksInChild});
 
 }  // namespace
 

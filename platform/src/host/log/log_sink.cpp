@@ -1,19 +1,81 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varn/host/log_sink.h"
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
 #include <condition_variable>
+#include <ctime>
 #include <memory>
-#include <mutex>
 #include <new>
+#include <string>
 #include <utility>
 
-#include "host/log/log_writer.h"
-#include "varn/fork_handler.h"
-#include "varn/log.h"
+#include "host/base/caller_scope.h"
+#include "host/base/thread_safety.h"
+#include "host/log/standard_error.h"
+#include "platform_hooks.h"
+#include "varn/host/visible_text.h"
 
 namespace VARN::Host {
 
 namespace {
+
+// How many lines the requests of each user may cause in a second. Without it an app whose valid requests cause a line
+// each fills the disk or the pipe, or uses up what the journal takes from this program, and the lines that matter are
+// lost.
+class LineLimit {
+public:
+    // 0: none.
+    void Set(size_t linesPerSecond) noexcept { limit_ = linesPerSecond; }
+
+    // The next user of whom lines were left out in a second before `second`, and how many. False when there is none.
+    bool TakeCount(time_t second, uid_t& uid, uint64_t& leftOut) noexcept
+    {
+        while (second_ != second && used_ != 0) {
+            const User user = users_[--used_];
+            if (user.lines > limit_) {
+                uid = user.uid;
+                leftOut = user.lines - limit_;
+                return true;
+            }
+        }
+        second_ = second;
+        return false;
+    }
+
+    // Whether a line that `owner` causes may be written; else it is counted. Null: always. For the second whose counts
+    // were taken last.
+    bool Take(const Caller* owner) noexcept
+    {
+        if (owner == nullptr || limit_ == 0) {
+            return true;
+        }
+        size_t place = 0;
+        while (place < used_ && users_[place].uid != owner->uid) {
+            ++place;
+        }
+        if (place == used_ && used_ < MAX_USERS) {
+            users_[used_++] = {owner->uid, 0};
+        }
+        return ++users_[std::min(place, MAX_USERS - 1)].lines <= limit_;
+    }
+
+private:
+    struct User {
+        uid_t uid;
+        uint64_t lines;  // all that there were, written or not
+    };
+    static constexpr size_t MAX_LINES_PER_SECOND = 100;
+    // As many users as may log in one second; those beyond share the last place.
+    static constexpr size_t MAX_USERS = 64;
+
+    size_t limit_ = MAX_LINES_PER_SECOND;
+    time_t second_ = 0;
+    size_t used_ = 0;  // places in use, the first ones
+    std::array<User, MAX_USERS> users_ = {};
+};
 
 struct Sink {
     std::function<void(const LogLine&)> write;
@@ -21,9 +83,17 @@ struct Sink {
 };
 
 struct Log {
-    std::mutex mutex;
-    std::shared_ptr<Sink> sink;    // null: standard error; guarded by mutex
-    std::condition_variable idle;  // a sink's last call has ended
+    // Held for moments, never while a sink runs or anything is written. Held while the C library looks at its time zone
+    // data as well, which it guards with a lock of its own: a fork waits for this one, so that the child finds both
+    // free.
+    Mutex mutex;
+    std::shared_ptr<Sink> sink GUARDED_BY(mutex);  // null: standard error
+    std::condition_variable idle;                  // a sink's last call has ended
+    LineLimit limit GUARDED_BY(mutex);
+    uint64_t lost GUARDED_BY(mutex) = 0;       // lines that standard error did not take and no line has counted yet
+    bool isCut GUARDED_BY(mutex) = false;      // the last line was taken in part, without its end
+    time_t second GUARDED_BY(mutex) = -1;      // which one `timeText` shows; the calendar is asked once for each
+    char timeText[64] GUARDED_BY(mutex) = "";  // such as "2025-03-01 12:59:07."
 };
 
 // Never destroyed: lines are written during static destruction as well.
@@ -37,7 +107,7 @@ Log& GetLog()
 thread_local int sinkDepth = 0;
 
 // The parent's other threads, inside the sink or waiting for it, will never come back here.
-void ForgetOtherThreads()
+void ForgetOtherThreads() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
 {
     Log& log = GetLog();
     if (log.sink) {
@@ -50,32 +120,80 @@ void ForgetOtherThreads()
 const ForkHandler forkHandler(ForkHandler::Rank::LOG,
                               {[] { GetLog().mutex.lock(); }, [] { GetLog().mutex.unlock(); }, ForgetOtherThreads});
 
-}  // namespace
-
-void DeliverToSink(const LogLine& line)
+// What stands in front of each line of this moment, up to its level.
+std::string MakeHead(Log& log, const timespec& now) REQUIRES(log.mutex)
 {
-    Log& log = GetLog();
-    std::unique_lock<std::mutex> lock(log.mutex);
-    const std::shared_ptr<Sink> sink = log.sink;
-    if (!sink) {
-        lock.unlock();
-        WriteLogLine(line);
-        return;
+    constexpr long NANOSECONDS_PER_MILLISECOND = 1000000;
+    if (log.second != now.tv_sec) {
+        log.second = now.tv_sec;
+        tm local = {};
+        ::localtime_r(&now.tv_sec, &local);
+        std::strftime(log.timeText, sizeof(log.timeText), "%Y-%m-%d %H:%M:%S.", &local);
     }
-    ++sink->running;
-    lock.unlock();
-    ++sinkDepth;
-    try {
-        sink->write(line);
-    } catch (...) {
-        // No caller of a log line expects an exception, and there is nowhere left to report it.
-    }
-    --sinkDepth;
-    lock.lock();
-    if (--sink->running == 0) {
-        log.idle.notify_all();
-    }
+    return log.timeText + std::to_string(1000 + now.tv_nsec / NANOSECONDS_PER_MILLISECOND).substr(1) + ' ' +
+           std::to_string(::getpid()) + ' ' + std::to_string(::gettid()) + ' ';
 }
+
+void AppendLine(std::string& out, const std::string& head, int level, const std::string& tag, const std::string& text)
+{
+    // The letter and the journal's number of each level, and of what is below and above them.
+    constexpr char LETTERS[] = "?DIWEF?";
+    constexpr char JOURNAL_LEVELS[] = "7764333";
+    const int mark = std::clamp<int>(level, LOG_LEVEL_DEBUG - 1, LOG_LEVEL_FATAL + 1) - (LOG_LEVEL_DEBUG - 1);
+    if (IsJournal()) {
+        out.append({'<', JOURNAL_LEVELS[mark], '>'});
+    }
+    out += head + LETTERS[mark] + ' ' + VisibleText(tag) + ": " + VisibleText(text) + '\n';
+}
+
+// Writes a line to standard error, in one piece and without waiting: what is not taken at once is lost, and the next
+// line says how many were. A line that one user's requests cause counts against that user's limit.
+void WriteLine(Log& log, const LogLine& line) noexcept
+{
+    uint64_t missing = 1;  // what is lost if nothing can be written: this line, and what it tells about others
+    size_t written = 0;
+    size_t told = 0;  // up to here what is written tells of others
+    size_t size = 0;
+    try {
+        timespec now = {};
+        ::clock_gettime(CLOCK_REALTIME, &now);
+        std::string out;
+        {
+            const MutexLock lock(log.mutex);
+            const std::string head = MakeHead(log, now);
+            if (log.isCut) {
+                out += '\n';
+            }
+            uid_t uid = 0;
+            for (uint64_t leftOut = 0; log.limit.TakeCount(now.tv_sec, uid, leftOut); missing += leftOut) {
+                AppendLine(out, head, LOG_LEVEL_WARN, "VARN",
+                           std::to_string(leftOut) + " lines that requests of user " + std::to_string(uid) +
+                               " caused in one second are left out");
+            }
+            if (log.lost != 0) {
+                AppendLine(out, head, LOG_LEVEL_WARN, "VARN",
+                           std::to_string(log.lost) + " lines are missing here: standard error did not take them");
+                missing += std::exchange(log.lost, 0);
+            }
+            told = out.size();
+            if (log.limit.Take(CallerScope::Current())) {
+                AppendLine(out, head, line.level, line.tag, line.text);
+            } else if (--missing == 0) {
+                return;
+            }
+        }
+        size = out.size();
+        written = WriteToStandardError(out);
+    } catch (...) {
+        // Out of memory: the line is lost.
+        written = 0;
+    }
+    const MutexLock lock(log.mutex);
+    log.isCut = written != 0 ? written != size : log.isCut;
+    log.lost += written == size ? 0 : written < told ? missing : 1;
+}
+
+}  // namespace
 
 void SetLogSink(std::function<void(const LogLine&)> sink)
 {
@@ -85,7 +203,7 @@ void SetLogSink(std::function<void(const LogLine&)> sink)
         next->write = std::move(sink);
     }
     Log& log = GetLog();
-    std::unique_lock<std::mutex> lock(log.mutex);
+    MutexLock lock(log.mutex);
     next.swap(log.sink);
     if (next && sinkDepth == 0) {
         log.idle.wait(lock, [&next] { return next->running == 0; });
@@ -97,4 +215,40 @@ void SetLogLevel(int level)
     logLevel.store(level, std::memory_order_relaxed);
 }
 
+void SetLogLineLimit(size_t linesPerSecond)
+{
+    Log& log = GetLog();
+    const MutexLock lock(log.mutex);
+    log.limit.Set(linesPerSecond);
+}
+
 }  // namespace VARN::Host
+
+void VARN::DeliverLogLine(int type, int level, uint32_t domain, const char* tag, const std::string& text)
+{
+    const Host::LogLine line = {type, level, domain, tag, text};
+    Host::Log& log = Host::GetLog();
+    std::shared_ptr<Host::Sink> sink;
+    {
+        const Host::MutexLock lock(log.mutex);
+        sink = log.sink;
+        if (sink) {
+            ++sink->running;
+        }
+    }
+    if (!sink) {
+        Host::WriteLine(log, line);
+        return;
+    }
+    ++Host::sinkDepth;
+    try {
+        sink->write(line);
+    } catch (...) {
+        // No caller of a log line expects an exception, and there is nowhere left to report it.
+    }
+    --Host::sinkDepth;
+    const Host::MutexLock lock(log.mutex);
+    if (--sink->running == 0) {
+        log.idle.notify_all();
+    }
+}

@@ -13,6 +13,7 @@
 #include <climits>
 #include <csignal>
 #include <cstdlib>
+#include <string>
 
 #include "host/base/unique_fd.h"
 
@@ -96,15 +97,13 @@ size_t WriteToStandardError(std::string_view text) noexcept
     return written < 0 ? 0 : static_cast<size_t>(written);
 }
 
-bool IsJournal() noexcept
+bool IsJournal()
 {
     static const bool isJournal = [] {
         const char* stream = std::getenv("JOURNAL_STREAM");
         struct stat status = {};
-        char* end = nullptr;
         return stream != nullptr && ::fstat(STDERR_FILENO, &status) == 0 &&
-               std::strtoull(stream, &end, 10) == status.st_dev && *end == ':' &&
-               std::strtoull(end + 1, &end, 10) == status.st_ino && *end == '\0';
+               std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) == stream;
     }();
     return isJournal;
 }

@@ -13,6 +13,6 @@ namespace VARN::Host {
 size_t WriteToStandardError(std::string_view text) noexcept;
 
 // Whether what is written there goes to the journal, as the environment says (JOURNAL_STREAM). Looked at once.
-bool IsJournal() noexcept;
+bool IsJournal();
 
 }  // namespace VARN::Host
