@@ -1,33 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <unistd.h>
+#include "varn/host/caller.h"
 
-#include <utility>
+#include <unistd.h>
 
 #include "host/base/caller_scope.h"
 
 namespace VARN::Host {
 
-namespace {
-
-thread_local const Caller* currentCaller = nullptr;
-
-}  // namespace
-
-CallerScope::CallerScope(const Caller& caller) noexcept : outer_(std::exchange(currentCaller, &caller)) {}
-
-CallerScope::~CallerScope()
-{
-    currentCaller = outer_;
-}
-
-const Caller* CallerScope::Current() noexcept
-{
-    return currentCaller;
-}
-
 Caller CurrentCaller()
 {
-    return currentCaller != nullptr ? *currentCaller : Caller{::getpid(), ::geteuid(), ::getegid()};
+    const Caller* current = CallerScope::Current();
+    return current != nullptr ? *current : Caller{::getpid(), ::geteuid(), ::getegid()};
 }
 
 }  // namespace VARN::Host
