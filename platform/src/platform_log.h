@@ -7,8 +7,6 @@
 //   PLATFORM_ERROR("bind %s: %s", path, reason)  ->  an error line with tag VARN and the text "bind /run/x: in use"
 #define PLATFORM_LOG(level, ...) \
     static_cast<void>(VoLogPrint(::VARN::PLATFORM_LOG_TYPE, level, ::VARN::PLATFORM_LOG_DOMAIN, "VARN", __VA_ARGS__))
-#define PLATFORM_DEBUG(...) PLATFORM_LOG(::VARN::LOG_LEVEL_DEBUG, __VA_ARGS__)
-#define PLATFORM_INFO(...) PLATFORM_LOG(::VARN::LOG_LEVEL_INFO, __VA_ARGS__)
 #define PLATFORM_WARN(...) PLATFORM_LOG(::VARN::LOG_LEVEL_WARN, __VA_ARGS__)
 #define PLATFORM_ERROR(...) PLATFORM_LOG(::VARN::LOG_LEVEL_ERROR, __VA_ARGS__)
 
