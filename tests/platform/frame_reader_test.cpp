@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "host/wire/frame_reader.h"
+#include "host/wire/frame.h"
 
 #include <gtest/gtest.h>
 

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <array>
 
-#include "host/wire/frame_reader.h"
+#include "host/wire/frame.h"
 #include "parcel_buffer.h"
 
 namespace VARN::Host {

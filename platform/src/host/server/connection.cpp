@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/server/connection.h"
 
-#include <sys/socket.h>
-#include <sys/uio.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -221,26 +218,9 @@ Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader&
 // False when the connection is broken; else `sent` has moved as far as the socket takes it.
 bool Connection::SendSome(const FrameHeader& header, const MessageParcel& body, size_t& sent) const
 {
-    FrameHeader copy = header;
-    const size_t headerSent = std::min(sent, sizeof(header));
-    const size_t bodySent = sent - headerSent;
-    // sendmsg takes what it only reads as non-const.
-    std::array<iovec, 2> pieces{
-        {{reinterpret_cast<uint8_t*>(&copy) + headerSent, sizeof(header) - headerSent},
-         {const_cast<uint8_t*>(ParcelBuffer::Data(body)) + bodySent, body.GetDataSize() - bodySent}}};
-    msghdr message = {};
-    message.msg_iov = pieces.data();
-    message.msg_iovlen = pieces.size();
-    ssize_t done = 0;
-    do {
-        done = ::sendmsg(fd_.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-    } while (done < 0 && errno == EINTR);
-    if (done < 0) {
-        return errno == EAGAIN;
-    }
+    const int error = SendFrame(fd_.Get(), header, body, sent);
     // A socket that did not take all is full: there is no need to ask it again.
-    sent += static_cast<size_t>(done);
-    return true;
+    return error == 0 || error == EAGAIN;
 }
 
 Connection::Next Connection::Reply(WorkerBuffers& buffers, const FrameHeader& header)

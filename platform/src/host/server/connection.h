@@ -12,7 +12,7 @@
 #include "host/server/accounts.h"
 #include "host/server/peer_socket.h"
 #include "host/server/refusal_log.h"
-#include "host/wire/frame_reader.h"
+#include "host/wire/frame.h"
 #include "varn/host/ability_server.h"
 
 namespace VARN::Host {
