@@ -11,7 +11,7 @@ least=95
 build=$PWD/build/coverage
 readers=(
     platform/include/varn/parcel.h platform/src/parcel.cpp platform/src/host/wire/frame.h platform/src/host/wire/frame.cpp
-    platform/src/host/server/connection.cpp platform/src/host/client/call.cpp ipc/message_lists.h
+    platform/src/host/server/connection.cpp platform/src/host/client/link.cpp ipc/message_lists.h
     ipc/security_privacy_service_stub.cpp ipc/security_privacy_service_proxy.cpp records/*.cpp)
 
 scripts/setup.sh

@@ -20,6 +20,8 @@ public:
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now()).count();
         return static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
     }
+    // All of the time, from the beginning.
+    Clock::duration GetTime() const { return end_ - begin_; }
     // Whether so little of the time is gone that to wait once more for the whole of it does not matter.
     bool HasJustBegun() const { return Clock::now() - begin_ < BEGINNING; }
     bool IsOver() const { return Clock::now() >= end_; }

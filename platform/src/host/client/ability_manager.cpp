@@ -12,7 +12,6 @@
 
 #include "host/base/deadline.h"
 #include "host/client/channel.h"
-#include "host/client/fork_guard.h"
 #include "host/wire/socket_folder.h"
 #include "platform_hooks.h"
 #include "platform_log.h"

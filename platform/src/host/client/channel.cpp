@@ -1,17 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/client/channel.h"
 
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include <cerrno>
 #include <new>
 #include <thread>
 #include <utility>
 
 #include "host/base/error_text.h"
-#include "host/client/call.h"
 #include "host/wire/socket_folder.h"
 #include "parcel_buffer.h"
 #include "platform_log.h"
@@ -29,20 +24,6 @@ constexpr std::chrono::milliseconds QUEUE_PAUSE{5};
 
 // The service that this thread has found and not asked yet: to this thread it is alive, whatever others meet.
 thread_local const Channel* found = nullptr;
-
-// Whether an idle connection can carry a request: the peer has neither closed it nor said anything unasked.
-bool IsAlive(int fd)
-{
-    char byte = 0;
-    ssize_t got = 0;
-    do {
-        got = ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-    } while (got < 0 && errno == EINTR);
-    if (got > 0) {
-        PLATFORM_ERROR("a service sent bytes that nobody had asked for; the connection is dropped");
-    }
-    return got < 0 && errno == EAGAIN;
-}
 
 int32_t ToIpcCode(int error)
 {
@@ -70,92 +51,45 @@ Channel::Channel(std::string directory, int32_t id)
     idle_.reserve(MAX_IDLE_LINKS);
 }
 
-Channel::Identity Channel::Identity::Current()
-{
-    return {::geteuid(), ::getegid()};
-}
-
 bool Channel::IsObjectDead() const
 {
     return found != this && dead_.load(std::memory_order_relaxed);
 }
 
-int Channel::Connect(Link& link, std::string& problem) const
+// As long as nothing is wrong except that too many wait to be accepted it waits too.
+int Channel::ConnectInTime(Link& link, const Deadline& deadline, std::string& problem) const
 {
-    sockaddr_un address;
-    problem = MakeSocketAddress(path_, address);
-    if (!problem.empty()) {
-        return ENAMETOOLONG;
-    }
-    const int unsafe = CheckSocketFolder(directory_, problem);
-    if (unsafe != 0) {
-        return unsafe;
-    }
-    const Identity identity = Identity::Current();
-    LinkFd fd = LinkFd::MakeSocket();
-    if (!fd) {
-        const int error = errno;
-        problem = "a socket cannot be made: " + ErrorText(error);
-        return error;
-    }
-    // It does not block, since a service that accepts nothing would hold a connect that does for ever.
-    int result = 0;
-    do {
-        result = ::connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    } while (result != 0 && errno == EINTR);
-    if (result != 0 || ::fcntl(fd.Get(), F_SETFL, 0) != 0) {
-        const int error = errno;
-        problem = "connect to " + path_ + ": " + ErrorText(error);
-        return error;
-    }
-    // The folder was looked at by name, and the owner of one above may have put another in its place since: so the peer
-    // must be one to trust too.
-    ucred peer = {};
-    socklen_t size = sizeof(peer);
-    if (::getsockopt(fd.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
-        const int error = errno;
-        problem = "the service at " + path_ + " cannot be told: " + ErrorText(error);
-        return error;
-    }
-    if (peer.uid != 0 && peer.uid != identity.uid) {
-        problem = "the service at " + path_ + " runs as user " + std::to_string(peer.uid) +
-                  ", not as root or as user " + std::to_string(identity.uid);
-        return EPERM;
-    }
-    if (!(identity == Identity::Current())) {
-        // Another thread changed it meanwhile; for whom the service takes this connection is not known.
-        problem = "connect to " + path_ + ": this process became another user's meanwhile";
-        return EAGAIN;
-    }
-    link = Link();
-    link.fd = std::move(fd);
-    link.identity = identity;
-    return 0;
-}
-
-// The same, but as long as nothing is wrong except that too many wait to be accepted it waits too.
-int Channel::ConnectInTime(Link& link, std::string& problem, const Deadline& deadline) const
-{
-    int error = Connect(link, problem);
+    int error = link.Connect(directory_, path_, problem);
     while (error == EAGAIN && !deadline.IsOver()) {
         std::this_thread::sleep_for(QUEUE_PAUSE);
-        error = Connect(link, problem);
+        error = link.Connect(directory_, path_, problem);
     }
     return error == EAGAIN ? ETIMEDOUT : error;
 }
 
-Channel::Link Channel::TakeIdle()
+// Takes an idle connection that is alive; null when there is none. For a request, `user` says as whom: one that was
+// made as another is closed, since a program that gave up its privileges must not go on using them, and that `Prepare`
+// has looked is enough.
+std::unique_ptr<Link> Channel::TakeAlive(const Link::Identity* user)
 {
-    Link link;
-    const MutexLock lock(clientMutex);
-    if (!idle_.empty()) {
-        link = std::move(idle_.back());
-        idle_.pop_back();
+    for (;;) {
+        std::unique_ptr<Link> link;
+        {
+            const MutexLock lock(clientMutex);
+            if (idle_.empty()) {
+                return nullptr;
+            }
+            link = std::move(idle_.back());
+            idle_.pop_back();
+        }
+        const bool mayTrust = std::exchange(link->isChecked, false) && user != nullptr;
+        if ((user == nullptr || link->GetIdentity() == *user) && (mayTrust || link->IsAlive())) {
+            return link;
+        }
     }
-    return link;
 }
 
-void Channel::GiveBack(Link&& link)
+void Channel::GiveBack(std::unique_ptr<Link>&& link)
 {
     const MutexLock lock(clientMutex);
     if (idle_.size() < MAX_IDLE_LINKS) {
@@ -165,49 +99,28 @@ void Channel::GiveBack(Link&& link)
 
 int Channel::Prepare(std::string& problem)
 {
-    Link link = TakeIdle();
-    while (link.fd && !(link.fd.IsOurs() && IsAlive(link.fd.Get()))) {
-        link = TakeIdle();
+    int error = 0;
+    std::unique_ptr<Link> link = TakeAlive(nullptr);
+    if (!link) {
+        link = std::make_unique<Link>();
+        error = link->Connect(directory_, path_, problem);
     }
-    const int error = link.fd ? 0 : Connect(link, problem);
     dead_.store(error != 0, std::memory_order_relaxed);
     found = error == 0 ? this : nullptr;
     if (error == 0) {
-        link.checked = true;
+        link->isChecked = true;
         GiveBack(std::move(link));
     }
     return error;
 }
 
-int32_t Channel::Report(uint32_t code, const char* step, int32_t ipcCode, const std::string& reason)
+int32_t Channel::Report(uint32_t code, const char* step, int error, const std::string& problem)
 {
+    const int32_t ipcCode = ToIpcCode(error);
     dead_.store(ipcCode == IPC_DEAD_OBJECT, std::memory_order_relaxed);
-    PLATFORM_ERROR("request %u to %s failed while %s: %s", code, path_.c_str(), step, reason.c_str());
+    PLATFORM_ERROR("request %u to %s failed while %s: %s", code, path_.c_str(), step,
+                   (problem.empty() ? ErrorText(error) : problem).c_str());
     return ipcCode;
-}
-
-// Takes an idle connection that is alive, or was when `Prepare` looked. One that was made as another user is closed: a
-// program that gave up its privileges must not go on using them.
-Channel::Link Channel::TakeAlive()
-{
-    const Identity identity = Identity::Current();
-    Link link = TakeIdle();
-    while (link.fd && !(link.fd.IsOurs() && link.identity == identity &&
-                        (std::exchange(link.checked, false) || IsAlive(link.fd.Get())))) {
-        link = TakeIdle();
-    }
-    return link;
-}
-
-// Has the socket itself bound what a receive waits for. False when it refuses.
-bool Channel::LimitWait(Link& link, int32_t seconds)
-{
-    const timeval limit = {seconds, 0};
-    if (link.waitTimeSeconds != seconds &&
-        ::setsockopt(link.fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) == 0) {
-        link.waitTimeSeconds = seconds;
-    }
-    return link.waitTimeSeconds == seconds;
 }
 
 int32_t Channel::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
@@ -229,32 +142,37 @@ int32_t Channel::Send(uint32_t code, MessageParcel& data, MessageParcel& reply, 
     header.code = code;
     header.length = static_cast<uint32_t>(data.GetDataSize());
     if (header.length != data.GetDataSize()) {
-        return Report(code, "sending", IPC_TOO_LARGE, ErrorText(EMSGSIZE));
+        return Report(code, "sending", EMSGSIZE, {});
     }
     for (;;) {
-        Link link = TakeAlive();
-        const bool isKept = static_cast<bool>(link.fd);
+        const char* step = "connecting";
         std::string problem;
-        int error = isKept ? 0 : ConnectInTime(link, problem, deadline);
-        if (error != 0) {
-            return Report(code, "connecting", ToIpcCode(error), problem);
+        int error = 0;
+        const Link::Identity user = Link::CurrentIdentity();
+        std::unique_ptr<Link> link = TakeAlive(&user);
+        const bool isKept = link != nullptr;
+        if (!isKept) {
+            link = std::make_unique<Link>();
+            error = ConnectInTime(*link, deadline, problem);
         }
-        Call call(link.fd.Get(), deadline, LimitWait(link, option.GetWaitTime()));
-        const char* step = "sending";
-        error = call.Send(header, data);
-        if (isKept && call.WasClosedBefore(error)) {
-            // The service was restarted since the last look. Nothing of the request has left, so it may be tried on
-            // the next connection; there are fewer each time, and a new one is not tried again.
-            continue;
+        if (error == 0) {
+            step = "sending";
+            size_t sent = 0;
+            error = link->Send(header, data, deadline, sent);
+            if (isKept && sent == 0 && (error == EPIPE || error == ECONNRESET)) {
+                // The service was restarted since the last look. Nothing of the request has left, so it may be tried on
+                // the next connection; there are fewer each time, and a new one is not tried again.
+                continue;
+            }
         }
         int32_t status = 0;
         if (error == 0) {
             step = "receiving";
-            error = call.Receive(code, reply, status);
+            error = link->Receive(code, deadline, reply, status, problem);
         }
         if (error != 0) {
             ParcelBuffer::Clear(reply, 0);
-            return Report(code, step, ToIpcCode(error), call.GetReason(error));
+            return Report(code, step, error, problem);
         }
         dead_.store(false, std::memory_order_relaxed);
         GiveBack(std::move(link));

@@ -1,21 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "host/base/deadline.h"
-#include "host/client/fork_guard.h"
-#include "host/wire/frame.h"
+#include "host/client/link.h"
 #include "varn/remote_object.h"
 
 namespace VARN::Host {
-
-class Call;
 
 // The stand-in for a service that listens on a socket. It owns the connections to it: each request takes an idle one,
 // or makes one, and gives it back when the reply was whole. After any failure the connection is closed, so the next
@@ -50,34 +45,17 @@ public:
     const std::string& GetDirectory() const noexcept { return directory_; }
 
 private:
-    // Whom the service takes this process for: that was settled when the connection was made.
-    struct Identity {
-        uid_t uid;
-        gid_t gid;
-        static Identity Current();
-        bool operator==(const Identity& other) const { return uid == other.uid && gid == other.gid; }
-    };
-    struct Link {
-        LinkFd fd;
-        Identity identity = {};
-        int32_t waitTimeSeconds = 0;  // what SO_RCVTIMEO is set to
-        bool checked = false;         // found alive by Prepare and not used since
-    };
-
-    int Connect(Link& link, std::string& problem) const;
-    int ConnectInTime(Link& link, std::string& problem, const Deadline& deadline) const;
-    Link TakeIdle();
-    Link TakeAlive();
-    void GiveBack(Link&& link);
-    static bool LimitWait(Link& link, int32_t seconds);
+    int ConnectInTime(Link& link, const Deadline& deadline, std::string& problem) const;
+    std::unique_ptr<Link> TakeAlive(const Link::Identity* user);
+    void GiveBack(std::unique_ptr<Link>&& link);
     int32_t Send(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option);
-    int32_t Report(uint32_t code, const char* step, int32_t ipcCode, const std::string& reason);
+    int32_t Report(uint32_t code, const char* step, int error, const std::string& problem);
 
     const std::string directory_;
     const std::string path_;
     // Relaxed: a hint with nothing attached.
     std::atomic<bool> dead_{false};
-    std::vector<Link> idle_ GUARDED_BY(clientMutex);  // the last used at the end
+    std::vector<std::unique_ptr<Link>> idle_ GUARDED_BY(clientMutex);  // the last used at the end
 };
 
 }  // namespace VARN::Host
