@@ -35,6 +35,7 @@ bool MayAppear(int error)
 }  // namespace
 
 struct __attribute__((visibility("hidden"))) AbilityManager::State {
+    std::string directory GUARDED_BY(clientMutex);  // what the variable has said; empty: not read yet
     std::unordered_map<int32_t, sptr<IRemoteObject>> added GUARDED_BY(clientMutex);
     std::unordered_map<int32_t, sptr<Channel>> channels GUARDED_BY(clientMutex);
 
@@ -48,15 +49,25 @@ struct __attribute__((visibility("hidden"))) AbilityManager::State {
     // The channel of a service, made when there is none yet or the folder is another by now.
     sptr<Channel> GetChannel(int32_t id)
     {
-        const std::string& directory = SocketDirectory();
         sptr<Channel> channel;
         const MutexLock lock(clientMutex);
+        if (directory.empty()) {
+            directory = ReadSocketDirectory();
+        }
         sptr<Channel>& known = channels[id];
         if (!known || known->GetDirectory() != directory) {
             channel.Swap(known);
             known = sptr<Channel>(new Channel(directory, id));
         }
         return known;
+    }
+
+    // Whether the variable, read again, says something else than where a channel has looked.
+    bool HasMoved(const Channel& channel)
+    {
+        const MutexLock lock(clientMutex);
+        directory = ReadSocketDirectory();
+        return directory != channel.GetDirectory();
     }
 };
 
@@ -83,15 +94,10 @@ bool AbilityManager::AddSystemAbility(int32_t id, sptr<IRemoteObject> object)
 bool AbilityManager::RemoveSystemAbility(int32_t id)
 {
     // The object's own destructor runs after the lock is released.
-    sptr<IRemoteObject> object;
+    decltype(state_->added)::node_type object;
     const MutexLock lock(clientMutex);
-    const auto found = state_->added.find(id);
-    if (found == state_->added.end()) {
-        return false;
-    }
-    object.Swap(found->second);
-    state_->added.erase(found);
-    return true;
+    object = state_->added.extract(id);
+    return !object.empty();
 }
 
 sptr<IRemoteObject> AbilityManager::LoadSystemAbility(int32_t systemAbilityId, int32_t timeoutSeconds)
@@ -108,7 +114,7 @@ sptr<IRemoteObject> AbilityManager::LoadSystemAbility(int32_t systemAbilityId, i
         if (error == 0) {
             return channel;
         }
-        if (ReadSocketDirectoryAgain()) {
+        if (state_->HasMoved(*channel)) {
             continue;
         }
         if (!deadline) {

@@ -32,8 +32,7 @@ AbilityServerOptions FillDefaults(AbilityServerOptions options)
     const AbilityServerOptions defaults;
     const auto fill = [](auto& value, auto fallback) { value = value == decltype(fallback){} ? fallback : value; };
     if (options.directory.empty()) {
-        ReadSocketDirectoryAgain();
-        options.directory = SocketDirectory();
+        options.directory = ReadSocketDirectory();
     }
     fill(options.workers, std::max<size_t>(std::thread::hardware_concurrency(), LEAST_WORKERS));
     fill(options.maxConnections, defaults.maxConnections);

@@ -5,50 +5,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "host/base/error_text.h"
 
 namespace VARN::Host {
 
-namespace {
-
-// What the variable has said, the latest first. Nothing is ever taken out: a thread may be reading it.
-struct Remembered {
-    const std::string directory;
-    const Remembered* const earlier;
-};
-
-std::atomic<const Remembered*> latest{nullptr};
-
-}  // namespace
-
-const std::string& SocketDirectory()
+std::string ReadSocketDirectory()
 {
-    if (latest.load(std::memory_order_acquire) == nullptr) {
-        ReadSocketDirectoryAgain();
-    }
-    return latest.load(std::memory_order_acquire)->directory;
-}
-
-bool ReadSocketDirectoryAgain()
-{
-    const char* variable = ::secure_getenv("VARN_ABILITY_DIR");
-    const char* directory = variable != nullptr && variable[0] != '\0' ? variable : "/run/varn";
-    const Remembered* known = latest.load(std::memory_order_acquire);
-    if (known != nullptr && known->directory == directory) {
-        return false;
-    }
-    // Of two threads that come here at once one wins, and both have read the same.
-    auto next = std::make_unique<const Remembered>(Remembered{directory, known});
-    if (latest.compare_exchange_strong(known, next.get(), std::memory_order_acq_rel)) {
-        static_cast<void>(next.release());
-    }
-    return true;
+    const char* directory = ::secure_getenv("VARN_ABILITY_DIR");
+    return directory != nullptr && directory[0] != '\0' ? directory : "/run/varn";
 }
 
 std::string SocketPath(const std::string& directory, int32_t id)

@@ -8,14 +8,9 @@
 
 namespace VARN::Host {
 
-// Where services listen: VARN_ABILITY_DIR, which a program with raised privileges ignores, or /run/varn. The variable
-// is read at first use and then remembered, since a thread that reads the environment while another changes it may
-// crash. The text stays as long as the process does.
-const std::string& SocketDirectory();
-
-// Reads the variable again: for when there is no service to be found where it pointed to. True when it says something
-// else by now.
-bool ReadSocketDirectoryAgain();
+// Where services listen: VARN_ABILITY_DIR, which a program with raised privileges ignores, or /run/varn. To be called
+// seldom, since a thread that reads the environment while another changes it may crash.
+std::string ReadSocketDirectory();
 
 // `<directory>/<id>.sock`.
 std::string SocketPath(const std::string& directory, int32_t id);
