@@ -4,7 +4,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "platform_hooks.h"
@@ -19,23 +18,17 @@ constexpr int DEFAULT_LEVEL = LOG_LEVEL_WARN;
 // printf does not know the markers: "%{public}s" becomes "%s".
 std::string StripMarkers(const char* format)
 {
-    std::string plain;
-    plain.reserve(std::strlen(format));
-    for (const char* at = format; *at != '\0'; ++at) {
-        plain.push_back(*at);
-        if (*at != '%') {
-            continue;
-        }
-        if (at[1] == '%') {
-            plain.push_back(*++at);
-        } else if (at[1] == '{') {
-            const char* end = std::strchr(at, '}');
-            if (end == nullptr) {
-                // Not a marker after all: printf would make no sense of it.
-                plain.push_back('%');
-                continue;
-            }
-            at = end;
+    std::string plain = format;
+    for (size_t at = 0; (at = plain.find('%', at)) != std::string::npos;) {
+        ++at;
+        const size_t end = plain[at] == '{' ? plain.find('}', at) : at;
+        if (end == std::string::npos) {
+            // Not a marker after all: printf would make no sense of it.
+            plain.insert(at++, 1, '%');
+        } else if (end != at) {
+            plain.erase(at, end - at + 1);
+        } else if (plain[at] == '%') {
+            ++at;
         }
     }
     return plain;

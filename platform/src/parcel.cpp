@@ -93,59 +93,43 @@ bool Parcel::ReadBool(bool& value)
 }
 
 template <class Unit>
-const uint8_t* Parcel::PeekText(size_t& length, size_t& next) const noexcept
+bool Parcel::ReadText(std::basic_string<Unit>& value)
 {
     int32_t count = 0;
     if (GetReadableBytes() < sizeof(count)) {
-        return nullptr;
+        return false;
     }
     const uint8_t* text = data_ + cursor_ + sizeof(count);
     std::memcpy(&count, data_ + cursor_, sizeof(count));
     const size_t room = GetReadableBytes() - sizeof(count);
     // A hostile length must not overflow the sum below: more units than there are bytes are too many in any case.
     if (count < 0 || static_cast<size_t>(count) > room) {
-        return nullptr;
+        return false;
     }
-    length = static_cast<size_t>(count);
+    const auto length = static_cast<size_t>(count);
     const size_t padded = Align((length + 1) * sizeof(Unit));
     if (padded > room) {
-        return nullptr;
+        return false;
     }
     Unit terminator;
     std::memcpy(&terminator, text + length * sizeof(Unit), sizeof(terminator));
     if (terminator != 0) {
-        return nullptr;
+        return false;
     }
-    next = cursor_ + sizeof(count) + padded;
-    return text;
+    // Made anew: cheaper than to assign to, also where the old memory would do.
+    value = std::basic_string<Unit>(reinterpret_cast<const Unit*>(text), length);
+    cursor_ += sizeof(count) + padded;
+    return true;
 }
 
 bool Parcel::ReadString(std::string& value)
 {
-    size_t length = 0;
-    size_t next = 0;
-    const uint8_t* text = PeekText<char>(length, next);
-    if (text == nullptr) {
-        return false;
-    }
-    // Made anew: cheaper than to assign to, also where the old memory would do.
-    value = std::string(reinterpret_cast<const char*>(text), length);
-    cursor_ = next;
-    return true;
+    return ReadText(value);
 }
 
 bool Parcel::ReadString16(std::u16string& value)
 {
-    size_t length = 0;
-    size_t next = 0;
-    const uint8_t* text = PeekText<char16_t>(length, next);
-    if (text == nullptr) {
-        return false;
-    }
-    value.resize(length);
-    std::memcpy(value.data(), text, length * sizeof(char16_t));
-    cursor_ = next;
-    return true;
+    return ReadText(value);
 }
 
 bool Parcel::ReadBool()

@@ -25,8 +25,8 @@ public:
     // Gives the buffers that wait for such a parcel back to the heap. Any thread may do so at any time.
     static void FreeSpares() noexcept;
 
-    // Lets the parcel read `bytes` where they are. They must outlive its use or the next `Clear`; a write copies them
-    // first, so they are never changed.
+    // Lets the parcel read `bytes`, which begin at a multiple of 4, where they are. They must outlive its use or the
+    // next `Clear`; a write copies them first, so they are never changed.
     static void Lend(Parcel& parcel, uint8_t* bytes, size_t size) noexcept;
 
     // Room for `bytes` more bytes at the end, not yet part of the parcel; null when they do not fit or memory runs out.

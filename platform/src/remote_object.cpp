@@ -9,6 +9,8 @@
 
 namespace VARN {
 
+RefBase::~RefBase() = default;
+
 IRemoteObject::~IRemoteObject() = default;
 
 bool IRemoteObject::IsProxyObject() const

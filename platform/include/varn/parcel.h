@@ -178,10 +178,8 @@ private:
         return true;
     }
 
-    // The text at the cursor, not consumed: null when it is not whole. `length` counts units, `next` is the cursor
-    // behind.
     template <class Unit>
-    const uint8_t* PeekText(size_t& length, size_t& next) const noexcept;
+    bool ReadText(std::basic_string<Unit>& value);
 
     uint8_t* data_ = inline_;
     size_t size_ = 0;

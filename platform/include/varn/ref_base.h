@@ -88,14 +88,9 @@ public:
     ~sptr() { Drop(object_); }
 
     // Gives up the object owned before, if any.
-    sptr& operator=(const sptr& other) noexcept
+    sptr& operator=(sptr other) noexcept
     {
-        sptr(other).Swap(*this);
-        return *this;
-    }
-    sptr& operator=(sptr&& other) noexcept
-    {
-        sptr(std::move(other)).Swap(*this);
+        Swap(other);
         return *this;
     }
 

@@ -39,27 +39,26 @@ struct __attribute__((visibility("hidden"))) AbilityManager::State {
     std::unordered_map<int32_t, sptr<IRemoteObject>> added GUARDED_BY(clientMutex);
     std::unordered_map<int32_t, sptr<Channel>> channels GUARDED_BY(clientMutex);
 
-    sptr<IRemoteObject> FindAdded(int32_t id)
+    // The object that was added under the id; else null, and in `channel` the way to its socket, made when there is
+    // none yet or the folder is another by now.
+    sptr<IRemoteObject> Find(int32_t id, sptr<Channel>& channel)
     {
+        sptr<Channel> other;
         const MutexLock lock(clientMutex);
         const auto found = added.find(id);
-        return found == added.end() ? nullptr : found->second;
-    }
-
-    // The channel of a service, made when there is none yet or the folder is another by now.
-    sptr<Channel> GetChannel(int32_t id)
-    {
-        sptr<Channel> channel;
-        const MutexLock lock(clientMutex);
+        if (found != added.end()) {
+            return found->second;
+        }
         if (directory.empty()) {
             directory = ReadSocketDirectory();
         }
         sptr<Channel>& known = channels[id];
         if (!known || known->GetDirectory() != directory) {
-            channel.Swap(known);
-            known = sptr<Channel>(new Channel(directory, id));
+            other = new Channel(directory, id);
+            other.Swap(known);
         }
-        return known;
+        channel = known;
+        return nullptr;
     }
 
     // Whether the variable, read again, says something else than where a channel has looked.
@@ -105,10 +104,10 @@ sptr<IRemoteObject> AbilityManager::LoadSystemAbility(int32_t systemAbilityId, i
     std::optional<Deadline> deadline;  // most services are there, and need no clock
     auto pause = FIRST_PAUSE;
     for (;;) {
-        if (sptr<IRemoteObject> object = state_->FindAdded(systemAbilityId)) {
+        sptr<Channel> channel;
+        if (sptr<IRemoteObject> object = state_->Find(systemAbilityId, channel)) {
             return object;
         }
-        const sptr<Channel> channel = state_->GetChannel(systemAbilityId);
         std::string problem;
         const int error = channel->Prepare(problem);
         if (error == 0) {

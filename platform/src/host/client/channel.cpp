@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/client/channel.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <new>
 #include <thread>
 #include <utility>
@@ -27,19 +29,14 @@ thread_local const Channel* found = nullptr;
 
 int32_t ToIpcCode(int error)
 {
-    switch (error) {
-        case ETIMEDOUT:
-            return IPC_TIMED_OUT;
-        case ENOMEM:
-        case ENOBUFS:
-            return IPC_NO_MEMORY;
-        case EPROTO:
-            return IPC_PROTOCOL_ERROR;
-        case EMSGSIZE:
-            return IPC_TOO_LARGE;
-        default:
-            return IPC_DEAD_OBJECT;
-    }
+    constexpr std::pair<int, IpcCode> CODES[] = {{ETIMEDOUT, IPC_TIMED_OUT},
+                                                 {ENOMEM, IPC_NO_MEMORY},
+                                                 {ENOBUFS, IPC_NO_MEMORY},
+                                                 {EPROTO, IPC_PROTOCOL_ERROR},
+                                                 {EMSGSIZE, IPC_TOO_LARGE}};
+    const auto* known =
+        std::find_if(std::begin(CODES), std::end(CODES), [error](auto code) { return code.first == error; });
+    return known != std::end(CODES) ? known->second : IPC_DEAD_OBJECT;
 }
 
 }  // namespace

@@ -28,19 +28,11 @@ constexpr size_t FIRST_PIECE_SIZE = 16384;
 int Wait(int fd, short events, const Deadline& deadline)
 {
     pollfd entry = {fd, events, 0};
-    for (;;) {
-        const int left = deadline.LeftMilliseconds();
-        const int ready = ::poll(&entry, 1, left);
-        if (ready > 0) {
-            return 0;
-        }
-        if (ready == 0 && left == 0) {
-            return ETIMEDOUT;
-        }
-        if (ready < 0 && errno != EINTR) {
-            return errno;
-        }
-    }
+    int ready = 0;
+    do {
+        ready = ::poll(&entry, 1, deadline.LeftMilliseconds());
+    } while (ready == 0 ? !deadline.IsOver() : ready < 0 && errno == EINTR);
+    return ready > 0 ? 0 : ready == 0 ? ETIMEDOUT : errno;
 }
 
 }  // namespace

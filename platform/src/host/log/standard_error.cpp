@@ -21,36 +21,6 @@ namespace VARN::Host {
 
 namespace {
 
-// While it exists, a write of this thread to a pipe without a reader fails and does nothing else: SIGPIPE is held back,
-// and taken away if the write brought it.
-class WithoutSigpipe {
-public:
-    WithoutSigpipe() noexcept
-    {
-        ::sigemptyset(&pipe_);
-        ::sigaddset(&pipe_, SIGPIPE);
-        sigset_t pending;
-        wasPending_ = ::sigpending(&pending) == 0 && ::sigismember(&pending, SIGPIPE) == 1;
-        ::pthread_sigmask(SIG_BLOCK, &pipe_, &before_);
-    }
-    ~WithoutSigpipe()
-    {
-        constexpr timespec AT_ONCE = {};
-        if (!wasPending_) {
-            while (::sigtimedwait(&pipe_, nullptr, &AT_ONCE) < 0 && errno == EINTR) {
-            }
-        }
-        ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    }
-    WithoutSigpipe(const WithoutSigpipe&) = delete;
-    WithoutSigpipe& operator=(const WithoutSigpipe&) = delete;
-
-private:
-    sigset_t pipe_;
-    sigset_t before_;
-    bool wasPending_ = false;
-};
-
 // Writes if standard error is ready. A pipe then has room for a page, unless another writer comes first.
 ssize_t WriteIfReady(std::string_view text) noexcept
 {
@@ -75,6 +45,27 @@ ssize_t WriteAtOnce(std::string_view text, ssize_t (*other)(std::string_view)) n
     return isUnknown ? other(text) : written;
 }
 
+// The same, but a pipe without a reader fails and does nothing else: SIGPIPE is held back, and taken away if the write
+// brought it.
+ssize_t WriteToPipe(std::string_view text) noexcept
+{
+    constexpr timespec AT_ONCE = {};
+    sigset_t pipe;
+    sigset_t pending;
+    sigset_t before;
+    ::sigemptyset(&pipe);
+    ::sigaddset(&pipe, SIGPIPE);
+    const bool wasPending = ::sigpending(&pending) == 0 && ::sigismember(&pending, SIGPIPE) == 1;
+    ::pthread_sigmask(SIG_BLOCK, &pipe, &before);
+    const ssize_t written = WriteAtOnce(text, WriteIfReady);
+    if (!wasPending) {
+        while (::sigtimedwait(&pipe, nullptr, &AT_ONCE) < 0 && errno == EINTR) {
+        }
+    }
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return written;
+}
+
 }  // namespace
 
 size_t WriteToStandardError(std::string_view text) noexcept
@@ -87,8 +78,7 @@ size_t WriteToStandardError(std::string_view text) noexcept
     if (S_ISSOCK(status.st_mode)) {
         written = ::send(STDERR_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     } else if (S_ISFIFO(status.st_mode)) {
-        const WithoutSigpipe guard;
-        written = WriteAtOnce(text, WriteIfReady);
+        written = WriteToPipe(text);
     } else if (S_ISCHR(status.st_mode)) {
         written = WriteAtOnce(text, WriteToTerminal);
     } else {
