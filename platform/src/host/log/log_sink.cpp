@@ -1,26 +1,115 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varn/host/log_sink.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <climits>
 #include <condition_variable>
+#include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "host/base/caller_scope.h"
 #include "host/base/thread_safety.h"
-#include "host/log/standard_error.h"
+#include "host/base/unique_fd.h"
 #include "platform_hooks.h"
 #include "varn/host/visible_text.h"
 
 namespace VARN::Host {
 
 namespace {
+
+// Writes if standard error is ready. A pipe then has room for a page, unless another writer comes first.
+ssize_t WriteIfReady(std::string_view text) noexcept
+{
+    pollfd entry = {STDERR_FILENO, POLLOUT, 0};
+    const bool isReady = ::poll(&entry, 1, 0) == 1 && entry.revents == POLLOUT;
+    return isReady ? ::write(STDERR_FILENO, text.data(), std::min<size_t>(text.size(), PIPE_BUF)) : -1;
+}
+
+// A terminal that is nearly full is ready, and has its writer wait all the same. So it is opened anew, for not waiting.
+ssize_t WriteToTerminal(std::string_view text) noexcept
+{
+    const UniqueFd own(::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    return own ? ::write(own.Get(), text.data(), text.size()) : WriteIfReady(text);
+}
+
+// Writes what is taken at once. Where this kernel cannot, `other` does.
+ssize_t WriteAtOnce(std::string_view text, ssize_t (*other)(std::string_view)) noexcept
+{
+    const iovec piece = {const_cast<char*>(text.data()), text.size()};
+    const ssize_t written = ::pwritev2(STDERR_FILENO, &piece, 1, -1, RWF_NOWAIT);
+    const bool isUnknown = written < 0 && (errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL);
+    return isUnknown ? other(text) : written;
+}
+
+// The same, but a pipe without a reader fails and does nothing else: SIGPIPE is held back, and taken away if the write
+// brought it.
+ssize_t WriteToPipe(std::string_view text) noexcept
+{
+    constexpr timespec AT_ONCE = {};
+    sigset_t pipe;
+    sigset_t pending;
+    sigset_t before;
+    ::sigemptyset(&pipe);
+    ::sigaddset(&pipe, SIGPIPE);
+    const bool wasPending = ::sigpending(&pending) == 0 && ::sigismember(&pending, SIGPIPE) == 1;
+    ::pthread_sigmask(SIG_BLOCK, &pipe, &before);
+    const ssize_t written = WriteAtOnce(text, WriteIfReady);
+    if (!wasPending) {
+        static_cast<void>(TEMP_FAILURE_RETRY(::sigtimedwait(&pipe, nullptr, &AT_ONCE)));
+    }
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return written;
+}
+
+// Writes to standard error as much of `text` as it takes at once, and returns how much that was. It never waits for a
+// reader and never raises a signal: a pipe, socket or terminal that is full, closed or has no reader takes nothing.
+// Only a file on a disk is waited for, and a terminal that is nearly full where this user may not open it. A terminal
+// may take any part; elsewhere up to 4096 bytes go whole or not at all.
+size_t WriteToStandardError(std::string_view text) noexcept
+{
+    struct stat status = {};
+    if (::fstat(STDERR_FILENO, &status) != 0) {
+        return 0;
+    }
+    ssize_t written = -1;
+    if (S_ISSOCK(status.st_mode)) {
+        written = ::send(STDERR_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    } else if (S_ISFIFO(status.st_mode)) {
+        written = WriteToPipe(text);
+    } else if (S_ISCHR(status.st_mode)) {
+        written = WriteAtOnce(text, WriteToTerminal);
+    } else {
+        written = ::write(STDERR_FILENO, text.data(), text.size());
+    }
+    return written < 0 ? 0 : static_cast<size_t>(written);
+}
+
+// Whether what is written there goes to the journal, as the environment says (JOURNAL_STREAM). Looked at once.
+bool IsJournal()
+{
+    static const bool isJournal = [] {
+        const char* stream = std::getenv("JOURNAL_STREAM");
+        struct stat status = {};
+        return stream != nullptr && ::fstat(STDERR_FILENO, &status) == 0 &&
+               std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) == stream;
+    }();
+    return isJournal;
+}
 
 // How many lines the requests of each user may cause in a second. Without it an app whose valid requests cause a line
 // each fills the disk or the pipe, or uses up what the journal takes from this program, and the lines that matter are
@@ -197,11 +286,7 @@ void WriteLine(Log& log, const LogLine& line) noexcept
 
 void SetLogSink(std::function<void(const LogLine&)> sink)
 {
-    std::shared_ptr<Sink> next;
-    if (sink) {
-        next = std::make_shared<Sink>();
-        next->write = std::move(sink);
-    }
+    std::shared_ptr<Sink> next = sink ? std::make_shared<Sink>(Sink{std::move(sink)}) : nullptr;
     Log& log = GetLog();
     MutexLock lock(log.mutex);
     next.swap(log.sink);
