@@ -18,27 +18,23 @@ ForkHandler* firstHandler = nullptr;  // the lowest rank first; guarded by handl
 
 void ForkHandler::Run(void (*Steps::*step)())
 {
+    if (step == &Steps::before) {
+        handlersMutex.lock();
+    }
     for (const ForkHandler* handler = firstHandler; handler != nullptr; handler = handler->next_) {
         if (handler->steps_.*step != nullptr) {
             (handler->steps_.*step)();
         }
     }
+    if (step != &Steps::before) {
+        handlersMutex.unlock();
+    }
 }
 
 ForkHandler::ForkHandler(Rank rank, const Steps& steps) noexcept : rank_(rank), steps_(steps)
 {
-    static const bool isWatching = WatchForks({[] {
-                                                   handlersMutex.lock();
-                                                   Run(&Steps::before);
-                                               },
-                                               [] {
-                                                   Run(&Steps::inParent);
-                                                   handlersMutex.unlock();
-                                               },
-                                               [] {
-                                                   Run(&Steps::inChild);
-                                                   handlersMutex.unlock();
-                                               }});
+    static const bool isWatching =
+        WatchForks({[] { Run(&Steps::before); }, [] { Run(&Steps::inParent); }, [] { Run(&Steps::inChild); }});
     static_cast<void>(isWatching);
     const std::lock_guard<std::mutex> lock(handlersMutex);
     ForkHandler** place = &firstHandler;

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <string>
+#include <system_error>
+
 #include "varn/log.h"
 
 // The platform's own log lines.
@@ -14,5 +17,11 @@ namespace VARN {
 
 constexpr int PLATFORM_LOG_TYPE = 3;
 constexpr uint32_t PLATFORM_LOG_DOMAIN = 0xD001;
+
+// The text of an errno, with its number. May be called by several threads at once.
+inline std::string ErrorText(int error)
+{
+    return std::generic_category().message(error) + " (errno " + std::to_string(error) + ")";
+}
 
 }  // namespace VARN

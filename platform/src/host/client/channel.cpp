@@ -8,7 +8,6 @@
 #include <thread>
 #include <utility>
 
-#include "host/base/error_text.h"
 #include "host/wire/socket_folder.h"
 #include "parcel_buffer.h"
 #include "platform_log.h"

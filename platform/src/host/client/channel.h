@@ -16,15 +16,10 @@ namespace VARN::Host {
 // or makes one, and gives it back when the reply was whole. After any failure the connection is closed, so the next
 // request never meets the rest of an earlier one, and nothing is ever sent twice.
 //
-// A request makes five system calls, and each is for something that no other of them can do:
-//   recv (a look)      in `LoadSystemAbility`. A service that has gone counts as not there, and is waited for, not as a
-//                      failed request; a send that fails would tell it too late. And what came unasked since the last
-//                      reply (that reply once more, say) is found: once the next request is sent, it would pass for
-//                      its reply.
-//   geteuid, getegid   A connection is never used as another user than the one it was made as. Every thread may change
-//                      its own identity behind the C library's back, and no cheaper call tells both.
-//   sendmsg            the request
-//   recv               the reply, and the wait for it
+// A request makes five system calls: sendmsg, recv, and three that no other of them can stand in for. The look (recv)
+// in `LoadSystemAbility` has a service that is gone waited for, and finds what came unasked before it passes for the
+// next reply. geteuid and getegid: any thread may change its own identity behind the C library's back, and a connection
+// is never used as another user than the one it was made as.
 //
 // Thread safety: every operation may be called from any thread; requests that run at the same time have a connection
 // each.

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "host/base/error_text.h"
 #include "host/base/unix_socket.h"
 #include "host/wire/socket_folder.h"
 #include "parcel_buffer.h"
@@ -55,11 +54,6 @@ ForkHandler Link::forkHandler_(ForkHandler::Rank::CONNECTIONS,
                                     clientMutex.unlock();
                                 }});
 
-Link::Identity Link::CurrentIdentity()
-{
-    return {::geteuid(), ::getegid()};
-}
-
 Link::Link()
 {
     const MutexLock lock(clientMutex);
@@ -96,11 +90,8 @@ int Link::Connect(const std::string& directory, const std::string& path, std::st
         return error;
     }
     // It does not block, since a service that accepts nothing would hold a connect that does for ever.
-    int result = 0;
-    do {
-        result = ::connect(fd_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    } while (result != 0 && errno == EINTR);
-    if (result != 0 || ::fcntl(fd_.Get(), F_SETFL, 0) != 0) {
+    const auto* where = reinterpret_cast<const sockaddr*>(&address);
+    if (TEMP_FAILURE_RETRY(::connect(fd_.Get(), where, sizeof(address))) != 0 || ::fcntl(fd_.Get(), F_SETFL, 0) != 0) {
         const int error = errno;
         problem = "connect to " + path + ": " + ErrorText(error);
         return error;
@@ -130,10 +121,7 @@ int Link::Connect(const std::string& directory, const std::string& path, std::st
 bool Link::IsAlive() const
 {
     char byte = 0;
-    ssize_t got = 0;
-    do {
-        got = ::recv(fd_.Get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-    } while (got < 0 && errno == EINTR);
+    const ssize_t got = TEMP_FAILURE_RETRY(::recv(fd_.Get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT));
     if (got > 0) {
         PLATFORM_ERROR("a service sent bytes that nobody had asked for; the connection is dropped");
     }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <sys/types.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -37,7 +37,7 @@ class Link {
 public:
     // User and group of this thread.
     using Identity = std::pair<uid_t, gid_t>;
-    static Identity CurrentIdentity();
+    static Identity CurrentIdentity() { return {::geteuid(), ::getegid()}; }
 
     Link();
     ~Link();

@@ -8,7 +8,6 @@
 #include <new>
 #include <utility>
 
-#include "host/base/error_text.h"
 #include "host/base/unix_socket.h"
 #include "host/server/clock.h"
 #include "platform_log.h"

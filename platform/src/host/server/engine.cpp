@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "host/base/deadline.h"
-#include "host/base/error_text.h"
 #include "host/server/clock.h"
 #include "host/server/heap.h"
 #include "platform_log.h"

@@ -10,10 +10,10 @@
 #include <cerrno>
 #include <utility>
 
-#include "host/base/error_text.h"
 #include "host/base/unix_socket.h"
 #include "host/server/activation.h"
 #include "host/wire/socket_folder.h"
+#include "platform_log.h"
 
 namespace VARN::Host {
 

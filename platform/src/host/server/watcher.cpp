@@ -14,7 +14,6 @@
 #include <new>
 #include <utility>
 
-#include "host/base/error_text.h"
 #include "host/server/clock.h"
 #include "host/server/heap.h"
 #include "platform_log.h"

@@ -3,6 +3,7 @@
 
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -92,10 +93,7 @@ int SendFrame(int fd, const FrameHeader& header, const MessageParcel& body, size
     msghdr message = {};
     message.msg_iov = pieces.data();
     message.msg_iovlen = pieces.size();
-    ssize_t done = 0;
-    do {
-        done = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-    } while (done < 0 && errno == EINTR);
+    const ssize_t done = TEMP_FAILURE_RETRY(::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT));
     if (done < 0) {
         return errno;
     }

@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "host/base/error_text.h"
+#include "platform_log.h"
 
 namespace VARN::Host {
 
