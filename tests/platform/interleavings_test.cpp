@@ -52,8 +52,7 @@ bool OnSlot(int& state, bool (*operation)(Slot&))
         slot.Acquire(0, false);
     }
     const bool result = operation(slot);
-    bool hangUp = false;
-    state = slot.IsIdle() ? 0 : slot.Release(hangUp) ? 1 : 2;
+    state = slot.IsIdle() ? 0 : slot.Release() ? 1 : 2;
     return result;
 }
 
@@ -85,11 +84,7 @@ TEST(InterleavingsTest, AConnectionHasOneOwnerAndNoInputIsForgotten)
             world[isWatcher ? EVENTS : UNREAD] = isWatcher ? world[EVENTS] + 1 : 0;
             at = RELEASE;
         } else {
-            bool (*const release)(Slot&) = [](Slot& slot) {
-                bool hangUp = false;
-                return slot.Release(hangUp);
-            };
-            const bool isGivenUp = OnSlot(world[STATE], release);
+            const bool isGivenUp = OnSlot(world[STATE], [](Slot& slot) { return slot.Release(); });
             world[OWNERS] -= isGivenUp ? 1 : 0;
             at = !isGivenUp ? SERVE : isWatcher ? ENDED : START;
         }

@@ -2,14 +2,13 @@
 #include "host/server/worker_pool.h"
 
 #include <gtest/gtest.h>
-#include <sys/eventfd.h>
 
 #include <atomic>
 #include <chrono>
 #include <deque>
 #include <functional>
 #include <future>
-#include <memory>
+#include <utility>
 #include <vector>
 
 #include "host/server/accounts.h"
@@ -21,51 +20,28 @@ namespace {
 constexpr std::chrono::seconds PATIENCE{20};
 constexpr int64_t NOW = 5000;
 
-class TestVisit final : public WorkerPool::Visit {
-public:
-    // Has input from the beginning, or never any.
-    explicit TestVisit(bool hasInput, int visits = 1) : event_(::eventfd(hasInput ? 1 : 0, EFD_CLOEXEC)), left_(visits)
-    {
-    }
-    // The one that asks is about to wait, and has counted itself as staying.
-    int GetFd() const override
-    {
-        beforeWait();
-        return event_.Get();
-    }
-    bool Prepare() override { return true; }
-    Ahead GetAhead() const override { return left_ > served ? Ahead::INPUT : Ahead::NOTHING; }
-    void Serve() override { ++served; }
-    int64_t GetBegin() const override { return NOW; }
-    int GetPatience() const override { return static_cast<int>(std::chrono::milliseconds(PATIENCE).count()); }
-
-    int served = 0;
-    std::function<void()> beforeWait = [] {};
-
-private:
-    const UniqueFd event_;
-    const int left_;
-};
-
 class WorkerPoolTest : public ::testing::Test {
 protected:
     void SetUp() override { pool_.Start(); }
     // A worker stays with a silent client, until it is woken.
     std::future<void> StartStaying()
     {
-        const auto waits = std::make_shared<std::promise<void>>();
-        std::future<void> end = std::async(std::launch::async, [this, waits] {
-            TestVisit silent(false);
-            silent.beforeWait = [&waits] { waits->set_value(); };
-            Stay(silent);
+        std::promise<void> stays;
+        std::future<void> hasBegun = stays.get_future();
+        std::future<void> end = std::async(std::launch::async, [this, stays = std::move(stays)]() mutable {
+            Pace busy{NOW, 100};
+            WorkerPool::Stay stay(pool_, busy);
+            EXPECT_TRUE(stay.GoesOn(NOW, true));
+            stays.set_value();
+            stay.AwaitInput(-1, static_cast<int>(std::chrono::milliseconds(PATIENCE).count()));
         });
-        waits->get_future().wait();
+        hasBegun.wait();
         return end;
     }
-    void Stay(TestVisit& visit)
+    bool MayStay()
     {
         Pace busy{NOW, 100};
-        pool_.StayIfBusy(busy, visit);
+        return WorkerPool::Stay(pool_, busy).GoesOn(NOW, true);
     }
     // The only idle worker gets something to do.
     void TakeIdleAway()
@@ -98,17 +74,15 @@ TEST_F(WorkerPoolTest, AtTheLimitOneThatStaysIsWokenAndWakesTheNextUntilOneIsIdl
 
 TEST_F(WorkerPoolTest, AWorkerStaysOnlyWithAnotherIdleAndASecondBusy)
 {
-    std::vector<int> served;
+    std::vector<bool> stays;
     const std::function<void(int)> tryWithIdle = [&](int left) {
-        TestVisit visit(true);
-        Stay(visit);
-        served.push_back(visit.served);
+        stays.push_back(MayStay());
         if (left != 0) {
             pool_.AwaitAny([&] { return tryWithIdle(left - 1), false; });
         }
     };
     tryWithIdle(4);
-    EXPECT_EQ((std::vector<int>{0, 1, 1, 0, 0}), served);
+    EXPECT_EQ((std::vector<bool>{false, true, true, false, false}), stays);
 }
 
 // They come one after the other, as users that work together would, and each takes all that it may have.

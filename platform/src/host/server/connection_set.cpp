@@ -137,10 +137,9 @@ void ConnectionSet::Close(uint32_t index)
 
 void ConnectionSet::LetGo(uint32_t index)
 {
-    bool hangUp = false;
     do {
         Arm(index, Connection::Next::TURN);
-    } while (!(*this)[index].Release(hangUp));
+    } while (!(*this)[index].Release());
 }
 
 Account* ConnectionSet::Enter(const Caller& caller, uint32_t& index)

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <csignal>
 #include <exception>
+#include <utility>
 #include <vector>
 
 #include "host/base/deadline.h"
@@ -37,64 +38,6 @@ int GetPatience(const WorkerBuffers& buffers)
 }
 
 }  // namespace
-
-// A connection that the calling worker owns and may stay with. Once it waits for its turn it is the queue's, and
-// nothing of it is touched any more.
-class AbilityServer::Engine::OwnedConnection final : public WorkerPool::Visit {
-public:
-    OwnedConnection(Engine& engine, uint32_t index, WorkerBuffers& buffers)
-        : engine_(engine), index_(index), slot_(engine.connections_[index]), buffers_(buffers)
-    {
-    }
-
-    // For a connection that has begun already; else `Serve` begins.
-    void ServeBegun(bool hangUp)
-    {
-        Account& account = slot_.connection->GetAccount();
-        begin_ = CoarseMilliseconds();
-        // Once the server ends nothing begins; what a peer has still to read is sent at the end.
-        if (!engine_.stopping_.load(std::memory_order_relaxed)) {
-            next_ = engine_.ServeOnce(slot_, buffers_, hangUp, begin_);
-        }
-        engine_.turns_.End(account);
-    }
-    void Serve() override { Serve(false); }
-    void Serve(bool hangUp)
-    {
-        slot_.hasHungUp = hangUp;
-        waits_ = !engine_.turns_.Begin(index_);
-        if (!waits_) {
-            ServeBegun(hangUp);
-        }
-    }
-
-    bool Waits() const noexcept { return waits_; }
-    Connection::Next GetNext() const noexcept { return next_; }
-
-    int64_t GetBegin() const override { return begin_; }
-    int GetFd() const override { return slot_.connection->GetFd(); }
-    bool Prepare() override { return engine_.connections_.ArmForStay(index_); }
-    Ahead GetAhead() const override
-    {
-        // A deadline is for the watcher, which takes no connection that is owned. Others' turn comes before a stay.
-        if (waits_ || slot_.deadline.load() != 0 || engine_.turns_.HasWaiting()) {
-            return Ahead::NOTHING;
-        }
-        return next_ == Connection::Next::INPUT  ? Ahead::INPUT
-               : next_ == Connection::Next::TURN ? Ahead::MORE
-                                                 : Ahead::NOTHING;
-    }
-    int GetPatience() const override { return Host::GetPatience(buffers_); }
-
-private:
-    Engine& engine_;
-    const uint32_t index_;
-    Slot& slot_;
-    WorkerBuffers& buffers_;
-    Connection::Next next_ = Connection::Next::INPUT;
-    bool waits_ = false;
-    int64_t begin_ = 0;
-};
 
 AbilityServer::Engine::Engine(const AbilityServer& server, const AbilityServerOptions& options)
     : server_(server),
@@ -163,8 +106,7 @@ void AbilityServer::Engine::Stop()
     }
     // What has not begun is not executed; what waits for its turn still has an owner, the queue.
     for (uint32_t index = 0; turns_.TakeAny(index);) {
-        bool hangUp = false;
-        while (!connections_[index].Release(hangUp)) {
+        while (!connections_[index].Release()) {
         }
     }
     DrainOutput();
@@ -237,9 +179,7 @@ void AbilityServer::Engine::HandleEvent(uint64_t token, uint32_t events, WorkerB
         }
         return;
     }
-    OwnedConnection owned(*this, index, buffers);
-    owned.Serve(hangUp);
-    Finish(index, owned);
+    Serve(index, buffers, false);
     ServeWaiting(buffers);
 }
 
@@ -255,35 +195,41 @@ void AbilityServer::Engine::ServeWaiting(WorkerBuffers& buffers)
             EndConnection(index);
             continue;
         }
-        OwnedConnection next(*this, index, buffers);
-        next.ServeBegun(slot.hasHungUp);
-        Finish(index, next);
+        Serve(index, buffers, true);
     }
 }
 
-// Stays with a connection that was served, and gives it up in the end.
-void AbilityServer::Engine::Finish(uint32_t index, OwnedConnection& owned)
+// Serves a connection that the calling worker owns until there is nothing left to do without waiting, or until it has
+// to wait for its turn: then it is the queue's, and nothing of it is touched any more. `hasBegun`: its turn has come.
+void AbilityServer::Engine::Serve(uint32_t index, WorkerBuffers& buffers, bool hasBegun)
 {
     Slot& slot = connections_[index];
-    for (;;) {
-        if (owned.Waits()) {
-            return;
-        }
-        workers_.StayIfBusy(slot.pace, owned);
-        if (owned.Waits()) {
-            return;
+    do {
+        auto next = Connection::Next::CLOSE;
+        int64_t begin = 0;
+        bool mayStay = false;
+        {
+            WorkerPool::Stay stay(workers_, slot.pace);
+            do {
+                if (!hasBegun && !turns_.Begin(index)) {
+                    return;
+                }
+                hasBegun = false;
+                begin = CoarseMilliseconds();
+                next = ServeOnce(slot, buffers, begin);
+                // A deadline is for the watcher, which takes no connection that is owned. Others' turn comes first.
+                mayStay = (next == Connection::Next::INPUT || next == Connection::Next::TURN) &&
+                          slot.deadline.load() == 0 && !turns_.HasWaiting();
+            } while (
+                stay.GoesOn(begin, mayStay) && connections_.ArmForStay(index) &&
+                (next == Connection::Next::TURN || stay.AwaitInput(slot.connection->GetFd(), GetPatience(buffers))));
         }
         watcher_.WatchFor(slot.deadline.load());
-        if (owned.GetNext() == Connection::Next::CLOSE || !connections_.Arm(index, owned.GetNext())) {
+        if (next == Connection::Next::CLOSE || !connections_.Arm(index, next)) {
             EndConnection(index);
             return;
         }
-        bool hangUp = false;
-        if (slot.Release(hangUp)) {
-            return;
-        }
-        owned.Serve(hangUp);
-    }
+    } while (!slot.Release());
 }
 
 void AbilityServer::Engine::EndConnection(uint32_t index)
@@ -292,16 +238,22 @@ void AbilityServer::Engine::EndConnection(uint32_t index)
     watcher_.ConnectionEnded();
 }
 
-Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buffers, bool hangUp, int64_t now)
+Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buffers, int64_t now)
 {
+    Account& account = slot.connection->GetAccount();
+    // Once the server ends nothing begins; what a peer has still to read is sent at the end.
+    if (stopping_.load(std::memory_order_relaxed)) {
+        turns_.End(account);
+        return Connection::Next::INPUT;
+    }
     Running& running = buffers.running;
-    running.uid.store(slot.connection->GetAccount().uid, std::memory_order_relaxed);
+    running.uid.store(account.uid, std::memory_order_relaxed);
     running.since.store(now);
     watcher_.NoteRequest(now);
     Connection::Next next = Connection::Next::CLOSE;
     // The service's own exceptions never get here; an observer's or a failed allocation may.
     try {
-        next = slot.connection->Serve(buffers, hangUp);
+        next = slot.connection->Serve(buffers, std::exchange(slot.hasHungUp, false));
     } catch (const std::exception& exception) {
         PLATFORM_ERROR("service %d: a connection of uid %u is dropped: %s", context_.id,
                        slot.connection->GetCaller().uid, exception.what());
@@ -310,6 +262,7 @@ Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buf
                        slot.connection->GetCaller().uid);
     }
     running.since.store(0, std::memory_order_relaxed);
+    turns_.End(account);
     return next;
 }
 
@@ -330,8 +283,7 @@ void AbilityServer::Engine::DrainOutput()
             if (slot.connection->Flush(buffers) == Connection::Next::OUTPUT) {
                 waiting.push_back({slot.connection->GetFd(), POLLOUT, 0});
             }
-            bool hangUp = false;
-            slot.Release(hangUp);
+            slot.Release();
         }
     } while (!waiting.empty() && ::poll(waiting.data(), waiting.size(), end.LeftMilliseconds()) != 0 && !end.IsOver());
 }

@@ -35,16 +35,14 @@ public:
     static bool IsThreadOf(const AbilityServer& server) noexcept;
 
 private:
-    class OwnedConnection;
-
     void RunThread(void (Engine::*loop)());
     void Work();
     void Watch() { watcher_.Run(listener_.Get()); }
 
     void HandleEvent(uint64_t token, uint32_t events, WorkerBuffers& buffers);
     void ServeWaiting(WorkerBuffers& buffers);
-    Connection::Next ServeOnce(Slot& slot, WorkerBuffers& buffers, bool hangUp, int64_t now);
-    void Finish(uint32_t index, OwnedConnection& owned);
+    void Serve(uint32_t index, WorkerBuffers& buffers, bool hasBegun);
+    Connection::Next ServeOnce(Slot& slot, WorkerBuffers& buffers, int64_t now);
     void EndConnection(uint32_t index);
     void DrainOutput();
 

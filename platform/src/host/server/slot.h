@@ -51,6 +51,7 @@ public:
             const uint64_t next = phase == IDLE ? OWNED : std::max(phase, hangUp ? OWNED_HUNG_UP : OWNED_AGAIN);
             if (state_.compare_exchange_weak(state, (state & ~PHASE_MASK) | next, std::memory_order_acq_rel,
                                              std::memory_order_relaxed)) {
+                hasHungUp = phase == IDLE ? hangUp : hasHungUp;
                 return phase == IDLE;
             }
         }
@@ -69,8 +70,7 @@ public:
     }
 
     // Gives ownership up. False when an event came meanwhile: the caller is still the owner and has to look again.
-    // `hangUp` tells whether that event said that the peer has closed its end.
-    bool Release(bool& hangUp) noexcept
+    bool Release() noexcept
     {
         uint64_t state = state_.load(std::memory_order_relaxed);
         for (;;) {
@@ -78,8 +78,11 @@ public:
             const uint64_t next = phase == OWNED ? IDLE : OWNED;
             if (state_.compare_exchange_weak(state, (state & ~PHASE_MASK) | next, std::memory_order_acq_rel,
                                              std::memory_order_relaxed)) {
-                hangUp = phase == OWNED_HUNG_UP;
-                return phase == OWNED;
+                if (phase == OWNED) {
+                    return true;
+                }
+                hasHungUp = phase == OWNED_HUNG_UP;
+                return false;
             }
         }
     }
@@ -96,7 +99,7 @@ public:
     // Only the owner touches these.
     std::unique_ptr<Connection> connection;
     uint32_t armedEvents = 0;  // what the connection is registered for
-    bool hasHungUp = false;    // an event said that the peer has closed its end
+    bool hasHungUp = false;    // the event that made it the owner said that the peer has closed its end
     uint32_t nextWaiting = 0;  // see Turns
     Pace pace;
 

@@ -123,35 +123,32 @@ bool WorkerPool::MayStay() const noexcept
            !stopping_.load(std::memory_order_relaxed);
 }
 
-void WorkerPool::StayIfBusy(Pace& pace, Visit& visit)
+bool WorkerPool::Stay::GoesOn(int64_t begin, bool isAllowed) noexcept
 {
-    if (!IsBusy(pace, visit.GetBegin()) || visit.GetAhead() == Visit::Ahead::NOTHING || !MayStay() ||
-        !visit.Prepare()) {
-        return;
-    }
-    pace.quickVisits = 0;
-    staying_.fetch_add(1);
-    while (visit.GetAhead() != Visit::Ahead::NOTHING && MayStay()) {
-        if (visit.GetAhead() == Visit::Ahead::INPUT && !AwaitInput(visit.GetFd(), visit.GetPatience())) {
-            break;
-        }
-        visit.Serve();
+    if (isStaying_) {
         // The one that wakes has to stop staying too, or its next wait would take the wake-up.
-        if (WakeNowAndThen(visit.GetBegin())) {
-            break;
-        }
+        return !pool_.WakeNowAndThen(begin) && isAllowed && pool_.MayStay();
     }
+    if (!IsBusy(pace_, begin) || !isAllowed || !pool_.MayStay()) {
+        return false;
+    }
+    pace_.quickVisits = 0;
+    isStaying_ = true;
+    pool_.staying_.fetch_add(1);
+    return pool_.MayStay();
+}
+
+WorkerPool::Stay::~Stay()
+{
     // The wake-up may have been meant for one that has found something to do before it got idle: then the next has to.
-    const bool othersStay = staying_.fetch_sub(1) > 1;
-    if (othersStay && idle_.load() == 0) {
-        WakeStaying();
+    if (isStaying_ && pool_.staying_.fetch_sub(1) > 1 && pool_.idle_.load() == 0) {
+        pool_.WakeStaying();
     }
 }
 
-// False when there was nothing to read for so long, or until the worker was woken.
-bool WorkerPool::AwaitInput(int fd, int milliseconds) const noexcept
+bool WorkerPool::Stay::AwaitInput(int fd, int milliseconds) const noexcept
 {
-    std::array<pollfd, 2> entries{{{fd, POLLIN, 0}, {wakeEvent_.Get(), POLLIN, 0}}};
+    std::array<pollfd, 2> entries{{{fd, POLLIN, 0}, {pool_.wakeEvent_.Get(), POLLIN, 0}}};
     ::poll(entries.data(), entries.size(), milliseconds);
     if (entries[0].revents != 0) {
         // The wake-up, if there is one too, is for a worker that has nothing to do.
@@ -159,10 +156,10 @@ bool WorkerPool::AwaitInput(int fd, int milliseconds) const noexcept
     }
     if (entries[1].revents != 0) {
         eventfd_t ignored = 0;
-        ::eventfd_read(wakeEvent_.Get(), &ignored);
+        ::eventfd_read(pool_.wakeEvent_.Get(), &ignored);
         // At the end all have to wake: each wakes the next.
-        if (stopping_.load(std::memory_order_relaxed)) {
-            WakeStaying();
+        if (pool_.stopping_.load(std::memory_order_relaxed)) {
+            pool_.WakeStaying();
         }
     }
     return false;

@@ -47,25 +47,25 @@ struct Pace {
 // Thread safety: `Start` and `Stop` are for the owner, one after the other; the rest is for the workers.
 class WorkerPool {
 public:
-    // A connection that a worker may stay with; the worker owns it meanwhile.
-    class Visit {
+    // The visits of one worker to one connection, between which it may stay with it.
+    class Stay {
     public:
-        enum class Ahead {
-            INPUT,    // the peer has to send first
-            MORE,     // there is something to do at once
-            NOTHING,  // it has to be given up: it has a deadline, which the watcher looks after, or ends
-        };
-        virtual ~Visit() = default;
-        virtual int GetFd() const = 0;
-        // Before the first wait. False when the worker cannot stay.
-        virtual bool Prepare() = 0;
-        virtual Ahead GetAhead() const = 0;
-        // Serves the connection once.
-        virtual void Serve() = 0;
-        // When it last began to, in milliseconds.
-        virtual int64_t GetBegin() const = 0;
-        // How long to wait for input, in milliseconds; -1: as long as it takes.
-        virtual int GetPatience() const = 0;
+        Stay(WorkerPool& pool, Pace& pace) noexcept : pool_(pool), pace_(pace) {}
+        ~Stay();
+        Stay(const Stay&) = delete;
+        Stay& operator=(const Stay&) = delete;
+
+        // To be called after each visit with the time when it began, in milliseconds, and whether the connection allows
+        // to stay. True when the visits follow each other quickly, and the rules allow it too.
+        bool GoesOn(int64_t begin, bool isAllowed) noexcept;
+        // Waits for input. False when there was none for so many milliseconds (-1: as long as it takes), or until the
+        // worker was woken: it does not stay any longer.
+        bool AwaitInput(int fd, int milliseconds) const noexcept;
+
+    private:
+        WorkerPool& pool_;
+        Pace& pace_;
+        bool isStaying_ = false;
     };
 
     // At most `usual` threads, and `spare` more which end when they are idle; each runs `work` once. `refusals`, which
@@ -95,14 +95,9 @@ public:
         LeaveIdle(wait());
     }
 
-    // To be called after each visit to a connection. When the visits follow each other quickly, the worker stays as
-    // long as the rules and the connection allow.
-    void StayIfBusy(Pace& pace, Visit& visit);
-
 private:
     void LeaveIdle(bool hasWork) noexcept;
     bool MayStay() const noexcept;
-    bool AwaitInput(int fd, int milliseconds) const noexcept;
     bool WakeNowAndThen(int64_t now) noexcept;
     void WakeStaying() const noexcept;
     bool AddWorker() noexcept;
