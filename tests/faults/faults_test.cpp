@@ -144,9 +144,8 @@ const FaultCase allFaults[] = {
     {"setsockopt", ALWAYS, {ENOMEM}},
     {"socket", ALWAYS, {EMFILE, ENOMEM}},
     {"stat", ALWAYS, {EACCES}},
-#if defined(INTERPOSES_NEW_AND_THREADS)
+#if defined(INTERPOSES_THREADS)
     {"pthread_create", 2, {EAGAIN}},  // the watcher and one worker have to be
-    {"new", ALWAYS, {ENOMEM}},
 #endif
 #if defined(INTERPOSES_MALLOC)
     {"malloc", ALWAYS, {ENOMEM}},

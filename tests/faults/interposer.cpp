@@ -107,17 +107,12 @@ extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags)
     return strike > 0 ? -1 : real(fd, &copy, flags);
 }
 
-#if defined(INTERPOSES_NEW_AND_THREADS)
+#if defined(INTERPOSES_THREADS)
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* how, void* (*run)(void*), void* with) __THROWNL
 {
     REAL(pthread_create);
     const int error = Strike("pthread_create");
     return error != 0 ? error : real(thread, how, run, with);
-}
-
-void* operator new(size_t size, const std::nothrow_t&) noexcept
-{
-    return Strike("new") ? nullptr : ::operator new(size);
 }
 #endif
 

@@ -47,10 +47,8 @@ bool IsRightInAnyOrder(const World& begin, int threads, const Step& step, const 
 bool OnSlot(int& state, bool (*operation)(Slot&))
 {
     Slot slot;
-    slot.Open();
-    for (int events = 0; events < state; ++events) {
-        slot.Acquire(0, false);
-    }
+    slot.Own();
+    EXPECT_EQ(state == 0, state == 2 ? slot.Acquire(false) : state == 0 && slot.Release());
     const bool result = operation(slot);
     state = slot.IsIdle() ? 0 : slot.Release() ? 1 : 2;
     return result;
@@ -76,11 +74,11 @@ TEST(InterleavingsTest, AConnectionHasOneOwnerAndNoInputIsForgotten)
             world[EVENTS] -= isWatcher ? 0 : 1;
             const bool isOwner = OnSlot(
                 world[STATE], isWatcher ? [](Slot& slot) { return slot.AcquireIdle(); }
-                                        : [](Slot& slot) { return slot.Acquire(0, false); });
+                                        : [](Slot& slot) { return slot.Acquire(false); });
             world[OWNERS] += isOwner ? 1 : 0;
-            at = isOwner ? SERVE : isWatcher ? ENDED : START;
+            at = isOwner ? (isWatcher ? RELEASE : SERVE) : isWatcher ? ENDED : START;
         } else if (at == SERVE) {
-            // The watcher arms instead, and an event comes again.
+            // The watcher arms instead, and the event that came meanwhile comes again.
             world[isWatcher ? EVENTS : UNREAD] = isWatcher ? world[EVENTS] + 1 : 0;
             at = RELEASE;
         } else {

@@ -68,22 +68,6 @@ Accounts::Accounts(const AbilityServerOptions& options)
 {
 }
 
-Account& Accounts::Open(uid_t uid)
-{
-    const MutexLock lock(mutex_);
-    const auto known = accounts_.find(uid);
-    return known != accounts_.end() ? *known->second
-                                    : *accounts_.emplace(uid, std::make_unique<Account>(uid)).first->second;
-}
-
-void Accounts::Leave(Account& account)
-{
-    const MutexLock lock(mutex_);
-    if (account.connections.load() == 0) {
-        accounts_.erase(account.uid);
-    }
-}
-
 bool Accounts::TakeBytes(Account& account, Bytes kind, size_t amount, size_t& used, size_t& allowed) noexcept
 {
     NoteUse(amount);
@@ -114,26 +98,6 @@ size_t Accounts::GetReplyBound() const noexcept
     const size_t left = options_.maxBytes - std::min(options_.maxBytes, bytes_.CountHeld());
     const size_t bound = left / (REPLY_PART * std::max<size_t>(workers.CountHeld(), 1));
     return std::max(REPLY_FLOOR, std::min(bound, options_.maxWaitingReplyBytesPerUser));
-}
-
-void Accounts::Describe(ServerStatistics& statistics)
-{
-    const MutexLock lock(mutex_);
-    for (const auto& [uid, account] : accounts_) {
-        UserStatistics user{uid,
-                            account->connections.load(),
-                            account->requestBytes.load(),
-                            account->replyBytes.load(),
-                            account->workers.load(),
-                            account->waiting.load(),
-                            account->refused.load(std::memory_order_relaxed)};
-        statistics.connections += user.connections;
-        statistics.requestBytes += user.requestBytes;
-        statistics.replyBytes += user.replyBytes;
-        statistics.workersAtWork += user.workersAtWork;
-        statistics.waiting += user.waiting;
-        statistics.users.push_back(user);
-    }
 }
 
 bool Charge::GrowTo(size_t bytes, size_t& used, size_t& allowed) noexcept

@@ -6,13 +6,13 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
-#include <unordered_map>
+#include <list>
 
-#include "host/base/thread_safety.h"
 #include "varn/host/ability_server.h"
 
 namespace VARN::Host {
+
+class Slot;
 
 // What one user holds of a server. It exists while the user has a connection.
 struct Account {
@@ -30,11 +30,11 @@ struct Account {
     // Relaxed: read for statistics alone.
     std::atomic<uint64_t> refused{0};
 
-    // The queue of connections that wait for their turn, see Turns, whose lock guards these.
-    uint32_t firstWaiting = 0;
-    uint32_t lastWaiting = 0;
+    // The connections that wait for their turn, and how many; this user in the row of those that have some. See Turns,
+    // whose lock guards the lists.
+    std::list<Slot*> queue;
     std::atomic<size_t> waiting{0};
-    Account* nextInTurn = nullptr;
+    std::list<Account*> turn{this};
 };
 
 // One thing that users share: connections, bytes or workers.
@@ -90,17 +90,12 @@ private:
 
 enum class Bytes { REQUEST, REPLY };
 
-// The accounts of a server's users, and what they share.
+// What the users of a server share.
 //
 // Thread safety: any thread may call anything.
 class Accounts {
 public:
     explicit Accounts(const AbilityServerOptions& options);
-
-    // The account of a user that is about to have one connection more. Throws std::bad_alloc.
-    Account& Open(uid_t uid);
-    // To be called when a connection has ended, or was not had after all; the account may be gone then.
-    void Leave(Account& account);
 
     // Counts the change of what a connection holds. False, with nothing counted, past a limit: `used` and `allowed` are
     // for the line.
@@ -112,9 +107,6 @@ public:
     // What a reply may grow to while it is made. Its length is not known before, so it is bounded by what is left: a
     // quarter of it, shared by the workers at work, lest one request asks for the same long text ten thousand times.
     size_t GetReplyBound() const noexcept;
-
-    // Adds what is held to the statistics.
-    void Describe(ServerStatistics& statistics);
 
     // Whether much memory was used since the last call. Many connections, each with a little, held much as well.
     bool TakeBurst() noexcept { return burst_.exchange(false, std::memory_order_relaxed); }
@@ -139,9 +131,6 @@ private:
     Stock bytes_;
     // Relaxed: it is looked at again and again.
     std::atomic<bool> burst_{false};
-
-    Mutex mutex_;
-    std::unordered_map<uid_t, std::unique_ptr<Account>> accounts_ GUARDED_BY(mutex_);
 };
 
 // Bytes that stand in a user's account until the charge goes.

@@ -100,7 +100,6 @@ public:
     PeerSocket TakeFd() noexcept { return std::move(fd_); }
 
     const Caller& GetCaller() const noexcept { return caller_; }
-    Account& GetAccount() const noexcept { return account_; }
     bool HasOutput() const noexcept { return output_ != nullptr; }
     // Whether nothing is in hand: no reply, no part of a request.
     bool IsAtStart() const noexcept { return !output_ && !input_ && ahead_.empty(); }

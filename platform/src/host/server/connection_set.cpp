@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/server/connection_set.h"
 
-#include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <new>
 #include <utility>
 
 #include "host/base/unix_socket.h"
@@ -35,27 +33,7 @@ uint32_t EventsFor(Connection::Next next)
 // So many idle connections are tried for one newcomer: each may turn out to be busy.
 constexpr int MAX_EVICTIONS = 8;
 
-uint64_t MakeToken(uint32_t generation, uint32_t index)
-{
-    return uint64_t{generation} << 32 | index;
-}
-
 }  // namespace
-
-ConnectionSet::ConnectionSet(ServiceContext& context)
-    : context_(context),
-      maxBlocks_((context.options.maxConnections + BLOCK_SIZE - 1) / BLOCK_SIZE),
-      blocks_(new std::atomic<Slot*>[maxBlocks_]())
-{
-    free_.reserve(context.options.maxConnections);
-}
-
-ConnectionSet::~ConnectionSet()
-{
-    for (size_t block = 0; block < maxBlocks_; ++block) {
-        delete[] blocks_[block].load(std::memory_order_relaxed);
-    }
-}
 
 bool ConnectionSet::Open()
 {
@@ -72,141 +50,116 @@ void ConnectionSet::Admit(PeerSocket fd)
         return;
     }
     const Caller caller{peer.pid, peer.uid, peer.gid};
-    uint32_t index = 0;
-    Account* account = Enter(caller, index);
-    if (account == nullptr) {
+    Slot* slot = Enter(caller);
+    if (slot == nullptr) {
         return;
     }
-    Slot& slot = (*this)[index];
-    const int number = fd.Get();
-    slot.connection.reset(new (std::nothrow) Connection(context_, std::move(fd), caller, *account, slot.deadline));
-    if (!slot.connection) {
-        PLATFORM_ERROR("service %d: no memory for a connection of uid %u", context_.id, caller.uid);
-        Leave(index);
-        return;
-    }
-    slot.armedEvents = INPUT_EVENTS;
-    slot.pace.quickVisits = 0;
-    slot.pace.lastVisit.store(CoarseMilliseconds(), std::memory_order_relaxed);
-    epoll_event event = {};
-    event.events = INPUT_EVENTS;
-    event.data.u64 = MakeToken(slot.GetGeneration(), index);
-    slot.Open();
-    if (::epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, number, &event) != 0 && slot.AcquireIdle()) {
+    slot->connection.emplace(context_, std::move(fd), caller, *slot->account, slot->deadline);
+    slot->pace.quickVisits = 0;
+    slot->pace.lastVisit.store(CoarseMilliseconds(), std::memory_order_relaxed);
+    slot->Own();
+    if (!ArmFor(*slot, INPUT_EVENTS, EPOLL_CTL_ADD)) {
         PLATFORM_ERROR("service %d: a connection cannot be watched: %s", context_.id, ErrorText(errno).c_str());
-        Close(index);
+        Close(*slot);
+        return;
     }
+    LetGo(*slot);
 }
 
-bool ConnectionSet::Arm(uint32_t index, Connection::Next next)
+bool ConnectionSet::Arm(Slot& slot, Connection::Next next)
 {
-    return ArmFor(index, EventsFor(next));
+    const uint32_t events = EventsFor(next);
+    return (events == slot.armedEvents && events == INPUT_EVENTS) || ArmFor(slot, events);
 }
 
-bool ConnectionSet::ArmForStay(uint32_t index)
+bool ConnectionSet::ArmForStay(Slot& slot)
 {
-    return ArmFor(index, STAY_EVENTS);
+    return slot.armedEvents == STAY_EVENTS || ArmFor(slot, STAY_EVENTS);
 }
 
-bool ConnectionSet::ArmFor(uint32_t index, uint32_t events)
+bool ConnectionSet::ArmFor(Slot& slot, uint32_t events, int operation)
 {
-    Slot& slot = (*this)[index];
-    const bool isLasting = events == INPUT_EVENTS || events == STAY_EVENTS;
-    if (events == slot.armedEvents && isLasting) {
-        return true;
-    }
     slot.armedEvents = events;
     epoll_event event = {};
     event.events = events;
-    event.data.u64 = MakeToken(slot.GetGeneration(), index);
-    return ::epoll_ctl(epoll_.Get(), EPOLL_CTL_MOD, slot.connection->GetFd(), &event) == 0;
+    event.data.ptr = &slot;
+    return ::epoll_ctl(epoll_.Get(), operation, slot.connection->GetFd(), &event) == 0;
 }
 
-void ConnectionSet::Close(uint32_t index)
+void ConnectionSet::Close(Slot& slot)
 {
-    Slot& slot = (*this)[index];
     const PeerSocket fd = slot.connection->TakeFd();
     context_.accounts.NoteEnd();
     slot.connection.reset();
-    slot.Free();
-    Leave(index);
+    {
+        const MutexLock lock(mutex_);
+        slot.Free();
+        slot.nextFree = std::exchange(free_, &slot);
+        Account& account = *std::exchange(slot.account, nullptr);
+        context_.accounts.connections.Give(account.connections, 1);
+        EraseIfGone(account);
+    }
     // Last, so that a peer that sees the end and comes back at once finds the place free. A child that the service has
     // forked may hold a copy of the descriptor; the peer should see the end all the same.
     ::shutdown(fd.Get(), SHUT_RDWR);
 }
 
-void ConnectionSet::LetGo(uint32_t index)
+void ConnectionSet::LetGo(Slot& slot)
 {
-    do {
-        Arm(index, Connection::Next::TURN);
-    } while (!(*this)[index].Release());
+    while (!slot.Release()) {
+        if (!Arm(slot, Connection::Next::TURN)) {
+            Close(slot);
+            return;
+        }
+    }
 }
 
-Account* ConnectionSet::Enter(const Caller& caller, uint32_t& index)
+void ConnectionSet::EraseIfGone(const Account& account)
+{
+    if (account.connections.load() == 0) {
+        accounts_.erase(account.uid);
+    }
+}
+
+// A place, already counted. Null, after a line, when the user may have none.
+Slot* ConnectionSet::Enter(const Caller& caller)
 {
     for (int evictions = 0;; ++evictions) {
-        uint32_t victim = 0;
-        size_t held = 0;
-        size_t allowed = 0;
-        auto answer = Stock::Answer::TAKEN;
+        Slot* victim = nullptr;
         {
             const MutexLock lock(mutex_);
-            Account& account = context_.accounts.Open(caller.uid);
+            if (free_ == nullptr) {
+                free_ = &places_.emplace_back();
+            }
+            Account& account = accounts_.try_emplace(caller.uid, caller.uid).first->second;
             Stock& stock = context_.accounts.connections;
-            answer = stock.Take(account, account.connections, 1, allowed);
+            size_t allowed = 0;
+            const Stock::Answer answer = stock.Take(account, account.connections, 1, allowed);
             if (answer == Stock::Answer::TAKEN) {
-                return TakePlace(account, index);
+                free_->account = &account;
+                return std::exchange(free_, free_->nextFree);
             }
             const bool ofUser = answer == Stock::Answer::BEYOND_SHARE;
-            held = ofUser ? account.connections.load() : stock.CountHeld();
-            if (evictions == MAX_EVICTIONS || !FindLongestIdle(ofUser ? &account : nullptr, victim)) {
-                context_.Refuse(account, ofUser ? Limit::CONNECTIONS_PER_USER : Limit::CONNECTIONS, caller, held,
+            victim = evictions < MAX_EVICTIONS ? FindLongestIdle(ofUser ? &account : nullptr) : nullptr;
+            if (victim == nullptr) {
+                context_.Refuse(account, ofUser ? Limit::CONNECTIONS_PER_USER : Limit::CONNECTIONS, caller,
+                                ofUser ? account.connections.load() : stock.CountHeld(),
                                 ofUser ? allowed : context_.options.maxConnections);
-                context_.accounts.Leave(account);
+                EraseIfGone(account);
                 return nullptr;
             }
         }
-        Evict(victim);
+        Evict(*victim);
     }
-}
-
-// For a connection that is counted; throws when there is no memory, and then it is not.
-Account* ConnectionSet::TakePlace(Account& account, uint32_t& index)
-{
-    try {
-        if (free_.empty()) {
-            if (used_ % BLOCK_SIZE == 0) {
-                blocks_[used_ / BLOCK_SIZE].store(new Slot[BLOCK_SIZE], std::memory_order_release);
-            }
-            free_.push_back(used_++);
-        }
-    } catch (const std::bad_alloc&) {
-        context_.accounts.connections.Give(account.connections, 1);
-        context_.accounts.Leave(account);
-        throw;
-    }
-    index = free_.back();
-    free_.pop_back();
-    (*this)[index].account = &account;
-    return &account;
-}
-
-void ConnectionSet::Leave(uint32_t index)
-{
-    const MutexLock lock(mutex_);
-    Account& account = *std::exchange((*this)[index].account, nullptr);
-    free_.push_back(index);
-    context_.accounts.connections.Give(account.connections, 1);
-    context_.accounts.Leave(account);
 }
 
 // Of that user, or, for null, of the user with the most connections that has an idle one.
-bool ConnectionSet::FindLongestIdle(const Account* user, uint32_t& index)
+Slot* ConnectionSet::FindLongestIdle(const Account* user)
 {
+    Slot* found = nullptr;
     size_t most = 0;
     int64_t longest = 0;
-    for (uint32_t candidate = 0; candidate < used_; ++candidate) {
-        Slot& slot = (*this)[candidate];
+    for (Slot& slot : places_) {
         // A connection with a deadline has something in hand.
         if (slot.account == nullptr || (user != nullptr && slot.account != user) || !slot.IsIdle() ||
             slot.deadline.load() != 0) {
@@ -217,38 +170,50 @@ bool ConnectionSet::FindLongestIdle(const Account* user, uint32_t& index)
         if (count > most || (count == most && visit < longest)) {
             most = count;
             longest = visit;
-            index = candidate;
+            found = &slot;
         }
     }
-    return most != 0;
+    return found;
 }
 
-// False when it was not idle after all. What has come in meanwhile is answered by a worker, which then sees the end.
-bool ConnectionSet::Evict(uint32_t index)
+// Unless it is not idle after all. What has come in meanwhile is answered by a worker, which then sees the end.
+void ConnectionSet::Evict(Slot& slot)
 {
-    Slot& slot = (*this)[index];
     if (!slot.AcquireIdle()) {
-        return false;
+        return;
     }
     const int fd = slot.connection->GetFd();
     const bool isIdle = slot.deadline.load() == 0 && slot.connection->IsAtStart() && CountUnread(fd) == 0;
     if (isIdle) {
         ::shutdown(fd, SHUT_RD);
     }
-    if (!isIdle || CountUnread(fd) != 0) {
-        // Not the longest idle one any more.
-        slot.pace.lastVisit.store(CoarseMilliseconds(), std::memory_order_relaxed);
-        LetGo(index);
-        return false;
+    if (isIdle && CountUnread(fd) == 0) {
+        Close(slot);
+        return;
     }
-    Close(index);
-    return true;
+    // Not the longest idle one any more.
+    slot.pace.lastVisit.store(CoarseMilliseconds(), std::memory_order_relaxed);
+    LetGo(slot);
 }
 
-uint32_t ConnectionSet::CountUsed()
+void ConnectionSet::Describe(ServerStatistics& statistics)
 {
     const MutexLock lock(mutex_);
-    return used_;
+    for (const auto& [uid, account] : accounts_) {
+        UserStatistics user{uid,
+                            account.connections.load(),
+                            account.requestBytes.load(),
+                            account.replyBytes.load(),
+                            account.workers.load(),
+                            account.waiting.load(),
+                            account.refused.load(std::memory_order_relaxed)};
+        statistics.connections += user.connections;
+        statistics.requestBytes += user.requestBytes;
+        statistics.replyBytes += user.replyBytes;
+        statistics.workersAtWork += user.workersAtWork;
+        statistics.waiting += user.waiting;
+        statistics.users.push_back(user);
+    }
 }
 
 }  // namespace VARN::Host

@@ -22,8 +22,6 @@ namespace VARN::Host {
 
 namespace {
 
-constexpr uint64_t STOP_TOKEN = UINT64_MAX;
-
 // A worker that has had nothing to do for this long gives memory back, and ends if it is a spare one.
 constexpr int IDLE_MILLISECONDS = 1000;
 
@@ -37,13 +35,19 @@ int GetPatience(const WorkerBuffers& buffers)
     return buffers.hasFreedMuch ? IDLE_MILLISECONDS : -1;
 }
 
+bool HasHungUp(const Connection& connection)
+{
+    pollfd entry = {connection.GetFd(), 0, 0};
+    return ::poll(&entry, 1, 0) == 1 && (entry.revents & POLLHUP) != 0;
+}
+
 }  // namespace
 
 AbilityServer::Engine::Engine(const AbilityServer& server, const AbilityServerOptions& options)
     : server_(server),
       context_(server.id_, server.stub_, options),
       connections_(context_),
-      turns_(context_.accounts, connections_),
+      turns_(context_.accounts),
       watcher_(context_, connections_),
       workers_(options.workers, options.maxSpareWorkers, context_.refusals, [this] { RunThread(&Engine::Work); })
 {
@@ -66,9 +70,8 @@ std::string AbilityServer::Engine::Start()
         return problem;
     }
     stopEvent_ = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    epoll_event stop = {};
+    epoll_event stop = {};  // unlike the others' it names no place
     stop.events = EPOLLIN;
-    stop.data.u64 = STOP_TOKEN;
     if (!stopEvent_ || !watcher_.Open() || !connections_.Open() ||
         ::epoll_ctl(connections_.GetEpoll(), EPOLL_CTL_ADD, stopEvent_.Get(), &stop) != 0) {
         return "the descriptors of the server cannot be made: " + ErrorText(errno);
@@ -104,17 +107,12 @@ void AbilityServer::Engine::Stop()
     if (watcherThread_.joinable()) {
         watcherThread_.join();
     }
-    // What has not begun is not executed; what waits for its turn still has an owner, the queue.
-    for (uint32_t index = 0; turns_.TakeAny(index);) {
-        while (!connections_[index].Release()) {
-        }
-    }
+    // What has not begun is not executed. No thread is left that could own a connection.
     DrainOutput();
     listener_.Close();
-    const uint32_t used = connections_.CountUsed();
-    for (uint32_t index = 0; index < used; ++index) {
-        if (connections_[index].AcquireIdle()) {
-            connections_.Close(index);
+    for (Slot& slot : connections_.GetPlaces()) {
+        if (slot.connection) {
+            connections_.Close(slot);
         }
     }
 }
@@ -144,7 +142,7 @@ void AbilityServer::Engine::Work()
             const int patience = looksAgain ? IDLE_MILLISECONDS : GetPatience(buffers);
             count = ::epoll_wait(connections_.GetEpoll(), &event, 1, patience);
             error = errno;
-            return count == 0 ? turns_.HasWaiting() : count == 1 && event.data.u64 != STOP_TOKEN;
+            return count == 0 ? turns_.HasWaiting() : count == 1 && event.data.ptr != nullptr;
         });
         if (count == 0) {
             ServeWaiting(buffers);
@@ -157,8 +155,8 @@ void AbilityServer::Engine::Work()
                 break;
             }
         }
-        if (count > 0 && event.data.u64 != STOP_TOKEN) {
-            HandleEvent(event.data.u64, event.events, buffers);
+        if (count > 0 && event.data.ptr != nullptr) {
+            HandleEvent(*static_cast<Slot*>(event.data.ptr), event.events, buffers);
         } else if (count < 0 && error != EINTR) {
             PLATFORM_ERROR("service %d: a worker ends: epoll_wait: %s", context_.id, ErrorText(error).c_str());
             break;
@@ -167,43 +165,43 @@ void AbilityServer::Engine::Work()
     watcher_.Remove(buffers.running);
 }
 
-void AbilityServer::Engine::HandleEvent(uint64_t token, uint32_t events, WorkerBuffers& buffers)
+void AbilityServer::Engine::HandleEvent(Slot& slot, uint32_t events, WorkerBuffers& buffers)
 {
-    auto index = static_cast<uint32_t>(token);
-    const auto generation = static_cast<uint32_t>(token >> 32);
-    const bool hangUp = (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
-    if (!connections_[index].Acquire(generation, hangUp)) {
+    if (!slot.Acquire((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0)) {
         // It may wait for its turn: then no thread would read the reply.
-        if ((events & EPOLLHUP) != 0 && turns_.HasWaiting() && turns_.Remove(index, generation)) {
-            EndConnection(index);
+        if ((events & EPOLLHUP) == 0 || !turns_.HasWaiting() || !turns_.Remove(slot)) {
+            return;
         }
-        return;
+        if (HasHungUp(*slot.connection)) {
+            EndConnection(slot);
+            return;
+        }
     }
-    Serve(index, buffers, false);
+    Serve(slot, buffers, false);
     ServeWaiting(buffers);
 }
 
 void AbilityServer::Engine::ServeWaiting(WorkerBuffers& buffers)
 {
-    uint32_t index = 0;
-    while (turns_.HasWaiting() && !stopping_.load(std::memory_order_relaxed) && turns_.TakeNext(index)) {
-        Slot& slot = connections_[index];
-        pollfd entry = {slot.connection->GetFd(), 0, 0};
-        if (::poll(&entry, 1, 0) == 1 && (entry.revents & POLLHUP) != 0) {
-            // It hung up while the worker that got the event was busy putting it into the queue.
-            turns_.End(slot.connection->GetAccount());
-            EndConnection(index);
-            continue;
+    while (turns_.HasWaiting() && !stopping_.load(std::memory_order_relaxed)) {
+        Slot* slot = turns_.TakeNext();
+        if (slot == nullptr) {
+            return;
         }
-        Serve(index, buffers, true);
+        if (HasHungUp(*slot->connection)) {
+            // While the worker that got the event was busy putting it into the queue.
+            turns_.End(*slot->account);
+            EndConnection(*slot);
+        } else {
+            Serve(*slot, buffers, true);
+        }
     }
 }
 
 // Serves a connection that the calling worker owns until there is nothing left to do without waiting, or until it has
 // to wait for its turn: then it is the queue's, and nothing of it is touched any more. `hasBegun`: its turn has come.
-void AbilityServer::Engine::Serve(uint32_t index, WorkerBuffers& buffers, bool hasBegun)
+void AbilityServer::Engine::Serve(Slot& slot, WorkerBuffers& buffers, bool hasBegun)
 {
-    Slot& slot = connections_[index];
     do {
         auto next = Connection::Next::CLOSE;
         int64_t begin = 0;
@@ -211,7 +209,7 @@ void AbilityServer::Engine::Serve(uint32_t index, WorkerBuffers& buffers, bool h
         {
             WorkerPool::Stay stay(workers_, slot.pace);
             do {
-                if (!hasBegun && !turns_.Begin(index)) {
+                if (!hasBegun && !turns_.Begin(slot)) {
                     return;
                 }
                 hasBegun = false;
@@ -221,26 +219,26 @@ void AbilityServer::Engine::Serve(uint32_t index, WorkerBuffers& buffers, bool h
                 mayStay = (next == Connection::Next::INPUT || next == Connection::Next::TURN) &&
                           slot.deadline.load() == 0 && !turns_.HasWaiting();
             } while (
-                stay.GoesOn(begin, mayStay) && connections_.ArmForStay(index) &&
+                stay.GoesOn(begin, mayStay) && connections_.ArmForStay(slot) &&
                 (next == Connection::Next::TURN || stay.AwaitInput(slot.connection->GetFd(), GetPatience(buffers))));
         }
         watcher_.WatchFor(slot.deadline.load());
-        if (next == Connection::Next::CLOSE || !connections_.Arm(index, next)) {
-            EndConnection(index);
+        if (next == Connection::Next::CLOSE || !connections_.Arm(slot, next)) {
+            EndConnection(slot);
             return;
         }
     } while (!slot.Release());
 }
 
-void AbilityServer::Engine::EndConnection(uint32_t index)
+void AbilityServer::Engine::EndConnection(Slot& slot)
 {
-    connections_.Close(index);
+    connections_.Close(slot);
     watcher_.ConnectionEnded();
 }
 
 Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buffers, int64_t now)
 {
-    Account& account = slot.connection->GetAccount();
+    Account& account = *slot.account;
     // Once the server ends nothing begins; what a peer has still to read is sent at the end.
     if (stopping_.load(std::memory_order_relaxed)) {
         turns_.End(account);
@@ -274,16 +272,10 @@ void AbilityServer::Engine::DrainOutput()
     std::vector<pollfd> waiting;
     do {
         waiting.clear();
-        const uint32_t used = connections_.CountUsed();
-        for (uint32_t index = 0; index < used; ++index) {
-            Slot& slot = connections_[index];
-            if (!slot.AcquireIdle()) {
-                continue;
-            }
-            if (slot.connection->Flush(buffers) == Connection::Next::OUTPUT) {
+        for (Slot& slot : connections_.GetPlaces()) {
+            if (slot.connection && slot.connection->Flush(buffers) == Connection::Next::OUTPUT) {
                 waiting.push_back({slot.connection->GetFd(), POLLOUT, 0});
             }
-            slot.Release();
         }
     } while (!waiting.empty() && ::poll(waiting.data(), waiting.size(), end.LeftMilliseconds()) != 0 && !end.IsOver());
 }
@@ -291,7 +283,7 @@ void AbilityServer::Engine::DrainOutput()
 ServerStatistics AbilityServer::Engine::Statistics()
 {
     ServerStatistics statistics;
-    context_.accounts.Describe(statistics);
+    connections_.Describe(statistics);
     statistics.workers = workers_.Count();
     statistics.workersStuck = watcher_.CountStuck();
     statistics.refused = context_.refusals.CountRefused();

@@ -39,11 +39,11 @@ private:
     void Work();
     void Watch() { watcher_.Run(listener_.Get()); }
 
-    void HandleEvent(uint64_t token, uint32_t events, WorkerBuffers& buffers);
+    void HandleEvent(Slot& slot, uint32_t events, WorkerBuffers& buffers);
     void ServeWaiting(WorkerBuffers& buffers);
-    void Serve(uint32_t index, WorkerBuffers& buffers, bool hasBegun);
+    void Serve(Slot& slot, WorkerBuffers& buffers, bool hasBegun);
     Connection::Next ServeOnce(Slot& slot, WorkerBuffers& buffers, int64_t now);
-    void EndConnection(uint32_t index);
+    void EndConnection(Slot& slot);
     void DrainOutput();
 
     const AbilityServer& server_;

@@ -3,11 +3,11 @@
 
 #include <atomic>
 #include <cstddef>
-#include <cstdint>
+#include <list>
 
 #include "host/base/thread_safety.h"
 #include "host/server/accounts.h"
-#include "host/server/connection_set.h"
+#include "host/server/slot.h"
 
 namespace VARN::Host {
 
@@ -26,39 +26,30 @@ namespace VARN::Host {
 // Thread safety: any thread may call anything.
 class Turns {
 public:
-    // Both outlive this.
-    Turns(Accounts& accounts, ConnectionSet& connections) : accounts_(accounts), connections_(connections) {}
+    // `accounts` outlives this.
+    explicit Turns(Accounts& accounts) : accounts_(accounts) {}
 
     // Before a connection is served, by its owner. False: the queue owns it now, so the caller must not touch it any
     // more, but has to call `TakeNext`.
-    bool Begin(uint32_t index);
+    bool Begin(Slot& slot);
     // When it has been served.
     void End(Account& account) noexcept { accounts_.workers.Give(account.workers, 1); }
 
     bool HasWaiting() const noexcept { return waiting_.load() != 0; }
-    // The next connection whose user is within its share, begun, and owned by the caller. False when there is none.
-    bool TakeNext(uint32_t& index);
+    // The next connection whose user is within its share, begun, and owned by the caller. Null when there is none.
+    Slot* TakeNext();
 
-    // Takes a connection out, whose peer has hung up: the caller owns it then. False when it does not wait, or is
-    // another one in the same place by now.
-    bool Remove(uint32_t index, uint32_t generation);
-
-    // Whatever waits, also beyond a share, owned by the caller and not begun. False when nothing waits.
-    bool TakeAny(uint32_t& index);
+    // Takes a connection out: the caller owns it then, and it has not begun. False when it does not wait.
+    bool Remove(Slot& slot);
 
 private:
-    uint32_t PopFirst() REQUIRES(mutex_);
-    void Rotate() REQUIRES(mutex_);
+    Slot* Pop(std::list<Account*>::iterator user, std::list<Slot*>::iterator place) REQUIRES(mutex_);
 
     Accounts& accounts_;
-    ConnectionSet& connections_;
     std::atomic<size_t> waiting_{0};
 
     Mutex mutex_;
-    // The users with waiting connections, in a row: the first is next.
-    Account* first_ GUARDED_BY(mutex_) = nullptr;
-    Account* last_ GUARDED_BY(mutex_) = nullptr;
-    size_t users_ GUARDED_BY(mutex_) = 0;
+    std::list<Account*> users_ GUARDED_BY(mutex_);  // those with waiting connections: the first is next
 };
 
 }  // namespace VARN::Host

@@ -150,11 +150,9 @@ void Watcher::AcceptSome(int listener)
 int64_t Watcher::EndOverdue()
 {
     nextLook_.store(NEVER);
-    const uint32_t used = connections_.CountUsed();
     const int64_t now = SteadyNanoseconds();
     int64_t next = NEVER;
-    for (uint32_t index = 0; index < used; ++index) {
-        Slot& slot = connections_[index];
+    for (Slot& slot : connections_.GetPlaces()) {
         const int64_t deadline = slot.deadline.load();
         if (deadline == 0) {
             continue;
@@ -164,10 +162,10 @@ int64_t Watcher::EndOverdue()
         } else if (!slot.AcquireIdle()) {
             next = std::min(next, now + RECHECK_NANOSECONDS);
         } else if (slot.deadline.load() == deadline) {
-            EndForTime(index, now - deadline);
+            EndForTime(slot, now - deadline);
         } else {
             // It has moved on in the meantime.
-            connections_.LetGo(index);
+            connections_.LetGo(slot);
             next = now;
         }
     }
@@ -234,15 +232,15 @@ int64_t Watcher::GiveMemoryBack(int64_t now)
     return trimIsDue_ ? now + LOOK_NANOSECONDS : NEVER;
 }
 
-void Watcher::EndForTime(uint32_t index, int64_t lateNanoseconds)
+void Watcher::EndForTime(Slot& slot, int64_t lateNanoseconds)
 {
-    const Connection& connection = *connections_[index].connection;
+    const Connection& connection = *slot.connection;
     const bool reply = connection.HasOutput();
     const int64_t allowed = (reply ? context_.options.replyTimeout : context_.options.stallTimeout).count();
     const int64_t taken = allowed + lateNanoseconds / NANOSECONDS_PER_MILLISECOND;
-    context_.Refuse(connection.GetAccount(), reply ? Limit::REPLY_TIME : Limit::REQUEST_TIME, connection.GetCaller(),
+    context_.Refuse(*slot.account, reply ? Limit::REPLY_TIME : Limit::REQUEST_TIME, connection.GetCaller(),
                     static_cast<uint64_t>(taken), static_cast<uint64_t>(allowed));
-    connections_.Close(index);
+    connections_.Close(slot);
 }
 
 }  // namespace VARN::Host

@@ -48,7 +48,7 @@ private:
     int64_t EndOverdue();
     int64_t LookForStuck(int64_t now);
     int64_t GiveMemoryBack(int64_t now);
-    void EndForTime(uint32_t index, int64_t lateNanoseconds);
+    void EndForTime(Slot& slot, int64_t lateNanoseconds);
 
     ServiceContext& context_;
     ConnectionSet& connections_;
