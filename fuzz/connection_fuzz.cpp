@@ -62,7 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
     // Bites on the longest replies when they are not read.
     options.maxWaitingReplyBytesPerUser = size_t{doesRead ? 2U : 1U} << 20;
     ServiceContext context(1, echo, options);
-    WorkerBuffers buffers;
+    Running running;
+    WorkerBuffers buffers(running);
     Account account(1);
     std::atomic<int64_t> deadline{0};
     std::vector<uint8_t> sent;

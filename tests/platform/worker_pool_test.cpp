@@ -23,6 +23,13 @@ constexpr int64_t NOW = 5000;
 class WorkerPoolTest : public ::testing::Test {
 protected:
     void SetUp() override { pool_.Start(); }
+    static AbilityServerOptions MakeOptions()
+    {
+        AbilityServerOptions options;
+        options.workers = 6;
+        options.maxSpareWorkers = 0;
+        return options;
+    }
     // A worker stays with a silent client, until it is woken.
     std::future<void> StartStaying()
     {
@@ -51,8 +58,8 @@ protected:
     static bool HasEnded(const std::future<void>& end) { return end.wait_for(PATIENCE) == std::future_status::ready; }
 
     std::atomic<int> started_{0};
-    RefusalLog refusals_{1};
-    WorkerPool pool_{6, 0, refusals_, [this] { ++started_; }};
+    ServiceContext context_{1, nullptr, MakeOptions()};
+    WorkerPool pool_{context_, [this](Running&) { ++started_; }};
 };
 
 TEST_F(WorkerPoolTest, AtTheLimitOneThatStaysIsWokenAndWakesTheNextUntilOneIsIdle)

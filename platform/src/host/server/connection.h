@@ -37,6 +37,9 @@ struct ServiceContext {
     const AbilityServerOptions options;
     RefusalLog refusals;
     Accounts accounts;
+    // The server ends: nothing begins any more. Relaxed: a thread that misses it finds out under a lock, or by the
+    // event that is written next.
+    std::atomic<bool> stopping{false};
 };
 
 // What a worker is doing, for the watcher, which tells of workers that are stuck.
@@ -51,6 +54,8 @@ struct Running {
 
 // What a worker brings along from one request to the next, so that an idle connection needs no buffer.
 struct WorkerBuffers {
+    explicit WorkerBuffers(Running& whose) noexcept : running(whose) {}
+
     static constexpr size_t PIECE_SIZE = 16384;
 
     // What is kept of a reply's buffer for the next one. A longer one is for whichever worker needs one next: kept
@@ -64,8 +69,7 @@ struct WorkerBuffers {
     alignas(FrameHeader) std::array<uint8_t, PIECE_SIZE> piece;
     std::unique_ptr<MessageParcel> reply = std::make_unique<MessageParcel>();
     bool hasFreedMuch = false;  // since it was last idle for a while, see GiveArenaBack
-
-    Running running;
+    Running& running;
 };
 
 // One accepted connection: reads requests, has them handled, writes replies, and never waits. It reads nothing while a

@@ -48,8 +48,8 @@ AbilityServer::Engine::Engine(const AbilityServer& server, const AbilityServerOp
       context_(server.id_, server.stub_, options),
       connections_(context_),
       turns_(context_.accounts),
-      watcher_(context_, connections_),
-      workers_(options.workers, options.maxSpareWorkers, context_.refusals, [this] { RunThread(&Engine::Work); })
+      workers_(context_, [this](Running& running) { RunThread([&] { Work(running); }); }),
+      watcher_(context_, connections_, workers_)
 {
 }
 
@@ -83,7 +83,7 @@ std::string AbilityServer::Engine::Start()
     ::pthread_sigmask(SIG_SETMASK, &all, &before);
     bool isRunning = false;
     try {
-        watcherThread_ = std::thread(&Engine::RunThread, this, &Engine::Watch);
+        watcherThread_ = std::thread([this] { RunThread([this] { watcher_.Run(listener_.Get()); }); });
         workers_.Start();
         isRunning = true;
     } catch (const std::exception& exception) {
@@ -97,12 +97,10 @@ void AbilityServer::Engine::Stop()
 {
     // Nothing begins any more. The files go next, so that no client finds a server that is about to go; the socket when
     // no thread polls it.
-    stopping_.store(true, std::memory_order_relaxed);
+    context_.stopping.store(true, std::memory_order_relaxed);
     listener_.Withdraw();
-    if (stopEvent_) {
-        ::eventfd_write(stopEvent_.Get(), 1);
-        watcher_.Stop();
-    }
+    ::eventfd_write(stopEvent_.Get(), 1);
+    watcher_.Wake();
     workers_.Stop();
     if (watcherThread_.joinable()) {
         watcherThread_.join();
@@ -117,21 +115,20 @@ void AbilityServer::Engine::Stop()
     }
 }
 
-void AbilityServer::Engine::RunThread(void (Engine::*loop)())
+void AbilityServer::Engine::RunThread(const std::function<void()>& loop)
 {
     currentServer = &server_;
     try {
-        (this->*loop)();
+        loop();
     } catch (const std::exception& exception) {
         PLATFORM_ERROR("service %d: a thread of the server ends: %s", context_.id, exception.what());
     }
 }
 
-void AbilityServer::Engine::Work()
+void AbilityServer::Engine::Work(Running& running)
 {
-    WorkerBuffers buffers;
-    watcher_.Add(buffers.running);
-    while (!stopping_.load(std::memory_order_relaxed)) {
+    WorkerBuffers buffers(running);
+    while (!context_.stopping.load(std::memory_order_relaxed)) {
         // One event at a time: what waits behind a slow operation is there for the other workers to take.
         epoll_event event = {};
         int count = 0;
@@ -151,7 +148,7 @@ void AbilityServer::Engine::Work()
                 // What is held may be freed by any thread, into the arena that it came from.
                 buffers.hasFreedMuch = context_.accounts.HoldsBytes();
             }
-            if (workers_.Retire()) {
+            if (workers_.Retire(running)) {
                 break;
             }
         }
@@ -162,7 +159,6 @@ void AbilityServer::Engine::Work()
             break;
         }
     }
-    watcher_.Remove(buffers.running);
 }
 
 void AbilityServer::Engine::HandleEvent(Slot& slot, uint32_t events, WorkerBuffers& buffers)
@@ -183,7 +179,7 @@ void AbilityServer::Engine::HandleEvent(Slot& slot, uint32_t events, WorkerBuffe
 
 void AbilityServer::Engine::ServeWaiting(WorkerBuffers& buffers)
 {
-    while (turns_.HasWaiting() && !stopping_.load(std::memory_order_relaxed)) {
+    while (turns_.HasWaiting() && !context_.stopping.load(std::memory_order_relaxed)) {
         Slot* slot = turns_.TakeNext();
         if (slot == nullptr) {
             return;
@@ -240,7 +236,7 @@ Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buf
 {
     Account& account = *slot.account;
     // Once the server ends nothing begins; what a peer has still to read is sent at the end.
-    if (stopping_.load(std::memory_order_relaxed)) {
+    if (context_.stopping.load(std::memory_order_relaxed)) {
         turns_.End(account);
         return Connection::Next::INPUT;
     }
@@ -268,7 +264,8 @@ Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buf
 void AbilityServer::Engine::DrainOutput()
 {
     const Deadline end(DRAIN_TIME);
-    WorkerBuffers buffers;
+    Running nothing;
+    WorkerBuffers buffers(nothing);
     std::vector<pollfd> waiting;
     do {
         waiting.clear();
@@ -285,7 +282,7 @@ ServerStatistics AbilityServer::Engine::Statistics()
     ServerStatistics statistics;
     connections_.Describe(statistics);
     statistics.workers = workers_.Count();
-    statistics.workersStuck = watcher_.CountStuck();
+    statistics.workersStuck = workers_.CountStuck();
     statistics.refused = context_.refusals.CountRefused();
     return statistics;
 }

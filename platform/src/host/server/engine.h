@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -35,9 +35,8 @@ public:
     static bool IsThreadOf(const AbilityServer& server) noexcept;
 
 private:
-    void RunThread(void (Engine::*loop)());
-    void Work();
-    void Watch() { watcher_.Run(listener_.Get()); }
+    void RunThread(const std::function<void()>& loop);
+    void Work(Running& running);
 
     void HandleEvent(Slot& slot, uint32_t events, WorkerBuffers& buffers);
     void ServeWaiting(WorkerBuffers& buffers);
@@ -50,13 +49,11 @@ private:
     ServiceContext context_;
     Listener listener_;
     UniqueFd stopEvent_;  // readable from the moment on when everything has to end
-    // Relaxed: the write to the event orders it.
-    std::atomic<bool> stopping_{false};
 
     ConnectionSet connections_;
     Turns turns_;
-    Watcher watcher_;
     WorkerPool workers_;
+    Watcher watcher_;
     std::thread watcherThread_;
 };
 

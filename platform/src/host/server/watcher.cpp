@@ -51,12 +51,6 @@ bool Watcher::Open()
     return static_cast<bool>(wakeEvent_);
 }
 
-void Watcher::Stop()
-{
-    stopping_.store(true, std::memory_order_relaxed);
-    Wake();
-}
-
 void Watcher::Wake() const
 {
     ::eventfd_write(wakeEvent_.Get(), 1);
@@ -89,7 +83,7 @@ void Watcher::ConnectionEnded()
 
 void Watcher::Run(int listener)
 {
-    while (!stopping_.load(std::memory_order_relaxed)) {
+    while (!context_.stopping.load(std::memory_order_relaxed)) {
         const int64_t next = EndOverdue();
         int timeout = -1;
         if (next != NEVER) {
@@ -117,7 +111,7 @@ void Watcher::Run(int listener)
 
 void Watcher::AcceptSome(int listener)
 {
-    for (int round = 0; round < MAX_ACCEPTS_AT_ONCE && !stopping_.load(std::memory_order_relaxed); ++round) {
+    for (int round = 0; round < MAX_ACCEPTS_AT_ONCE && !context_.stopping.load(std::memory_order_relaxed); ++round) {
         UniqueFd fd(::accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         const int error = errno;
         if (fd) {
@@ -169,53 +163,9 @@ int64_t Watcher::EndOverdue()
             next = now;
         }
     }
-    next = std::min({next, LookForStuck(now), GiveMemoryBack(now), now < lookUntil_ ? lookUntil_ : NEVER});
+    next = std::min({next, workers_.LookForStuck(now, now + LOOK_NANOSECONDS), GiveMemoryBack(now),
+                     now < lookUntil_ ? lookUntil_ : NEVER});
     nextLook_.store(next);
-    return next;
-}
-
-void Watcher::Add(const Running& running)
-{
-    const MutexLock lock(mutex_);
-    workers_.push_back({&running, ++lastNumber_, 0});
-}
-
-void Watcher::Remove(const Running& running)
-{
-    const MutexLock lock(mutex_);
-    workers_.erase(std::find_if(workers_.begin(), workers_.end(),
-                                [&running](const Worker& worker) { return worker.running == &running; }));
-}
-
-// Returns when to look again.
-int64_t Watcher::LookForStuck(int64_t now)
-{
-    const MutexLock lock(mutex_);
-    const int64_t limit = context_.options.stuckAfter.count();
-    int64_t next = NEVER;
-    size_t stuck = 0;
-    for (Worker& worker : workers_) {
-        const int64_t since = worker.running->since.load();
-        if (since == 0) {
-            continue;
-        }
-        const int64_t taken = now / NANOSECONDS_PER_MILLISECOND - since;
-        if (taken < limit) {
-            next = std::min(next, now + (limit - taken) * NANOSECONDS_PER_MILLISECOND);
-            continue;
-        }
-        ++stuck;
-        next = std::min(next, now + LOOK_NANOSECONDS);
-        if (worker.toldSince != since) {
-            worker.toldSince = since;
-            PLATFORM_WARN("service %d: worker %zu is stuck: request %u of uid %u runs for %lld ms", context_.id,
-                          worker.number, worker.running->code.load(std::memory_order_relaxed),
-                          worker.running->uid.load(std::memory_order_relaxed), static_cast<long long>(taken));
-        }
-    }
-    stuck_.store(stuck, std::memory_order_relaxed);
-    // The other spare ones are for users that have none at work.
-    context_.accounts.workers.SetExtra(std::min(stuck, context_.options.maxSpareWorkers / 4));
     return next;
 }
 

@@ -8,11 +8,11 @@
 #include <array>
 #include <cerrno>
 #include <exception>
-#include <iterator>
 #include <system_error>
 #include <utility>
 
-#include "varn/host/caller.h"
+#include "host/server/clock.h"
+#include "platform_log.h"
 
 namespace VARN::Host {
 
@@ -42,14 +42,9 @@ bool IsBusy(Pace& pace, int64_t now)
 
 }  // namespace
 
-WorkerPool::WorkerPool(size_t usual, size_t spare, RefusalLog& refusals, std::function<void()> work)
-    : usual_(usual), limit_(usual + spare), refusals_(refusals), work_(std::move(work))
+WorkerPool::WorkerPool(ServiceContext& context, std::function<void(Running&)> work)
+    : context_(context), work_(std::move(work))
 {
-}
-
-WorkerPool::~WorkerPool()
-{
-    Stop();
 }
 
 void WorkerPool::Start()
@@ -58,50 +53,39 @@ void WorkerPool::Start()
     if (!wakeEvent_) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
     }
-    {
-        const MutexLock lock(mutex_);
-        retired_.reserve(1);
-        threads_.emplace_back(work_);
-        workers_.store(1, std::memory_order_relaxed);
-    }
-    for (size_t workers = 1; workers < FIRST_WORKERS && AddWorker(); ++workers) {
+    AddThread();
+    while (Count() < FIRST_WORKERS && AddWorker()) {
     }
 }
 
 void WorkerPool::Stop()
 {
-    std::vector<std::thread> threads;
+    std::list<Worker> ending;
     {
         const MutexLock lock(mutex_);
-        stopping_.store(true, std::memory_order_relaxed);
-        threads.swap(threads_);
-        std::move(retired_.begin(), retired_.end(), std::back_inserter(threads));
-        retired_.clear();
+        ending.splice(ending.end(), threads_);
+        ending.splice(ending.end(), retired_);
     }
-    if (wakeEvent_) {
-        WakeStaying();
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
+    WakeStaying();
+    for (Worker& worker : ending) {
+        worker.thread.join();
     }
 }
 
 // The last idle one stays, to be there for whatever comes.
-bool WorkerPool::Retire() noexcept
+bool WorkerPool::Retire(const Running& self) noexcept
 {
     const MutexLock lock(mutex_);
-    const auto self = std::find_if(threads_.begin(), threads_.end(), [](const std::thread& thread) {
-        return thread.get_id() == std::this_thread::get_id();
-    });
-    if (threads_.size() <= usual_ || self == threads_.end() || idle_.load() == 0) {
+    const auto worker = std::find_if(threads_.begin(), threads_.end(),
+                                     [&self](const Worker& other) { return &other.running == &self; });
+    if (threads_.size() <= context_.options.workers || worker == threads_.end() || idle_.load() == 0) {
         return false;
     }
-    for (std::thread& before : retired_) {
-        before.join();
+    for (Worker& before : retired_) {
+        before.thread.join();
     }
     retired_.clear();
-    retired_.push_back(std::move(*self));
-    threads_.erase(self);
+    retired_.splice(retired_.end(), threads_, worker);
     workers_.store(threads_.size(), std::memory_order_relaxed);
     return true;
 }
@@ -120,7 +104,7 @@ bool WorkerPool::MayStay() const noexcept
 {
     const size_t idle = idle_.load();
     return idle != 0 && idle + BUSY_WORKERS_TO_STAY <= workers_.load(std::memory_order_relaxed) &&
-           !stopping_.load(std::memory_order_relaxed);
+           !context_.stopping.load(std::memory_order_relaxed);
 }
 
 bool WorkerPool::Stay::GoesOn(int64_t begin, bool isAllowed) noexcept
@@ -158,7 +142,7 @@ bool WorkerPool::Stay::AwaitInput(int fd, int milliseconds) const noexcept
         eventfd_t ignored = 0;
         ::eventfd_read(pool_.wakeEvent_.Get(), &ignored);
         // At the end all have to wake: each wakes the next.
-        if (pool_.stopping_.load(std::memory_order_relaxed)) {
+        if (pool_.context_.stopping.load(std::memory_order_relaxed)) {
             pool_.WakeStaying();
         }
     }
@@ -182,24 +166,64 @@ void WorkerPool::WakeStaying() const noexcept
     ::eventfd_write(wakeEvent_.Get(), 1);
 }
 
-// False when there are to be no more, or for now, after a line, cannot be.
-bool WorkerPool::AddWorker() noexcept
+// False when there are to be no more. Throws when there can be none for now.
+bool WorkerPool::AddThread()
 {
-    size_t workers = 0;
-    try {
-        const MutexLock lock(mutex_);
-        workers = threads_.size();
-        if (stopping_.load(std::memory_order_relaxed) || workers >= limit_) {
-            return false;
-        }
-        threads_.emplace_back(work_);
-        workers_.store(workers + 1, std::memory_order_relaxed);
-        return true;
-    } catch (const std::exception& exception) {
-        // The system refuses, or memory runs out: the workers that there are go on.
-        refusals_.Report(Limit::WORKERS, CurrentCaller(), workers, limit_, exception.what());
+    const MutexLock lock(mutex_);
+    const AbilityServerOptions& options = context_.options;
+    if (context_.stopping.load(std::memory_order_relaxed) ||
+        threads_.size() >= options.workers + options.maxSpareWorkers) {
         return false;
     }
+    std::list<Worker> added(1);
+    added.front().thread = std::thread(work_, std::ref(added.front().running));
+    added.front().number = ++lastNumber_;
+    threads_.splice(threads_.end(), added);
+    workers_.store(threads_.size(), std::memory_order_relaxed);
+    return true;
+}
+
+// The same, after a line: when the system refuses, or memory runs out, the workers that there are go on.
+bool WorkerPool::AddWorker() noexcept
+{
+    try {
+        return AddThread();
+    } catch (const std::exception& exception) {
+        context_.refusals.Report(Limit::WORKERS, CurrentCaller(), Count(),
+                                 context_.options.workers + context_.options.maxSpareWorkers, exception.what());
+        return false;
+    }
+}
+
+int64_t WorkerPool::LookForStuck(int64_t now, int64_t later)
+{
+    const MutexLock lock(mutex_);
+    const int64_t limit = context_.options.stuckAfter.count();
+    int64_t next = INT64_MAX;
+    size_t stuck = 0;
+    for (Worker& worker : threads_) {
+        const int64_t since = worker.running.since.load();
+        if (since == 0) {
+            continue;
+        }
+        const int64_t taken = now / NANOSECONDS_PER_MILLISECOND - since;
+        if (taken < limit) {
+            next = std::min(next, now + (limit - taken) * NANOSECONDS_PER_MILLISECOND);
+            continue;
+        }
+        ++stuck;
+        next = std::min(next, later);
+        if (worker.toldSince != since) {
+            worker.toldSince = since;
+            PLATFORM_WARN("service %d: worker %zu is stuck: request %u of uid %u runs for %lld ms", context_.id,
+                          worker.number, worker.running.code.load(std::memory_order_relaxed),
+                          worker.running.uid.load(std::memory_order_relaxed), static_cast<long long>(taken));
+        }
+    }
+    stuck_.store(stuck, std::memory_order_relaxed);
+    // The other spare ones are for users that have none at work.
+    context_.accounts.workers.SetExtra(std::min(stuck, context_.options.maxSpareWorkers / 4));
+    return next;
 }
 
 }  // namespace VARN::Host

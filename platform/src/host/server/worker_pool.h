@@ -5,12 +5,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <thread>
-#include <vector>
 
 #include "host/base/thread_safety.h"
 #include "host/base/unique_fd.h"
-#include "host/server/refusal_log.h"
+#include "host/server/connection.h"
 
 namespace VARN::Host {
 
@@ -68,24 +68,30 @@ public:
         bool isStaying_ = false;
     };
 
-    // At most `usual` threads, and `spare` more which end when they are idle; each runs `work` once. `refusals`, which
-    // outlives the pool, is told when the system refuses one.
-    WorkerPool(size_t usual, size_t spare, RefusalLog& refusals, std::function<void()> work);
-    ~WorkerPool();
+    // At most `workers` threads, and `maxSpareWorkers` more which end when they are idle; each runs `work` once, which
+    // notes what it is doing. `context` outlives the pool.
+    WorkerPool(ServiceContext& context, std::function<void(Running&)> work);
+    ~WorkerPool() { Stop(); }
 
     // Throws what std::thread does when the system refuses the first one; for want of others it only writes a line. All
     // workers, also later ones, inherit the caller's signal mask.
     void Start();
 
-    // Waits until all have returned from `work`. Those that stay are woken; the owner wakes the idle ones.
+    // Once the service stops: waits until all have returned from `work`. Those that stay are woken; the owner wakes the
+    // idle ones.
     void Stop();
 
     // Whether there are more than the usual ones, and, for one that has been idle, whether it has to end.
-    bool HasSpare() const noexcept { return Count() > usual_; }
-    bool Retire() noexcept;
+    bool HasSpare() const noexcept { return Count() > context_.options.workers; }
+    bool Retire(const Running& self) noexcept;
 
     // Those that were started and have not retired.
     size_t Count() const noexcept { return workers_.load(std::memory_order_relaxed); }
+
+    // Tells of workers that are stuck, once for each request, and has others take their place. Returns when to look
+    // again, `later` for those that are known.
+    int64_t LookForStuck(int64_t now, int64_t later);
+    size_t CountStuck() const noexcept { return stuck_.load(std::memory_order_relaxed); }
 
     // Idle while `wait` runs. It returns whether it got work.
     template <class Wait>
@@ -100,27 +106,32 @@ private:
     bool MayStay() const noexcept;
     bool WakeNowAndThen(int64_t now) noexcept;
     void WakeStaying() const noexcept;
+    bool AddThread();
     bool AddWorker() noexcept;
 
-    const size_t usual_;
-    const size_t limit_;
-    RefusalLog& refusals_;
-    const std::function<void()> work_;
+    ServiceContext& context_;
+    const std::function<void(Running&)> work_;
     UniqueFd wakeEvent_;  // readable: one that stays has to stop staying
 
     std::atomic<size_t> idle_{0};
     std::atomic<size_t> staying_{0};
 
-    // Relaxed: a worker that misses the change finds out under the lock, or is woken.
-    std::atomic<bool> stopping_{false};
     // Relaxed: to go by an old number is to stay a moment too long or too short.
     std::atomic<size_t> workers_{0};
     // Relaxed: the worker that wins the exchange wakes, and nothing else depends on it.
     std::atomic<int64_t> lastWake_{0};
 
+    struct Worker {
+        Running running;
+        size_t number = 0;
+        int64_t toldSince = 0;  // of which request its line was written
+        std::thread thread;
+    };
     Mutex mutex_;
-    std::vector<std::thread> threads_ GUARDED_BY(mutex_);
-    std::vector<std::thread> retired_ GUARDED_BY(mutex_);  // they end now
+    std::list<Worker> threads_ GUARDED_BY(mutex_);
+    std::list<Worker> retired_ GUARDED_BY(mutex_);  // they end now
+    size_t lastNumber_ GUARDED_BY(mutex_) = 0;
+    std::atomic<size_t> stuck_{0};
 };
 
 }  // namespace VARN::Host
