@@ -45,7 +45,7 @@ Connection::~Connection()
 
 void Connection::SetDeadline(std::chrono::milliseconds fromNow) noexcept
 {
-    deadline_.store(SteadyNanoseconds() + fromNow.count() * NANOSECONDS_PER_MILLISECOND);
+    deadline_.store(SteadyMilliseconds() + fromNow.count());
 }
 
 Connection::Next Connection::Serve(WorkerBuffers& buffers, bool hangUp)
@@ -185,7 +185,8 @@ Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader&
     reply.SetMaxCapacity(context_.accounts.GetReplyBound());
     buffers.running.code.store(header.code, std::memory_order_relaxed);
     const bool observed = static_cast<bool>(context_.options.observer);
-    const int64_t begin = observed ? SteadyNanoseconds() : 0;
+    using Clock = std::chrono::steady_clock;
+    const auto begin = observed ? Clock::now() : Clock::time_point();
     MessageOption option;
     FrameHeader answer;
     answer.kind = FrameKind::REPLY;
@@ -194,7 +195,7 @@ Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader&
         const CallerScope scope(caller_);
         answer.status = context_.stub->SendRequest(header.code, data, reply, option);
     }
-    const std::chrono::nanoseconds duration(observed ? SteadyNanoseconds() - begin : 0);
+    const std::chrono::nanoseconds duration = observed ? Clock::now() - begin : Clock::duration();
     if (ParcelBuffer::IsCut(reply)) {
         context_.Refuse(account_, Limit::REPLY_LENGTH, caller_, reply.GetDataSize(), ParcelBuffer::MaxCapacity(reply),
                         "the rest does not fit, or memory ran out");

@@ -85,7 +85,7 @@ public:
         CLOSE,   // it is over
     };
 
-    // In `deadline` the connection writes by when it must have moved on, in nanoseconds of the steady clock; 0: no
+    // In `deadline` the connection writes by when it must have moved on, in milliseconds of the steady clock; 0: no
     // hurry. Any thread may read it without owning the connection.
     // `context` and `account` outlive the connection.
     Connection(ServiceContext& context, PeerSocket fd, const Caller& caller, Account& account,

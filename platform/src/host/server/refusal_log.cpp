@@ -24,7 +24,7 @@ constexpr std::array<const char*, 12> NAMES = {"connections",
                                                "descriptors of the process",
                                                "workers"};
 
-constexpr int64_t PAUSE_NANOSECONDS = 1'000'000'000;
+constexpr int64_t PAUSE_MILLISECONDS = 1000;
 
 }  // namespace
 
@@ -46,12 +46,12 @@ void RefusalLog::Report(Limit limit, const Caller& caller, uint64_t used, uint64
     {
         const MutexLock lock(mutex_);
         Entry& entry = entries_[index];
-        const int64_t now = SteadyNanoseconds();
-        if (entry.lastNanoseconds != 0 && now - entry.lastNanoseconds < PAUSE_NANOSECONDS) {
+        const int64_t now = SteadyMilliseconds();
+        if (entry.last != 0 && now - entry.last < PAUSE_MILLISECONDS) {
             ++entry.suppressed;
             return;
         }
-        entry.lastNanoseconds = now;
+        entry.last = now;
         suppressed = entry.suppressed;
         entry.suppressed = 0;
     }

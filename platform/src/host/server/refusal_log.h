@@ -44,7 +44,7 @@ public:
 
 private:
     struct Entry {
-        int64_t lastNanoseconds = 0;  // 0: never
+        int64_t last = 0;  // when it was written, in milliseconds; 0: never
         uint64_t suppressed = 0;
     };
     static constexpr size_t LIMITS = static_cast<size_t>(Limit::WORKERS) + 1;

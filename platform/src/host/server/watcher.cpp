@@ -25,16 +25,16 @@ namespace {
 constexpr int64_t NEVER = INT64_MAX;
 
 // A connection that is over its time but owned by a worker is looked at again after this.
-constexpr int64_t RECHECK_NANOSECONDS = 20 * NANOSECONDS_PER_MILLISECOND;
+constexpr int64_t RECHECK_MILLISECONDS = 20;
 
 // After so many the deadlines are looked at again: peers that connect without end must not keep the watcher busy.
 constexpr int MAX_ACCEPTS_AT_ONCE = 64;
 
 // After a request has begun: is a worker stuck, is there memory to give back? Without requests there is nothing to see.
-constexpr int64_t LOOK_NANOSECONDS = 1000 * NANOSECONDS_PER_MILLISECOND;
+constexpr int64_t LOOK_MILLISECONDS = 1000;
 
 // When descriptors or memory ran out, accepting is tried again after this, or when a connection ends.
-constexpr int ACCEPT_PAUSE_MILLISECONDS = 100;
+constexpr int64_t ACCEPT_PAUSE_MILLISECONDS = 100;
 
 uint64_t CountAllowedDescriptors()
 {
@@ -67,8 +67,8 @@ void Watcher::NoteRequest(int64_t now)
 {
     // The coarse clock is behind: by the exact one's second alone each request would be too early for the look that the
     // one before has brought about, and wake the thread again.
-    constexpr int64_t LAG_NANOSECONDS = LOOK_NANOSECONDS / 10;
-    WatchFor(now * NANOSECONDS_PER_MILLISECOND + LOOK_NANOSECONDS + LAG_NANOSECONDS);
+    constexpr int64_t LAG_MILLISECONDS = LOOK_MILLISECONDS / 10;
+    WatchFor(now + LOOK_MILLISECONDS + LAG_MILLISECONDS);
 }
 
 void Watcher::ConnectionEnded()
@@ -77,30 +77,22 @@ void Watcher::ConnectionEnded()
         Wake();
     } else {
         // What it held may have been much, and no request may follow.
-        WatchFor(SteadyNanoseconds() + LOOK_NANOSECONDS);
+        WatchFor(SteadyMilliseconds() + LOOK_MILLISECONDS);
     }
 }
 
 void Watcher::Run(int listener)
 {
     while (!context_.stopping.load(std::memory_order_relaxed)) {
-        const int64_t next = EndOverdue();
-        int timeout = -1;
-        if (next != NEVER) {
-            const int64_t left = std::max<int64_t>(next - SteadyNanoseconds(), 0) / NANOSECONDS_PER_MILLISECOND + 1;
-            timeout = static_cast<int>(std::min<int64_t>(left, INT_MAX));
-        }
+        const int64_t left = EndOverdue() - SteadyMilliseconds();
         const bool paused = acceptPaused_.load(std::memory_order_relaxed);
-        if (paused) {
-            timeout = timeout < 0 ? ACCEPT_PAUSE_MILLISECONDS : std::min(timeout, ACCEPT_PAUSE_MILLISECONDS);
-        }
         // While accepting pauses, the socket would be readable all the time; poll ignores negative descriptors.
         std::array<pollfd, 2> entries{{{wakeEvent_.Get(), POLLIN, 0}, {paused ? -1 : listener, POLLIN, 0}}};
-        ::poll(entries.data(), entries.size(), timeout);
+        ::poll(entries.data(), entries.size(), static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX)));
         if (entries[0].revents != 0) {
             eventfd_t ignored = 0;
             ::eventfd_read(wakeEvent_.Get(), &ignored);
-            lookUntil_ = SteadyNanoseconds() + LOOK_NANOSECONDS;
+            lookUntil_ = SteadyMilliseconds() + LOOK_MILLISECONDS;
         }
         acceptPaused_.store(false, std::memory_order_relaxed);
         if (entries[1].revents != 0 || paused) {
@@ -125,18 +117,18 @@ void Watcher::AcceptSome(int listener)
         if (error == EAGAIN) {
             return;
         }
+        // These are of the one connection that was about to be accepted.
+        if (error == EINTR || error == ECONNABORTED) {
+            continue;
+        }
         if (error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS) {
             const uint64_t allowed = error == EMFILE ? CountAllowedDescriptors() : 0;
             context_.refusals.Report(Limit::DESCRIPTORS, CurrentCaller(), allowed, allowed, ErrorText(error).c_str());
-            acceptPaused_.store(true, std::memory_order_relaxed);
-            return;
-        }
-        // Any other error is of the one connection that was about to be accepted.
-        if (error != EINTR && error != ECONNABORTED) {
+        } else {
             PLATFORM_ERROR("service %d: accept: %s", context_.id, ErrorText(error).c_str());
-            acceptPaused_.store(true, std::memory_order_relaxed);
-            return;
         }
+        acceptPaused_.store(true, std::memory_order_relaxed);
+        return;
     }
 }
 
@@ -144,7 +136,7 @@ void Watcher::AcceptSome(int listener)
 int64_t Watcher::EndOverdue()
 {
     nextLook_.store(NEVER);
-    const int64_t now = SteadyNanoseconds();
+    const int64_t now = SteadyMilliseconds();
     int64_t next = NEVER;
     for (Slot& slot : connections_.GetPlaces()) {
         const int64_t deadline = slot.deadline.load();
@@ -154,7 +146,7 @@ int64_t Watcher::EndOverdue()
         if (deadline > now) {
             next = std::min(next, deadline);
         } else if (!slot.AcquireIdle()) {
-            next = std::min(next, now + RECHECK_NANOSECONDS);
+            next = std::min(next, now + RECHECK_MILLISECONDS);
         } else if (slot.deadline.load() == deadline) {
             EndForTime(slot, now - deadline);
         } else {
@@ -163,8 +155,9 @@ int64_t Watcher::EndOverdue()
             next = now;
         }
     }
-    next = std::min({next, workers_.LookForStuck(now, now + LOOK_NANOSECONDS), GiveMemoryBack(now),
-                     now < lookUntil_ ? lookUntil_ : NEVER});
+    next = std::min({next, workers_.LookForStuck(now, now + LOOK_MILLISECONDS), GiveMemoryBack(now),
+                     now < lookUntil_ ? lookUntil_ : NEVER,
+                     acceptPaused_.load(std::memory_order_relaxed) ? now + ACCEPT_PAUSE_MILLISECONDS : NEVER});
     nextLook_.store(next);
     return next;
 }
@@ -179,15 +172,15 @@ int64_t Watcher::GiveMemoryBack(int64_t now)
         trimIsDue_ = false;
         GiveHeapBack();
     }
-    return trimIsDue_ ? now + LOOK_NANOSECONDS : NEVER;
+    return trimIsDue_ ? now + LOOK_MILLISECONDS : NEVER;
 }
 
-void Watcher::EndForTime(Slot& slot, int64_t lateNanoseconds)
+void Watcher::EndForTime(Slot& slot, int64_t late)
 {
     const Connection& connection = *slot.connection;
     const bool reply = connection.HasOutput();
     const int64_t allowed = (reply ? context_.options.replyTimeout : context_.options.stallTimeout).count();
-    const int64_t taken = allowed + lateNanoseconds / NANOSECONDS_PER_MILLISECOND;
+    const int64_t taken = allowed + late;
     context_.Refuse(*slot.account, reply ? Limit::REPLY_TIME : Limit::REQUEST_TIME, connection.GetCaller(),
                     static_cast<uint64_t>(taken), static_cast<uint64_t>(allowed));
     connections_.Close(slot);

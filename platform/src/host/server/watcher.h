@@ -42,7 +42,7 @@ private:
     void AcceptSome(int listener);
     int64_t EndOverdue();
     int64_t GiveMemoryBack(int64_t now);
-    void EndForTime(Slot& slot, int64_t lateNanoseconds);
+    void EndForTime(Slot& slot, int64_t late);
 
     ServiceContext& context_;
     ConnectionSet& connections_;

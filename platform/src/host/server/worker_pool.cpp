@@ -11,7 +11,6 @@
 #include <system_error>
 #include <utility>
 
-#include "host/server/clock.h"
 #include "platform_log.h"
 
 namespace VARN::Host {
@@ -206,9 +205,9 @@ int64_t WorkerPool::LookForStuck(int64_t now, int64_t later)
         if (since == 0) {
             continue;
         }
-        const int64_t taken = now / NANOSECONDS_PER_MILLISECOND - since;
+        const int64_t taken = now - since;
         if (taken < limit) {
-            next = std::min(next, now + (limit - taken) * NANOSECONDS_PER_MILLISECOND);
+            next = std::min(next, since + limit);
             continue;
         }
         ++stuck;
