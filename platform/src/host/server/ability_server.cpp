@@ -29,25 +29,21 @@ constexpr std::chrono::milliseconds LONGEST_TIME = std::chrono::hours(24 * 365);
 
 AbilityServerOptions FillDefaults(AbilityServerOptions options)
 {
-    const AbilityServerOptions defaults;
-    const auto fill = [](auto& value, auto fallback) { value = value == decltype(fallback){} ? fallback : value; };
+    using Options = AbilityServerOptions;
+    Options defaults;
+    defaults.workers = std::max<size_t>(std::thread::hardware_concurrency(), LEAST_WORKERS);
     if (options.directory.empty()) {
         options.directory = ReadSocketDirectory();
     }
-    fill(options.workers, std::max<size_t>(std::thread::hardware_concurrency(), LEAST_WORKERS));
-    fill(options.maxConnections, defaults.maxConnections);
-    fill(options.maxConnectionsPerUser, defaults.maxConnectionsPerUser);
-    fill(options.maxRequestBytes, defaults.maxRequestBytes);
-    fill(options.stallTimeout, defaults.stallTimeout);
-    fill(options.replyTimeout, defaults.replyTimeout);
-    fill(options.maxWaitingReplyBytesPerUser, defaults.maxWaitingReplyBytesPerUser);
-    fill(options.maxBegunRequestBytesPerUser, defaults.maxBegunRequestBytesPerUser);
-    fill(options.maxBytes, defaults.maxBytes);
-    fill(options.maxSpareWorkers, defaults.maxSpareWorkers);
-    fill(options.stuckAfter, defaults.stuckAfter);
-    // A time point that far away must still be one.
-    for (std::chrono::milliseconds* time : {&options.stallTimeout, &options.replyTimeout, &options.stuckAfter}) {
-        *time = std::clamp(*time, std::chrono::milliseconds(1), LONGEST_TIME);
+    for (const auto number : {&Options::workers, &Options::maxConnections, &Options::maxConnectionsPerUser,
+                              &Options::maxRequestBytes, &Options::maxWaitingReplyBytesPerUser,
+                              &Options::maxBegunRequestBytesPerUser, &Options::maxBytes, &Options::maxSpareWorkers}) {
+        options.*number = options.*number != 0 ? options.*number : defaults.*number;
+    }
+    for (const auto time : {&Options::stallTimeout, &Options::replyTimeout, &Options::stuckAfter}) {
+        options.*time = options.*time != std::chrono::milliseconds(0) ? options.*time : defaults.*time;
+        // A time point that far away must still be one.
+        options.*time = std::clamp(options.*time, std::chrono::milliseconds(1), LONGEST_TIME);
     }
     return options;
 }
