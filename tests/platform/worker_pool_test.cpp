@@ -102,17 +102,19 @@ TEST(AccountsTest, EightUsersLeaveTheNinthItsFloors)
     size_t used = 0;
     size_t allowed = 0;
     std::deque<Account> users;
+    std::deque<Charge> charges;
     while (users.size() < 8) {
         Account& user = users.emplace_back(static_cast<uid_t>(1 + users.size()));
-        for (const Bytes kind : {Bytes::REQUEST, Bytes::REPLY}) {
-            while (accounts.TakeBytes(user, kind, 65536, used, allowed)) {
+        for (std::atomic<size_t>* ofKind : {&user.requestBytes, &user.replyBytes}) {
+            Charge& charge = charges.emplace_back(accounts, user, *ofKind, size_t{64} << 20);
+            for (size_t bytes = 65536; charge.GrowTo(bytes, used, allowed); bytes += 65536) {
             }
         }
         while (accounts.workers.Take(user, user.workers, 1, allowed) == Stock::Answer::TAKEN) {
         }
     }
     Account& ninth = users.emplace_back(9);
-    EXPECT_TRUE(accounts.TakeBytes(ninth, Bytes::REPLY, 2097152, used, allowed)) << allowed;
+    EXPECT_TRUE(Charge(accounts, ninth, ninth.replyBytes, SIZE_MAX).GrowTo(2097152, used, allowed)) << allowed;
     EXPECT_EQ(Stock::Answer::TAKEN, accounts.workers.Take(ninth, ninth.workers, 1, allowed));
 }
 

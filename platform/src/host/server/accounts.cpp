@@ -63,52 +63,45 @@ Accounts::Accounts(const AbilityServerOptions& options)
                                CONNECTION_FLOOR}),
       workers(Stock::Rules{std::min(options.workers, SharedOf(options.workers + options.maxSpareWorkers)),
                            options.workers + options.maxSpareWorkers, SIZE_MAX, WORKER_FLOOR}),
-      options_(options),
-      bytes_(Stock::Rules{SharedOf(options.maxBytes), options.maxBytes, SIZE_MAX, BYTE_FLOOR})
+      bytes(Stock::Rules{SharedOf(options.maxBytes), options.maxBytes, SIZE_MAX, BYTE_FLOOR}),
+      options_(options)
 {
-}
-
-bool Accounts::TakeBytes(Account& account, Bytes kind, size_t amount, size_t& used, size_t& allowed) noexcept
-{
-    NoteUse(amount);
-    std::atomic<size_t>& mine = kind == Bytes::REQUEST ? account.requestBytes : account.replyBytes;
-    used = mine.fetch_add(amount) + amount;
-    allowed = kind == Bytes::REQUEST ? options_.maxBegunRequestBytesPerUser : options_.maxWaitingReplyBytesPerUser;
-    if (used <= allowed) {
-        used = account.bytes.load() + amount;
-        if (bytes_.Take(account, account.bytes, amount, allowed) == Stock::Answer::TAKEN) {
-            return true;
-        }
-    }
-    mine.fetch_sub(amount);
-    return false;
-}
-
-void Accounts::GiveBytes(Account& account, Bytes kind, size_t amount) noexcept
-{
-    if (amount != 0) {
-        NoteUse(amount);
-        (kind == Bytes::REQUEST ? account.requestBytes : account.replyBytes).fetch_sub(amount);
-        bytes_.Give(account.bytes, amount);
-    }
 }
 
 size_t Accounts::GetReplyBound() const noexcept
 {
-    const size_t left = options_.maxBytes - std::min(options_.maxBytes, bytes_.CountHeld());
+    const size_t left = options_.maxBytes - std::min(options_.maxBytes, bytes.CountHeld());
     const size_t bound = left / (REPLY_PART * std::max<size_t>(workers.CountHeld(), 1));
     return std::max(REPLY_FLOOR, std::min(bound, options_.maxWaitingReplyBytesPerUser));
 }
 
+Charge::~Charge()
+{
+    if (bytes_ != 0) {
+        accounts_.NoteUse(bytes_);
+        ofKind_.fetch_sub(bytes_);
+        accounts_.bytes.Give(account_.bytes, bytes_);
+    }
+}
+
 bool Charge::GrowTo(size_t bytes, size_t& used, size_t& allowed) noexcept
 {
-    if (bytes > bytes_) {
-        if (!accounts_.TakeBytes(account_, kind_, bytes - bytes_, used, allowed)) {
-            return false;
-        }
-        bytes_ = bytes;
+    if (bytes <= bytes_) {
+        return true;
     }
-    return true;
+    const size_t more = bytes - bytes_;
+    accounts_.NoteUse(more);
+    used = ofKind_.fetch_add(more) + more;
+    allowed = mostOfKind_;
+    if (used <= allowed) {
+        used = account_.bytes.load() + more;
+        if (accounts_.bytes.Take(account_, account_.bytes, more, allowed) == Stock::Answer::TAKEN) {
+            bytes_ = bytes;
+            return true;
+        }
+    }
+    ofKind_.fetch_sub(more);
+    return false;
 }
 
 }  // namespace VARN::Host

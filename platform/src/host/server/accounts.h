@@ -88,21 +88,12 @@ private:
     std::atomic<size_t> extra_{0};
 };
 
-enum class Bytes { REQUEST, REPLY };
-
 // What the users of a server share.
 //
 // Thread safety: any thread may call anything.
 class Accounts {
 public:
     explicit Accounts(const AbilityServerOptions& options);
-
-    // Counts the change of what a connection holds. False, with nothing counted, past a limit: `used` and `allowed` are
-    // for the line.
-    bool TakeBytes(Account& account, Bytes kind, size_t amount, size_t& used, size_t& allowed) noexcept;
-    void GiveBytes(Account& account, Bytes kind, size_t amount) noexcept;
-
-    bool HoldsBytes() const noexcept { return bytes_.CountHeld() != 0; }  // of begun requests or waiting replies
 
     // What a reply may grow to while it is made. Its length is not known before, so it is bounded by what is left: a
     // quarter of it, shared by the workers at work, lest one request asks for the same long text ten thousand times.
@@ -112,9 +103,9 @@ public:
     bool TakeBurst() noexcept { return burst_.exchange(false, std::memory_order_relaxed); }
     void NoteEnd() noexcept { burst_.store(true, std::memory_order_relaxed); }
     // True when that is much.
-    bool NoteUse(size_t bytes) noexcept
+    bool NoteUse(size_t amount) noexcept
     {
-        const bool isMuch = bytes >= BURST_BYTES;
+        const bool isMuch = amount >= BURST_BYTES;
         if (isMuch) {
             burst_.store(true, std::memory_order_relaxed);
         }
@@ -123,12 +114,12 @@ public:
 
     Stock connections;
     Stock workers;
+    Stock bytes;  // of begun requests and waiting replies
 
 private:
     static constexpr size_t BURST_BYTES = 65536;
 
     const AbilityServerOptions& options_;
-    Stock bytes_;
     // Relaxed: it is looked at again and again.
     std::atomic<bool> burst_{false};
 };
@@ -136,21 +127,23 @@ private:
 // Bytes that stand in a user's account until the charge goes.
 class Charge {
 public:
-    Charge(Accounts& accounts, Account& account, Bytes kind) noexcept
-        : accounts_(accounts), account_(account), kind_(kind)
+    // `ofKind` is the account's number for begun requests or for waiting replies, which may be `mostOfKind`.
+    Charge(Accounts& accounts, Account& account, std::atomic<size_t>& ofKind, size_t mostOfKind) noexcept
+        : accounts_(accounts), account_(account), ofKind_(ofKind), mostOfKind_(mostOfKind)
     {
     }
-    ~Charge() { accounts_.GiveBytes(account_, kind_, bytes_); }
+    ~Charge();
     Charge(const Charge&) = delete;
     Charge& operator=(const Charge&) = delete;
 
-    // False, see Accounts::TakeBytes, when it may not grow to `bytes`.
+    // False, with nothing counted, past a limit: `used` and `allowed` are for the line.
     bool GrowTo(size_t bytes, size_t& used, size_t& allowed) noexcept;
 
 private:
     Accounts& accounts_;
     Account& account_;
-    const Bytes kind_;
+    std::atomic<size_t>& ofKind_;
+    const size_t mostOfKind_;
     size_t bytes_ = 0;
 };
 

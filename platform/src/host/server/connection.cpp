@@ -69,9 +69,10 @@ Connection::Next Connection::ReadFirst(WorkerBuffers& buffers, bool hangUp)
         std::memcpy(buffers.piece.data(), ahead_.data(), size);
         std::vector<uint8_t>().swap(ahead_);
     } else {
-        const Received received = Receive(buffers.piece.data(), buffers.piece.size(), size);
-        if (received != Received::SOME) {
-            return StopReading(received);
+        auto next = Next::INPUT;
+        size = Receive(buffers.piece.data(), buffers.piece.size(), next);
+        if (size == 0) {
+            return next;
         }
         // A short read has emptied the socket, so there is no need to ask it again. After a hang-up there is.
         drained = size < buffers.piece.size() && !hangUp;
@@ -123,10 +124,10 @@ Connection::Next Connection::ReadRest(WorkerBuffers& buffers)
             return Next::CLOSE;
         }
         buffers.hasFreedMuch |= context_.accounts.NoteUse(ParcelBuffer::Capacity(input_->body));
-        size_t size = 0;
-        const Received received = Receive(space, room, size);
-        if (received != Received::SOME) {
-            return StopReading(received);
+        auto next = Next::INPUT;
+        const size_t size = Receive(space, room, next);
+        if (size == 0) {
+            return next;
         }
         state = input_->reader.Commit(size);
     }
@@ -139,29 +140,18 @@ Connection::Next Connection::ReadRest(WorkerBuffers& buffers)
     return next == Next::INPUT ? Next::TURN : next;
 }
 
-Connection::Received Connection::Receive(void* to, size_t room, size_t& size) const
+// How many bytes have come; for none `next` says what to do.
+size_t Connection::Receive(void* to, size_t room, Next& next)
 {
-    for (;;) {
-        const ssize_t got = fd_.Receive(to, room);
-        if (got > 0) {
-            size = static_cast<size_t>(got);
-            return Received::SOME;
-        }
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        return got < 0 && errno == EAGAIN  ? Received::NOTHING
-               : got < 0 && errno == EPERM ? Received::DESCRIPTORS
-                                           : Received::END;
-    }
-}
-
-Connection::Next Connection::StopReading(Received received)
-{
-    if (received == Received::DESCRIPTORS) {
+    ssize_t got = 0;
+    do {
+        got = fd_.Receive(to, room);
+    } while (got < 0 && errno == EINTR);
+    next = got < 0 && errno == EAGAIN ? Next::INPUT : Next::CLOSE;
+    if (got < 0 && errno == EPERM) {
         context_.Refuse(account_, Limit::DESCRIPTORS_SENT, caller_, 1, 0);
     }
-    return received == Received::NOTHING ? Next::INPUT : Next::CLOSE;
+    return static_cast<size_t>(std::max<ssize_t>(got, 0));
 }
 
 Connection::Next Connection::Refuse(const FrameReader& reader, FrameReader::State state)

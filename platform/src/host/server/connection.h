@@ -109,10 +109,9 @@ public:
     bool IsAtStart() const noexcept { return !output_ && !input_ && ahead_.empty(); }
 
 private:
-    enum class Received { SOME, NOTHING, DESCRIPTORS, END };
-
     struct Input {
-        Input(ServiceContext& context, Account& account) : charge(context.accounts, account, Bytes::REQUEST)
+        Input(ServiceContext& context, Account& account)
+            : charge(context.accounts, account, account.requestBytes, context.options.maxBegunRequestBytesPerUser)
         {
             body.SetMaxCapacity(context.options.maxRequestBytes);
         }
@@ -121,7 +120,10 @@ private:
         FrameReader reader{FrameKind::REQUEST, body};
     };
     struct Output {
-        Output(ServiceContext& context, Account& account) : charge(context.accounts, account, Bytes::REPLY) {}
+        Output(ServiceContext& context, Account& account)
+            : charge(context.accounts, account, account.replyBytes, context.options.maxWaitingReplyBytesPerUser)
+        {
+        }
         Charge charge;
         FrameHeader header;
         std::unique_ptr<MessageParcel> body;
@@ -131,8 +133,7 @@ private:
     Next ReadFirst(WorkerBuffers& buffers, bool hangUp);
     Next ReadRest(WorkerBuffers& buffers);
     Next BeginRest(WorkerBuffers& buffers, size_t size);
-    Received Receive(void* to, size_t room, size_t& size) const;
-    Next StopReading(Received received);
+    size_t Receive(void* to, size_t room, Next& next);
     Next Refuse(const FrameReader& reader, FrameReader::State state);
     Next Dispatch(WorkerBuffers& buffers, const FrameHeader& header, MessageParcel& data);
     Next Reply(WorkerBuffers& buffers, const FrameHeader& header);

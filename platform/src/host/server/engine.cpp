@@ -146,7 +146,7 @@ void AbilityServer::Engine::Work(Running& running)
             if (buffers.hasFreedMuch) {
                 GiveArenaBack();
                 // What is held may be freed by any thread, into the arena that it came from.
-                buffers.hasFreedMuch = context_.accounts.HoldsBytes();
+                buffers.hasFreedMuch = context_.accounts.bytes.CountHeld() != 0;
             }
             if (workers_.Retire(running)) {
                 break;
