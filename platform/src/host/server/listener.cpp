@@ -6,12 +6,19 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
 #include <utility>
+#include <vector>
 
+#include "host/base/thread_safety.h"
 #include "host/base/unix_socket.h"
-#include "host/server/activation.h"
 #include "host/wire/socket_folder.h"
 #include "platform_log.h"
 
@@ -25,6 +32,115 @@ constexpr int BACKLOG = 1024;
 // Any app may connect; who may use what is decided request by request.
 constexpr mode_t SOCKET_MODE = 0666;
 constexpr mode_t LOCK_MODE = 0600;
+
+// Where the descriptors begin, by the protocol.
+constexpr int FIRST_FD = 3;
+
+// More than any unit hands over; it stops a senseless number from being taken for that many descriptors.
+constexpr int MAX_FDS = 256;
+
+// -1 when the variable is not a plain decimal number.
+int ReadNumber(const char* name)
+{
+    const char* text = ::secure_getenv(name);
+    if (text == nullptr) {
+        return -1;
+    }
+    int number = -1;
+    const char* end = text + std::strlen(text);
+    const auto result = std::from_chars(text, end, number);
+    return result.ec == std::errc() && result.ptr == end ? number : -1;
+}
+
+bool IsListeningUnixStream(int fd)
+{
+    const auto has = [fd](int option, int expected) {
+        int value = 0;
+        socklen_t size = sizeof(value);
+        return ::getsockopt(fd, SOL_SOCKET, option, &value, &size) == 0 && value == expected;
+    };
+    return has(SO_DOMAIN, AF_UNIX) && has(SO_TYPE, SOCK_STREAM) && has(SO_ACCEPTCONN, 1);
+}
+
+std::string BoundFileName(int fd)
+{
+    sockaddr_un address = {};
+    socklen_t size = sizeof(address);
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0 || address.sun_path[0] == '\0') {
+        return {};
+    }
+    const std::string_view path(address.sun_path, ::strnlen(address.sun_path, sizeof(address.sun_path)));
+    return std::string(path.substr(path.rfind('/') + 1));
+}
+
+// Whether a service of some number listens at a file of that name.
+bool IsNameOfService(std::string_view fileName)
+{
+    const size_t digits = fileName.find_first_not_of("0123456789");
+    return digits != 0 && digits != std::string_view::npos && fileName.substr(digits) == ".sock";
+}
+
+std::vector<int> ReadEnvironment()
+{
+    std::vector<int> sockets;
+    const int pid = ReadNumber("LISTEN_PID");
+    const int count = ReadNumber("LISTEN_FDS");
+    // Another process's, or none: the variables are left for whom they are meant.
+    if (pid != ::getpid()) {
+        return sockets;
+    }
+    ::unsetenv("LISTEN_PID");
+    ::unsetenv("LISTEN_FDS");
+    ::unsetenv("LISTEN_FDNAMES");
+    if (count < 1 || count > MAX_FDS) {
+        PLATFORM_WARN("LISTEN_FDS is not a number from 1 to %d; socket activation is ignored", MAX_FDS);
+        return sockets;
+    }
+    for (int fd = FIRST_FD; fd < FIRST_FD + count; ++fd) {
+        ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+        if (IsListeningUnixStream(fd)) {
+            sockets.push_back(fd);
+        } else {
+            PLATFORM_WARN("descriptor %d of socket activation is not a listening Unix stream socket; it is ignored",
+                          fd);
+        }
+    }
+    return sockets;
+}
+
+// The sockets that the init system handed over (LISTEN_PID and LISTEN_FDS) and that no server has taken. The variables
+// are consumed by the first that asks, unless they are meant for another process. What is not taken stays open: it may
+// be for other parts of the program.
+struct HandedSockets {
+    Mutex mutex;
+    std::vector<int> sockets GUARDED_BY(mutex) = ReadEnvironment();
+};
+
+HandedSockets& Handed()
+{
+    static HandedSockets handed;
+    return handed;
+}
+
+// The one for the service whose socket file is called `fileName`: bound to a file of that name, or the only one there
+// is, unless its name is that of another service. Holds nothing when there is none.
+UniqueFd TakeHandedSocket(const std::string& fileName)
+{
+    HandedSockets& handed = Handed();
+    const MutexLock lock(handed.mutex);
+    std::vector<int>& sockets = handed.sockets;
+    const bool isOnly = sockets.size() == 1;
+    const auto chosen = std::find_if(sockets.begin(), sockets.end(), [&fileName, isOnly](int socket) {
+        const std::string name = BoundFileName(socket);
+        return name == fileName || (isOnly && !IsNameOfService(name));
+    });
+    UniqueFd socket;
+    if (chosen != sockets.end()) {
+        socket.Reset(*chosen);
+        sockets.erase(chosen);
+    }
+    return socket;
+}
 
 std::string Failure(const std::string& what, const std::string& path)
 {
@@ -47,10 +163,9 @@ std::string Listener::Open(const std::string& directory, int32_t id)
     path_ = SocketPath(directory, id);
     fileName_ = path_.substr(directory.size() + 1);
     lockName_ = fileName_ + ".lock";
-    socket_ = PeerSocket(TakeActivatedSocket(fileName_));
-    isHanded_ = static_cast<bool>(socket_);
+    socket_ = PeerSocket(TakeHandedSocket(fileName_));
     std::string problem;
-    if (isHanded_) {
+    if (socket_) {
         socket_.RefuseDescriptors();
         // The other end of the hand-over may have left it blocking.
         if (::fcntl(socket_.Get(), F_SETFL, O_NONBLOCK) != 0) {
@@ -144,10 +259,13 @@ void Listener::Withdraw()
 void Listener::Close()
 {
     Withdraw();
-    folder_.Reset();
-    if (isHanded_ && socket_) {
-        GiveActivatedSocketBack(UniqueFd(socket_.Release()));
+    if (socket_ && !folder_) {
+        // The init system hands it over only once.
+        HandedSockets& handed = Handed();
+        const MutexLock lock(handed.mutex);
+        handed.sockets.push_back(socket_.Release());
     }
+    folder_.Reset();
     socket_ = PeerSocket();
 }
 

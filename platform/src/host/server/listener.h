@@ -35,8 +35,9 @@ private:
     std::string path_;
     std::string fileName_;
     std::string lockName_;
-    bool isHanded_ = false;
-    UniqueFd folder_;  // files are named within it: the program may change its directory, or the folder its name
+    // Files are named within it: the program may change its directory, or the folder its name. None for a socket that
+    // was handed over.
+    UniqueFd folder_;
     PeerSocket socket_;
     UniqueFd lock_;
 };
