@@ -80,13 +80,18 @@ Connection::Next Connection::ReadFirst(WorkerBuffers& buffers, bool hangUp)
     MessageParcel body;
     body.SetMaxCapacity(context_.options.maxRequestBytes);
     FrameReader reader(FrameKind::REQUEST, body);
-    const FrameReader::State state = reader.CheckHeader(buffers.piece.data(), size);
-    if (state != FrameReader::State::COMPLETE && state != FrameReader::State::PARTIAL) {
-        return Refuse(reader, state);
-    }
+    FrameReader::State state = reader.CheckHeader(buffers.piece.data(), size);
     const FrameHeader& header = reader.GetHeader();
-    if (state == FrameReader::State::PARTIAL || size - FRAME_HEADER_SIZE < header.length) {
-        return BeginRest(buffers, size);
+    if (state == FrameReader::State::PARTIAL ||
+        (state == FrameReader::State::COMPLETE && size - FRAME_HEADER_SIZE < header.length)) {
+        input_ = std::make_unique<Input>(context_, account_);
+        SetDeadline(context_.options.stallTimeout);
+        size_t taken = 0;
+        state = input_->reader.Feed(buffers.piece.data(), size, taken);
+        return state == FrameReader::State::PARTIAL ? ReadRest(buffers) : Refuse(input_->reader, state);
+    }
+    if (state != FrameReader::State::COMPLETE) {
+        return Refuse(reader, state);
     }
     const size_t end = FRAME_HEADER_SIZE + header.length;
     if (end < size) {
@@ -96,15 +101,6 @@ Connection::Next Connection::ReadFirst(WorkerBuffers& buffers, bool hangUp)
     const Next next = Dispatch(buffers, header, body);
     // A peer that sends without end must not keep the worker to itself.
     return next == Next::INPUT && !(drained && ahead_.empty()) ? Next::TURN : next;
-}
-
-Connection::Next Connection::BeginRest(WorkerBuffers& buffers, size_t size)
-{
-    input_ = std::make_unique<Input>(context_, account_);
-    SetDeadline(context_.options.stallTimeout);
-    size_t taken = 0;
-    const FrameReader::State state = input_->reader.Feed(buffers.piece.data(), size, taken);
-    return state == FrameReader::State::PARTIAL ? ReadRest(buffers) : Refuse(input_->reader, state);
 }
 
 Connection::Next Connection::ReadRest(WorkerBuffers& buffers)

@@ -132,7 +132,6 @@ private:
 
     Next ReadFirst(WorkerBuffers& buffers, bool hangUp);
     Next ReadRest(WorkerBuffers& buffers);
-    Next BeginRest(WorkerBuffers& buffers, size_t size);
     size_t Receive(void* to, size_t room, Next& next);
     Next Refuse(const FrameReader& reader, FrameReader::State state);
     Next Dispatch(WorkerBuffers& buffers, const FrameHeader& header, MessageParcel& data);

@@ -53,11 +53,6 @@ AbilityServer::Engine::Engine(const AbilityServer& server, const AbilityServerOp
 {
 }
 
-AbilityServer::Engine::~Engine()
-{
-    Stop();
-}
-
 bool AbilityServer::Engine::IsThreadOf(const AbilityServer& server) noexcept
 {
     return currentServer == &server;
@@ -93,7 +88,7 @@ std::string AbilityServer::Engine::Start()
     return isRunning ? "" : "it has no threads";
 }
 
-void AbilityServer::Engine::Stop()
+AbilityServer::Engine::~Engine()
 {
     // Nothing begins any more. The files go next, so that no client finds a server that is about to go; the socket when
     // no thread polls it.
@@ -249,11 +244,9 @@ Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buf
     try {
         next = slot.connection->Serve(buffers, std::exchange(slot.hasHungUp, false));
     } catch (const std::exception& exception) {
-        PLATFORM_ERROR("service %d: a connection of uid %u is dropped: %s", context_.id,
-                       slot.connection->GetCaller().uid, exception.what());
+        PLATFORM_ERROR("service %d: a connection of uid %u is dropped: %s", context_.id, account.uid, exception.what());
     } catch (...) {
-        PLATFORM_ERROR("service %d: a connection of uid %u is dropped: unknown exception", context_.id,
-                       slot.connection->GetCaller().uid);
+        PLATFORM_ERROR("service %d: a connection of uid %u is dropped: unknown exception", context_.id, account.uid);
     }
     running.since.store(0, std::memory_order_relaxed);
     turns_.End(account);

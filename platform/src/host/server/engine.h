@@ -24,11 +24,11 @@ class __attribute__((visibility("hidden"))) AbilityServer::Engine {
 public:
     // For `server`, which outlives it.
     Engine(const AbilityServer& server, const AbilityServerOptions& options);
+    // Lets end what runs, see AbilityServer::Stop.
     ~Engine();
 
     // Empty on success, else what is wrong.
     std::string Start();
-    void Stop();
     ServerStatistics Statistics();
 
     // Whether the calling thread is one of that server's: it cannot wait for itself to end.

@@ -36,13 +36,6 @@ constexpr int64_t LOOK_MILLISECONDS = 1000;
 // When descriptors or memory ran out, accepting is tried again after this, or when a connection ends.
 constexpr int64_t ACCEPT_PAUSE_MILLISECONDS = 100;
 
-uint64_t CountAllowedDescriptors()
-{
-    rlimit limit = {};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    return limit.rlim_cur;
-}
-
 }  // namespace
 
 bool Watcher::Open()
@@ -73,12 +66,9 @@ void Watcher::NoteRequest(int64_t now)
 
 void Watcher::ConnectionEnded()
 {
-    if (acceptPaused_.load(std::memory_order_relaxed)) {
-        Wake();
-    } else {
-        // What it held may have been much, and no request may follow.
-        WatchFor(SteadyMilliseconds() + LOOK_MILLISECONDS);
-    }
+    // Accepting goes on at once. Else what the connection held may have been much, and no request may follow.
+    const bool isPaused = acceptPaused_.load(std::memory_order_relaxed);
+    WatchFor(isPaused ? 1 : SteadyMilliseconds() + LOOK_MILLISECONDS);
 }
 
 void Watcher::Run(int listener)
@@ -122,8 +112,12 @@ void Watcher::AcceptSome(int listener)
             continue;
         }
         if (error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS) {
-            const uint64_t allowed = error == EMFILE ? CountAllowedDescriptors() : 0;
-            context_.refusals.Report(Limit::DESCRIPTORS, CurrentCaller(), allowed, allowed, ErrorText(error).c_str());
+            rlimit limit = {};
+            if (error == EMFILE) {
+                ::getrlimit(RLIMIT_NOFILE, &limit);
+            }
+            context_.refusals.Report(Limit::DESCRIPTORS, CurrentCaller(), limit.rlim_cur, limit.rlim_cur,
+                                     ErrorText(error).c_str());
         } else {
             PLATFORM_ERROR("service %d: accept: %s", context_.id, ErrorText(error).c_str());
         }

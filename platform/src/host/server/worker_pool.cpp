@@ -31,14 +31,6 @@ constexpr size_t BUSY_WORKERS_TO_STAY = 2;
 // Between two wake-ups by rule 3.
 constexpr int64_t WAKE_MILLISECONDS = 1000;
 
-bool IsBusy(Pace& pace, int64_t now)
-{
-    const bool isQuick = now - pace.lastVisit.load(std::memory_order_relaxed) <= QUICK_MILLISECONDS;
-    pace.lastVisit.store(now, std::memory_order_relaxed);
-    pace.quickVisits = isQuick ? pace.quickVisits + 1 : 0;
-    return pace.quickVisits >= QUICK_VISITS;
-}
-
 }  // namespace
 
 WorkerPool::WorkerPool(ServiceContext& context, std::function<void(Running&)> work)
@@ -89,15 +81,6 @@ bool WorkerPool::Retire(const Running& self) noexcept
     return true;
 }
 
-// Rule 1.
-void WorkerPool::LeaveIdle(bool hasWork) noexcept
-{
-    const bool wasLast = idle_.fetch_sub(1) == 1;
-    if (wasLast && hasWork && !AddWorker() && staying_.load() != 0) {
-        WakeStaying();
-    }
-}
-
 // Rule 2.
 bool WorkerPool::MayStay() const noexcept
 {
@@ -109,10 +92,19 @@ bool WorkerPool::MayStay() const noexcept
 bool WorkerPool::Stay::GoesOn(int64_t begin, bool isAllowed) noexcept
 {
     if (isStaying_) {
-        // The one that wakes has to stop staying too, or its next wait would take the wake-up.
-        return !pool_.WakeNowAndThen(begin) && isAllowed && pool_.MayStay();
+        // Rule 3. The one that wakes has to stop staying too, or its next wait would take the wake-up.
+        int64_t last = pool_.lastWake_.load(std::memory_order_relaxed);
+        if (begin - last >= WAKE_MILLISECONDS && pool_.staying_.load() > 1 &&
+            pool_.lastWake_.compare_exchange_strong(last, begin, std::memory_order_relaxed)) {
+            pool_.WakeStaying();
+            return false;
+        }
+        return isAllowed && pool_.MayStay();
     }
-    if (!IsBusy(pace_, begin) || !isAllowed || !pool_.MayStay()) {
+    const bool isQuick = begin - pace_.lastVisit.load(std::memory_order_relaxed) <= QUICK_MILLISECONDS;
+    pace_.lastVisit.store(begin, std::memory_order_relaxed);
+    pace_.quickVisits = isQuick ? pace_.quickVisits + 1 : 0;
+    if (pace_.quickVisits < QUICK_VISITS || !isAllowed || !pool_.MayStay()) {
         return false;
     }
     pace_.quickVisits = 0;
@@ -146,23 +138,6 @@ bool WorkerPool::Stay::AwaitInput(int fd, int milliseconds) const noexcept
         }
     }
     return false;
-}
-
-// Rule 3.
-bool WorkerPool::WakeNowAndThen(int64_t now) noexcept
-{
-    int64_t last = lastWake_.load(std::memory_order_relaxed);
-    const bool isTime = now - last >= WAKE_MILLISECONDS && staying_.load() > 1 &&
-                        lastWake_.compare_exchange_strong(last, now, std::memory_order_relaxed);
-    if (isTime) {
-        WakeStaying();
-    }
-    return isTime;
-}
-
-void WorkerPool::WakeStaying() const noexcept
-{
-    ::eventfd_write(wakeEvent_.Get(), 1);
 }
 
 // False when there are to be no more. Throws when there can be none for now.

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/eventfd.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -98,14 +100,16 @@ public:
     void AwaitAny(Wait wait)
     {
         idle_.fetch_add(1);
-        LeaveIdle(wait());
+        const bool hasWork = wait();
+        // Rule 1.
+        if (idle_.fetch_sub(1) == 1 && hasWork && !AddWorker() && staying_.load() != 0) {
+            WakeStaying();
+        }
     }
 
 private:
-    void LeaveIdle(bool hasWork) noexcept;
     bool MayStay() const noexcept;
-    bool WakeNowAndThen(int64_t now) noexcept;
-    void WakeStaying() const noexcept;
+    void WakeStaying() const noexcept { ::eventfd_write(wakeEvent_.Get(), 1); }
     bool AddThread();
     bool AddWorker() noexcept;
 
