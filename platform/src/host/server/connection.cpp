@@ -50,12 +50,10 @@ void Connection::SetDeadline(std::chrono::milliseconds fromNow) noexcept
 
 Connection::Next Connection::Serve(WorkerBuffers& buffers, bool hangUp)
 {
-    if (output_) {
-        // Requests may be waiting behind the reply, so the visit goes on.
-        const Next next = Flush(buffers);
-        if (next != Next::INPUT) {
-            return next;
-        }
+    // Requests may be waiting behind the reply, so the visit goes on.
+    const Next next = Flush(buffers);
+    if (next != Next::INPUT) {
+        return next;
     }
     return input_ ? ReadRest(buffers) : ReadFirst(buffers, hangUp);
 }

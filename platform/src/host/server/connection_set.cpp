@@ -157,19 +157,17 @@ Slot* ConnectionSet::Enter(const Caller& caller)
 Slot* ConnectionSet::FindLongestIdle(const Account* user)
 {
     Slot* found = nullptr;
-    size_t most = 0;
-    int64_t longest = 0;
+    std::pair<size_t, int64_t> most;
     for (Slot& slot : places_) {
         // A connection with a deadline has something in hand.
         if (slot.account == nullptr || (user != nullptr && slot.account != user) || !slot.IsIdle() ||
             slot.deadline.load() != 0) {
             continue;
         }
-        const size_t count = slot.account->connections.load();
-        const int64_t visit = slot.pace.lastVisit.load(std::memory_order_relaxed);
-        if (count > most || (count == most && visit < longest)) {
-            most = count;
-            longest = visit;
+        const std::pair<size_t, int64_t> held(slot.account->connections.load(),
+                                              -slot.pace.lastVisit.load(std::memory_order_relaxed));
+        if (found == nullptr || held > most) {
+            most = held;
             found = &slot;
         }
     }
@@ -196,8 +194,9 @@ void ConnectionSet::Evict(Slot& slot)
     LetGo(slot);
 }
 
-void ConnectionSet::Describe(ServerStatistics& statistics)
+ServerStatistics ConnectionSet::Describe()
 {
+    ServerStatistics statistics;
     const MutexLock lock(mutex_);
     for (const auto& [uid, account] : accounts_) {
         UserStatistics user{uid,
@@ -214,6 +213,7 @@ void ConnectionSet::Describe(ServerStatistics& statistics)
         statistics.waiting += user.waiting;
         statistics.users.push_back(user);
     }
+    return statistics;
 }
 
 }  // namespace VARN::Host

@@ -49,8 +49,8 @@ public:
     // Gives back a connection that was acquired without an event. An event that came meanwhile comes again.
     void LetGo(Slot& slot);
 
-    // Adds what the users hold to the statistics.
-    void Describe(ServerStatistics& statistics);
+    // What the users hold.
+    ServerStatistics Describe();
 
 private:
     Slot* Enter(const Caller& caller);

@@ -205,7 +205,10 @@ void AbilityServer::Engine::Serve(Slot& slot, WorkerBuffers& buffers, bool hasBe
                 }
                 hasBegun = false;
                 begin = CoarseMilliseconds();
-                next = ServeOnce(slot, buffers, begin);
+                // Once the server ends nothing begins; what a peer has still to read is sent at the end.
+                next = context_.stopping.load(std::memory_order_relaxed) ? Connection::Next::INPUT
+                                                                         : ServeOnce(slot, buffers, begin);
+                turns_.End(*slot.account);
                 // A deadline is for the watcher, which takes no connection that is owned. Others' turn comes first.
                 mayStay = (next == Connection::Next::INPUT || next == Connection::Next::TURN) &&
                           slot.deadline.load() == 0 && !turns_.HasWaiting();
@@ -229,14 +232,8 @@ void AbilityServer::Engine::EndConnection(Slot& slot)
 
 Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buffers, int64_t now)
 {
-    Account& account = *slot.account;
-    // Once the server ends nothing begins; what a peer has still to read is sent at the end.
-    if (context_.stopping.load(std::memory_order_relaxed)) {
-        turns_.End(account);
-        return Connection::Next::INPUT;
-    }
     Running& running = buffers.running;
-    running.uid.store(account.uid, std::memory_order_relaxed);
+    running.uid.store(slot.account->uid, std::memory_order_relaxed);
     running.since.store(now);
     watcher_.NoteRequest(now);
     Connection::Next next = Connection::Next::CLOSE;
@@ -244,12 +241,13 @@ Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buf
     try {
         next = slot.connection->Serve(buffers, std::exchange(slot.hasHungUp, false));
     } catch (const std::exception& exception) {
-        PLATFORM_ERROR("service %d: a connection of uid %u is dropped: %s", context_.id, account.uid, exception.what());
+        PLATFORM_ERROR("service %d: a connection of uid %u is dropped: %s", context_.id, slot.account->uid,
+                       exception.what());
     } catch (...) {
-        PLATFORM_ERROR("service %d: a connection of uid %u is dropped: unknown exception", context_.id, account.uid);
+        PLATFORM_ERROR("service %d: a connection of uid %u is dropped: unknown exception", context_.id,
+                       slot.account->uid);
     }
     running.since.store(0, std::memory_order_relaxed);
-    turns_.End(account);
     return next;
 }
 
@@ -272,8 +270,7 @@ void AbilityServer::Engine::DrainOutput()
 
 ServerStatistics AbilityServer::Engine::Statistics()
 {
-    ServerStatistics statistics;
-    connections_.Describe(statistics);
+    ServerStatistics statistics = connections_.Describe();
     statistics.workers = workers_.Count();
     statistics.workersStuck = workers_.CountStuck();
     statistics.refused = context_.refusals.CountRefused();

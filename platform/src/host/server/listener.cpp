@@ -230,12 +230,11 @@ std::string Listener::Bind()
             return Failure("remove the stale socket", path_);
         }
     }
-    socket_ = PeerSocket(MakeUnixSocket());
-    if (!socket_ || ::bind(socket_.Get(), where, sizeof(address)) != 0) {
-        problem = Failure("bind", path_);
-        socket_ = PeerSocket();
-        return problem;
+    PeerSocket socket(MakeUnixSocket());
+    if (!socket || ::bind(socket.Get(), where, sizeof(address)) != 0) {
+        return Failure("bind", path_);
     }
+    socket_ = std::move(socket);
     // Before anybody can connect: a connection inherits it at that moment.
     socket_.RefuseDescriptors();
     if (::fchmodat(folder_.Get(), fileName_.c_str(), SOCKET_MODE, 0) != 0 || ::listen(socket_.Get(), BACKLOG) != 0) {

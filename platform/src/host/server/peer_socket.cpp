@@ -37,7 +37,13 @@ public:
         ::sigfillset(&all);
         ::pthread_sigmask(SIG_SETMASK, &all, &before);
         try {
-            Get().Add(std::move(socket));
+            Closer& closer = Get();
+            const MutexLock lock(closer.mutex_);
+            closer.waiting_.push_back(std::move(socket));
+            if (!closer.isRunning_) {
+                std::thread(&Closer::Run, &closer).detach();
+                closer.isRunning_ = true;
+            }
         } catch (const std::system_error& error) {
             // It stays in the list until there is a thread again.
             PLATFORM_ERROR("no thread to close a connection: %s", error.what());
@@ -60,26 +66,13 @@ private:
         return *known;
     }
 
-    void Add(UniqueFd&& socket)
-    {
-        const MutexLock lock(mutex_);
-        waiting_.push_back(std::move(socket));
-        if (!isRunning_) {
-            std::thread(&Closer::Run, this).detach();
-            isRunning_ = true;
-        }
-    }
-
     void Run()
     {
-        for (;;) {
+        for (bool isRunning = true; isRunning;) {
             std::vector<UniqueFd> closedHere;
             const MutexLock lock(mutex_);
             closedHere.swap(waiting_);
-            if (closedHere.empty()) {
-                isRunning_ = false;
-                return;
-            }
+            isRunning = isRunning_ = !closedHere.empty();
         }
     }
 
