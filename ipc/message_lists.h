@@ -7,7 +7,7 @@
 #include <limits>
 #include <new>
 #include <string>
-#include <unordered_set>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -26,50 +26,33 @@ int32_t SizeOf(const List& list, int32_t limit = std::numeric_limits<int32_t>::m
     return std::min(static_cast<int32_t>(list.size()), limit);
 }
 
-// Writes the size of `strings`, at most `limit`, and as many of them in the container's own order.
+// Writes the size of `list`, at most `limit`, and as many elements in the container's own order: strings, or records,
+// each behind its presence word.
+template <class List>
+void WriteList(MessageParcel& parcel, const List& list, int32_t limit = std::numeric_limits<int32_t>::max())
+{
+    const int32_t size = SizeOf(list, limit);
+    parcel.WriteInt32(size);
+    std::for_each_n(list.begin(), size, [&](const typename List::value_type& element) {
+        if constexpr (std::is_same_v<typename List::value_type, std::string>) {
+            parcel.WriteString(element);
+        } else {
+            parcel.WriteParcelable(&element);
+        }
+    });
+}
+
+// Reads exactly `size` strings into a list or a set, none when it is negative. What the message does not hold reads as
+// empty strings, so the caller must have checked `size` against its limit.
 template <class Strings>
-void WriteStrings(MessageParcel& parcel, const Strings& strings, int32_t limit = std::numeric_limits<int32_t>::max())
+Strings ReadStrings(MessageParcel& parcel, int32_t size)
 {
-    const int32_t size = SizeOf(strings, limit);
-    parcel.WriteInt32(size);
-    auto string = strings.begin();
-    for (int32_t index = 0; index < size; ++index, ++string) {
-        parcel.WriteString(*string);
-    }
-}
-
-// Reads exactly `size` strings, none when it is negative. What the message does not hold reads as empty strings, so the
-// caller must have checked `size` against its limit.
-inline std::vector<std::string> ReadStrings(MessageParcel& parcel, int32_t size)
-{
-    std::vector<std::string> strings(static_cast<size_t>(std::max(size, 0)));
-    for (std::string& string : strings) {
+    Strings strings;
+    Util::ReadAnnounced(parcel, size, strings, [&](std::string& string) {
         parcel.ReadString(string);
-    }
+        return true;
+    });
     return strings;
-}
-
-// The same into a set: equal strings become one.
-inline std::unordered_set<std::string> ReadStringSet(MessageParcel& parcel, int32_t size)
-{
-    std::unordered_set<std::string> strings;
-    Util::ReserveAnnounced(strings, size, parcel.GetReadableBytes());
-    for (int32_t index = 0; index < size; ++index) {
-        strings.insert(parcel.ReadString());
-    }
-    return strings;
-}
-
-// Writes the size of `records`, at most `limit`, and as many of them, each behind its presence word.
-template <class Record>
-void WriteRecords(MessageParcel& parcel, const std::vector<Record>& records,
-                  int32_t limit = std::numeric_limits<int32_t>::max())
-{
-    const int32_t size = SizeOf(records, limit);
-    parcel.WriteInt32(size);
-    for (int32_t index = 0; index < size; ++index) {
-        parcel.WriteParcelable(&records[static_cast<size_t>(index)]);
-    }
 }
 
 // How many more records a list is to have room for, when it is full and `announced` are still to come. That is only a

@@ -106,7 +106,7 @@ try {
     data.WriteInterfaceToken(GetDescriptor());
     data.WriteString(bundleName);
     data.WriteInt32(userId);
-    WriteStrings(data, interestedPermissionGroups, MAX_INTERESTED_PERMISSION_GROUPS_SIZE);
+    WriteList(data, interestedPermissionGroups, MAX_INTERESTED_PERMISSION_GROUPS_SIZE);
     if (!SendRequest(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP, data, reply)) {
         LOG_ERROR("send request failed.");
         return RESULT_TRANSPORT_FAILED;
@@ -127,7 +127,7 @@ try {
     data.WriteInterfaceToken(GetDescriptor());
     data.WriteString(permissionGroup);
     data.WriteInt32(userId);
-    WriteStrings(data, interestedBundleNames, MAX_INTERESTED_BUNDLE_NAMES_SIZE);
+    WriteList(data, interestedBundleNames, MAX_INTERESTED_BUNDLE_NAMES_SIZE);
     if (!SendRequest(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION, data, reply)) {
         return RESULT_TRANSPORT_FAILED;
     }
@@ -211,7 +211,7 @@ try {
         LOG_ERROR("WriteInterfaceToken error");
         return RESULT_TRANSPORT_FAILED;
     }
-    WriteRecords(data, gTokenInfos);
+    WriteList(data, gTokenInfos);
     if (!SendRequest(MessageCode::GTOKEN_POLICY_ADD_POLICY, data, reply)) {
         LOG_ERROR("SendRequest is failed.");
         return RESULT_TRANSPORT_FAILED;
@@ -237,7 +237,7 @@ try {
         return result;
     }
     data.WriteString(policyName);
-    WriteStrings(data, bundleNames);
+    WriteList(data, bundleNames);
     if (!SendRequest(MessageCode::GTOKEN_POLICY_GET_POLICY, data, reply)) {
         LOG_ERROR("SendRequest is failed.");
         result.ret = RESULT_TRANSPORT_FAILED;
@@ -263,7 +263,7 @@ try {
         LOG_ERROR("WriteInterfaceToken error");
         return RESULT_TRANSPORT_FAILED;
     }
-    WriteStrings(data, bundleNames);
+    WriteList(data, bundleNames);
     if (!SendRequest(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, data, reply)) {
         LOG_ERROR("SendRequest is failed.");
         return RESULT_TRANSPORT_FAILED;

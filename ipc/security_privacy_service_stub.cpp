@@ -2,6 +2,7 @@
 #include "security_privacy/security_privacy_service_stub.h"
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <unordered_set>
 #include <utility>
@@ -23,6 +24,19 @@ using Util::KelLog::Tag;
 
 const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
 
+// Writes what the service gave to a usage request, without its records when the result is not 0. Returns the result,
+// which is the status too; the line names `handler`.
+int32_t WriteUsage(MessageParcel& reply, const char* handler, int32_t result,
+                   const std::vector<Record::PermissionUsageRecord>& records)
+{
+    reply.WriteInt32(result);
+    if (result == RESULT_OK) {
+        WriteList(reply, records);
+        LOG_INFO_AS(handler, "result: %d, size: %d", result, SizeOf(records));
+    }
+    return result;
+}
+
 // Whether a GToken request holds more than one number; an error line in the name of `handler` if not.
 bool HoldsGTokenArguments(const MessageParcel& data, const char* handler)
 {
@@ -38,13 +52,10 @@ bool HoldsGTokenArguments(const MessageParcel& data, const char* handler)
 
 SecurityPrivacyServiceStub::SecurityPrivacyServiceStub() : IRemoteStub<SecurityPrivacyServiceIntf>(false)
 {
-    using Handler = int32_t (SecurityPrivacyServiceStub::*)(MessageParcel&, MessageParcel&);
-    const auto handle = [this](uint32_t code, Handler handler) {
-        messageCodeHandlers_[code] = [this, handler](MessageParcel& data, MessageParcel& reply) {
-            return (this->*handler)(data, reply);
-        };
-    };
     using Stub = SecurityPrivacyServiceStub;
+    const auto handle = [this](uint32_t code, int32_t (Stub::*handler)(MessageParcel&, MessageParcel&)) {
+        messageCodeHandlers_[code] = std::bind(handler, this, std::placeholders::_1, std::placeholders::_2);
+    };
     handle(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP, &Stub::HandleGetAppPermissionGroupInfosByApp);
     handle(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION,
            &Stub::HandleGetAppPermissionGroupInfosByPermission);
@@ -99,7 +110,7 @@ int32_t SecurityPrivacyServiceStub::HandleGetAppPermissionGroupInfosByApp(Messag
                   Text(size).c_str(), Text(MAX_INTERESTED_PERMISSION_GROUPS_SIZE).c_str());
         return STATUS_MALFORMED;
     }
-    const std::unordered_set<std::string> interestedPermissionGroups = ReadStringSet(data, size);
+    const auto interestedPermissionGroups = ReadStrings<std::unordered_set<std::string>>(data, size);
 
     std::vector<Permission::AppPermissionGroupInfo> infos;
     const int32_t result = GetAppPermissionGroupInfosByApp(bundleName, userId, interestedPermissionGroups, infos);
@@ -107,7 +118,7 @@ int32_t SecurityPrivacyServiceStub::HandleGetAppPermissionGroupInfosByApp(Messag
     if (result != RESULT_OK) {
         return result;  // as the status too: callers know a failed list by -1
     }
-    WriteRecords(reply, infos, MAX_APP_PERMISSION_GROUP_INFO_SIZE);
+    WriteList(reply, infos, MAX_APP_PERMISSION_GROUP_INFO_SIZE);
     if (SizeOf(infos) > MAX_APP_PERMISSION_GROUP_INFO_SIZE) {
         LOG_ERROR("ByApp: index=%s is greater or equals than MAX_APP_PERMISSION_GROUP_INFO_SIZE=%s, please check.",
                   Text(MAX_APP_PERMISSION_GROUP_INFO_SIZE).c_str(), Text(MAX_APP_PERMISSION_GROUP_INFO_SIZE).c_str());
@@ -126,7 +137,7 @@ int32_t SecurityPrivacyServiceStub::HandleGetAppPermissionGroupInfosByPermission
                   Text(size).c_str(), Text(MAX_INTERESTED_BUNDLE_NAMES_SIZE).c_str());
         return STATUS_MALFORMED;
     }
-    const std::unordered_set<std::string> interestedBundleNames = ReadStringSet(data, size);
+    const auto interestedBundleNames = ReadStrings<std::unordered_set<std::string>>(data, size);
 
     std::vector<Permission::AppPermissionGroupInfo> infos;
     const int32_t result =
@@ -135,7 +146,7 @@ int32_t SecurityPrivacyServiceStub::HandleGetAppPermissionGroupInfosByPermission
     if (result != RESULT_OK) {
         return result;  // as the status too: callers know a failed list by -1
     }
-    WriteRecords(reply, infos, MAX_APP_PERMISSION_GROUP_INFO_SIZE);
+    WriteList(reply, infos, MAX_APP_PERMISSION_GROUP_INFO_SIZE);
     if (SizeOf(infos) > MAX_APP_PERMISSION_GROUP_INFO_SIZE) {
         LOG_ERROR(
             "ByPermission: index=%s is greater or equals than MAX_APP_PERMISSION_GROUP_INFO_SIZE=%s, please check.",
@@ -172,13 +183,8 @@ int32_t SecurityPrivacyServiceStub::HandleGetPermissionUsageSummary(MessageParce
 
     std::vector<Record::PermissionUsageRecord> records;
     const int32_t result = GetPermissionUsageSummary(*query, records);
-    reply.WriteInt32(result);
-    if (result != RESULT_OK) {
-        return result;
-    }
-    WriteRecords(reply, records);  // however many there are: other clients than the library's may take them
-    LOG_INFO("result: %d, size: %d", result, SizeOf(records));
-    return RESULT_OK;
+    // However many records there are: other clients than the library's may take them.
+    return WriteUsage(reply, __func__, result, records);
 }
 
 int32_t SecurityPrivacyServiceStub::HandleGetPermissionUsageTimeline(MessageParcel& data, MessageParcel& reply)
@@ -197,13 +203,7 @@ int32_t SecurityPrivacyServiceStub::HandleGetPermissionUsageTimeline(MessageParc
         reply.WriteInt32(STATUS_MALFORMED);  // the caller has to ask for less, where a summary would be sent whole
         return STATUS_MALFORMED;
     }
-    reply.WriteInt32(result);
-    if (result != RESULT_OK) {
-        return result;
-    }
-    WriteRecords(reply, records);
-    LOG_INFO("result: %d, size: %d", result, SizeOf(records));
-    return RESULT_OK;
+    return WriteUsage(reply, __func__, result, records);
 }
 
 int32_t SecurityPrivacyServiceStub::HandleGTokenPolicyAddPolicy(MessageParcel& data, MessageParcel& reply)
@@ -243,13 +243,13 @@ int32_t SecurityPrivacyServiceStub::HandleGTokenPolicyGetPolicy(MessageParcel& d
         return INVALID_ARGUMENTS;
     }
     LOG_INFO("HandleGTokenPolicyGetPolicy bundleNamesSize = %{public}d", size);
-    const std::vector<std::string> bundleNames = ReadStrings(data, size);
+    const auto bundleNames = ReadStrings<std::vector<std::string>>(data, size);
 
     const GTokenResultWithRet result = GTokenPolicyGetPolicy(std::move(policyName), bundleNames);
     reply.WriteInt64(result.ret);
     // Log readers know this text with its blank before the comma.
     LOG_INFO("HandleGTokenPolicyGetPolicy , gTokenResultsSize=%{public}d", SizeOf(result.gTokenResults));
-    WriteRecords(reply, result.gTokenResults);
+    WriteList(reply, result.gTokenResults);
     return RESULT_OK;
 }
 
@@ -269,7 +269,7 @@ int32_t SecurityPrivacyServiceStub::HandleGTokenPolicyRemovePolicy(MessageParcel
     }
     // The get's text, at a level that is never dropped; log readers tell the two by the function's name.
     LOG_ERROR("HandleGTokenPolicyGetPolicy bundleNamesSize = %{public}d", size);
-    const std::vector<std::string> bundleNames = ReadStrings(data, size);
+    const auto bundleNames = ReadStrings<std::vector<std::string>>(data, size);
 
     reply.WriteInt32(GTokenPolicyRemovePolicy(bundleNames));
     return RESULT_OK;

@@ -2,7 +2,7 @@
 #include "security_privacy/app_permission_group_info.h"
 
 #include <algorithm>
-#include <utility>
+#include <iterator>
 
 #include "records/field_io.h"
 #include "records/read_fields.h"
@@ -13,14 +13,10 @@
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Permission {
 
-namespace {
-
 using Util::FormatUtils::Text;
 using Util::KelLog::Tag;
 
 const Tag LOG_TAG = Tag::Create("permission", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
-
-}  // namespace
 
 bool AppPermissionGroupInfo::Marshalling(Parcel& parcel) const
 {
@@ -35,9 +31,11 @@ bool AppPermissionGroupInfo::Marshalling(Parcel& parcel) const
         isWritten = isWritten && WRITE(String, permissionGroup);
         isWritten = isWritten && WRITE(String, checkedState);
         isWritten = isWritten && WRITE(Int32, shownStatesSize);
-        isWritten = isWritten && ForFirst(shownStatesSize, shownStates, writeShownState);
+        isWritten = isWritten &&
+                    std::all_of(shownStates.begin(), std::next(shownStates.begin(), shownStatesSize), writeShownState);
         isWritten = isWritten && WRITE(Int32, disabledStatesSize);
-        isWritten = isWritten && ForFirst(disabledStatesSize, disabledStates, writeDisabledState);
+        isWritten = isWritten && std::all_of(disabledStates.begin(),
+                                             std::next(disabledStates.begin(), disabledStatesSize), writeDisabledState);
         isWritten = isWritten && WRITE(String, disabledReason);
         return isWritten && WRITE(Int64, flags);
     });
@@ -47,20 +45,8 @@ bool ReadFields(Parcel& parcel, AppPermissionGroupInfo& info)
 {
     int32_t shownStatesSizeRead = 0;
     int32_t disabledStatesSizeRead = 0;
-    const auto readShownStates = [&] {
-        Util::ReserveAnnounced(info.shownStates, shownStatesSizeRead, parcel.GetReadableBytes());
-        return Repeat(shownStatesSizeRead, [&] {
-            std::string& shownState = info.shownStates.emplace_back();
-            return READ_ELEMENT(String, shownState);
-        });
-    };
-    const auto readDisabledStates = [&] {
-        Util::ReserveAnnounced(info.disabledStates, disabledStatesSizeRead, parcel.GetReadableBytes());
-        return Repeat(disabledStatesSizeRead, [&] {
-            std::string disabledState;
-            return READ_ELEMENT(String, disabledState) && (info.disabledStates.insert(std::move(disabledState)), true);
-        });
-    };
+    const auto readShownState = [&](std::string& shownState) { return READ_ELEMENT(String, shownState); };
+    const auto readDisabledState = [&](std::string& disabledState) { return READ_ELEMENT(String, disabledState); };
 
     // A negative count passes the check and reads as no states, as it always has.
     bool isRead = READ(String, &info, bundleName);
@@ -69,10 +55,10 @@ bool ReadFields(Parcel& parcel, AppPermissionGroupInfo& info)
     isRead = isRead && READ(String, &info, checkedState);
     isRead = isRead && READ_LOCAL(Int32, shownStatesSizeRead);
     isRead = isRead && CHECK_AT_MOST(shownStatesSizeRead, MAX_STATES_SIZE);
-    isRead = isRead && readShownStates();
+    isRead = isRead && Util::ReadAnnounced(parcel, shownStatesSizeRead, info.shownStates, readShownState);
     isRead = isRead && READ_LOCAL(Int32, disabledStatesSizeRead);
     isRead = isRead && CHECK_AT_MOST(disabledStatesSizeRead, MAX_STATES_SIZE);
-    isRead = isRead && readDisabledStates();
+    isRead = isRead && Util::ReadAnnounced(parcel, disabledStatesSizeRead, info.disabledStates, readDisabledState);
     isRead = isRead && READ(String, &info, disabledReason);
     return isRead && READ(Int64, &info, flags);
 }

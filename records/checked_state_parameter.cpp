@@ -7,14 +7,10 @@
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Permission {
 
-namespace {
-
 using Util::FormatUtils::Text;
 using Util::KelLog::Tag;
 
 const Tag LOG_TAG = Tag::Create("permission", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
-
-}  // namespace
 
 bool CheckedStateParameter::Marshalling(Parcel& parcel) const
 {

@@ -1,12 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <string>
+#include <vector>
 
+#include "security_privacy/contract.h"
+#include "util/announced_list.h"
 #include "util/format_utils.h"
 #include "util/log_line.h"
+#include "varn/parcel.h"
 
 // The steps by which a record that logs its fields is written to and read from `parcel`. Each moves one value and logs
 // that it did; it is an expression, true on success and false, without a line, on failure, so that a record reads as
@@ -60,31 +66,6 @@
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 
-// Runs `step` on the first `count` elements of `list`, until one fails. `count` must not exceed the list's size.
-template <class List, class Step>
-bool ForFirst(int32_t count, const List& list, const Step& step)
-{
-    auto element = list.begin();
-    for (int32_t index = 0; index < count; ++index, ++element) {
-        if (!step(*element)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// Runs `step` `count` times, until it fails; a negative count runs it not at all and is no failure.
-template <class Step>
-bool Repeat(int32_t count, const Step& step)
-{
-    for (int32_t index = 0; index < count; ++index) {
-        if (!step()) {
-            return false;
-        }
-    }
-    return true;
-}
-
 // What `step` returns; false when memory runs out, which may happen in any line that is logged.
 template <class Step>
 bool IfMemoryLasts(const Step& step)
@@ -112,5 +93,46 @@ Record* MakeRecord(const Read& read, const LogFailure& logFailure)
     logFailure();
     return nullptr;
 }
+
+// The fields of the usage records, which log nothing: All moves them in the order of its arguments, until one cannot be
+// moved. A list is its size, which tells the reader of a refused one to refuse it as well, and its elements.
+struct Writer {
+    Parcel& parcel;
+
+    bool operator()(const std::string& text) const { return parcel.WriteString(text); }
+    bool operator()(int32_t number) const { return parcel.WriteInt32(number); }
+    bool operator()(int64_t number) const { return parcel.WriteInt64(number); }
+    template <class Element>
+    bool operator()(const std::vector<Element>& list) const
+    {
+        const auto size = static_cast<int32_t>(list.size());
+        return (*this)(size) && size <= MAX_QUERY_LIST_SIZE && std::all_of(list.begin(), list.end(), *this);
+    }
+    template <class... Fields>
+    bool All(const Fields&... fields) const
+    {
+        return ((*this)(fields) && ...);
+    }
+};
+
+struct Reader {
+    Parcel& parcel;
+
+    bool operator()(std::string& text) const { return parcel.ReadString(text); }
+    bool operator()(int32_t& number) const { return parcel.ReadInt32(number); }
+    bool operator()(int64_t& number) const { return parcel.ReadInt64(number); }
+    // A negative size reads as an empty list, as it always has.
+    template <class Element>
+    bool operator()(std::vector<Element>& list) const
+    {
+        int32_t size = 0;
+        return (*this)(size) && size <= MAX_QUERY_LIST_SIZE && Util::ReadAnnounced(parcel, size, list, *this);
+    }
+    template <class... Fields>
+    bool All(Fields&... fields) const
+    {
+        return ((*this)(fields) && ...);
+    }
+};
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer

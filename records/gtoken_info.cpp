@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "security_privacy/gtoken_info.h"
 
+#include <algorithm>
+
 #include "records/field_io.h"
 #include "records/read_fields.h"
 #include "security_privacy/contract.h"
@@ -10,14 +12,10 @@
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 
-namespace {
-
 using Util::FormatUtils::Text;
 using Util::KelLog::Tag;
 
 const Tag LOG_TAG = Tag::Create("GToken", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
-
-}  // namespace
 
 bool GTokenInfo::Marshalling(Parcel& parcel) const
 {
@@ -27,8 +25,8 @@ bool GTokenInfo::Marshalling(Parcel& parcel) const
         isWritten = isWritten && WRITE_MASKED(String, fingerprint);
         isWritten = isWritten && WRITE(Int64, versionCode);
         isWritten = isWritten && WRITE(Int32, policiesSize);
-        return isWritten &&
-               ForFirst(policiesSize, policies, [&](const GTokenPolicy& policy) { return policy.Marshalling(parcel); });
+        return isWritten && std::all_of(policies.begin(), policies.end(),
+                                        [&](const GTokenPolicy& policy) { return policy.Marshalling(parcel); });
     });
 }
 
@@ -46,12 +44,9 @@ GTokenInfo* GTokenInfo::Unmarshalling(Parcel& parcel)
             static_cast<void>(info.release());
             return false;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
         }
-        if (!isRead) {
-            return false;
-        }
         // A negative count reads as no policies, as it always has.
-        Util::ReserveAnnounced(info->policies, policiesSize, parcel.GetReadableBytes());
-        return Repeat(policiesSize, [&] { return ReadFields(parcel, info->policies.emplace_back()); });
+        return isRead && Util::ReadAnnounced(parcel, policiesSize, info->policies,
+                                             [&](GTokenPolicy& policy) { return ReadFields(parcel, policy); });
     });
 }
 

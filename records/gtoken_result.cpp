@@ -8,14 +8,10 @@
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 
-namespace {
-
 using Util::FormatUtils::Text;
 using Util::KelLog::Tag;
 
 const Tag LOG_TAG = Tag::Create("GToken", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
-
-}  // namespace
 
 bool GTokenResult::Marshalling(Parcel& parcel) const
 {

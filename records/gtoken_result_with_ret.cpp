@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "security_privacy/gtoken_result_with_ret.h"
 
+#include <algorithm>
+
 #include "records/field_io.h"
 #include "records/read_fields.h"
 #include "security_privacy/contract.h"
@@ -10,14 +12,10 @@
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 
-namespace {
-
 using Util::FormatUtils::Text;
 using Util::KelLog::Tag;
 
 const Tag LOG_TAG = Tag::Create("GToken", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
-
-}  // namespace
 
 bool GTokenResultWithRet::Marshalling(Parcel& parcel) const
 {
@@ -25,8 +23,8 @@ bool GTokenResultWithRet::Marshalling(Parcel& parcel) const
         const auto gTokenResultsSize = static_cast<int32_t>(gTokenResults.size());
         bool isWritten = WRITE(Int64, ret);
         isWritten = isWritten && WRITE(Int32, gTokenResultsSize);
-        return isWritten && ForFirst(gTokenResultsSize, gTokenResults,
-                                     [&](const GTokenResult& row) { return row.Marshalling(parcel); });
+        return isWritten && std::all_of(gTokenResults.begin(), gTokenResults.end(),
+                                        [&](const GTokenResult& row) { return row.Marshalling(parcel); });
     });
 }
 
@@ -42,12 +40,9 @@ GTokenResultWithRet* GTokenResultWithRet::Unmarshalling(Parcel& parcel)
             static_cast<void>(result.release());
             return false;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
         }
-        if (!isRead) {
-            return false;
-        }
         // A negative count reads as no rows, as it always has.
-        Util::ReserveAnnounced(result->gTokenResults, gTokenResultsSize, parcel.GetReadableBytes());
-        return Repeat(gTokenResultsSize, [&] { return ReadFields(parcel, result->gTokenResults.emplace_back()); });
+        return isRead && Util::ReadAnnounced(parcel, gTokenResultsSize, result->gTokenResults,
+                                             [&](GTokenResult& row) { return ReadFields(parcel, row); });
     });
 }
 

@@ -11,28 +11,15 @@ using Util::FormatUtils::Text;
 
 bool PermissionUsageRecord::Marshalling(Parcel& parcel) const
 {
-    bool isWritten = parcel.WriteString(bundleName_);
-    isWritten = isWritten && parcel.WriteInt32(uid_);
-    isWritten = isWritten && parcel.WriteString(operationGroup_);
-    isWritten = isWritten && parcel.WriteInt32(times_);
-    isWritten = isWritten && parcel.WriteInt32(operationMode_);
-    isWritten = isWritten && parcel.WriteInt32(appState_);
-    isWritten = isWritten && parcel.WriteInt32(screenState_);
-    isWritten = isWritten && parcel.WriteInt64(beginTimestamp_);
-    return isWritten && parcel.WriteInt64(endTimestamp_);
+    return Writer{parcel}.All(bundleName_, uid_, operationGroup_, times_, operationMode_, appState_, screenState_,
+                              beginTimestamp_, endTimestamp_);
 }
 
 bool ReadFields(Parcel& parcel, PermissionUsageRecord& record)
 {
-    bool isRead = parcel.ReadString(record.bundleName_);
-    isRead = isRead && parcel.ReadInt32(record.uid_);
-    isRead = isRead && parcel.ReadString(record.operationGroup_);
-    isRead = isRead && parcel.ReadInt32(record.times_);
-    isRead = isRead && parcel.ReadInt32(record.operationMode_);
-    isRead = isRead && parcel.ReadInt32(record.appState_);
-    isRead = isRead && parcel.ReadInt32(record.screenState_);
-    isRead = isRead && parcel.ReadInt64(record.beginTimestamp_);
-    return isRead && parcel.ReadInt64(record.endTimestamp_);
+    return Reader{parcel}.All(record.bundleName_, record.uid_, record.operationGroup_, record.times_,
+                              record.operationMode_, record.appState_, record.screenState_, record.beginTimestamp_,
+                              record.endTimestamp_);
 }
 
 PermissionUsageRecord* PermissionUsageRecord::Unmarshalling(Parcel& parcel)
