@@ -2,6 +2,7 @@
 #include "security_privacy/security_privacy_client.h"
 
 #include <exception>
+#include <functional>
 #include <mutex>
 #include <new>
 #include <type_traits>
@@ -113,12 +114,12 @@ void Fail(GTokenResultWithRet& result)
     result.ret = RESULT_TRANSPORT_FAILED;
 }
 
-// What `operation` returns for the service, or the default of its result, 0, when there is no service: callers that
-// need to tell that from success use `Connect`. The error line names `method`.
-template <class Operation>
-auto Request(std::recursive_mutex& mutex, const char* method, Operation operation)
+// What `operation` of the service returns for `arguments`, or the default of its result, 0, when there is no service:
+// callers that need to tell that from success use `Connect`. The error line names `method`.
+template <class Operation, class... Arguments>
+auto Request(std::recursive_mutex& mutex, const char* method, Operation operation, Arguments&&... arguments)
 {
-    std::invoke_result_t<Operation&, SecurityPrivacyServiceIntf&> result{};
+    std::invoke_result_t<Operation, SecurityPrivacyServiceIntf&, Arguments...> result{};
     try {
         const Hold hold(mutex);
         Found found;
@@ -126,7 +127,7 @@ auto Request(std::recursive_mutex& mutex, const char* method, Operation operatio
         if (found.proxy == nullptr) {
             LOG_ERROR_AS(method, "proxy is nullptr, please check.");
         } else {
-            result = operation(*found.proxy);
+            result = std::invoke(operation, *found.proxy, std::forward<Arguments>(arguments)...);
         }
     } catch (...) {
         ReportException(method);
@@ -182,39 +183,32 @@ int32_t SecurityPrivacyClient::GetAppPermissionGroupInfosByApp(
     const std::string& bundleName, int32_t userId, const std::unordered_set<std::string>& interestedPermissionGroups,
     std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos)
 {
-    return Request(mutex_, __func__, [&](SecurityPrivacyServiceIntf& service) {
-        return service.GetAppPermissionGroupInfosByApp(bundleName, userId, interestedPermissionGroups,
-                                                       appPermissionGroupInfos);
-    });
+    return Request(mutex_, __func__, &SecurityPrivacyServiceIntf::GetAppPermissionGroupInfosByApp, bundleName, userId,
+                   interestedPermissionGroups, appPermissionGroupInfos);
 }
 
 int32_t SecurityPrivacyClient::GetAppPermissionGroupInfosByPermission(
     const std::string& permissionGroup, int32_t userId, const std::unordered_set<std::string>& interestedBundleNames,
     std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos)
 {
-    return Request(mutex_, __func__, [&](SecurityPrivacyServiceIntf& service) {
-        return service.GetAppPermissionGroupInfosByPermission(permissionGroup, userId, interestedBundleNames,
-                                                              appPermissionGroupInfos);
-    });
+    return Request(mutex_, __func__, &SecurityPrivacyServiceIntf::GetAppPermissionGroupInfosByPermission,
+                   permissionGroup, userId, interestedBundleNames, appPermissionGroupInfos);
 }
 
 int32_t SecurityPrivacyClient::SetAppPermissionGroupCheckedState(
     const std::string& bundleName, int32_t uid, const std::string& permissionGroup,
     const Permission::CheckedStateParameter& checkedStateParameter, bool& returns)
 {
-    return Request(mutex_, __func__, [&](SecurityPrivacyServiceIntf& service) {
-        return service.SetAppPermissionGroupCheckedState(bundleName, uid, permissionGroup, checkedStateParameter,
-                                                         returns);
-    });
+    return Request(mutex_, __func__, &SecurityPrivacyServiceIntf::SetAppPermissionGroupCheckedState, bundleName, uid,
+                   permissionGroup, checkedStateParameter, returns);
 }
 
 int32_t SecurityPrivacyClient::GetPermissionUsageSummary(const Record::PermissionUsageRecordQuery& query,
                                                          std::vector<Record::PermissionUsageRecord>& records)
 {
     // The error line bears the timeline's name here too: a search of a log for it finds both requests.
-    const int32_t result = Request(mutex_, "GetPermissionUsageTimeline", [&](SecurityPrivacyServiceIntf& service) {
-        return service.GetPermissionUsageSummary(query, records);
-    });
+    const int32_t result = Request(mutex_, "GetPermissionUsageTimeline",
+                                   &SecurityPrivacyServiceIntf::GetPermissionUsageSummary, query, records);
     LogRecords(__func__, records);
     return result;
 }
@@ -222,9 +216,8 @@ int32_t SecurityPrivacyClient::GetPermissionUsageSummary(const Record::Permissio
 int32_t SecurityPrivacyClient::GetPermissionUsageTimeline(const Record::PermissionUsageRecordQuery& query,
                                                           std::vector<Record::PermissionUsageRecord>& records)
 {
-    const int32_t result = Request(mutex_, __func__, [&](SecurityPrivacyServiceIntf& service) {
-        return service.GetPermissionUsageTimeline(query, records);
-    });
+    const int32_t result =
+        Request(mutex_, __func__, &SecurityPrivacyServiceIntf::GetPermissionUsageTimeline, query, records);
     LogRecords(__func__, records);
     return result;
 }
@@ -232,24 +225,21 @@ int32_t SecurityPrivacyClient::GetPermissionUsageTimeline(const Record::Permissi
 int32_t SecurityPrivacyClient::GTokenPolicyAddPolicy(const std::vector<GTokenInfo>& gTokenInfos)
 {
     LOG_INFO("GTokenPolicySdkAdaptor AddPolicy called");
-    return Request(mutex_, __func__,
-                   [&](SecurityPrivacyServiceIntf& service) { return service.GTokenPolicyAddPolicy(gTokenInfos); });
+    return Request(mutex_, __func__, &SecurityPrivacyServiceIntf::GTokenPolicyAddPolicy, gTokenInfos);
 }
 
 GTokenResultWithRet SecurityPrivacyClient::GTokenPolicyGetPolicy(std::string policyName,
                                                                  const std::vector<std::string>& bundleNames)
 {
     LOG_INFO("GTokenPolicySdkAdaptor GetPolicy called");
-    return Request(mutex_, __func__, [&](SecurityPrivacyServiceIntf& service) {
-        return service.GTokenPolicyGetPolicy(std::move(policyName), bundleNames);
-    });
+    return Request(mutex_, __func__, &SecurityPrivacyServiceIntf::GTokenPolicyGetPolicy, std::move(policyName),
+                   bundleNames);
 }
 
 int32_t SecurityPrivacyClient::GTokenPolicyRemovePolicy(const std::vector<std::string>& bundleNames)
 {
     LOG_INFO("GTokenPolicySdkAdaptor RemovePolicy called");
-    return Request(mutex_, __func__,
-                   [&](SecurityPrivacyServiceIntf& service) { return service.GTokenPolicyRemovePolicy(bundleNames); });
+    return Request(mutex_, __func__, &SecurityPrivacyServiceIntf::GTokenPolicyRemovePolicy, bundleNames);
 }
 
 ConnectResult Connect(int32_t timeoutSeconds)
