@@ -27,21 +27,22 @@ namespace {
 using Util::FormatUtils::Text;
 using Util::KelLog::Tag;
 
+using Intf = SecurityPrivacyServiceIntf;
+
 const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
 
 // A proxy for `object`. Null when no maker of proxies is registered, or when it made nothing or something else.
-sptr<SecurityPrivacyServiceIntf> CastToInterface(const sptr<IRemoteObject>& object)
+sptr<Intf> CastToInterface(const sptr<IRemoteObject>& object)
 {
-    const sptr<IRemoteBroker> broker =
-        BrokerRegistration::Get().NewInstance(SecurityPrivacyServiceIntf::GetDescriptor(), object);
-    return dynamic_cast<SecurityPrivacyServiceIntf*>(broker.Get());
+    const sptr<IRemoteBroker> broker = BrokerRegistration::Get().NewInstance(Intf::GetDescriptor(), object);
+    return dynamic_cast<Intf*>(broker.Get());
 }
 
 // What finds the service and what is found, all held until a request is over.
 struct Found {
     sptr<ISystemAbilityManager> manager;
     sptr<IRemoteObject> object;
-    sptr<SecurityPrivacyServiceIntf> proxy;
+    sptr<Intf> proxy;
     ConnectError error = ConnectError::NO_MANAGER;  // of the step that failed, also when it threw
 };
 
@@ -90,11 +91,14 @@ private:
     const std::lock_guard<std::recursive_mutex> lock_;
 };
 
-// No exception leaves the library, whatever throws it; most often memory has run out.
-void ReportException(const char* method) noexcept
+// Runs `act` and says whether it came to its end: no exception leaves the library, whatever throws it; most often
+// memory has run out. The error line names `method`.
+template <class Act>
+bool Attempt(const char* method, const Act& act) noexcept
 {
     try {
-        throw;
+        act();
+        return true;
     } catch (const std::bad_alloc&) {
         LOG_ERROR_AS(method, "out of memory.");
     } catch (const std::exception& exception) {
@@ -102,25 +106,16 @@ void ReportException(const char* method) noexcept
     } catch (...) {
         LOG_ERROR_AS(method, "an exception of unknown type came back.");
     }
-}
-
-void Fail(int32_t& result)
-{
-    result = RESULT_TRANSPORT_FAILED;
-}
-
-void Fail(GTokenResultWithRet& result)
-{
-    result.ret = RESULT_TRANSPORT_FAILED;
+    return false;
 }
 
 // What `operation` of the service returns for `arguments`, or the default of its result, 0, when there is no service:
-// callers that need to tell that from success use `Connect`. The error line names `method`.
+// callers that need to tell that from success use `Connect`. The error lines name `method`.
 template <class Operation, class... Arguments>
 auto Request(std::recursive_mutex& mutex, const char* method, Operation operation, Arguments&&... arguments)
 {
-    std::invoke_result_t<Operation, SecurityPrivacyServiceIntf&, Arguments...> result{};
-    try {
+    std::invoke_result_t<Operation, Intf&, Arguments...> result{};
+    const bool isDone = Attempt(method, [&] {
         const Hold hold(mutex);
         Found found;
         LookUp(CLIENT_LOOKUP, SA_LOAD_TIMEOUT, found);
@@ -129,22 +124,22 @@ auto Request(std::recursive_mutex& mutex, const char* method, Operation operatio
         } else {
             result = std::invoke(operation, *found.proxy, std::forward<Arguments>(arguments)...);
         }
-    } catch (...) {
-        ReportException(method);
-        Fail(result);
+    });
+    if constexpr (std::is_same_v<decltype(result), int32_t>) {
+        return isDone ? result : RESULT_TRANSPORT_FAILED;
+    } else {
+        result.ret = isDone ? result.ret : RESULT_TRANSPORT_FAILED;
+        return result;
     }
-    return result;
 }
 
-void LogRecords(const char* method, const std::vector<Record::PermissionUsageRecord>& records) noexcept
+void LogRecords(const char* method, const std::vector<Record::PermissionUsageRecord>& records)
 {
-    try {
+    Attempt(method, [&] {
         for (const Record::PermissionUsageRecord& record : records) {
             LOG_DEBUG_AS(method, "%s", record.ToString().c_str());
         }
-    } catch (...) {
-        ReportException(method);
-    }
+    });
 }
 
 }  // namespace
@@ -171,11 +166,7 @@ void SecurityPrivacyClient::WithSystemAbilityProxy(
     const Hold hold(mutex_);
 
     Found found;
-    try {
-        LookUp(CLIENT_LOOKUP, SA_LOAD_TIMEOUT, found);
-    } catch (...) {
-        ReportException(CLIENT_LOOKUP);
-    }
+    Attempt(CLIENT_LOOKUP, [&] { LookUp(CLIENT_LOOKUP, SA_LOAD_TIMEOUT, found); });
     callback(found.proxy);
 }
 
@@ -183,7 +174,7 @@ int32_t SecurityPrivacyClient::GetAppPermissionGroupInfosByApp(
     const std::string& bundleName, int32_t userId, const std::unordered_set<std::string>& interestedPermissionGroups,
     std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos)
 {
-    return Request(mutex_, __func__, &SecurityPrivacyServiceIntf::GetAppPermissionGroupInfosByApp, bundleName, userId,
+    return Request(mutex_, __func__, &Intf::GetAppPermissionGroupInfosByApp, bundleName, userId,
                    interestedPermissionGroups, appPermissionGroupInfos);
 }
 
@@ -191,24 +182,24 @@ int32_t SecurityPrivacyClient::GetAppPermissionGroupInfosByPermission(
     const std::string& permissionGroup, int32_t userId, const std::unordered_set<std::string>& interestedBundleNames,
     std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos)
 {
-    return Request(mutex_, __func__, &SecurityPrivacyServiceIntf::GetAppPermissionGroupInfosByPermission,
-                   permissionGroup, userId, interestedBundleNames, appPermissionGroupInfos);
+    return Request(mutex_, __func__, &Intf::GetAppPermissionGroupInfosByPermission, permissionGroup, userId,
+                   interestedBundleNames, appPermissionGroupInfos);
 }
 
 int32_t SecurityPrivacyClient::SetAppPermissionGroupCheckedState(
     const std::string& bundleName, int32_t uid, const std::string& permissionGroup,
     const Permission::CheckedStateParameter& checkedStateParameter, bool& returns)
 {
-    return Request(mutex_, __func__, &SecurityPrivacyServiceIntf::SetAppPermissionGroupCheckedState, bundleName, uid,
-                   permissionGroup, checkedStateParameter, returns);
+    return Request(mutex_, __func__, &Intf::SetAppPermissionGroupCheckedState, bundleName, uid, permissionGroup,
+                   checkedStateParameter, returns);
 }
 
 int32_t SecurityPrivacyClient::GetPermissionUsageSummary(const Record::PermissionUsageRecordQuery& query,
                                                          std::vector<Record::PermissionUsageRecord>& records)
 {
     // The error line bears the timeline's name here too: a search of a log for it finds both requests.
-    const int32_t result = Request(mutex_, "GetPermissionUsageTimeline",
-                                   &SecurityPrivacyServiceIntf::GetPermissionUsageSummary, query, records);
+    const int32_t result =
+        Request(mutex_, "GetPermissionUsageTimeline", &Intf::GetPermissionUsageSummary, query, records);
     LogRecords(__func__, records);
     return result;
 }
@@ -216,8 +207,7 @@ int32_t SecurityPrivacyClient::GetPermissionUsageSummary(const Record::Permissio
 int32_t SecurityPrivacyClient::GetPermissionUsageTimeline(const Record::PermissionUsageRecordQuery& query,
                                                           std::vector<Record::PermissionUsageRecord>& records)
 {
-    const int32_t result =
-        Request(mutex_, __func__, &SecurityPrivacyServiceIntf::GetPermissionUsageTimeline, query, records);
+    const int32_t result = Request(mutex_, __func__, &Intf::GetPermissionUsageTimeline, query, records);
     LogRecords(__func__, records);
     return result;
 }
@@ -225,31 +215,26 @@ int32_t SecurityPrivacyClient::GetPermissionUsageTimeline(const Record::Permissi
 int32_t SecurityPrivacyClient::GTokenPolicyAddPolicy(const std::vector<GTokenInfo>& gTokenInfos)
 {
     LOG_INFO("GTokenPolicySdkAdaptor AddPolicy called");
-    return Request(mutex_, __func__, &SecurityPrivacyServiceIntf::GTokenPolicyAddPolicy, gTokenInfos);
+    return Request(mutex_, __func__, &Intf::GTokenPolicyAddPolicy, gTokenInfos);
 }
 
 GTokenResultWithRet SecurityPrivacyClient::GTokenPolicyGetPolicy(std::string policyName,
                                                                  const std::vector<std::string>& bundleNames)
 {
     LOG_INFO("GTokenPolicySdkAdaptor GetPolicy called");
-    return Request(mutex_, __func__, &SecurityPrivacyServiceIntf::GTokenPolicyGetPolicy, std::move(policyName),
-                   bundleNames);
+    return Request(mutex_, __func__, &Intf::GTokenPolicyGetPolicy, std::move(policyName), bundleNames);
 }
 
 int32_t SecurityPrivacyClient::GTokenPolicyRemovePolicy(const std::vector<std::string>& bundleNames)
 {
     LOG_INFO("GTokenPolicySdkAdaptor RemovePolicy called");
-    return Request(mutex_, __func__, &SecurityPrivacyServiceIntf::GTokenPolicyRemovePolicy, bundleNames);
+    return Request(mutex_, __func__, &Intf::GTokenPolicyRemovePolicy, bundleNames);
 }
 
 ConnectResult Connect(int32_t timeoutSeconds)
 {
     Found found;
-    try {
-        LookUp(__func__, timeoutSeconds, found);
-    } catch (...) {
-        ReportException(__func__);
-    }
+    Attempt("Connect", [&] { LookUp("Connect", timeoutSeconds, found); });
     return {found.proxy, found.error};
 }
 
