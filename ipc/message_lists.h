@@ -66,23 +66,6 @@ size_t RoomFor(size_t announced, size_t readRecords, size_t readBytes, size_t le
     return std::max<size_t>(std::min({announced, expected, Util::MostElements<Record>(leftBytes)}), 1);
 }
 
-// Reads the record at the cursor into a new last element; one that cannot be read leaves the list as it was.
-template <class Record>
-void AppendRecord(MessageParcel& parcel, std::vector<Record>& records)
-{
-    if (!ReadFields(parcel, records.emplace_back())) {
-        records.pop_back();
-    }
-}
-// Not in place: a GTokenInfo with too many policies outlives the attempt to read it, see its Unmarshalling.
-inline void AppendRecord(MessageParcel& parcel, std::vector<GTokenInfo>& infos)
-{
-    const sptr<GTokenInfo> info(GTokenInfo::Unmarshalling(parcel));
-    if (info != nullptr) {
-        infos.push_back(std::move(*info));  // no other owner sees it, so it need not be copied
-    }
-}
-
 // Appends to `records` those of the `announced` ones that are there: a record that is absent or cannot be read is left
 // out, silently, and the next one is tried where reading stopped. Throws std::bad_alloc when memory runs out, with
 // `records` as it was.
@@ -108,12 +91,18 @@ void ReadRecords(MessageParcel& parcel, int32_t announced, std::vector<Record>& 
                 // A list that a caller appends to again and again is not moved each time.
                 records.reserve(std::max(records.size() + room, 2 * before));
             }
-            AppendRecord(parcel, records);
+            if constexpr (std::is_same_v<Record, GTokenInfo>) {
+                // Not in place: one with too many policies outlives the attempt to read it, see its Unmarshalling.
+                const sptr<GTokenInfo> info(GTokenInfo::Unmarshalling(parcel));
+                if (info != nullptr) {
+                    records.push_back(std::move(*info));  // no other owner sees it, so it need not be copied
+                }
+            } else if (!ReadFields(parcel, records.emplace_back())) {
+                records.pop_back();
+            }
         }
     } catch (const std::bad_alloc&) {
-        while (records.size() > before) {
-            records.pop_back();
-        }
+        records.resize(before);
         throw;
     }
 }

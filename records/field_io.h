@@ -45,17 +45,14 @@
 #define WRITE_MASKED(Type, name) \
     (parcel.Write##Type(name) && FIELD_LOG("Marshalling", "Write" #Type " " #name " succeed."))
 
-#define READ(Type, record, name)                                                                               \
-    (parcel.Read##Type((record)->name) && FIELD_LOG("Unmarshalling", "Read" #Type " to " #name "=%s succeed.", \
-                                                    Util::FormatUtils::Text((record)->name).c_str()))
+#define READ(Type, record, name) READ_STEP(Type, (record)->name, " to " #name)
+#define READ_LOCAL(Type, name) READ_STEP(Type, name, " to " #name)
+#define READ_ELEMENT(Type, name) READ_STEP(Type, name, " " #name)
+#define READ_STEP(Type, value, text) \
+    (parcel.Read##Type(value) &&     \
+     FIELD_LOG("Unmarshalling", "Read" #Type text "=%s succeed.", Util::FormatUtils::Text(value).c_str()))
 #define READ_MASKED(Type, record, name) \
     (parcel.Read##Type((record)->name) && FIELD_LOG("Unmarshalling", "Read" #Type " to " #name " succeed."))
-#define READ_LOCAL(Type, name)  \
-    (parcel.Read##Type(name) && \
-     FIELD_LOG("Unmarshalling", "Read" #Type " to " #name "=%s succeed.", Util::FormatUtils::Text(name).c_str()))
-#define READ_ELEMENT(Type, name) \
-    (parcel.Read##Type(name) &&  \
-     FIELD_LOG("Unmarshalling", "Read" #Type " " #name "=%s succeed.", Util::FormatUtils::Text(name).c_str()))
 #define CHECK_AT_MOST(name, limit) ((name) <= (limit) && FIELD_LOG("Unmarshalling", #name " check succeed."))
 
 #define FIELD_LOG(function, ...) (LOG_DEBUG_AS(function, __VA_ARGS__), true)

@@ -4,9 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <type_traits>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -25,32 +23,26 @@ size_t MostElements(size_t bytes)
     return 5 * bytes / sizeof(Element);
 }
 
-// Appends `announced` elements to `list`, each of which `read` fills where it stands, until one cannot be read.
-template <class Element, class Read>
-bool ReadAnnounced(Parcel& parcel, int32_t announced, std::vector<Element>& list, const Read& read)
+// Adds `announced` elements to `list`, a vector or a set, until `read` cannot fill one; in a vector it fills each where
+// it stands.
+template <class List, class Read>
+bool ReadAnnounced(Parcel& parcel, int32_t announced, List& list, const Read& read)
 {
+    using Element = typename List::value_type;
     const auto claimed = static_cast<size_t>(std::max(announced, 0));
     list.reserve(list.size() + std::min(claimed, MostElements<Element>(parcel.GetReadableBytes())));
     for (int32_t index = 0; index < announced; ++index) {
-        if (!read(list.emplace_back())) {
-            return false;
+        if constexpr (std::is_same_v<List, std::vector<Element>>) {
+            if (!read(list.emplace_back())) {
+                return false;
+            }
+        } else {
+            Element element;
+            if (!read(element)) {
+                return false;
+            }
+            list.insert(std::move(element));
         }
-    }
-    return true;
-}
-
-// The same for a set of texts, each of which takes a length and a terminator at least; equal texts become one.
-template <class Read>
-bool ReadAnnounced(Parcel& parcel, int32_t announced, std::unordered_set<std::string>& set, const Read& read)
-{
-    const auto claimed = static_cast<size_t>(std::max(announced, 0));
-    set.reserve(std::min(claimed, parcel.GetReadableBytes() / (2 * sizeof(int32_t))));
-    for (int32_t index = 0; index < announced; ++index) {
-        std::string text;
-        if (!read(text)) {
-            return false;
-        }
-        set.insert(std::move(text));
     }
     return true;
 }
