@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -119,44 +120,35 @@ public:
         return refused_.count(messageCode) == 0;
     }
 
-    int32_t GetAppPermissionGroupInfosByApp(
-        const std::string& bundleName, int32_t userId,
-        const std::unordered_set<std::string>& interestedPermissionGroups,
-        std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos) override
+    int32_t GetAppPermissionGroupInfosByApp(const std::string& bundleName, int32_t userId,
+                                            const std::unordered_set<std::string>& interested,
+                                            std::vector<Permission::AppPermissionGroupInfo>& infos) override
     {
         FakeCall call;
-        call.code = MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP;
-        call.bundleName = bundleName;
-        call.userId = userId;
-        call.interested = interestedPermissionGroups;
-        return AnswerGroups(call, appPermissionGroupInfos);
+        std::tie(call.bundleName, call.userId, call.interested) = std::tie(bundleName, userId, interested);
+        return Fill(infos, &FakeAnswer::appPermissionGroupInfos, MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP,
+                    call);
     }
 
-    int32_t GetAppPermissionGroupInfosByPermission(
-        const std::string& permissionGroup, int32_t userId,
-        const std::unordered_set<std::string>& interestedBundleNames,
-        std::vector<Permission::AppPermissionGroupInfo>& appPermissionGroupInfos) override
+    int32_t GetAppPermissionGroupInfosByPermission(const std::string& permissionGroup, int32_t userId,
+                                                   const std::unordered_set<std::string>& interested,
+                                                   std::vector<Permission::AppPermissionGroupInfo>& infos) override
     {
         FakeCall call;
-        call.code = MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION;
-        call.permissionGroup = permissionGroup;
-        call.userId = userId;
-        call.interested = interestedBundleNames;
-        return AnswerGroups(call, appPermissionGroupInfos);
+        std::tie(call.permissionGroup, call.userId, call.interested) = std::tie(permissionGroup, userId, interested);
+        return Fill(infos, &FakeAnswer::appPermissionGroupInfos,
+                    MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION, call);
     }
 
     int32_t SetAppPermissionGroupCheckedState(const std::string& bundleName, int32_t uid,
                                               const std::string& permissionGroup,
-                                              const Permission::CheckedStateParameter& checkedStateParameter,
+                                              const Permission::CheckedStateParameter& parameter,
                                               bool& returns) override
     {
         FakeCall call;
-        call.code = MessageCode::SET_APP_PERMISSION_GROUP_CHECKED_STATE;
-        call.bundleName = bundleName;
-        call.uid = uid;
-        call.permissionGroup = permissionGroup;
-        call.checkedStateParameter = checkedStateParameter;
-        const FakeAnswer answer = Answer(call);
+        std::tie(call.bundleName, call.uid, call.permissionGroup) = std::tie(bundleName, uid, permissionGroup);
+        call.checkedStateParameter = parameter;
+        const FakeAnswer answer = Answer(MessageCode::SET_APP_PERMISSION_GROUP_CHECKED_STATE, call);
         returns = answer.returns;
         return answer.result;
     }
@@ -164,74 +156,64 @@ public:
     int32_t GetPermissionUsageSummary(const Record::PermissionUsageRecordQuery& query,
                                       std::vector<Record::PermissionUsageRecord>& records) override
     {
-        return AnswerUsage(MessageCode::GET_PERMISSION_USAGE_RECORD_SUMMARY, query, records);
+        FakeCall call;
+        call.query = query;
+        return Fill(records, &FakeAnswer::records, MessageCode::GET_PERMISSION_USAGE_RECORD_SUMMARY, call);
     }
 
     int32_t GetPermissionUsageTimeline(const Record::PermissionUsageRecordQuery& query,
                                        std::vector<Record::PermissionUsageRecord>& records) override
     {
-        return AnswerUsage(MessageCode::GET_PERMISSION_USAGE_RECORD_TIMELINE, query, records);
+        FakeCall call;
+        call.query = query;
+        return Fill(records, &FakeAnswer::records, MessageCode::GET_PERMISSION_USAGE_RECORD_TIMELINE, call);
     }
 
     int32_t GTokenPolicyAddPolicy(const std::vector<GTokenInfo>& gTokenInfos) override
     {
         FakeCall call;
-        call.code = MessageCode::GTOKEN_POLICY_ADD_POLICY;
         call.gTokenInfos = gTokenInfos;
-        return Answer(call).result;
+        return Answer(MessageCode::GTOKEN_POLICY_ADD_POLICY, call).result;
     }
 
     GTokenResultWithRet GTokenPolicyGetPolicy(std::string policyName,
                                               const std::vector<std::string>& bundleNames) override
     {
         FakeCall call;
-        call.code = MessageCode::GTOKEN_POLICY_GET_POLICY;
-        call.policyName = std::move(policyName);
-        call.bundleNames = bundleNames;
-        return Answer(call).gTokenResultWithRet;
+        std::tie(call.policyName, call.bundleNames) = std::tie(policyName, bundleNames);
+        return Answer(MessageCode::GTOKEN_POLICY_GET_POLICY, call).gTokenResultWithRet;
     }
 
     int32_t GTokenPolicyRemovePolicy(const std::vector<std::string>& bundleNames) override
     {
         FakeCall call;
-        call.code = MessageCode::GTOKEN_POLICY_REMOVE_POLICY;
         call.bundleNames = bundleNames;
-        return Answer(call).result;
+        return Answer(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, call).result;
     }
 
 private:
-    FakeAnswer Answer(const FakeCall& call)
+    // Notes the call and makes its answer.
+    FakeAnswer Answer(uint32_t code, FakeCall& call)
     {
-        std::shared_ptr<const Responder> responder;
-        FakeAnswer answer;
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            calls_.push_back(call);
-            answer.result = failure_;
-            answer.gTokenResultWithRet.ret = failure_;
-            const auto found = responders_.find(call.code);
-            if (failure_ == 0 && found != responders_.end()) {
-                responder = found->second;
-            }
-        }
-        return responder ? (*responder)(call) : answer;
-    }
-
-    int32_t AnswerGroups(const FakeCall& call, std::vector<Permission::AppPermissionGroupInfo>& infos)
-    {
-        const FakeAnswer answer = Answer(call);
-        infos.insert(infos.end(), answer.appPermissionGroupInfos.begin(), answer.appPermissionGroupInfos.end());
-        return answer.result;
-    }
-
-    int32_t AnswerUsage(uint32_t code, const Record::PermissionUsageRecordQuery& query,
-                        std::vector<Record::PermissionUsageRecord>& records)
-    {
-        FakeCall call;
         call.code = code;
-        call.query = query;
-        const FakeAnswer answer = Answer(call);
-        records.insert(records.end(), answer.records.begin(), answer.records.end());
+        std::unique_lock<std::mutex> lock(mutex_);
+        calls_.push_back(call);
+        if (failure_ != 0) {
+            FakeAnswer answer;
+            answer.gTokenResultWithRet.ret = answer.result = failure_;
+            return answer;
+        }
+        const std::shared_ptr<const Responder> responder = responders_[code];
+        lock.unlock();
+        return responder ? (*responder)(call) : FakeAnswer();
+    }
+
+    // The same for an operation that fills `list`.
+    template <class Element>
+    int32_t Fill(std::vector<Element>& list, std::vector<Element> FakeAnswer::*elements, uint32_t code, FakeCall& call)
+    {
+        const FakeAnswer answer = Answer(code, call);
+        list.insert(list.end(), (answer.*elements).begin(), (answer.*elements).end());
         return answer.result;
     }
 
