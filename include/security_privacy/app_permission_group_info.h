@@ -19,8 +19,8 @@ public:
     // write that fails; the parcel is then to be dropped.
     bool Marshalling(Parcel& parcel) const override;
 
-    // Reads a record. A new one for the caller to own, or null when the parcel does not hold a whole record, announces
-    // more than 50 states, or memory runs out. A negative count of states reads as none.
+    // Reads a new record for the caller to own; null when the parcel does not hold a whole one, announces more than
+    // 50 states, or memory runs out. A negative count of states reads as none.
     static AppPermissionGroupInfo* Unmarshalling(Parcel& parcel);
 
     // All fields on one line, for logs.

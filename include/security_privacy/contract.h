@@ -26,12 +26,11 @@ inline constexpr int32_t MAX_INTERESTED_PERMISSION_GROUPS_SIZE = 50;  // a by-ap
 inline constexpr int32_t MAX_INTERESTED_BUNDLE_NAMES_SIZE = 10000;    // a by-permission request's bundle names
 inline constexpr int32_t MAX_APP_PERMISSION_GROUP_INFO_SIZE = 10000;  // what either of them answers
 inline constexpr int32_t MAX_USAGE_RECORD_SIZE = 10000;               // what a summary or a timeline answers
-inline constexpr int32_t MAX_GTOKEN_REQUEST_SIZE =
-    10000;                                           // an add's, a get's or a remove's bundles; a get's rows: none
-inline constexpr int32_t MAX_STATES_SIZE = 50;       // an AppPermissionGroupInfo's shown states, disabled states
-inline constexpr int32_t MAX_QUERY_LIST_SIZE = 99;   // each list of a PermissionUsageRecordQuery
-inline constexpr int32_t MAX_POLICIES_SIZE = 10000;  // a GTokenInfo's policies
-inline constexpr int32_t MAX_RESULTS_SIZE = 10000;   // a GTokenResultWithRet's rows, where it travels as a record
+inline constexpr int32_t MAX_GTOKEN_REQUEST_SIZE = 10000;  // an add's, get's or remove's bundles; a get's rows: none
+inline constexpr int32_t MAX_STATES_SIZE = 50;             // an AppPermissionGroupInfo's shown states, disabled states
+inline constexpr int32_t MAX_QUERY_LIST_SIZE = 99;         // each list of a PermissionUsageRecordQuery
+inline constexpr int32_t MAX_POLICIES_SIZE = 10000;        // a GTokenInfo's policies
+inline constexpr int32_t MAX_RESULTS_SIZE = 10000;         // a GTokenResultWithRet's rows, where it travels as a record
 
 // Results, as a caller gets them; every other one is the service's own.
 inline constexpr int32_t RESULT_OK = 0;

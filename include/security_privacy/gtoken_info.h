@@ -14,12 +14,11 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 // A bundle and the policies that are to be set for it: the argument of the add request. A plain value.
 class SECURITY_PRIVACY_API GTokenInfo : public Parcelable {
 public:
-    // Writes all fields, however many policies there are. False at the first write that fails; the parcel is then to be
-    // dropped.
+    // Writes all fields, any number of policies. False at the first write that fails; the parcel is then to be dropped.
     bool Marshalling(Parcel& parcel) const override;
 
-    // Reads a record. A new one for the caller to own, or null when the parcel does not hold a whole record, announces
-    // more than 10000 policies, or memory runs out. A negative count reads as no policies.
+    // Reads a new record for the caller to own; null when the parcel does not hold a whole one, announces more than
+    // 10000 policies, or memory runs out. A negative count reads as no policies.
     static GTokenInfo* Unmarshalling(Parcel& parcel);
 
     // All fields on one line, for logs; "xxx" stands for the fingerprint.

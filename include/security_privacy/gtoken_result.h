@@ -15,8 +15,7 @@ public:
     // Writes all fields. False at the first write that fails; the parcel is then to be dropped.
     bool Marshalling(Parcel& parcel) const override;
 
-    // Reads a record. A new one for the caller to own, or null when the parcel does not hold a whole record or memory
-    // runs out.
+    // Reads a new record for the caller to own; null when the parcel does not hold a whole one or memory runs out.
     static GTokenResult* Unmarshalling(Parcel& parcel);
 
     // All fields on one line, for logs; "xxx" stands for the fingerprint.

@@ -14,12 +14,11 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 // The answer to the get request: a return code and the service's rows, each of one bundle. A plain value.
 class SECURITY_PRIVACY_API GTokenResultWithRet : public Parcelable {
 public:
-    // Writes all fields, however many rows there are. False at the first write that fails; the parcel is then to be
-    // dropped.
+    // Writes all fields, any number of rows. False at the first write that fails; the parcel is then to be dropped.
     bool Marshalling(Parcel& parcel) const override;
 
-    // Reads a record. A new one for the caller to own, or null when the parcel does not hold a whole record, announces
-    // more than 10000 rows, or memory runs out. A negative count reads as no rows.
+    // Reads a new record for the caller to own; null when the parcel does not hold a whole one, announces more than
+    // 10000 rows, or memory runs out. A negative count reads as no rows.
     static GTokenResultWithRet* Unmarshalling(Parcel& parcel);
 
     // All fields on one line, for logs; "xxx" stands for each fingerprint.

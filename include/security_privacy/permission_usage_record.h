@@ -11,7 +11,7 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record {
 
 // How one app used one operation group during one period: what a service answers to the summary and timeline requests.
 // A plain value. The codes for mode and states and the unit of the timestamps are the service's; nothing is checked
-// here.
+// or logged here.
 class SECURITY_PRIVACY_API PermissionUsageRecord : public Parcelable {
 public:
     // The fields; empty and 0 in a new record, unless something else stands there.
@@ -38,11 +38,10 @@ public:
     void SetBeginTimestamp(int64_t beginTimestamp) { beginTimestamp_ = beginTimestamp; }
     void SetEndTimestamp(int64_t endTimestamp) { endTimestamp_ = endTimestamp; }
 
-    // Writes all fields. False at the first write that fails; the parcel is then to be dropped. Logs nothing.
+    // Writes all fields. False at the first write that fails; the parcel is then to be dropped.
     bool Marshalling(Parcel& parcel) const override;
 
-    // Reads a record. A new one for the caller to own, or null when the parcel does not hold a whole record or memory
-    // runs out. Logs nothing.
+    // Reads a new record for the caller to own; null when the parcel does not hold a whole one or memory runs out.
     static PermissionUsageRecord* Unmarshalling(Parcel& parcel);
 
     // All fields on one line, for logs.

@@ -11,7 +11,7 @@
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record {
 
 // Which usage records a client asks for: six filter lists, a time span, a limit and an order. A plain value. The
-// library carries it and bounds its lists; what the filters mean is the service's business.
+// library carries it and bounds its lists, and logs nothing; what the filters mean is the service's business.
 class SECURITY_PRIVACY_API PermissionUsageRecordQuery : public Parcelable {
 public:
     // The fields, in the order in which they travel; empty and 0 in a new query.
@@ -40,11 +40,11 @@ public:
     void SetOrder(int32_t order) { order_ = order; }
 
     // Writes all fields. False at the first write that fails and at the first list of more than 99 elements, whose
-    // count is then in the parcel already; the parcel is to be dropped. Logs nothing.
+    // count is then in the parcel already; the parcel is to be dropped.
     bool Marshalling(Parcel& parcel) const override;
 
-    // Reads a query. A new one for the caller to own, or null when the parcel does not hold a whole query, announces
-    // more than 99 elements in a list, or memory runs out. A negative count reads as an empty list. Logs nothing.
+    // Reads a new query for the caller to own; null when the parcel does not hold a whole one, announces more than
+    // 99 elements in a list, or memory runs out. A negative count reads as an empty list.
     static PermissionUsageRecordQuery* Unmarshalling(Parcel& parcel);
 
     // Fills `query` from the parcel: elements are appended to its lists, numbers replaced. Takes `query` over: returns
