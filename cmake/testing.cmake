@@ -13,7 +13,7 @@ function(add_room_test name)
   target_compile_features(${name} PRIVATE cxx_std_17)
   target_compile_definitions(${name} PRIVATE ${room_DEFINITIONS})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests ${room_INCLUDES})
-  target_link_libraries(${name} PRIVATE ${room_LIBRARIES} GTest::gtest GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE ${room_LIBRARIES} GTest::gmock GTest::gtest_main)
   security_privacy_warnings(${name})
   # Their own code need not be fast: optimising it is half the time of a build.
   set(level -O1)

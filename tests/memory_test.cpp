@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // What lists cost in memory, and what becomes of a call when there is none.
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/raw_client.h"
@@ -26,80 +27,74 @@ public:
     int32_t GTokenPolicyAddPolicy(const std::vector<GTokenInfo>&) override { return 0; }
 };
 
-// A list: how a message begins with it, its shortest element (both as PutText has them), how many of them one count may
-// announce, and who reads it.
-struct List {
+// Who reads a message, what is allocated from then on counts: a proxy, a stub, or a record.
+template <uint32_t code>
+void ReadReply(const std::vector<int32_t>& words)
+{
+    const auto answer = [&words](uint32_t, MessageParcel&, MessageParcel& reply) {
+        Put(reply, words);
+        allocations = {};
+        return 0;
+    };
+    CallOperation(*ProxyOver(sptr<IRemoteObject>(new ScriptedObject(answer))), code);
+}
+template <uint32_t code>
+void ReadRequest(const std::vector<int32_t>& words)
+{
+    const sptr<FakeService> service(new Forgetful());
+    MessageParcel request;
+    MessageParcel reply;
+    MessageOption option;
+    PutAll(request, SecurityPrivacyServiceIntf::GetDescriptor(), words);
+    allocations = {};
+    service->OnRemoteRequest(code, request, reply, option);
+}
+template <class Record>
+void ReadRecord(const std::vector<int32_t>& words)
+{
+    Parcel parcel;
+    Put(parcel, words);
+    allocations = {};
+    const sptr<Record> read(Record::Unmarshalling(parcel));
+}
+
+// A list: how a message begins with it, its shortest element (both as PutText has them), and how many of them one count
+// may announce.
+const struct {
     std::string name;
     std::string head;
     std::string element;
     int32_t most;
-    std::function<void(MessageParcel&)> read;
-};
-
-// Lets a proxy read the parcel as its reply.
-std::function<void(MessageParcel&)> AsReply(uint32_t code)
-{
-    return [code](MessageParcel& message) {
-        const auto answer = [words = TakeWords(message)](uint32_t, MessageParcel&, MessageParcel& reply) {
-            return Put(reply, words) ? 0 : -1;
-        };
-        const auto proxy = ProxyOver(sptr<IRemoteObject>(new ScriptedObject(answer)));
-        const Arguments arguments;
-        Outcome outcome{0, {}, false, {}, {}};
-        CountBytes();
-        CallOperation(*proxy, code, arguments, outcome);
-    };
-}
-std::function<void(MessageParcel&)> AsRequest(uint32_t code)
-{
-    return [code](MessageParcel& message) {
-        const sptr<FakeService> service(new Forgetful());
-        MessageParcel request;
-        MessageParcel reply;
-        MessageOption option;
-        PutAll(request, SecurityPrivacyServiceIntf::GetDescriptor(), TakeWords(message));
-        CountBytes();
-        service->OnRemoteRequest(code, request, reply, option);
-    };
-}
-std::function<void(MessageParcel&)> AsRecord(const std::string& name)
-{
-    return [name](MessageParcel& message) {
-        CountBytes();
-        CaseOf(name).unmarshal(message);
-    };
-}
-
-const List lists[] = {
-    {"groups", "0", "1 '' 0 '' '' 0 0 '' 0L", 10000, AsReply(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP)},
-    {"shown states", "0", "1 '' 0 '' '' 50 50*'#' 0 '' 0L", 10000,
-     AsReply(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP)},
-    {"disabled states", "0", "1 '' 0 '' '' 0 50 50*'#' '' 0L", 10000,
-     AsReply(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP)},
-    {"usage", "0", "1 '' 0 '' 0 0 0 0 0L 0L", 10000, AsReply(MessageCode::GET_PERMISSION_USAGE_RECORD_SUMMARY)},
-    {"rows", "0L", "1 '' '' 0L 0L", INT32_MAX, AsReply(MessageCode::GTOKEN_POLICY_GET_POLICY)},
-    {"names", "'' 0", "'#'", 10000, AsRequest(MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_PERMISSION)},
-    {"infos", "", "1 '' '' 0L 0", 10000, AsRequest(MessageCode::GTOKEN_POLICY_ADD_POLICY)},
-    {"policies", "'' '' 0L", "'' 0L", 10000, AsRecord("GTokenInfo")},
-    {"rows of a record", "0L", "'' '' 0L 0L", 10000, AsRecord("GTokenResultWithRet")},
+    void (*read)(const std::vector<int32_t>& words);
+} lists[] = {
+    {"groups", "0", "1 '' 0 '' '' 0 0 '' 0L", 10000, ReadReply<1>},
+    {"shown states", "0", "1 '' 0 '' '' 50 50*'#' 0 '' 0L", 10000, ReadReply<1>},
+    {"disabled states", "0", "1 '' 0 '' '' 0 50 50*'#' '' 0L", 10000, ReadReply<1>},
+    {"usage", "0", "1 '' 0 '' 0 0 0 0 0L 0L", 10000, ReadReply<4>},
+    {"rows", "0L", "1 '' '' 0L 0L", INT32_MAX, ReadReply<12>},
+    {"names", "'' 0", "'#'", 10000, ReadRequest<2>},
+    {"infos", "", "1 '' '' 0L 0", 10000, ReadRequest<11>},
+    {"policies", "'' '' 0L", "'' 0L", 10000, ReadRecord<GTokenInfo>},
+    {"rows of a record", "0L", "'' '' 0L 0L", 10000, ReadRecord<GTokenResultWithRet>},
 };
 
 TEST(Memory, FollowsTheBytesThatArrivedAndNotTheCount)
 {
-    const LogCapture quiet(WARN);
+    const LogCapture quiet(LOG_LEVEL_WARN);
     constexpr size_t FIXED = 2048;
-    for (const List& list : lists) {
+    for (const auto& list : lists) {
         for (const int count : {0, 1, 1000}) {
             for (const int32_t announced : {count, list.most}) {
-                MessageParcel message;
+                Parcel message;
                 PutText(message, list.head);
                 Put(message, announced);
                 for (int number = 0; number < count; ++number) {
                     PutText(message, list.element, static_cast<size_t>(number));
                 }
-                const size_t bytes = message.GetDataSize();
-                list.read(message);
-                EXPECT_LE(MostBytes(), FIXED + 8 * bytes) << list.name << ", " << count << " of " << announced;
+                const size_t most = FIXED + 8 * message.GetDataSize();
+                list.read(TakeWords(message));
+                EXPECT_GE(most, static_cast<size_t>(allocations.mostBytes))
+                    << list.name << ", " << count << " of " << announced;
             }
         }
     }
@@ -108,14 +103,13 @@ TEST(Memory, FollowsTheBytesThatArrivedAndNotTheCount)
 // Runs `act` with each of its allocations failing in turn; `check` is told which, until none is left to fail.
 void FailEach(const std::function<void()>& act, const std::function<void(size_t)>& check)
 {
-    size_t number = 0;
-    for (bool hasFailed = true; hasFailed; ++number) {
-        FailAllocation(number);
+    for (size_t number = 0;; ++number) {
+        allocations.untilFailure = number;
         EXPECT_NO_THROW(act()) << number;
-        hasFailed = HasAllocationFailed();
-        if (hasFailed) {
-            check(number);
+        if (std::exchange(allocations.untilFailure, Allocations::NEVER) != Allocations::NEVER) {
+            return;
         }
+        check(number);
     }
 }
 
@@ -123,14 +117,17 @@ TEST(Memory, ThatRunsOutLeavesARecordNullAndNamesTheClass)
 {
     for (const RecordCase& record : RecordCases()) {
         SCOPED_TRACE(record.name);
-        LogCapture log(ERROR);
+        LogCapture log(LOG_LEVEL_ERROR);
         Parcel parcel;
+        PutText(parcel, record.values);
+        const std::vector<int32_t> words = TakeWords(parcel);
         sptr<Parcelable> read;
-        const std::string failed = Line(ERROR, "Unmarshalling", "new " + record.name + " failed.", record.module);
+        const std::string failed =
+            "6 [ASP] [SPS][" + record.module + "]Unmarshalling: new " + record.name + " failed.\n";
         FailEach(
             [&] {
                 read = nullptr;
-                Put(parcel, record.values);
+                Put(parcel, words);
                 read = record.unmarshal(parcel);
             },
             [&](size_t number) {
@@ -141,7 +138,7 @@ TEST(Memory, ThatRunsOutLeavesARecordNullAndNamesTheClass)
             });
         EXPECT_EQ(record.toString(*record.record), record.toString(*read));
         // With every line wanted, what fails may be a line's text.
-        Host::SetLogLevel(DEBUG);
+        Host::SetLogLevel(LOG_LEVEL_DEBUG);
         Parcel written;
         FailEach([&] { record.record->Marshalling(written); }, [](size_t) {});
     }
@@ -183,13 +180,13 @@ TEST_P(MemoryOfACall, ThatRunsOutEndsItWithMinusOneAndTheNextOneWorks)
     for (const uint32_t code : CODES) {
         service->SetAnswer(code, answer);
     }
-    for (const int level : {int{LOG_LEVEL_FATAL}, DEBUG}) {
+    for (const int level : {LOG_LEVEL_FATAL, LOG_LEVEL_DEBUG}) {
+        const LogCapture restoring(level);
         Host::SetLogSink([](const Host::LogLine&) {});
-        Host::SetLogLevel(level);
         for (const uint32_t code : CODES) {
             SCOPED_TRACE(code);
             const auto call = [&] {
-                CallOperation(client, code, arguments, outcome);
+                outcome = CallOperation(client, code, arguments, std::move(outcome));
                 return outcome.result;
             };
             EXPECT_EQ(0, call());
@@ -201,7 +198,7 @@ TEST_P(MemoryOfACall, ThatRunsOutEndsItWithMinusOneAndTheNextOneWorks)
                     call();
                 },
                 [&](size_t number) {
-                    EXPECT_TRUE(outcome.result == -1 || outcome.result == 0) << outcome.result << ", " << number;
+                    EXPECT_THAT(outcome.result, ::testing::AnyOf(0, -1)) << number;
                     const size_t after = outcome.groups.size() + outcome.records.size();
                     EXPECT_TRUE(outcome.result == 0 || before == after) << "a part of the list";
                     outcome.groups.clear();
@@ -211,10 +208,9 @@ TEST_P(MemoryOfACall, ThatRunsOutEndsItWithMinusOneAndTheNextOneWorks)
                 });
             // Without a proxy it is 0; a line that cannot be made changes nothing; a bundle that the service has no
             // memory for is left out.
-            EXPECT_TRUE(zeros == 1 || level == DEBUG || code == MessageCode::GTOKEN_POLICY_ADD_POLICY) << zeros;
+            EXPECT_TRUE(zeros == 1 || level == LOG_LEVEL_DEBUG || code == MessageCode::GTOKEN_POLICY_ADD_POLICY)
+                << zeros;
         }
-        Host::SetLogLevel(INFO);
-        Host::SetLogSink({});
     }
 }
 

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,36 +16,28 @@ namespace {
 
 using Permission::AppPermissionGroupInfo;
 using Record::PermissionUsageRecordQuery;
+using Words = std::vector<int32_t>;
 
-// Reads and writes each record where only a part of it is there: its values one by one, and the words within them.
-TEST(EveryRecord, TruncatedAnywhereYieldsNullAndFreesThePart)
+TEST(EveryRecord, PartOfItIsNeitherReadNorTakenForWritten)
 {
     for (const RecordCase& record : RecordCases()) {
         Parcel whole;
-        Put(whole, record.values);
-        const std::vector<int32_t> words = TakeWords(whole);
-        for (size_t cut = 0; cut < words.size(); ++cut) {
+        PutText(whole, record.values);
+        for (Words words = TakeWords(whole); !words.empty();) {
+            Parcel full;
+            ASSERT_TRUE(full.SetMaxCapacity(words.size() * sizeof(int32_t) - 1));
+            words.pop_back();
+            SCOPED_TRACE(record.name + std::to_string(words.size()));
             Parcel parcel;
-            Put(parcel, std::vector<int32_t>(words.begin(), words.begin() + static_cast<std::ptrdiff_t>(cut)));
-            EXPECT_EQ(nullptr, record.unmarshal(parcel)) << record.name << cut;
-            EXPECT_TRUE(IsLastNothrowNewDeleted()) << record.name << cut;
-        }
-    }
-}
+            Put(parcel, words);
+            allocations = {};
+            EXPECT_EQ(nullptr, record.unmarshal(parcel));
+            EXPECT_EQ(0, allocations.bytes) << "it keeps what it has read";
 
-TEST(EveryRecord, FailedWriteStopsThere)
-{
-    for (const RecordCase& record : RecordCases()) {
-        Parcel whole;
-        for (const Value& value : record.values) {
-            const size_t begin = whole.GetDataSize();
-            Put(whole, value);
-            for (const size_t capacity : {begin, whole.GetDataSize() - 1}) {
-                Parcel parcel;
-                ASSERT_TRUE(parcel.SetMaxCapacity(capacity));
-                EXPECT_FALSE(record.record->Marshalling(parcel)) << record.name << capacity;
-                EXPECT_EQ(begin, parcel.GetDataSize()) << "what was written before stays";
-            }
+            EXPECT_FALSE(record.record->Marshalling(full));
+            const Words written = TakeWords(full);
+            ASSERT_LE(written.size(), words.size());
+            EXPECT_EQ(Words(words.data(), words.data() + written.size()), written) << "it goes on after a failure";
         }
     }
 }
@@ -52,96 +45,87 @@ TEST(EveryRecord, FailedWriteStopsThere)
 TEST(AppPermissionGroupInfo, AtMostFiftyStatesAreWritten)
 {
     AppPermissionGroupInfo info;
-    info.shownStates = MakeNames(51, "shown");
-    const std::vector<std::string> states = MakeNames(51, "disabled");
-    info.disabledStates = {states.begin(), states.end()};
-    const std::vector<std::string> disabled(info.disabledStates.begin(), std::next(info.disabledStates.begin(), 50));
-    Parcel expected;
-    PutAll(expected, "", 0, "", "", 50, MakeNames(50, "shown"), 50, disabled, "", int64_t{0});
+    for (int state = 0; state < 51; ++state) {
+        info.shownStates.push_back(std::to_string(state));
+        info.disabledStates.insert(std::to_string(state));
+    }
     Parcel parcel;
     ASSERT_TRUE(info.Marshalling(parcel));
-    EXPECT_EQ(TakeWords(expected), TakeWords(parcel));
+    const sptr<AppPermissionGroupInfo> read(AppPermissionGroupInfo::Unmarshalling(parcel));
+    ASSERT_NE(nullptr, read);
+    info.shownStates.pop_back();
+    EXPECT_EQ(info.shownStates, read->shownStates);
+    EXPECT_THAT(read->disabledStates,
+                ::testing::AllOf(::testing::SizeIs(50), ::testing::IsSubsetOf(info.disabledStates)));
 }
 
 TEST(PermissionUsageRecordQuery, ListsOfOneHundredAreRefusedAfterTheirCount)
 {
     PermissionUsageRecordQuery query;
-    const auto expectRefusal = [&query](size_t listsBefore) {
+    const std::vector<int> numbers(100);
+    const std::vector<std::string> names(100);
+    // Against the wire order: the first list that is too long ends it.
+    const std::function<void()> lengthen[] = {
+        [&] { query.SetScreenStates(numbers); },   [&] { query.SetAppStates(numbers); },
+        [&] { query.SetOperationModes(numbers); }, [&] { query.SetOperationGroups(names); },
+        [&] { query.SetUserIds(numbers); },        [&] { query.SetBundleNames(names); },
+    };
+    Words counts = {0, 0, 0, 0, 0, 0};
+    for (const auto& act : lengthen) {
+        act();
+        counts.back() = 100;
         Parcel refused;
         EXPECT_FALSE(query.Marshalling(refused));
-        std::vector<int32_t> counts(listsBefore);
-        counts.push_back(100);
         EXPECT_EQ(counts, TakeWords(refused));
-    };
-    // Against the wire order: the first list that is too long ends it.
-    query.SetScreenStates(std::vector<int>(100, -1));
-    expectRefusal(5);
-    query.SetAppStates(std::vector<int>(100, -1));
-    expectRefusal(4);
-    query.SetOperationModes(std::vector<int>(100, -1));
-    expectRefusal(3);
-    query.SetOperationGroups(MakeNames(100, "o"));
-    expectRefusal(2);
-    query.SetUserIds(std::vector<int>(100, -1));
-    expectRefusal(1);
-    query.SetBundleNames(MakeNames(100, "b"));
-    expectRefusal(0);
+        counts.pop_back();
+    }
 }
 
 TEST(PermissionUsageRecordQuery, InnerReadingAppendsAndOwnsWhatItIsGiven)
 {
-    struct Watched : PermissionUsageRecordQuery {
-        explicit Watched(int& counter) : destroyed(counter) {}
-        ~Watched() override { ++destroyed; }
-        int& destroyed;
-    };
-    int destroyed = 0;
-    const PermissionUsageRecordQuery query = Sample<Record::PermissionUsageRecordQuery>();
+    allocations = {};
     {
+        const PermissionUsageRecordQuery query = Sample<PermissionUsageRecordQuery>();
         Parcel parcel;
-        ASSERT_TRUE(query.Marshalling(parcel));
-        const sptr<PermissionUsageRecordQuery> given(new Watched(destroyed));
+        ASSERT_TRUE(query.Marshalling(parcel) && query.Marshalling(parcel));
+        EXPECT_EQ(nullptr, PermissionUsageRecordQuery::UnmarshallingInner(parcel, nullptr));
+        const sptr<PermissionUsageRecordQuery> given(new PermissionUsageRecordQuery());
         given->SetUserIds({7});
         given->SetLimit(7);
         EXPECT_EQ(given.Get(), PermissionUsageRecordQuery::UnmarshallingInner(parcel, given.Get()));
         EXPECT_EQ((std::vector<int>{7, 100, 100, 0}), given->GetUserIds());
         EXPECT_EQ(query.GetLimit(), given->GetLimit());
+        EXPECT_EQ(1, given->StrongCount());
     }
-    EXPECT_EQ(1, destroyed);
     Parcel empty;
-    EXPECT_EQ(nullptr, PermissionUsageRecordQuery::UnmarshallingInner(empty, new Watched(destroyed)));
-    EXPECT_EQ(2, destroyed);
-    Parcel whole;
-    ASSERT_TRUE(query.Marshalling(whole));
-    EXPECT_EQ(nullptr, PermissionUsageRecordQuery::UnmarshallingInner(whole, nullptr));
+    EXPECT_EQ(nullptr, PermissionUsageRecordQuery::UnmarshallingInner(empty, new PermissionUsageRecordQuery()));
+    EXPECT_EQ(0, allocations.bytes);
 }
 
 TEST(LongListsOfTenThousand, AreExceededWithTheRecordLeftUndestroyed)
 {
-    for (const char* name : {"GTokenInfo", "GTokenResultWithRet"}) {
-        const LogCapture quiet(ERROR);
+    const LogCapture quiet(LOG_LEVEL_FATAL);
+    for (const auto& [name, values] :
+         {std::pair("GTokenInfo", "'' '' 1L 10001"), {"GTokenResultWithRet", "1L 10001"}}) {
         Parcel parcel;
-        name[6] == 'I' ? PutAll(parcel, "", "", int64_t{1}, 10001) : PutAll(parcel, int64_t{1}, 10001);
+        PutText(parcel, values);
+        allocations = {};
         EXPECT_EQ(nullptr, CaseOf(name).unmarshal(parcel));
-        EXPECT_FALSE(IsLastNothrowNewDeleted()) << name;
+        EXPECT_LT(0, allocations.bytes) << name;
     }
 }
 
 TEST(LongListsOfTenThousand, AreNotALimitForWriting)
 {
-    const LogCapture quiet(ERROR);
     GTokenInfo info;
     info.policies.resize(10001);
     GTokenResultWithRet results;
     results.gTokenResults.resize(10001);
     Parcel parcel;
-    ASSERT_TRUE(info.Marshalling(parcel));
-    ASSERT_TRUE(results.Marshalling(parcel));
-    const std::vector<int32_t> words = TakeWords(parcel);
-    // Empty strings take two words, as 64-bit numbers do.
-    ASSERT_EQ((6 + 1 + 10001 * 4) + (2 + 1 + 10001 * 8), words.size());
-    EXPECT_EQ(10001, words[6]);
-    EXPECT_EQ(10001, words[6 + 1 + 10001 * 4 + 2]);
+    EXPECT_TRUE(info.Marshalling(parcel) && results.Marshalling(parcel));
+    Parcel expected;
+    PutText(expected, "'' '' 0L 10001 10001*'',0L 0L 10001 10001*'','',0L,0L");
+    EXPECT_EQ(TakeWords(expected), TakeWords(parcel));
 }
 
 }  // namespace

@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The worked example of docs/wire-protocol.md, read out of the document: whoever follows it understands this library.
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
-#include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <future>
-#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,36 +18,29 @@ namespace {
 std::string ReadExample(const std::string& name)
 {
     std::ifstream document(WIRE_PROTOCOL_DOCUMENT);
+    std::string bytes;
     std::string line;
     while (std::getline(document, line) && line != "```hex " + name) {
     }
-    std::string digits;
     while (std::getline(document, line) && line != "```") {
-        std::copy_if(line.begin(), std::find(line.begin(), line.end(), '#'), std::back_inserter(digits),
-                     [](char character) { return character != ' '; });
-    }
-    std::string bytes;
-    for (size_t at = 0; at < digits.size(); at += 2) {
-        bytes.push_back(static_cast<char>(std::stoi(digits.substr(at, 2), nullptr, 16)));
+        std::istringstream digits(line.substr(0, line.find('#')));
+        for (int byte = 0; digits >> std::hex >> byte;) {
+            bytes.push_back(static_cast<char>(byte));
+        }
     }
     return bytes;
 }
 
-class WireProtocol : public ::testing::Test {
-protected:
-    void TearDown() override { std::filesystem::remove(socketPath); }
+const std::string request = ReadExample("request");
+const std::string reply = ReadExample("reply");
 
-    const std::string socketPath = AbilityFolder() + "/65993.sock";
-    const std::string request = ReadExample("request");
-    const std::string reply = ReadExample("reply");
-};
-
-TEST_F(WireProtocol, ServiceAnswersTheExampleAsDocumented)
+TEST(WireProtocol, ServiceAnswersTheExampleAsDocumented)
 {
+    const std::string path = AbilityFolder() + "/65993.sock";
     const sptr<FakeService> service(new FakeService());
     Host::AbilityServer server(FAKE_SERVICE_ID, service);
     ASSERT_TRUE(server.Start());
-    const Host::RawClient peer(socketPath);
+    const Host::RawClient peer(path);
     // Twice: the second one shows that the first ended where it should.
     ASSERT_TRUE(peer.Send(request + request));
     EXPECT_EQ(reply + reply, peer.Receive(2 * reply.size()));
@@ -58,23 +49,45 @@ TEST_F(WireProtocol, ServiceAnswersTheExampleAsDocumented)
     EXPECT_EQ(std::vector<std::string>{"com.example.maps"}, service->Calls()[1].bundleNames);
 }
 
-TEST_F(WireProtocol, ClientSendsTheExampleAndTakesItsReply)
+TEST(WireProtocol, ClientSendsTheExampleAndTakesItsReply)
 {
-    const Host::RawServer service(socketPath);
+    const Host::RawServer service(AbilityFolder() + "/65993.sock");
     ASSERT_TRUE(service.IsListening());
     auto result = std::async(std::launch::async, [] {
         return SecurityPrivacyClient::GetInstance().GTokenPolicyRemovePolicy({"com.example.maps"});
     });
-    const int connection = ::accept(service.GetFd(), nullptr, nullptr);
-    std::string received(request.size(), '\0');
-    EXPECT_EQ(static_cast<ssize_t>(request.size()), ::recv(connection, received.data(), received.size(), MSG_WAITALL));
-    EXPECT_EQ(request, received);
+    const Host::RawSocket connection(::accept(service.GetFd(), nullptr, nullptr));
+    EXPECT_EQ(request, connection.Receive(request.size()));
     // Another result than an unreachable service would give.
     std::string refusal = reply;
     refusal.back() = 1;
-    ::send(connection, refusal.data(), refusal.size(), MSG_NOSIGNAL);
-    ::close(connection);
+    EXPECT_TRUE(connection.Send(refusal));
     EXPECT_EQ(0x01000000, result.get());
+}
+
+TEST(WireProtocol, WrongTokensAreRefusedBeforeAnythingIsAsked)
+{
+    const std::u16string token = SecurityPrivacyServiceIntf::GetDescriptor();
+    std::vector<std::u16string> tokens = {u"", token + u"x", token.substr(1), token.substr(0, 71), token + u'\0'};
+    for (size_t i = 0; i < token.size(); ++i) {
+        tokens.push_back(token);
+        tokens.back()[i] ^= 0x100;
+    }
+    const sptr<FakeService> service(new FakeService());
+    for (const std::u16string& wrong : tokens) {
+        const LogCapture log(LOG_LEVEL_ERROR);
+        MessageParcel data;
+        MessageParcel answer;
+        MessageOption option;
+        Put(data, wrong);
+        EXPECT_EQ(1, service->OnRemoteRequest(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, data, answer, option));
+        EXPECT_EQ(0U, answer.GetDataSize());
+        EXPECT_EQ(
+            "6 [ASP] [SPS][service]OnRemoteRequest: ReadInterfaceToken not equal to GetDescriptor, someone is "
+            "attacking you.\n",
+            log.Lines());
+    }
+    EXPECT_THAT(service->AccessChecks(), ::testing::IsEmpty());
 }
 
 }  // namespace

@@ -2,20 +2,19 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+
+namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 
 // Watches and fails the allocations of `new` on this thread, by replacing the global operators of the test program that
 // allocation.cpp is linked into. What malloc gives to parcels is left alone.
-namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+struct Allocations {
+    static constexpr size_t NEVER = SIZE_MAX;
 
-// Lets the allocation after the next `count` fail, and only that one; HasAllocationFailed() says whether it came.
-void FailAllocation(size_t count);
-bool HasAllocationFailed();
-
-// Whether what `new (std::nothrow)` gave to this thread last has been deleted since.
-bool IsLastNothrowNewDeleted();
-
-// The most bytes that were allocated at a time since CountBytes().
-void CountBytes();
-size_t MostBytes();
+    size_t untilFailure = NEVER;  // after so many, one fails, and only that one; then this is NEVER again
+    int64_t bytes = 0;            // that are allocated, and not yet deleted, since this was reset
+    int64_t mostBytes = 0;        // at a time
+};
+extern thread_local Allocations allocations;
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing

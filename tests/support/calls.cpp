@@ -28,26 +28,19 @@ const std::string& AbilityFolder()
     return folder.path;
 }
 
-void CallTest::SetUp()
+CallTest::CallTest()
 {
     if (GetParam() == Road::IN_PROCESS) {
-        ASSERT_TRUE(Host::AbilityManager::Get()->AddSystemAbility(FAKE_SERVICE_ID, service));
-        return;
+        EXPECT_TRUE(Host::AbilityManager::Get()->AddSystemAbility(FAKE_SERVICE_ID, service));
+    } else {
+        AbilityFolder();
+        EXPECT_TRUE(server_.emplace(FAKE_SERVICE_ID, service).Start());
     }
-    AbilityFolder();
-    server_ = std::make_unique<Host::AbilityServer>(FAKE_SERVICE_ID, service);
-    ASSERT_TRUE(server_->Start());
 }
 
-void CallTest::TearDown()
+CallTest::~CallTest()
 {
-    server_.reset();
     Host::AbilityManager::Get()->RemoveSystemAbility(FAKE_SERVICE_ID);
-}
-
-sptr<IRemoteObject> CallTest::Load()
-{
-    return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager()->LoadSystemAbility(FAKE_SERVICE_ID, 4);
 }
 
 std::string RoadName(const ::testing::TestParamInfo<Road>& road)

@@ -3,40 +3,57 @@
 
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "varn/host/log_sink.h"
 #include "varn/log.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 
-constexpr int DEBUG = LOG_LEVEL_DEBUG;
-constexpr int INFO = LOG_LEVEL_INFO;
-constexpr int WARN = LOG_LEVEL_WARN;
-constexpr int ERROR = LOG_LEVEL_ERROR;
-
 // Takes the log over while it exists; afterwards the level is as before and lines go to standard error again.
 class LogCapture {
 public:
-    explicit LogCapture(int level = DEBUG);
-    ~LogCapture();
+    explicit LogCapture(int level = LOG_LEVEL_DEBUG)
+    {
+        Host::SetLogSink([this](const Host::LogLine& line) {
+            // Says so when a line of the library does not bear its type and domain.
+            const bool isForeign = line.type != 0 || line.domain != 0x5350;
+            const std::string text = std::to_string(line.level) + " [" + line.tag + "] " + line.text + "\n";
+            const std::lock_guard<std::mutex> lock(mutex_);
+            everything_ += text;
+            lines_ += line.tag == "ASP" ? (isForeign ? "foreign " : "") + text : "";
+        });
+        Host::SetLogLevel(level);
+    }
+    ~LogCapture()
+    {
+        Host::SetLogLevel(previousLevel_);
+        Host::SetLogSink({});
+    }
 
-    // The library's own lines so far (those of the tag ASP) that are at least of `level`, as `Line` shows them.
-    std::string Lines(int level = DEBUG, const std::string& tag = "ASP") const;
+    // The library's own lines so far: "6 [ASP] [SPS][service]SendRequest: remote service null.", each with its end.
+    std::string Lines() const { return Copy(lines_); }
 
-    // Everything that was logged, by whomever.
-    std::string Everything() const { return Lines(DEBUG, ""); }
+    // What was logged, by whomever.
+    std::string Everything() const { return Copy(everything_); }
 
-    void Clear();
+    void Clear()
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        everything_.clear();
+        lines_.clear();
+    }
 
 private:
-    const int previousLevel_;
-    mutable std::mutex mutex_;
-    std::vector<Host::LogLine> lines_;  // guarded by mutex_
-};
+    std::string Copy(const std::string& text) const
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return text;
+    }
 
-// A line as it must look, and its end: "6 [ASP] [SPS][service]SendRequest: remote service null.".
-std::string Line(int level, const std::string& function, const std::string& message,
-                 const std::string& module = "service");
+    const int previousLevel_ = VARN::logLevel.load();
+    mutable std::mutex mutex_;
+    std::string lines_;       // guarded by mutex_, as is
+    std::string everything_;  // this
+};
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing

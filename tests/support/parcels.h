@@ -5,33 +5,21 @@
 #include <cstdint>
 #include <string>
 #include <type_traits>
-#include <variant>
 #include <vector>
 
 #include "varn/parcel.h"
 
 namespace VARN {
 
-// One value as it stands in a parcel.
-using Value = std::variant<std::string, int32_t, int64_t>;
-
-// Writes values with the typed writes that their types name: a record as a parcelable, a vector as its elements without
-// a count. False when a write fails.
+// Writes values with the typed writes that their types name: a vector as its elements without a count. False when a
+// write fails.
 template <class T>
 bool Put(Parcel& parcel, const T& value)
 {
-    if constexpr (std::is_same_v<T, Value>) {
-        return std::visit([&parcel](const auto& held) { return Put(parcel, held); }, value);
-    } else if constexpr (std::is_same_v<T, bool>) {
-        return parcel.WriteBool(value);
-    } else if constexpr (std::is_same_v<T, int32_t>) {
+    if constexpr (std::is_same_v<T, int32_t>) {
         return parcel.WriteInt32(value);
-    } else if constexpr (std::is_same_v<T, int64_t>) {
-        return parcel.WriteInt64(value);
     } else if constexpr (std::is_same_v<T, std::u16string>) {
         return parcel.WriteString16(value);
-    } else if constexpr (std::is_base_of_v<Parcelable, T>) {
-        return parcel.WriteParcelable(&value);
     } else {
         return parcel.WriteString(value);
     }

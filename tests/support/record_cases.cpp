@@ -1,155 +1,88 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/record_cases.h"
 
-#include <cstdint>
+#include <iomanip>
 #include <sstream>
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
 
 template <class T>
-sptr<Parcelable> Read(Parcel& parcel)
+RecordCase MakeCase(const std::string& name, const std::string& module, const std::string& values)
 {
-    return sptr<Parcelable>(T::Unmarshalling(parcel));
-}
-
-template <class... T>
-std::vector<Value> Values(const T&... values)
-{
-    return {Value(values)...};
-}
-
-template <class T>
-RecordCase MakeCase(const std::string& name, const std::string& module, std::vector<Value> values)
-{
+    RecordCase made{name,
+                    module,
+                    values,
+                    [](Parcel& parcel) { return sptr<Parcelable>(T::Unmarshalling(parcel)); },
+                    [](const Parcelable& any) { return dynamic_cast<const T&>(any).ToString(); },
+                    nullptr};
     Parcel parcel;
-    Put(parcel, values);
-    return {name,    module,
-            values,  Read<T>(parcel),
-            Read<T>, [](const Parcelable& any) { return dynamic_cast<const T&>(any).ToString(); }};
-}
-
-Record::PermissionUsageRecord MakePermissionUsageRecord()
-{
-    Record::PermissionUsageRecord record;
-    record.SetBundleName("com.example.maps");
-    record.SetUid(INT32_MIN);
-    record.SetOperationGroup("op's %n group");
-    record.SetTimes(INT32_MAX);
-    record.SetOperationMode(-3);
-    record.SetAppState(4);
-    record.SetScreenState(-5);
-    record.SetBeginTimestamp(INT64_MIN);
-    record.SetEndTimestamp(INT64_MAX);
-    return record;
-}
-
-Record::PermissionUsageRecordQuery MakePermissionUsageRecordQuery()
-{
-    Record::PermissionUsageRecordQuery query;
-    query.SetBundleNames({"com.example.maps", "", "com.example.maps"});
-    query.SetUserIds({100, 100, 0});
-    query.SetOperationGroups({"LOCATION"});
-    query.SetOperationModes({INT32_MIN, INT32_MAX});
-    query.SetAppStates({});
-    query.SetScreenStates({-7, 8});
-    query.SetBeginTimestamp(INT64_MIN + 1);
-    query.SetEndTimestamp(1700000000123);
-    query.SetLimit(-50);
-    query.SetOrder(INT32_MAX - 2);
-    return query;
-}
-
-std::vector<RecordCase> MakeRecordCases()
-{
-    const std::string print = std::string(SECRET) + ":11";
-    const std::string otherPrint = std::string(SECRET) + ":22";
-    std::vector<RecordCase> cases = {
-        // One disabled state: the text form follows the set's own order, which reading may change.
-        MakeCase<Permission::AppPermissionGroupInfo>(
-            "AppPermissionGroupInfo", "permission",
-            {"com.example.camera", -20010017, "group.LOCATION", "100%s of 'use'", 3, "always", "",
-             "во время использования", 1, "never", "set by %d admins", INT64_MIN}),
-        MakeCase<Permission::CheckedStateParameter>("CheckedStateParameter", "permission",
-                                                    {"while in use", int64_t{-1}, INT64_MAX - 1}),
-        MakeCase<Record::PermissionUsageRecord>(
-            "PermissionUsageRecord", "",
-            {"com.example.maps", INT32_MIN, "op's %n group", INT32_MAX, -3, 4, -5, INT64_MIN, INT64_MAX}),
-        MakeCase<Record::PermissionUsageRecordQuery>(
-            "PermissionUsageRecordQuery", "",
-            Values(3, "com.example.maps", "", "com.example.maps", 3, 100, 100, 0, 1, "LOCATION", 2, INT32_MIN,
-                   INT32_MAX, 0, 2, -7, 8, INT64_MIN + 1, int64_t{1700000000123}, -50, INT32_MAX - 2)),
-        MakeCase<GTokenPolicy>("GTokenPolicy", "GToken", {"camera", int64_t{-3}}),
-        MakeCase<GTokenInfo>("GTokenInfo", "GToken",
-                             {"com.example.bank", print, INT64_MIN + 2, 3, "screenshot", int64_t{1}, "", INT64_MAX,
-                              "over%slay", int64_t{-2}}),
-        MakeCase<GTokenResult>("GTokenResult", "GToken",
-                               {"com.example.wallet", otherPrint, INT64_MAX - 3, int64_t{-4}}),
-        MakeCase<GTokenResultWithRet>("GTokenResultWithRet", "GToken",
-                                      {int64_t{-5000000000}, 2, "com.example.wallet", otherPrint, INT64_MAX - 3,
-                                       int64_t{-4}, "com.example.other", "", int64_t{0}, INT64_MIN}),
-    };
-    // These two go through their setters.
-    cases[2].record = sptr<Parcelable>(new Record::PermissionUsageRecord(MakePermissionUsageRecord()));
-    cases[3].record = sptr<Parcelable>(new Record::PermissionUsageRecordQuery(MakePermissionUsageRecordQuery()));
-    return cases;
+    PutText(parcel, values);
+    made.record = made.unmarshal(parcel);
+    return made;
 }
 
 // Made before any test listens to the log.
-const bool isMade = !RecordCases().empty();
-
-void PutToken(Parcel& parcel, std::string token, size_t number)
-{
-    const size_t star = token.find('*');
-    if (token.front() != '\'' && star != std::string::npos) {
-        for (size_t i = 0; i < std::stoul(token); ++i) {
-            PutToken(parcel, token.substr(star + 1), i);
-        }
-    } else if (const size_t comma = token.find(','); comma != std::string::npos) {
-        PutToken(parcel, token.substr(0, comma), number);
-        PutToken(parcel, token.substr(comma + 1), number);
-    } else if (token.front() == '\'') {
-        const size_t mark = token.find('#');
-        Put(parcel, (mark == std::string::npos ? token : token.replace(mark, 1, std::to_string(number)))
-                        .substr(1, token.size() - 2));
-    } else if (token.front() == '@') {
-        parcel.WriteParcelable(CaseOf(token.substr(1)).record.Get());
-    } else if (token.back() == 'L') {
-        Put(parcel, static_cast<int64_t>(std::stoll(token)));
-    } else {
-        Put(parcel, static_cast<int32_t>(std::stol(token)));
-    }
-}
+const std::vector<RecordCase> recordCases = {
+    // One disabled state: the text form follows the set's own order, which reading may change.
+    MakeCase<Permission::AppPermissionGroupInfo>(
+        "AppPermissionGroupInfo", "permission",
+        R"('com.example.camera' -20010017 'group.LOCATION' '100%s of \'use\'' 3 'always' '' 'во время использования'
+           1 'never' 'set by %d admins' -9223372036854775808L)"),
+    MakeCase<Permission::CheckedStateParameter>("CheckedStateParameter", "permission",
+                                                "'while in use' -1L 9223372036854775806L"),
+    MakeCase<Record::PermissionUsageRecord>("PermissionUsageRecord", "",
+                                            R"('com.example.maps' -2147483648 'op\'s %n group' 2147483647 -3 4 -5
+           -9223372036854775808L 9223372036854775807L)"),
+    MakeCase<Record::PermissionUsageRecordQuery>(
+        "PermissionUsageRecordQuery", "",
+        "3 'com.example.maps' '' 'com.example.maps' 3 100 100 0 1 'LOCATION' 2 -2147483648 2147483647 0 2 -7 8 "
+        "-9223372036854775807L 1700000000123L -50 2147483645"),
+    MakeCase<GTokenPolicy>("GTokenPolicy", "GToken", "'camera' -3L"),
+    MakeCase<GTokenInfo>("GTokenInfo", "GToken",
+                         "'com.example.bank' '5E:C4:E7:11' -9223372036854775806L 3 'screenshot' 1L "
+                         "'' 9223372036854775807L 'over%slay' -2L"),
+    MakeCase<GTokenResult>("GTokenResult", "GToken", "'com.example.wallet' '5E:C4:E7:22' 9223372036854775804L -4L"),
+    MakeCase<GTokenResultWithRet>("GTokenResultWithRet", "GToken",
+                                  "-5000000000L 2 'com.example.wallet' '5E:C4:E7:22' 9223372036854775804L -4L "
+                                  "'com.example.other' '' 0L -9223372036854775808L"),
+};
 
 }  // namespace
 
 const std::vector<RecordCase>& RecordCases()
 {
-    static const std::vector<RecordCase> cases = MakeRecordCases();
-    return cases;
+    return recordCases;
 }
 
 const RecordCase& CaseOf(const std::string& name)
 {
-    return *std::find_if(RecordCases().begin(), RecordCases().end(),
+    return *std::find_if(recordCases.begin(), recordCases.end(),
                          [&name](const RecordCase& record) { return record.name == name; });
 }
 
 void PutText(Parcel& parcel, const std::string& values, size_t number)
 {
-    std::istringstream tokens(values);
-    for (std::string token; tokens >> token;) {
-        PutToken(parcel, token, number);
+    std::istringstream stream(values);
+    for (std::string word; stream >> std::ws && !stream.eof();) {
+        if (stream.peek() == '\'') {
+            stream >> std::quoted(word, '\'');
+            const size_t mark = word.find('#');
+            parcel.WriteString(mark == std::string::npos ? word : word.replace(mark, 1, std::to_string(number)));
+        } else if (stream >> word; word.front() == '@') {
+            parcel.WriteParcelable(CaseOf(word.substr(1)).record.Get());
+        } else if (const size_t star = word.find('*'); star != std::string::npos) {
+            std::string element = word.substr(star + 1);
+            std::replace(element.begin(), element.end(), ',', ' ');
+            for (size_t i = 0; i < std::stoul(word); ++i) {
+                PutText(parcel, element, i);
+            }
+        } else if (word.back() == 'L') {
+            parcel.WriteInt64(std::stoll(word));
+        } else {
+            parcel.WriteInt32(std::stoi(word));
+        }
     }
-}
-
-std::vector<std::string> MakeNames(size_t count, const std::string& prefix)
-{
-    std::vector<std::string> names;
-    for (size_t i = 0; i < count; ++i) {
-        names.push_back(prefix + std::to_string(i));
-    }
-    return names;
 }
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing

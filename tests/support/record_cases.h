@@ -2,7 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -12,7 +11,6 @@
 #include "security_privacy/gtoken_result_with_ret.h"
 #include "security_privacy/permission_usage_record.h"
 #include "security_privacy/permission_usage_record_query.h"
-#include "support/parcels.h"
 #include "varn/parcel.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
@@ -24,11 +22,11 @@ constexpr const char* SECRET = "5E:C4:E7";
 // a percent sign, several bytes to a letter, or nothing.
 struct RecordCase {
     std::string name;
-    std::string module;         // of its log lines; a record without one logs nothing
-    std::vector<Value> values;  // the sample's wire form
+    std::string module;  // of its log lines; a record without one logs nothing
+    std::string values;  // the sample's wire form, as PutText has it
+    sptr<Parcelable> (*unmarshal)(Parcel&);
+    std::string (*toString)(const Parcelable&);
     sptr<Parcelable> record;
-    std::function<sptr<Parcelable>(Parcel&)> unmarshal;
-    std::function<std::string(const Parcelable&)> toString;
 };
 
 // The eight records, by the name of their class.
@@ -47,8 +45,5 @@ Record Sample()
 // repetition, else `number`), @Record a sample behind its presence word, 3*value three of them, 3*value,value three
 // pairs.
 void PutText(Parcel& parcel, const std::string& values, size_t number = 0);
-
-// "prefix0", "prefix1" and so on.
-std::vector<std::string> MakeNames(size_t count, const std::string& prefix);
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
