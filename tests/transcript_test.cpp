@@ -4,9 +4,9 @@
 //
 //   > level N                  log lines of at least this level are shown from now on
 //   > presence STATE           how the service is found: here, absent, dead, dying, no-manager, or no-memory
-//   > service answer CODE RESULT N   the operation answers RESULT and N records
-//   > service fail N           every operation answers N, 0 as before
-//   > service refuse           the access check refuses everything; 'allow' ends it
+//   > answer CODE RESULT N     the operation answers RESULT and N records
+//   > fail N                   every operation answers N, 0 as before
+//   > refuse                   the access check refuses everything; 'allow' ends it
 //   > send CODE VALUES         a hand-made request: its status, its reply in words, and the call it makes
 //   > client CODE [N]          the client's request, with lists of N elements where N is given
 //   > connect                  what connecting beside the client gives
@@ -32,43 +32,22 @@
 #include "security_privacy/connect.h"
 #include "support/calls.h"
 #include "support/record_cases.h"
+#include "util/format_utils.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
 
-std::vector<int32_t> TakeValues(std::istream& command)
-{
-    Parcel parcel;
-    PutText(parcel, std::string(std::istreambuf_iterator<char>(command), {}));
-    return TakeWords(parcel);
-}
-
-std::string Text(int32_t word)
-{
-    return std::to_string(word);
-}
-std::string Text(const std::string& text)
-{
-    return "'" + text + "'";
-}
-template <class Record>
-std::string Text(const Record& record)
-{
-    return record.ToString();
-}
+using Util::FormatUtils::Text;
 
 // All of a short list, the ends of a long one.
 template <class T>
 std::string Text(const std::vector<T>& values)
 {
-    constexpr size_t SHORT = 80;
-    std::string shown = std::to_string(values.size()) + " [";
-    for (size_t i = 0; i < values.size(); ++i) {
-        if (values.size() <= SHORT || i < 2 || i + 2 >= values.size()) {
-            shown += (i > 0 ? ", " : "") + Text(values[i]);
-        }
+    std::vector<T> shown = values;
+    if (shown.size() > 80) {
+        shown.erase(std::next(shown.begin(), 2), std::prev(shown.end(), 2));
     }
-    return shown + "]";
+    return Text(values.size()) + " " + Util::FormatUtils::ToString(shown);
 }
 
 // Nothing when it is as in a new record, or empty.
@@ -84,8 +63,8 @@ std::string Show(const FakeCall& call)
     std::sort(interested.begin(), interested.end());
     // Of many, the set's own order decides which are sent: their number is what counts.
     interested.resize(interested.size() < 4 ? interested.size() : 0);
-    return "call " + Text(static_cast<int32_t>(call.code)) + " user " + Text(call.userId) + " uid " + Text(call.uid) +
-           " interested " + std::to_string(call.interested.size()) + "\n" + ShowIfSet("bundleName", call.bundleName) +
+    return "call " + Text(call.code) + " user " + Text(call.userId) + " uid " + Text(call.uid) + " interested " +
+           Text(call.interested.size()) + "\n" + ShowIfSet("bundleName", call.bundleName) +
            ShowIfSet("permissionGroup", call.permissionGroup) + ShowIfSet("policyName", call.policyName) +
            ShowIfSet("interested", interested) + ShowIfSet("bundleNames", call.bundleNames) +
            ShowIfSet("gTokenInfos", call.gTokenInfos) + ShowIfSet("parameter", call.checkedStateParameter) +
@@ -105,7 +84,7 @@ std::string ShowAppended(const std::string& name, std::vector<T> list)
 
 std::string Show(const Outcome& outcome)
 {
-    return "result " + std::to_string(outcome.result) + (outcome.returns ? "\n" : " returns false\n") +
+    return "result " + Text(outcome.result) + (outcome.returns ? "\n" : " returns false\n") +
            ShowAppended("groups", outcome.groups) + ShowAppended("records", outcome.records) +
            ShowIfSet("rows", outcome.rows);
 }
@@ -118,12 +97,10 @@ FakeAnswer MakeAnswer(int64_t result, size_t count)
     answer.returns = count % 2 == 1;
     answer.gTokenResultWithRet.ret = result;
     for (size_t i = 0; i < count; ++i) {
-        answer.appPermissionGroupInfos.push_back(Sample<Permission::AppPermissionGroupInfo>());
-        answer.appPermissionGroupInfos.back().uid = static_cast<int32_t>(i);
-        answer.records.push_back(Sample<Record::PermissionUsageRecord>());
-        answer.records.back().SetTimes(static_cast<int32_t>(i));
-        answer.gTokenResultWithRet.gTokenResults.push_back(Sample<GTokenResult>());
-        answer.gTokenResultWithRet.gTokenResults.back().policyValue = static_cast<int64_t>(i);
+        const auto number = static_cast<int32_t>(i);
+        answer.appPermissionGroupInfos.emplace_back(Sample<Permission::AppPermissionGroupInfo>()).uid = number;
+        answer.records.emplace_back(Sample<Record::PermissionUsageRecord>()).SetTimes(number);
+        answer.gTokenResultWithRet.gTokenResults.emplace_back(Sample<GTokenResult>()).policyValue = number;
     }
     return answer;
 }
@@ -141,14 +118,14 @@ Arguments MakeArguments(size_t count)
     return arguments;
 }
 
-std::string PlayReply(uint32_t code, const std::vector<int32_t>& words)
+std::string PlayReply(uint32_t code, const std::string& values)
 {
     std::string sent;
     const sptr<ScriptedObject> object(
         new ScriptedObject([&](uint32_t sentCode, MessageParcel& data, MessageParcel& answer) {
             data.ReadInterfaceToken();
-            sent = "sent " + std::to_string(sentCode) + " " + Text(TakeWords(data)) + "\n";
-            Put(answer, words);
+            sent = "sent " + Text(sentCode) + " " + Text(TakeWords(data)) + "\n";
+            PutText(answer, values);
             return 0;
         }));
     const Outcome outcome = CallOperation(*ProxyOver(object), code);
@@ -156,17 +133,17 @@ std::string PlayReply(uint32_t code, const std::vector<int32_t>& words)
            sent + Show(outcome);
 }
 
-std::string PlayRecord(const RecordCase& kind, const std::vector<int32_t>& words)
+std::string PlayRecord(const RecordCase& kind, const std::string& values)
 {
     Parcel parcel;
-    words.empty() ? PutText(parcel, kind.values) : static_cast<void>(Put(parcel, words));
+    PutText(parcel, values.empty() ? kind.values : values);
     const sptr<Parcelable> record = kind.unmarshal(parcel);
-    const std::string left = " left " + std::to_string(parcel.GetReadableBytes()) + "\n";
+    const std::string left = " left " + Text(parcel.GetReadableBytes()) + "\n";
     if (record == nullptr) {
         return "null" + left;
     }
     Parcel written;
-    const bool isWritten = (words.empty() ? kind.record : record)->Marshalling(written);
+    const bool isWritten = record->Marshalling(written);
     const std::string text = kind.toString(*record);
     return (text.size() < 1000 ? text : "long") + left + (isWritten ? "" : "not ") + "written " +
            Text(TakeWords(written)) + "\n";
@@ -176,68 +153,24 @@ class OutOfMemory : public ISystemAbilityManager {
     sptr<IRemoteObject> LoadSystemAbility(int32_t, int32_t) override { throw std::bad_alloc(); }
 };
 
-class Transcript : public CallTest {
-protected:
-    Transcript() { managers_.SetSystemAbilityManager(manager_); }
-    ~Transcript() override { managers_.SetSystemAbilityManager(previous_); }
+class Player {
+public:
+    explicit Player(bool isBehindSocket) : served_(isBehindSocket) { managers_.SetSystemAbilityManager(manager_); }
+    ~Player() { managers_.SetSystemAbilityManager(previous_); }
 
-    // What the command leaves, without the log.
-    std::string Play(std::istream& command)
-    {
-        std::string name;
-        std::string word;
-        uint32_t code = 0;
-        command >> name;
-        if (name == "level") {
-            command >> level_;
-        } else if (name == "presence" && command >> word) {
-            SetPresence(word);
-        } else if (name == "service" && command >> word) {
-            SetService(word, command);
-        } else if (name == "connect") {
-            const ConnectResult result = Connect(0);
-            return "error " + Text(static_cast<int32_t>(result.error)) + (result.service ? " service\n" : " nothing\n");
-        } else if (name == "record" && command >> word) {
-            return PlayRecord(CaseOf(word), TakeValues(command));
-        } else if (name == "send" && command >> code) {
-            MessageParcel data;
-            MessageParcel reply;
-            MessageOption option;
-            PutAll(data, SecurityPrivacyServiceIntf::GetDescriptor(), TakeValues(command));
-            const int32_t status = object_->SendRequest(code, data, reply, option);
-            return "status " + Text(status) + " reply " + Text(TakeWords(reply)) + "\n";
-        } else if (name == "client" && command >> code) {
-            size_t count = 0;
-            return Show(CallOperation(client, code, command >> count ? MakeArguments(count) : Arguments()));
-        } else if (name == "reply" && command >> code) {
-            return PlayReply(code, TakeValues(command));
-        } else if (name == "orphan" && command >> code) {
-            return Show(CallOperation(*ProxyOver(nullptr), code));
-        } else {
-            ADD_FAILURE() << "no such command: " << name;
-        }
-        return "";
-    }
-
-    std::string PlayFile(std::istream& file)
+    // What is left by each command of the file.
+    std::string Play(std::istream& file)
     {
         std::string played;
-        // What an earlier file left is not this one's.
-        size_t shownCalls = service->Calls().size();
-        level_ = LOG_LEVEL_ERROR;
-        service->FailAll(0);
-        for (const uint32_t code : CODES) {
-            service->SetAnswer(code, FakeAnswer());
-        }
+        size_t shownCalls = 0;
         for (std::string line; std::getline(file, line);) {
             if (line.empty() || line.front() == '#') {
-                played.append(line).append("\n");
+                played += line + "\n";
             } else if (line.front() == '>') {
-                std::istringstream command(line.substr(1));
                 const LogCapture log(level_);
-                const std::string left = Play(command);
-                played.append(line).append("\n").append(left);
-                for (const std::vector<FakeCall> calls = service->Calls(); shownCalls < calls.size(); ++shownCalls) {
+                played += line + "\n" + PlayLine(line.substr(1));
+                const std::vector<FakeCall> calls = served_.service->Calls();
+                for (; shownCalls < calls.size(); ++shownCalls) {
                     played += Show(calls[shownCalls]);
                 }
                 played += std::regex_replace(log.Lines(), std::regex("\n\n"), "\\n\n");
@@ -248,6 +181,63 @@ protected:
     }
 
 private:
+    // Without the log and the calls that reach the service.
+    std::string PlayLine(const std::string& line)
+    {
+        std::istringstream words(line);
+        std::string name;
+        std::string what;
+        std::string values;
+        words >> name >> what;
+        std::getline(words, values);
+        const auto number = static_cast<uint32_t>(std::strtoll(what.c_str(), nullptr, 10));
+        FakeService& service = *served_.service;
+        if (name == "level") {
+            level_ = static_cast<int>(number);
+        } else if (name == "presence") {
+            SetPresence(what);
+        } else if (name == "answer") {
+            int64_t result = 0;
+            size_t count = 0;
+            std::istringstream(values) >> result >> count;
+            service.SetAnswer(number, MakeAnswer(result, count));
+        } else if (name == "fail") {
+            service.FailAll(static_cast<int32_t>(number));
+        } else if (name == "refuse") {
+            service.SetRefused({0, 1, 2, 3, 4, 5, 6, 7, 11, 12, 13, 14, UINT32_MAX});
+        } else if (name == "allow") {
+            service.SetRefused({});
+        } else if (name == "send") {
+            return PlayRequest(number, values);
+        } else if (name == "client") {
+            const Arguments arguments = values.empty() ? Arguments() : MakeArguments(std::stoul(values));
+            return Show(CallOperation(SecurityPrivacyClient::GetInstance(), number, arguments));
+        } else if (name == "connect") {
+            const ConnectResult result = Connect(0);
+            return "error " + Text(static_cast<int>(result.error)) + (result.service ? " service\n" : " nothing\n");
+        } else if (name == "reply") {
+            return PlayReply(number, values);
+        } else if (name == "orphan") {
+            return Show(CallOperation(*ProxyOver(nullptr), number));
+        } else if (name == "record") {
+            return PlayRecord(CaseOf(what), values);
+        } else {
+            ADD_FAILURE() << "no such command: " << name;
+        }
+        return "";
+    }
+
+    std::string PlayRequest(uint32_t code, const std::string& values) const
+    {
+        MessageParcel data;
+        MessageParcel reply;
+        MessageOption option;
+        data.WriteInterfaceToken(SecurityPrivacyServiceIntf::GetDescriptor());
+        PutText(data, values);
+        const int32_t status = object_->SendRequest(code, data, reply, option);
+        return "status " + Text(status) + " reply " + Text(TakeWords(reply)) + "\n";
+    }
+
     void SetPresence(const std::string& state)
     {
         managers_.SetSystemAbilityManager(state == "no-manager"  ? nullptr
@@ -259,45 +249,28 @@ private:
                                                  : FakePresence::HERE);
     }
 
-    void SetService(const std::string& what, std::istream& command)
-    {
-        uint32_t code = 0;
-        int64_t result = 0;
-        size_t count = 0;
-        if (what == "answer") {
-            command >> code >> result >> count;
-            service->SetAnswer(code, MakeAnswer(result, count));
-        } else if (what == "fail") {
-            command >> result;
-            service->FailAll(static_cast<int32_t>(result));
-        } else if (what == "refuse") {
-            service->SetRefused({0, 1, 2, 3, 4, 5, 6, 7, 11, 12, 13, 14, 4294967295U});
-        } else {
-            service->SetRefused({});
-        }
-    }
-
+    const ServedFake served_;
     int level_ = LOG_LEVEL_ERROR;
     SystemAbilityManagerClient& managers_ = SystemAbilityManagerClient::GetInstance();
     const sptr<ISystemAbilityManager> previous_ = managers_.GetSystemAbilityManager();
     const sptr<IRemoteObject> object_ = previous_->LoadSystemAbility(FAKE_SERVICE_ID, 4);
     const sptr<FakeServiceManager> manager_{new FakeServiceManager(object_)};
 };
-INSTANTIATE_TEST_SUITE_P(Roads, Transcript, ::testing::Values(Road::IN_PROCESS, Road::SOCKET), RoadName);
 
-TEST_P(Transcript, IsLeftAsItStandsInItsFile)
+TEST(Transcripts, AreLeftAsTheyStandInTheirFiles)
 {
     const std::set<std::filesystem::path> paths(std::filesystem::directory_iterator(TRANSCRIPTS), {});
     for (const std::filesystem::path& path : paths) {
-        SCOPED_TRACE(path.filename());
         std::ifstream file(path);
         const std::string expected(std::istreambuf_iterator<char>(file), {});
-        std::istringstream script(expected);
-        const std::string played = PlayFile(script);
-        if (std::getenv("TRANSCRIPTS_WRITE") != nullptr) {
-            std::ofstream(path) << played;
-        } else {
-            EXPECT_EQ(expected, played);
+        for (const bool isBehindSocket : {false, true}) {
+            std::istringstream script(expected);
+            const std::string played = Player(isBehindSocket).Play(script);
+            if (std::getenv("TRANSCRIPTS_WRITE") != nullptr) {
+                std::ofstream(path) << played;
+            } else {
+                EXPECT_EQ(expected, played) << path.filename() << (isBehindSocket ? " over a socket" : "");
+            }
         }
     }
 }

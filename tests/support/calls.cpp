@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/calls.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <filesystem>
 
@@ -28,24 +30,19 @@ const std::string& AbilityFolder()
     return folder.path;
 }
 
-CallTest::CallTest()
+ServedFake::ServedFake(bool isBehindSocket)
 {
-    if (GetParam() == Road::IN_PROCESS) {
-        EXPECT_TRUE(Host::AbilityManager::Get()->AddSystemAbility(FAKE_SERVICE_ID, service));
-    } else {
+    if (isBehindSocket) {
         AbilityFolder();
         EXPECT_TRUE(server_.emplace(FAKE_SERVICE_ID, service).Start());
+    } else {
+        EXPECT_TRUE(Host::AbilityManager::Get()->AddSystemAbility(FAKE_SERVICE_ID, service));
     }
 }
 
-CallTest::~CallTest()
+ServedFake::~ServedFake()
 {
     Host::AbilityManager::Get()->RemoveSystemAbility(FAKE_SERVICE_ID);
-}
-
-std::string RoadName(const ::testing::TestParamInfo<Road>& road)
-{
-    return road.param == Road::IN_PROCESS ? "InProcess" : "Socket";
 }
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing

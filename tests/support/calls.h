@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -42,16 +40,12 @@ sptr<SecurityPrivacyServiceIntf> ProxyOver(const sptr<IRemoteObject>& object);
 // ends.
 const std::string& AbilityFolder();
 
-// Runs each test twice: with the service in this process, and with the service behind a socket.
-enum class Road { IN_PROCESS, SOCKET };
-std::string RoadName(const ::testing::TestParamInfo<Road>& road);
+// A service that the client finds while this exists: in this process, or behind a socket.
+class ServedFake {
+public:
+    explicit ServedFake(bool isBehindSocket);
+    ~ServedFake();
 
-class CallTest : public ::testing::TestWithParam<Road> {
-protected:
-    CallTest();
-    ~CallTest() override;
-
-    SecurityPrivacyClient& client = SecurityPrivacyClient::GetInstance();
     const sptr<FakeService> service{new FakeService()};
 
 private:

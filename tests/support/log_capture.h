@@ -15,12 +15,10 @@ public:
     explicit LogCapture(int level = LOG_LEVEL_DEBUG)
     {
         Host::SetLogSink([this](const Host::LogLine& line) {
-            // Says so when a line of the library does not bear its type and domain.
-            const bool isForeign = line.type != 0 || line.domain != 0x5350;
             const std::string text = std::to_string(line.level) + " [" + line.tag + "] " + line.text + "\n";
             const std::lock_guard<std::mutex> lock(mutex_);
             everything_ += text;
-            lines_ += line.tag == "ASP" ? (isForeign ? "foreign " : "") + text : "";
+            lines_ += line.tag == "ASP" && line.type == 0 && line.domain == 0x5350 ? text : "";
         });
         Host::SetLogLevel(level);
     }
@@ -30,7 +28,8 @@ public:
         Host::SetLogSink({});
     }
 
-    // The library's own lines so far: "6 [ASP] [SPS][service]SendRequest: remote service null.", each with its end.
+    // The lines so far that bear the library's tag, type and domain, each with its end: "6 [ASP]
+    // [SPS][service]SendRequest: remote service null.".
     std::string Lines() const { return Copy(lines_); }
 
     // What was logged, by whomever.
