@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -59,46 +58,33 @@ TEST(AppPermissionGroupInfo, AtMostFiftyStatesAreWritten)
                 ::testing::AllOf(::testing::SizeIs(50), ::testing::IsSubsetOf(info.disabledStates)));
 }
 
-TEST(PermissionUsageRecordQuery, ListsOfOneHundredAreRefusedAfterTheirCount)
+TEST(PermissionUsageRecordQuery, InnerReadingAppendsAndListsOfOneHundredAreRefusedAfterTheirCount)
 {
-    PermissionUsageRecordQuery query;
-    const std::vector<int> numbers(100);
-    const std::vector<std::string> names(100);
-    // Against the wire order: the first list that is too long ends it.
-    const std::function<void()> lengthen[] = {
-        [&] { query.SetScreenStates(numbers); },   [&] { query.SetAppStates(numbers); },
-        [&] { query.SetOperationModes(numbers); }, [&] { query.SetOperationGroups(names); },
-        [&] { query.SetUserIds(numbers); },        [&] { query.SetBundleNames(names); },
-    };
-    Words counts = {0, 0, 0, 0, 0, 0};
-    for (const auto& act : lengthen) {
-        act();
-        counts.back() = 100;
+    for (int list = 0; list < 6; ++list) {
+        const std::string before = std::to_string(list) + "*0 ";
+        const std::string half = before + "50 50*" + (list == 0 || list == 2 ? "''" : "7") + ' ' +
+                                 std::to_string(5 - list) + "*0 0L 0L 0 0 ";
+        Parcel parcel;
+        PutText(parcel, half + half);
+        const sptr<PermissionUsageRecordQuery> query(new PermissionUsageRecordQuery());
+        EXPECT_EQ(query.Get(), PermissionUsageRecordQuery::UnmarshallingInner(parcel, query.Get()));
+        EXPECT_EQ(query.Get(), PermissionUsageRecordQuery::UnmarshallingInner(parcel, query.Get()));
         Parcel refused;
-        EXPECT_FALSE(query.Marshalling(refused));
-        EXPECT_EQ(counts, TakeWords(refused));
-        counts.pop_back();
+        EXPECT_FALSE(query->Marshalling(refused));
+        Parcel expected;
+        PutText(expected, before + "100");
+        EXPECT_EQ(TakeWords(expected), TakeWords(refused)) << list;
     }
 }
 
-TEST(PermissionUsageRecordQuery, InnerReadingAppendsAndOwnsWhatItIsGiven)
+TEST(PermissionUsageRecordQuery, InnerReadingOwnsWhatItIsGiven)
 {
     allocations = {};
-    {
-        const PermissionUsageRecordQuery query = Sample<PermissionUsageRecordQuery>();
-        Parcel parcel;
-        ASSERT_TRUE(query.Marshalling(parcel) && query.Marshalling(parcel));
-        EXPECT_EQ(nullptr, PermissionUsageRecordQuery::UnmarshallingInner(parcel, nullptr));
-        const sptr<PermissionUsageRecordQuery> given(new PermissionUsageRecordQuery());
-        given->SetUserIds({7});
-        given->SetLimit(7);
-        EXPECT_EQ(given.Get(), PermissionUsageRecordQuery::UnmarshallingInner(parcel, given.Get()));
-        EXPECT_EQ((std::vector<int>{7, 100, 100, 0}), given->GetUserIds());
-        EXPECT_EQ(query.GetLimit(), given->GetLimit());
-        EXPECT_EQ(1, given->StrongCount());
-    }
-    Parcel empty;
-    EXPECT_EQ(nullptr, PermissionUsageRecordQuery::UnmarshallingInner(empty, new PermissionUsageRecordQuery()));
+    Parcel parcel;
+    PutText(parcel, CaseOf("PermissionUsageRecordQuery").values);
+    EXPECT_EQ(nullptr, PermissionUsageRecordQuery::UnmarshallingInner(parcel, nullptr));
+    TakeWords(parcel);
+    EXPECT_EQ(nullptr, PermissionUsageRecordQuery::UnmarshallingInner(parcel, new PermissionUsageRecordQuery()));
     EXPECT_EQ(0, allocations.bytes);
 }
 

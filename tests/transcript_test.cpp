@@ -195,7 +195,13 @@ private:
         if (name == "level") {
             level_ = static_cast<int>(number);
         } else if (name == "presence") {
-            SetPresence(what);
+            managers_.SetSystemAbilityManager(what == "no-manager"  ? nullptr
+                                              : what == "no-memory" ? sptr<ISystemAbilityManager>(new OutOfMemory())
+                                                                    : manager_);
+            manager_->SetPresence(what == "absent"  ? FakePresence::ABSENT
+                                  : what == "dead"  ? FakePresence::DEAD
+                                  : what == "dying" ? FakePresence::DYING
+                                                    : FakePresence::HERE);
         } else if (name == "answer") {
             int64_t result = 0;
             size_t count = 0;
@@ -236,17 +242,6 @@ private:
         PutText(data, values);
         const int32_t status = object_->SendRequest(code, data, reply, option);
         return "status " + Text(status) + " reply " + Text(TakeWords(reply)) + "\n";
-    }
-
-    void SetPresence(const std::string& state)
-    {
-        managers_.SetSystemAbilityManager(state == "no-manager"  ? nullptr
-                                          : state == "no-memory" ? sptr<ISystemAbilityManager>(new OutOfMemory())
-                                                                 : manager_);
-        manager_->SetPresence(state == "absent"  ? FakePresence::ABSENT
-                              : state == "dead"  ? FakePresence::DEAD
-                              : state == "dying" ? FakePresence::DYING
-                                                 : FakePresence::HERE);
     }
 
     const ServedFake served_;

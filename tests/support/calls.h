@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
@@ -11,7 +15,9 @@
 #include "support/call_operation.h"
 #include "support/log_capture.h"
 #include "support/parcels.h"
+#include "varn/host/ability_manager.h"
 #include "varn/host/ability_server.h"
+#include "varn/remote_broker.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 
@@ -34,17 +40,40 @@ private:
 };
 
 // The proxy that the library has registered, over any object.
-sptr<SecurityPrivacyServiceIntf> ProxyOver(const sptr<IRemoteObject>& object);
+inline sptr<SecurityPrivacyServiceIntf> ProxyOver(const sptr<IRemoteObject>& object)
+{
+    const sptr<IRemoteBroker> broker =
+        BrokerRegistration::Get().NewInstance(SecurityPrivacyServiceIntf::GetDescriptor(), object);
+    // A cast that names the type brings the proxy along from a static library.
+    return sptr<SecurityPrivacyServiceIntf>(dynamic_cast<SecurityPrivacyServiceIntf*>(broker.Get()));
+}
 
 // Where services of this process put their sockets and its client finds them: only we may enter it, until the program
 // ends.
-const std::string& AbilityFolder();
+inline const std::string& AbilityFolder()
+{
+    struct Folder {
+        Folder() { ::setenv("VARN_ABILITY_DIR", ::mkdtemp(path.data()), 1); }
+        ~Folder() { std::filesystem::remove_all(path); }
+        std::string path = (std::filesystem::temp_directory_path() / "calls.XXXXXX").string();
+    };
+    static const Folder folder;
+    return folder.path;
+}
 
 // A service that the client finds while this exists: in this process, or behind a socket.
 class ServedFake {
 public:
-    explicit ServedFake(bool isBehindSocket);
-    ~ServedFake();
+    explicit ServedFake(bool isBehindSocket)
+    {
+        if (isBehindSocket) {
+            AbilityFolder();
+            EXPECT_TRUE(server_.emplace(FAKE_SERVICE_ID, service).Start());
+        } else {
+            EXPECT_TRUE(Host::AbilityManager::Get()->AddSystemAbility(FAKE_SERVICE_ID, service));
+        }
+    }
+    ~ServedFake() { Host::AbilityManager::Get()->RemoveSystemAbility(FAKE_SERVICE_ID); }
 
     const sptr<FakeService> service{new FakeService()};
 
