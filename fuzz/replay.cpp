@@ -19,6 +19,7 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
 
 using Host::BytesOf;
+using Host::HEADER_SIZE;
 using Host::MakeFrame;
 
 using Seeds = std::map<std::string, std::vector<std::string>>;  // by target
@@ -45,9 +46,12 @@ void AddCalls(Seeds& seeds)
     const size_t tokenSize = MakeRequest().size();
     for (const uint32_t number : CODES) {
         const auto code = static_cast<char>(number);
-        Add(seeds["stub"], {code, '\1'}, MakeHonestRequest(number).substr(tokenSize));
         service->SetAnswer(number, answer);
         const sptr<IRemoteObject> listener(new ScriptedObject([&](uint32_t, MessageParcel& data, MessageParcel& reply) {
+            const std::vector<int32_t> words = TakeWords(data);
+            Put(data, words);
+            Add(seeds["stub"], {code, '\1'}, BytesLeftIn(data).substr(tokenSize));
+            Put(data, words);
             MessageOption option;
             service->SendRequest(number, data, reply, option);
             Add(seeds["proxy"], {code}, BytesLeftIn(reply));

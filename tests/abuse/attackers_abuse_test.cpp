@@ -11,6 +11,7 @@
 #include "abuse/flood.h"
 #include "abuse/processes.h"
 #include "abuse/requests.h"
+#include "abuse/service_process.h"
 
 // One user cannot take the service from another. Whatever one or eight users do: while they do it, a client of another
 // user gets every answer, right and in time, and the service stays within its memory; when they have gone, it is as
@@ -48,6 +49,15 @@ std::string MakeLongest()
                            MakeRequest(std::string("x"), int32_t{1}, int32_t{0}) + std::string(16 * MEBIBYTE - 200, 0));
 }
 
+std::string Repeat(const std::string& text, size_t times)
+{
+    std::string all;
+    while (times-- > 0) {
+        all += text;
+    }
+    return all;
+}
+
 std::string MakeColliding()
 {
     return Host::MakeFrame(2, MakeRequest(std::string("group"), int32_t{1}, int32_t{5000}, MakeCollidingNames()));
@@ -56,8 +66,7 @@ std::string MakeColliding()
 struct AttackerCase {
     std::string name;
     Flood (*make)();
-    std::vector<std::string> options = {};
-    bool isDeaf = false;  // standard error is a pipe that nobody reads
+    std::function<void()> prepare = [] {};  // in the service's process
 
     friend void PrintTo(const AttackerCase& attacker, std::ostream* out) { *out << attacker.name; }
 };
@@ -67,9 +76,8 @@ using Then = Flood::Then;
 
 const AttackerCase allAttackers[] = {
     {"DescriptorsWhoseCloseBlocks", FLOOD(20, honestFrame, Then::SEND_AGAIN, true, SIZE_MAX, true)},
-    {"DescriptorsWhoseCloseBlocksThatComeIn",
-     FLOOD(20, honestFrame, Then::SEND_AGAIN, true, SIZE_MAX, true),
-     {"--takes-descriptors", "1"}},
+    {"DescriptorsWhoseCloseBlocksThatComeIn", FLOOD(20, honestFrame, Then::SEND_AGAIN, true, SIZE_MAX, true),
+     TakeDescriptors},
     {"CollidingNames", FLOOD(100, MakeColliding())},
     {"CollidingNamesOfThoseWhoHangUp", FLOOD(100, MakeColliding(), Then::HANG_UP)},
     {"SlowOperations", FLOOD(128, MakeByAppFrame("nap", 200))},
@@ -85,8 +93,11 @@ const AttackerCase allAttackers[] = {
     {"Garbage", FLOOD(128, std::string(1000, 'x'), Then::SEND_AGAIN)},
     {"LinesThatNobodyReads",
      FLOOD(16, Host::MakeFrame(12, MakeRequest(std::string("policy"), int32_t{0})), Then::SEND_AGAIN),
-     {},
-     true},
+     [] {
+         int ends[2] = {};
+         EXPECT_EQ(0, ::pipe(ends));
+         ::dup2(ends[1], STDERR_FILENO);
+     }},
 };
 
 struct Use {
@@ -118,17 +129,17 @@ protected:
     // Another user asks on a connection that it keeps and, in turn with it, on new ones.
     Probed Probe(size_t times)
     {
-        const AsUser other(ORDINARY_USER);
+        const Host::AsUser other(ORDINARY_USER);
         Probed probed;
-        const Peer kept(folder_.SocketPath());
+        const Host::RawClient kept(folder_.SocketPath());
         for (size_t time = 0; time < times && probed.wrong == 0 && probed.longest < GIVEN_UP; ++time) {
             const Clock::time_point begin = Clock::now();
             std::string answer;
             if (time % 2 == 0) {
-                answer = kept.Send(honestFrame) ? kept.ReadReply() : "";
+                answer = kept.Send(honestFrame) ? kept.ReceiveFrame() : "";
             } else {
-                const Peer fresh(folder_.SocketPath());
-                answer = fresh.Send(honestFrame) ? fresh.ReadReply() : "";
+                const Host::RawClient fresh(folder_.SocketPath());
+                answer = fresh.Send(honestFrame) ? fresh.ReceiveFrame() : "";
             }
             const auto taken = std::chrono::duration_cast<milliseconds>(Clock::now() - begin);
             answer_ = answer_.empty() ? answer : answer_;
@@ -142,40 +153,30 @@ protected:
 
     Use GetUse() const
     {
-        return {CountEntries(service_.Pid(), "fd"), CountEntries(service_.Pid(), "task"),
-                ReadSize(service_.Pid(), "VmRSS")};
+        return {Host::CountEntries(service_.Pid(), "fd"), Host::CountEntries(service_.Pid(), "task"),
+                Host::ReadSize(service_.Pid(), "VmRSS")};
+    }
+
+    static Host::AbilityServerOptions MakeOptions()
+    {
+        Host::AbilityServerOptions options;
+        options.workers = WORKERS;
+        return options;
     }
 
     static constexpr uid_t ORDINARY_USER = 54321;
     const AttackerCase& attacker_ = std::get<0>(GetParam());
-    const SocketFolder folder_;
-    ServiceProcess service_{folder_, MakeCommand(), [this] {
-                                ::unsetenv("MALLOC_ARENA_MAX");
-                                ::unsetenv("MALLOC_MMAP_THRESHOLD_");
-                                ::unsetenv("MALLOC_TRIM_THRESHOLD_");
-                                int ends[2] = {};
-                                if (attacker_.isDeaf && ::pipe(ends) == 0) {
-                                    ::dup2(ends[1], STDERR_FILENO);
-                                }
-                            }};
+    const Host::SocketFolder folder_;
+    ServiceProcess service_{folder_, MakeOptions(), attacker_.prepare};
     Use before_{};
     std::string answer_;
-
-private:
-    std::vector<std::string> MakeCommand() const
-    {
-        std::vector<std::string> command = {ABUSE_SERVICE, "--directory", folder_.Path(), "--workers",
-                                            std::to_string(WORKERS)};
-        command.insert(command.end(), attacker_.options.begin(), attacker_.options.end());
-        return command;
-    }
 };
 
 TEST_P(AttackersTest, CannotTakeTheServiceFromAnother)
 {
     const size_t users = std::get<1>(GetParam());
     const Flood flood = attacker_.make();
-    ResetPeak(service_.Pid());
+    Host::ResetPeak(service_.Pid());
     {
         const Attackers attackers(folder_.SocketPath(), users, flood);
         constexpr size_t TIMES = IS_SIZE_TELLING ? 200 : 60;  // with a sanitizer each takes long
@@ -183,7 +184,7 @@ TEST_P(AttackersTest, CannotTakeTheServiceFromAnother)
         EXPECT_EQ(0U, probed.wrong) << "answers are wrong or missing; " << service_.Log();
         EXPECT_LT(probed.longest, GIVEN_UP);
         EXPECT_LE(probed.late, TIMES / 20) << "the longest took " << probed.longest.count() << " ms";
-        EXPECT_LT(ReadSize(service_.Pid(), "VmHWM"), before_.memory + MOST_MEMORY + MEMORY_OF_REQUESTS);
+        EXPECT_LT(Host::ReadSize(service_.Pid(), "VmHWM"), before_.memory + MOST_MEMORY + MEMORY_OF_REQUESTS);
     }
     const Clock::time_point gone = Clock::now();
     Use after = GetUse();

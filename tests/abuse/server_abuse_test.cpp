@@ -1,272 +1,195 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <poll.h>
+#include <sys/wait.h>
 
-#include <algorithm>
 #include <csignal>
 #include <deque>
-#include <optional>
+#include <future>
 #include <regex>
 
 #include "abuse/processes.h"
-#include "abuse/requests.h"
+#include "platform/host_fixture.h"
 
-// What a peer can do to a service over its socket, each against a service in a process of its own. Whatever it was, a
-// client that behaves is answered as before, and the service holds no descriptor and no memory more.
-namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+// What a peer can do to a server over its socket, and what a server does when it ends. Whatever it was, a client that
+// behaves is answered as before, and the server holds nothing more.
+namespace VARN::Host {
 namespace {
 
-using Host::BytesOf;
-using Host::MakeFrame;
+using std::chrono::milliseconds;
 
-constexpr uint64_t MEBIBYTE = 0x100000;
+constexpr uint32_t MEBIBYTE = 0x100000;
 
-// Waits for the end of the connection (POLLHUP) or for what comes first (POLLIN), and reads nothing.
-bool Sees(const Peer& peer, short events)
+// The code of any request but askFrame is the length of its answer.
+int32_t AnswerAtLength(uint32_t code, MessageParcel& data, MessageParcel& reply)
 {
-    pollfd entry = {peer.GetFd(), events, 0};
-    constexpr int PATIENCE_MILLISECONDS = 30000;
-    return ::poll(&entry, 1, PATIENCE_MILLISECONDS) == 1;
+    return reply.WriteString(code == 1 ? data.ReadString() : std::string(code, 'x')) ? 0 : 9;
 }
+const std::string longFrame = MakeFrame(3 * MEBIBYTE, "");
 
-class ServerAbuseTest : public ::testing::Test {
+class ServerAbuseTest : public HostTest {
 protected:
-    // Starts a service, lets every worker make what it keeps, and remembers how things are.
-    void Begin(const std::vector<std::string>& options = {})
-    {
-        std::vector<std::string> command = {ABUSE_SERVICE, "--directory", folder_.Path()};
-        command.insert(command.end(), options.begin(), options.end());
-        service_.emplace(folder_, command);
-        ASSERT_TRUE(service_->IsReady()) << service_->Log();
-        descriptors_ = CountEntries(service_->Pid(), "fd");
-        for (size_t round = 0; round < 100; ++round) {
-            const Peer one(Path());
-            const Peer other(Path());
-            ASSERT_TRUE(one.Send(honestFrame));
-            ASSERT_TRUE(IsAnswered(other)) << service_->Log();
-            answer_ = one.ReadReply();
-        }
-        ASSERT_NE("", answer_);
-        ASSERT_TRUE(Eventually([&] { return CountEntries(service_->Pid(), "fd") <= descriptors_; }));
-        size_ = ReadSize(service_->Pid(), "VmRSS");
-        ResetPeak(service_->Pid());
-    }
-
     void TearDown() override
     {
-        if (service_ && service_->Pid() > 0) {
-            ExpectServed();
-            EXPECT_TRUE(Eventually([&] { return CountEntries(service_->Pid(), "fd") <= descriptors_; }))
-                << CountEntries(service_->Pid(), "fd") << " descriptors instead of " << descriptors_;
-            EXPECT_TRUE(Eventually([&] { return GrownBy("VmRSS") < 4 * MEBIBYTE; })) << GrownBy("VmRSS");
-            EXPECT_EQ(0, service_->End(SIGTERM)) << service_->Log();
+        if (server_) {
+            EXPECT_TRUE(IsAnswered(RawClient(Path()))) << Log();
+            ServerStatistics left;
+            EXPECT_TRUE(Eventually([&] { return (left = server_->Statistics()).connections == 0; }));
+            EXPECT_EQ(0U, left.requestBytes + left.replyBytes + left.waiting);
         }
+        HostTest::TearDown();
     }
-
-    void ExpectServed() const
-    {
-        const Peer peer(Path());
-        EXPECT_TRUE(peer.Send(honestFrame));
-        EXPECT_EQ(answer_, peer.ReadReply()) << service_->Log();
-    }
-
-    // Bytes that the service has grown by, now or at most.
-    size_t GrownBy(const std::string& field) const { return std::max(ReadSize(service_->Pid(), field), size_) - size_; }
 
     // A limit's line about this process; both are expressions.
     void ExpectLimit(const std::string& limit, const std::string& numbers) const
     {
-        const std::string line = "limit " + limit + ": uid " + std::to_string(::geteuid()) + " pid " +
-                                 std::to_string(::getpid()) + ": " + numbers;
-        EXPECT_TRUE(std::regex_search(service_->Log(), std::regex(line))) << line << "\n" << service_->Log();
+        EXPECT_THAT(Log(), ContainsRegex("limit " + limit + ": uid " + std::to_string(::geteuid()) + " pid " +
+                                         std::to_string(::getpid()) + ": " + numbers));
     }
-
-    std::string Path() const { return folder_.SocketPath(); }
-
-    const SocketFolder folder_;
-    std::optional<ServiceProcess> service_;
-
-private:
-    std::string answer_;
-    size_t descriptors_ = 0;
-    size_t size_ = 0;
 };
 
-struct LimitCase {
-    std::string name;
-    std::vector<std::string> options;
-    std::vector<std::string> sent;  // by a peer each
-    size_t dropped;                 // so many of the last are ended
-    std::string limit;
-    std::string numbers;
-
-    friend void PrintTo(const LimitCase& one, std::ostream* out) { *out << one.name; }
-};
-
-const std::string longReply = MakeByAppFrame("bulk", 3 * MEBIBYTE);
-const LimitCase limitCases[] = {
-    {"RequestBytes",
-     {},
-     {MakeFrame(1, "").replace(16, 4, BytesOf(uint32_t{16 * MEBIBYTE + 1}))},
-     1,
-     "request bytes",
-     "used 16777217, allowed 16777216"},
-    {"RequestTime",
-     {"--stall-timeout-ms", "200"},
-     {honestFrame.substr(0, 1), honestFrame.substr(0, HEADER_SIZE - 1), honestFrame.substr(0, HEADER_SIZE),
-      honestFrame.substr(0, honestFrame.size() - 1), honestFrame + honestFrame.substr(0, 1)},
-     5,
-     "request time in ms",
-     "used [0-9]{3,}, allowed 200"},
-    {"ReplyTime", {"--reply-timeout-ms", "200"}, {longReply}, 1, "reply time in ms", "used [0-9]{3,}, allowed 200"},
-    {"WaitingReplyBytes",
-     {"--max-waiting-reply-bytes", "8388608", "--workers", "1"},
-     {longReply, longReply, longReply},
-     1,
-     "waiting reply bytes per user",
-     "used 9[0-9]{6}, allowed 8388608"},
-};
-
-class LimitTest : public ServerAbuseTest, public ::testing::WithParamInterface<LimitCase> {};
-
-TEST_P(LimitTest, EndsTheConnectionAndSaysWhy)
+TEST_F(ServerAbuseTest, LimitsEndTheConnectionAndSayWhy)
 {
-    ASSERT_NO_FATAL_FAILURE(Begin(GetParam().options));
-    std::deque<Peer> peers;
-    const size_t kept = GetParam().sent.size() - GetParam().dropped;
-    for (const std::string& bytes : GetParam().sent) {
-        EXPECT_TRUE(peers.emplace_back(Path()).Send(bytes));
-        // In this order: each of those that are kept is served before the next one asks.
-        EXPECT_TRUE(peers.size() > kept || Sees(peers.back(), POLLIN));
-    }
-    for (size_t index = kept; index < peers.size(); ++index) {
-        EXPECT_TRUE(Sees(peers[index], POLLHUP)) << index;
-    }
-    for (size_t index = 0; index < kept; ++index) {
-        EXPECT_LT(3 * MEBIBYTE, peers[index].ReadReply().size()) << "it was there before";
-    }
-    ExpectLimit(GetParam().limit, GetParam().numbers);
-}
-
-INSTANTIATE_TEST_SUITE_P(Cases, LimitTest, ::testing::ValuesIn(limitCases),
-                         [](const auto& limit) { return limit.param.name; });
-
-TEST_F(ServerAbuseTest, EveryByteOfTheHeaderIsChecked)
-{
-    ASSERT_NO_FATAL_FAILURE(Begin());
+    std::vector<std::string> headers;
     for (const size_t position : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U, 12U, 13U, 14U, 15U, 19U}) {
-        std::string header = MakeFrame(1, "");
-        header[position] ^= '\xff';
-        const Peer peer(Path());
-        EXPECT_TRUE(peer.Send(header));
-        EXPECT_TRUE(peer.IsClosed()) << position;
+        headers.push_back(MakeFrame(1, ""));
+        headers.back()[position] ^= '\xff';
     }
-    ExpectLimit("protocol", "used 1, allowed 0: the magic is wrong");
+    const struct {
+        std::string limit;
+        std::string numbers;
+        std::vector<std::string> sent;  // by a peer each
+        size_t kept;                    // so many of the first are served before the next one asks
+        std::function<void(AbilityServerOptions&)> set = [](AbilityServerOptions&) {};
+    } cases[] = {
+        {"protocol", "used 1, allowed 0: ", headers, 0},
+        {"request bytes",
+         "used 16777217, allowed 16777216",
+         {MakeFrame(1, "").replace(16, 4, BytesOf(16 * MEBIBYTE + 1))},
+         0},
+        {"request time in ms",
+         "used [0-9]{3,}, allowed 200",
+         {askFrame.substr(0, 1), askFrame.substr(0, HEADER_SIZE - 1), askFrame.substr(0, HEADER_SIZE),
+          askFrame.substr(0, askFrame.size() - 1), askFrame + askFrame.substr(0, 1)},
+         0,
+         [](AbilityServerOptions& options) { options.stallTimeout = milliseconds(200); }},
+        {"reply time in ms",
+         "used [0-9]{3,}, allowed 200",
+         {longFrame},
+         0,
+         [](AbilityServerOptions& options) { options.replyTimeout = milliseconds(200); }},
+        {"waiting reply bytes per user",
+         "used 9[0-9]{6}, allowed 8388608",
+         {longFrame, longFrame, longFrame},
+         2,
+         [](AbilityServerOptions& options) {
+             options.maxWaitingReplyBytesPerUser = 8 * MEBIBYTE;
+             options.workers = 1;  // the second reply is counted before the third is made
+         }},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.limit);
+        AbilityServerOptions options;
+        one.set(options);
+        ASSERT_NO_FATAL_FAILURE(Serve(AnswerAtLength, options));
+        std::deque<RawClient> peers;
+        for (const std::string& bytes : one.sent) {
+            EXPECT_TRUE(peers.emplace_back(Path()).Send(bytes));
+            EXPECT_TRUE(peers.size() > one.kept || peers.back().Sees(POLLIN));
+        }
+        for (size_t index = peers.size(); index-- > 0;) {
+            EXPECT_TRUE(index < one.kept ? peers[index].ReceiveFrame().size() > 3 * MEBIBYTE : peers[index].Sees(0))
+                << index;
+        }
+        ExpectLimit(one.limit, one.numbers);
+    }
 }
 
-TEST_F(ServerAbuseTest, HostileNumbersInEveryPlaceAreAnswered)
+TEST_F(ServerAbuseTest, AReplyMayFillItsBoundAndNotOneByteMore)
 {
-    ASSERT_NO_FATAL_FAILURE(Begin());
-    const Peer peer(Path());
-    for (const uint32_t code : CODES) {
-        const std::string honest = MakeHonestRequest(code);
-        std::vector<std::string> bodies;
-        for (size_t position = 0; position < honest.size(); position += sizeof(int32_t)) {
-            for (const int32_t number : {INT32_MAX, -1, INT32_MIN, 10001, 0}) {
-                bodies.push_back(std::string(honest).replace(position, sizeof(number), BytesOf(number)));
-            }
-            bodies.push_back(honest.substr(0, position));
-        }
-        for (const std::string& body : bodies) {
-            ASSERT_TRUE(peer.Send(MakeFrame(code, body)));
-            ASSERT_EQ(MakeFrame(code, "", 2).substr(0, 12), peer.ReadReply().substr(0, 12)) << service_->Log();
-        }
-    }
+    constexpr uint32_t LONGEST = MEBIBYTE - sizeof(int32_t) - 1;
+    AbilityServerOptions options;
+    options.maxBytes = MEBIBYTE;
+    const auto overlooking = [](uint32_t code, MessageParcel& data, MessageParcel& reply) {
+        const int32_t status = AnswerAtLength(code, data, reply);
+        return code == LONGEST + 2 ? 0 : status;
+    };
+    ASSERT_NO_FATAL_FAILURE(Serve(overlooking, options));
+    const RawClient peer(Path());
+    EXPECT_TRUE(peer.Send(MakeFrame(LONGEST, "") + MakeFrame(LONGEST + 1, "") + MakeFrame(LONGEST + 2, "")));
+    EXPECT_EQ(MakeFrame(LONGEST, MakeBody(std::string(LONGEST, 'x')), 2), peer.ReceiveFrame());
+    EXPECT_EQ(MakeFrame(LONGEST + 1, "", 2, 9), peer.ReceiveFrame());
+    EXPECT_EQ(MakeFrame(LONGEST + 2, "", 2, IPC_TOO_LARGE), peer.ReceiveFrame()) << "the operation did not look";
+    EXPECT_TRUE(IsAnswered(peer)) << "its bound was another's";
+    EXPECT_EQ(2U, server_->Statistics().refused);
 }
 
 // Each asked once and keeps its connection: those that have been idle for longest make way.
 TEST_F(ServerAbuseTest, PeersThatStayTakeNoPlaceFromOthers)
 {
-    ASSERT_NO_FATAL_FAILURE(Begin());
-    std::deque<Peer> staying;
+    ASSERT_NO_FATAL_FAILURE(Serve());
+    std::deque<RawClient> staying;
     while (staying.size() < 132) {
+        EXPECT_TRUE(IsAnswered(staying.emplace_back(Path()))) << staying.size();
         // The clock that eviction goes by ticks before the fifth comes: equals go in any order.
-        const bool isFourth = staying.size() == 3;
-        const Peer& peer = staying.emplace_back(Path());
-        EXPECT_TRUE(peer.Send(isFourth ? MakeByAppFrame("nap", 100) : honestFrame));
-        EXPECT_NE("", peer.ReadReply()) << staying.size();
+        const auto tick = std::chrono::steady_clock::now() + milliseconds(100);
+        EXPECT_TRUE(staying.size() != 4 || Eventually([tick] { return std::chrono::steady_clock::now() > tick; }));
     }
     for (size_t index = 0; index < 4; ++index) {
         EXPECT_TRUE(staying[index].IsClosed()) << index;
     }
     EXPECT_TRUE(IsAnswered(staying[4]));
     const AsUser other(54321);
-    EXPECT_TRUE(IsAnswered(Peer(Path())));
+    EXPECT_TRUE(IsAnswered(RawClient(Path())));
 }
 
 TEST_F(ServerAbuseTest, HalfCloseBehindRequestsLosesNoAnswer)
 {
-    ASSERT_NO_FATAL_FAILURE(Begin());
-    constexpr size_t COUNT = 100;
-    const Peer peer(Path());
-    EXPECT_TRUE(peer.Send(MakeByAppFrame("nap", 100) + longReply + Repeat(honestFrame, COUNT)));
-    ::shutdown(peer.GetFd(), SHUT_WR);
-    for (size_t number = 0; number <= COUNT + 1; ++number) {
-        ASSERT_NE("", peer.ReadReply()) << number;
+    std::promise<void> closed;
+    ASSERT_NO_FATAL_FAILURE(Serve([&closed](uint32_t code, MessageParcel& data, MessageParcel& reply) {
+        if (code == 2) {
+            closed.get_future().wait();
+        }
+        return AnswerAtLength(code, data, reply);
+    }));
+    const RawClient peer(Path());
+    std::string requests = MakeFrame(2, "") + longFrame;
+    std::string replies = MakeFrame(2, MakeBody("xx"), 2);
+    for (size_t number = 0; number < 100; ++number) {
+        requests += askFrame;
+        replies += number == 0 ? MakeFrame(3 * MEBIBYTE, MakeBody(std::string(3 * MEBIBYTE, 'x')), 2) : "";
+        replies += replyFrame;
     }
+    EXPECT_TRUE(peer.Send(requests));
+    ::shutdown(peer.GetFd(), SHUT_WR);
+    closed.set_value();
+    EXPECT_TRUE(replies == peer.Receive(replies.size()));
     EXPECT_TRUE(peer.IsClosed());
 }
 
 TEST_F(ServerAbuseTest, DescriptorsAreRefusedWhereTheyAreSent)
 {
-    ASSERT_NO_FATAL_FAILURE(Begin());
-    const Peer peer(Path());
-    constexpr int PASS_RIGHTS = 83;
-    int isOn = 0;
-    socklen_t size = sizeof(isOn);
-    if (::getsockopt(peer.GetFd(), SOL_SOCKET, PASS_RIGHTS, &isOn, &size) != 0) {
-        GTEST_SKIP() << "this kernel cannot refuse descriptors";
+    ASSERT_NO_FATAL_FAILURE(Serve());
+    const RawClient peer(Path());
+    if (!CanRefuseDescriptors(peer.GetFd())) {
+        GTEST_SKIP() << "this kernel cannot";
     }
-    EXPECT_EQ(-1, Host::SendDescriptor(peer.GetFd(), honestFrame, STDIN_FILENO));
+    EXPECT_EQ(-1, SendDescriptor(peer.GetFd(), askFrame, STDIN_FILENO));
     EXPECT_EQ(EPERM, errno);
     EXPECT_TRUE(IsAnswered(peer)) << "on the same connection";
 }
 
-// On a kernel that lets them in the connection is closed with them, whatever else was sent.
-TEST_F(ServerAbuseTest, DescriptorsThatComeInEndTheConnection)
-{
-    ASSERT_NO_FATAL_FAILURE(Begin({"--takes-descriptors", "1"}));
-    for (const size_t size : {size_t{1}, HEADER_SIZE + 1, honestFrame.size()}) {
-        int pipe[2] = {};
-        ASSERT_EQ(0, ::pipe2(pipe, O_CLOEXEC));
-        const Peer peer(Path());
-        EXPECT_TRUE(IsAnswered(peer));
-        EXPECT_EQ(static_cast<ssize_t>(size), Host::SendDescriptor(peer.GetFd(), honestFrame.substr(0, size), pipe[1]));
-        ::close(pipe[1]);
-        peer.Send(honestFrame.substr(size) + honestFrame);
-        EXPECT_TRUE(peer.IsClosed());
-        // Ends when the last writer is gone, which the service would be.
-        pollfd entry = {pipe[0], POLLIN, 0};
-        EXPECT_EQ(1, ::poll(&entry, 1, 30000)) << "the descriptor is still open somewhere";
-        ::close(pipe[0]);
-    }
-    ExpectLimit("descriptors sent along", "used 1, allowed 0");
-}
-
 TEST_F(ServerAbuseTest, RefusalsDoNotFillTheLog)
 {
-    ASSERT_NO_FATAL_FAILURE(Begin());
+    ASSERT_NO_FATAL_FAILURE(Serve());
     constexpr uint64_t COUNT = 500;
     const auto begin = std::chrono::steady_clock::now();
     for (uint64_t round = 0; round < COUNT; ++round) {
-        const Peer peer(Path());
+        const RawClient peer(Path());
         EXPECT_TRUE(peer.Send(std::string(HEADER_SIZE, 'x')));
         EXPECT_TRUE(peer.IsClosed());
     }
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begin);
-    EXPECT_EQ(0, service_->End(SIGTERM));
-    const std::string log = service_->Log();
+    server_.reset();
+    const std::string log = Log();
     const std::regex line("limit protocol: .*the magic is wrong \\(([0-9]+) left out|protocol: ([0-9]+) more were");
     uint64_t lines = 0;
     uint64_t leftOut = 0;
@@ -278,5 +201,76 @@ TEST_F(ServerAbuseTest, RefusalsDoNotFillTheLog)
     EXPECT_EQ(COUNT, lines + leftOut) << log;
 }
 
+TEST_F(ServerAbuseTest, StopFinishesWhatRunsAndRefusesTheRest)
+{
+    std::promise<void> begun;
+    std::promise<void> release;
+    AbilityServerOptions options;
+    options.workers = 1;
+    const auto gate = [&](uint32_t code, MessageParcel& data, MessageParcel& reply) {
+        if (code == 2) {
+            begun.set_value();
+            release.get_future().wait();
+        }
+        return AnswerAtLength(code, data, reply);
+    };
+    ASSERT_NO_FATAL_FAILURE(Serve(gate, options));
+    const RawClient deaf(Path());
+    const RawClient reading(Path());
+    EXPECT_TRUE(deaf.Send(longFrame) && deaf.Sees(POLLIN));
+    EXPECT_TRUE(reading.Send(longFrame) && reading.Sees(POLLIN));
+    const RawClient running(Path());
+    const RawClient waiting(Path());
+    EXPECT_TRUE(running.Send(MakeFrame(2, "")));
+    begun.get_future().wait();
+    EXPECT_TRUE(waiting.Send(askFrame));
+    const auto end = std::async(std::launch::async, [this] { server_->Stop(); });
+    EXPECT_TRUE(Eventually([this] { return !std::filesystem::exists(Path()); }));
+    release.set_value();
+    EXPECT_LT(3 * MEBIBYTE, reading.ReceiveFrame().size()) << "it lost its answer behind one that does not read";
+    EXPECT_EQ(MakeFrame(2, MakeBody("xx"), 2), running.ReceiveFrame());
+    EXPECT_TRUE(running.IsClosed());
+    EXPECT_TRUE(waiting.IsClosed());
+    end.wait();
+    ASSERT_NO_FATAL_FAILURE(Serve());
+}
+
+// The child has copies of all descriptors. It stays, or ends as a program does, and neither may be felt.
+TEST_F(ServerAbuseTest, ForkedChildDoesNotTouchItsParentsServer)
+{
+    ASSERT_NO_FATAL_FAILURE(Serve());
+    const RawClient kept(Path());
+    EXPECT_TRUE(IsAnswered(kept));
+    EXPECT_EXIT((server_->Stop(), server_.reset(), ::_exit(0)), ::testing::ExitedWithCode(0), "");
+    EXPECT_TRUE(std::filesystem::exists(Path()));
+    EXPECT_TRUE(IsAnswered(kept));
+    EXPECT_TRUE(IsAnswered(RawClient(Path())));
+    const pid_t staying = ::fork();
+    if (staying == 0) {
+        ::pause();
+        ::_exit(0);
+    }
+    server_->Stop();
+    EXPECT_TRUE(kept.IsClosed());
+    EXPECT_TRUE(server_->Start());
+    EXPECT_TRUE(IsAnswered(RawClient(Path())));
+    ::kill(staying, SIGKILL);
+    EXPECT_EQ(staying, ::waitpid(staying, nullptr, 0));
+}
+
+TEST_F(ServerAbuseTest, SignalsAreNotForTheServersThreads)
+{
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    ::sigaddset(&signals, SIGUSR1);
+    ASSERT_NO_FATAL_FAILURE(Serve());
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    ::kill(::getpid(), SIGUSR1);
+    EXPECT_TRUE(IsAnswered(RawClient(Path())));
+    const timespec now = {};
+    EXPECT_EQ(SIGUSR1, ::sigtimedwait(&signals, nullptr, &now));
+    ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
 }  // namespace
-}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
+}  // namespace VARN::Host

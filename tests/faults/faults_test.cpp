@@ -10,25 +10,14 @@
 
 #include "abuse/processes.h"
 #include "faults/interposer.h"
+#include "platform/host_fixture.h"
 #include "varn/host/ability_manager.h"
-#include "varn/host/ability_server.h"
-#include "varn/host/log_sink.h"
 
 // Each call that makes, finds or uses a socket or starts a thread, and each allocation that does not throw, fails once
 // in turn, on either side. What was lost by it is lost once: the same server, with a single place for connections,
 // answers the next who ask, and in the end holds nothing.
-namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+namespace VARN::Host {
 namespace {
-
-constexpr int32_t ID = 65993;
-
-class Echo : public IPCObjectStub {
-public:
-    int32_t OnRemoteRequest(uint32_t, MessageParcel& data, MessageParcel& reply, MessageOption&) override
-    {
-        return reply.WriteString(data.ReadString()) ? 0 : 1;
-    }
-};
 
 enum class Outcome { RIGHT, FAILED, WRONG };
 
@@ -47,7 +36,7 @@ Outcome Ask(const sptr<IRemoteObject>& object, size_t size)
 // Little, and then so much that it takes several turns.
 Outcome Talk()
 {
-    const sptr<IRemoteObject> object = Host::AbilityManager::Get()->LoadSystemAbility(ID, 3);
+    const sptr<IRemoteObject> object = AbilityManager::Get()->LoadSystemAbility(ID, 3);
     const Outcome first = Ask(object, 10);
     return std::max(first, Ask(object, 1000000));
 }
@@ -60,29 +49,27 @@ struct FaultCase {
     friend void PrintTo(const FaultCase& fault, std::ostream* out) { *out << fault.call; }
 };
 
-class FaultsTest : public ::testing::TestWithParam<FaultCase> {
+class FaultsTest : public HostTest, public ::testing::WithParamInterface<FaultCase> {
 protected:
-    FaultsTest()
+    void SetUp() override
     {
-        Host::SetLogLevel(LOG_LEVEL_FATAL + 1);
-        Host::AbilityServer server(ID, echo_);
-        EXPECT_TRUE(server.Start());
+        SetLogLevel(LOG_LEVEL_FATAL + 1);
+        ASSERT_NO_FATAL_FAILURE(Serve());
         EXPECT_EQ(Outcome::RIGHT, Talk());
-        server.Stop();
+        server_.reset();
         descriptors_ = CountEntries(::getpid(), "fd");
         threads_ = CountEntries(::getpid(), "task");
     }
-    void TearDown() override { EXPECT_TRUE(std::filesystem::is_empty(folder_.Path())) << "a file was left behind"; }
 
     // Whether the call was made so often, and so has failed.
     bool Strike(int error, int number)
     {
         SCOPED_TRACE(std::string(std::strerror(error)) + " at call " + std::to_string(number));
-        Host::AbilityServerOptions options;
+        AbilityServerOptions options;
         options.workers = 2;
         options.maxConnections = 1;
         Arm(GetParam().call.c_str(), error, number);
-        Host::AbilityServer server(ID, echo_, options);
+        AbilityServer server(ID, echo_, options);
         const bool isRunning = server.Start();
         const Outcome outcome = isRunning ? Talk() : Outcome::FAILED;
         const bool hasStruck = Disarm();
@@ -100,8 +87,7 @@ protected:
     }
 
 private:
-    const SocketFolder folder_;
-    const sptr<IPCObjectStub> echo_{new Echo()};
+    const sptr<IPCObjectStub> echo_{new Service(Echo)};
     size_t descriptors_ = 0;
     size_t threads_ = 0;
 };
@@ -158,4 +144,4 @@ INSTANTIATE_TEST_SUITE_P(Calls, FaultsTest, ::testing::ValuesIn(allFaults), [](c
 });
 
 }  // namespace
-}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
+}  // namespace VARN::Host

@@ -18,7 +18,7 @@
 #include <cstring>
 #include <new>
 
-namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+namespace VARN::Host {
 namespace {
 
 std::atomic<const char*> armedCall{nullptr};
@@ -52,10 +52,10 @@ bool Disarm()
     return countdown.load() <= 0;
 }
 
-}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
+}  // namespace VARN::Host
 
-using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing::COMES_SHORT;
-using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing::Strike;
+using VARN::Host::COMES_SHORT;
+using VARN::Host::Strike;
 
 // The function of that name behind this one: the C library's, or a sanitizer's in front of it.
 #define REAL(name) static const auto real = reinterpret_cast<decltype(&::name)>(::dlsym(RTLD_NEXT, #name))

@@ -2,7 +2,7 @@
 #pragma once
 
 // Stands between the program and the C library: one call of a kind, the n-th from now on, fails.
-namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+namespace VARN::Host {
 
 constexpr int COMES_SHORT = -1;  // not a failure: one byte at the most is received or sent
 
@@ -11,4 +11,4 @@ void Arm(const char* call, int error, int number);
 // No fault from now on. Whether the one before has struck.
 bool Disarm();
 
-}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
+}  // namespace VARN::Host

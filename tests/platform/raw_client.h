@@ -1,21 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
 
-#include "varn/parcel.h"
-
+// Frames as bytes, sockets that speak them, and the folder where they meet a server or a client.
 namespace VARN::Host {
+
+constexpr std::chrono::seconds PATIENCE{30};
+constexpr size_t HEADER_SIZE = 20;
 
 template <class T>
 std::string BytesOf(T value)
@@ -56,6 +63,15 @@ inline ssize_t SendDescriptor(int socket, std::string bytes, int descriptor)
     return ::sendmsg(socket, &message, MSG_NOSIGNAL);
 }
 
+// Whether the kernel keeps descriptors out that the socket's peer would send; some do not know of that.
+inline bool CanRefuseDescriptors(int socket)
+{
+    constexpr int PASS_RIGHTS = 83;
+    int value = 0;
+    socklen_t size = sizeof(value);
+    return ::getsockopt(socket, SOL_SOCKET, PASS_RIGHTS, &value, &size) == 0;
+}
+
 // A socket that speaks bytes, for what an honest peer would never send. It closes its descriptor.
 class RawSocket {
 public:
@@ -80,6 +96,32 @@ public:
         return bytes;
     }
 
+    // The next frame, as far as it comes. A body that is longer than `most` stays where it is.
+    std::string ReceiveFrame(size_t most = SIZE_MAX) const
+    {
+        std::string frame = Receive(HEADER_SIZE);
+        uint32_t length = 0;
+        if (frame.size() == HEADER_SIZE) {
+            std::memcpy(&length, &frame[HEADER_SIZE - sizeof(length)], sizeof(length));
+        }
+        return frame + Receive(length <= most ? length : 0);
+    }
+
+    // Waits for one of the events, or for the end of the connection (POLLHUP), and reads nothing.
+    bool Sees(short events, std::chrono::milliseconds patience = PATIENCE) const
+    {
+        pollfd entry = {fd_, events, 0};
+        return ::poll(&entry, 1, static_cast<int>(patience.count())) == 1;
+    }
+
+    // Whether the peer closes the connection and says nothing before.
+    bool IsClosed() const
+    {
+        char byte = 0;
+        const ssize_t got = Sees(POLLIN) ? ::recv(fd_, &byte, 1, 0) : 1;
+        return got == 0 || (got < 0 && errno == ECONNRESET);
+    }
+
 protected:
     const sockaddr* Address() const { return reinterpret_cast<const sockaddr*>(&address_); }
 
@@ -88,17 +130,16 @@ private:
     sockaddr_un address_ = {AF_UNIX, {}};
 };
 
+// It does not wait for ever.
 class RawClient : public RawSocket {
 public:
-    explicit RawClient(const std::string& path)
-        : RawSocket(path), isConnected_(::connect(GetFd(), Address(), sizeof(sockaddr_un)) == 0)
+    explicit RawClient(const std::string& path) : RawSocket(path)
     {
+        const timeval patience = {PATIENCE.count(), 0};
+        ::setsockopt(GetFd(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+        ::setsockopt(GetFd(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+        ::connect(GetFd(), Address(), sizeof(sockaddr_un));
     }
-
-    bool IsConnected() const { return isConnected_; }
-
-private:
-    const bool isConnected_;
 };
 
 // A socket that listens, and whose file stays behind as that of a crashed service would.
@@ -116,17 +157,40 @@ private:
     const bool isListening_;
 };
 
+// A folder for one socket, where the clients of this process look for it while it exists.
+class SocketFolder {
+public:
+    SocketFolder()
+    {
+        // Other users are among the clients.
+        ::chmod(::mkdtemp(path_.data()), 0755);
+        ::setenv("VARN_ABILITY_DIR", path_.c_str(), 1);
+    }
+    ~SocketFolder()
+    {
+        ::unsetenv("VARN_ABILITY_DIR");
+        std::filesystem::remove_all(path_);
+    }
+
+    const std::string& Path() const { return path_; }
+    std::string SocketPath() const { return path_ + "/65993.sock"; }
+
+private:
+    std::string path_ = "/tmp/varn-test.XXXXXX";
+};
+
 // Waits until the condition holds, or gives up after a time that no healthy system needs.
 inline bool Eventually(const std::function<bool()>& condition)
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto end = std::chrono::steady_clock::now() + PATIENCE;
     // Asked once for each answer: what held a moment ago may not hold any more, and need not.
-    bool isTrue = condition();
-    while (!isTrue && std::chrono::steady_clock::now() < end) {
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        isTrue = condition();
     }
-    return isTrue;
+    return true;
 }
 
 }  // namespace VARN::Host

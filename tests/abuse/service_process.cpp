@@ -1,29 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "abuse/service_process.h"
+
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <map>
-#include <string>
+#include <fstream>
+#include <iterator>
 #include <vector>
 
 #include "security_privacy/testing/fake_service.h"
-#include "varn/host/ability_server.h"
 #include "varn/host/caller.h"
 
-// A service with operations for tests, which begins anew at SIGHUP: one says who asked, waits at a gate or answers at
-// any length.
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
 
-// Whether this process behaves as on a kernel that knows nothing of refusing descriptors.
 bool takesDescriptors = false;
 
 bool IsUnknown(int level, int option)
@@ -33,33 +33,15 @@ bool IsUnknown(int level, int option)
     return takesDescriptors && level == SOL_SOCKET && option == PASS_RIGHTS;
 }
 
-// One write, so that what was printed survives a kill.
-void Print(const std::string& line)
-{
-    static_cast<void>(!::write(STDOUT_FILENO, (line + "\n").data(), line.size() + 1));
-}
-
 class AbusedService final : public FakeService {
 public:
-    explicit AbusedService(const std::string& directory) : gate_(directory + "/gate") {}
-
     // Not noted, as neither are those below, so that nothing grows.
     bool IsMessageCodeAllowed(uint32_t) override { return true; }
     GTokenResultWithRet GTokenPolicyGetPolicy(std::string, const std::vector<std::string>&) override { return {}; }
-
-    // App "gate": waits until somebody has opened the gate and closed it again. "nap": takes `userId` milliseconds.
-    // "bulk": `userId` bytes of answer.
     int32_t GetAppPermissionGroupInfosByApp(const std::string& bundleName, int32_t userId,
                                             const std::unordered_set<std::string>&,
                                             std::vector<Permission::AppPermissionGroupInfo>& infos) override
     {
-        if (bundleName == "gate") {
-            const int gate = ::open(gate_.c_str(), O_RDONLY | O_CLOEXEC);
-            char byte = 0;
-            while (::read(gate, &byte, 1) > 0) {
-            }
-            ::close(gate);
-        }
         if (bundleName == "nap") {
             ::poll(nullptr, 0, userId);
         }
@@ -68,44 +50,86 @@ public:
         info.uid = static_cast<int32_t>(Host::CurrentCaller().uid);
         return 0;
     }
-
-private:
-    const std::string gate_;
 };
 
-int Serve(std::map<std::string, std::string> given)
+// Writes a byte whenever it is ready.
+int Serve(const Host::AbilityServerOptions& options, int output)
 {
-    takesDescriptors = given.count("--takes-descriptors") != 0;
-    const auto number = [&given](const char* name) { return std::strtoul(given[name].c_str(), nullptr, 10); };
-    // Nothing, like 0, stands for a default.
-    Host::AbilityServerOptions options;
-    options.directory = given["--directory"];
-    options.workers = number("--workers");
-    options.maxConnections = number("--max-connections");
-    options.maxConnectionsPerUser = number("--max-connections-per-user");
-    options.stallTimeout = std::chrono::milliseconds(number("--stall-timeout-ms"));
-    options.replyTimeout = std::chrono::milliseconds(number("--reply-timeout-ms"));
-    options.maxWaitingReplyBytesPerUser = number("--max-waiting-reply-bytes");
-
     sigset_t signals;
     ::sigemptyset(&signals);
     ::sigaddset(&signals, SIGTERM);
     ::sigaddset(&signals, SIGHUP);
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    Host::AbilityServer server(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new AbusedService(options.directory)), options);
-    int signal = SIGHUP;
-    while (signal == SIGHUP) {
+    Host::AbilityServer server(FAKE_SERVICE_ID, sptr<IPCObjectStub>(new AbusedService()), options);
+    for (int signal = SIGHUP; signal == SIGHUP; ::sigwait(&signals, &signal)) {
         server.Stop();
-        if (!server.Start()) {
+        if (!server.Start() || ::write(output, "", 1) != 1) {
             return EXIT_FAILURE;
         }
-        Print("ready");
-        ::sigwait(&signals, &signal);
     }
     return EXIT_SUCCESS;
 }
 
 }  // namespace
+
+void TakeDescriptors()
+{
+    takesDescriptors = true;
+}
+
+ServiceProcess::ServiceProcess(const Host::SocketFolder& folder, const Host::AbilityServerOptions& options,
+                               const std::function<void()>& prepare)
+    : logPath_(folder.Path() + "/log")
+{
+    int ends[2] = {};
+    EXPECT_EQ(0, ::pipe2(ends, O_CLOEXEC));
+    pid_ = ::fork();
+    if (pid_ == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        ::dup2(ends[1], STDOUT_FILENO);
+        ::close(ends[0]);
+        ::close(ends[1]);
+        ::dup2(::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDERR_FILENO);
+        prepare();
+        ::exit(Serve(options, STDOUT_FILENO));
+    }
+    ::close(ends[1]);
+    output_ = ends[0];
+}
+
+ServiceProcess::~ServiceProcess()
+{
+    if (pid_ > 0) {
+        End(SIGKILL);
+    }
+    ::close(output_);
+}
+
+bool ServiceProcess::IsReady() const
+{
+    char byte = 0;
+    return ::read(output_, &byte, 1) == 1;
+}
+
+std::string ServiceProcess::Log() const
+{
+    std::ifstream log(logPath_);
+    return {std::istreambuf_iterator<char>(log), {}};
+}
+
+int ServiceProcess::End(int signal)
+{
+    int status = 0;
+    ::kill(pid_, signal);
+    if (!Host::Eventually([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; })) {
+        ADD_FAILURE() << "it does not end";
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, &status, 0);
+    }
+    pid_ = -1;
+    return status;
+}
+
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
 
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing::IsUnknown;
@@ -121,13 +145,4 @@ extern "C" int getsockopt(int fd, int level, int option, void* value, socklen_t*
 {
     static const auto real = reinterpret_cast<decltype(&::getsockopt)>(::dlsym(RTLD_NEXT, "getsockopt"));
     return IsUnknown(level, option) ? -1 : real(fd, level, option, value, size);
-}
-
-int main(int argc, char** argv)
-{
-    std::map<std::string, std::string> options;
-    for (int index = 1; index + 1 < argc; index += 2) {
-        options[argv[index]] = argv[index + 1];
-    }
-    return VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing::Serve(std::move(options));
 }
