@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "abuse/service_process.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <pthread.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -23,15 +22,6 @@
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
-
-bool takesDescriptors = false;
-
-bool IsUnknown(int level, int option)
-{
-    constexpr int PASS_RIGHTS = 83;
-    errno = ENOPROTOOPT;
-    return takesDescriptors && level == SOL_SOCKET && option == PASS_RIGHTS;
-}
 
 class AbusedService final : public FakeService {
 public:
@@ -74,7 +64,20 @@ int Serve(const Host::AbilityServerOptions& options, int output)
 
 void TakeDescriptors()
 {
-    takesDescriptors = true;
+    constexpr uint32_t PASS_RIGHTS = 83;
+    sock_filter instructions[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_setsockopt, 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_getsockopt, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PASS_RIGHTS, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOPROTOOPT),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {std::size(instructions), instructions};
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0) {
+        ::exit(EXIT_FAILURE);
+    }
 }
 
 ServiceProcess::ServiceProcess(const Host::SocketFolder& folder, const Host::AbilityServerOptions& options,
@@ -131,18 +134,3 @@ int ServiceProcess::End(int signal)
 }
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
-
-using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing::IsUnknown;
-
-// In front of the C library's.
-extern "C" int setsockopt(int fd, int level, int option, const void* value, socklen_t size) __THROW
-{
-    static const auto real = reinterpret_cast<decltype(&::setsockopt)>(::dlsym(RTLD_NEXT, "setsockopt"));
-    return IsUnknown(level, option) ? -1 : real(fd, level, option, value, size);
-}
-
-extern "C" int getsockopt(int fd, int level, int option, void* value, socklen_t* size) __THROW
-{
-    static const auto real = reinterpret_cast<decltype(&::getsockopt)>(::dlsym(RTLD_NEXT, "getsockopt"));
-    return IsUnknown(level, option) ? -1 : real(fd, level, option, value, size);
-}
