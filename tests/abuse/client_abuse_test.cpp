@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -14,30 +12,24 @@
 #include <thread>
 
 #include "abuse/processes.h"
-#include "platform/raw_client.h"
+#include "platform/host_fixture.h"
 #include "security_privacy/connect.h"
 #include "support/calls.h"
-#include "varn/host/ability_manager.h"
-#include "varn/log.h"
 
 // What a service can do to its clients.
-namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+namespace VARN::Host {
 namespace {
 
-using Host::AsUser;
-using Host::BytesOf;
-using Host::Eventually;
-using Host::MakeFrame;
-using ::testing::HasSubstr;
+using namespace AppSecurityPrivacy::SecurityPrivacyServer;
 
 constexpr uint32_t CODE = 3;
 
 // Answers one request on the connection; false: the connection is to end.
-using Answer = std::function<bool(const Host::RawSocket& connection)>;
+using Answer = std::function<bool(const RawSocket& connection)>;
 
 Answer Writing(const std::string& bytes, bool staysOpen = true)
 {
-    return [=](const Host::RawSocket& connection) { return connection.Send(bytes) && staysOpen; };
+    return [=](const RawSocket& connection) { return connection.Send(bytes) && staysOpen; };
 }
 
 const Answer honestAnswer = Writing(MakeFrame(CODE, "", 2));
@@ -45,14 +37,15 @@ const Answer honestAnswer = Writing(MakeFrame(CODE, "", 2));
 // A service that does with each request what the test wants.
 class HostileService {
 public:
-    explicit HostileService(const std::string& path) : listener_(path), accepting_([this] { Accept(); }) {}
+    explicit HostileService(const std::string& path) : path_(path), listener_(path), accepting_([this] { Accept(); }) {}
     ~HostileService()
     {
         ::shutdown(listener_.GetFd(), SHUT_RDWR);
         accepting_.join();
-        for (const Host::RawSocket& connection : connections_) {
+        for (const RawSocket& connection : connections_) {
             ::shutdown(connection.GetFd(), SHUT_RDWR);
         }
+        std::filesystem::remove(path_);
     }
 
     // What is done with the requests from now on.
@@ -84,10 +77,10 @@ private:
         }
     }
 
-    bool Serve(const Host::RawSocket& connection)
+    bool Serve(const RawSocket& connection)
     {
         constexpr size_t LONG = 65536;  // stays where it is
-        if (connection.ReceiveFrame(LONG).size() < Host::HEADER_SIZE) {
+        if (connection.ReceiveFrame(LONG).size() < HEADER_SIZE) {
             return false;
         }
         ++requests_;
@@ -97,13 +90,14 @@ private:
         return answer(connection);
     }
 
-    const Host::RawServer listener_;
+    const std::string path_;
+    const RawServer listener_;
     std::mutex mutex_;
     Answer answer_ = honestAnswer;  // guarded by mutex_
     std::atomic<int> requests_{0};
     std::atomic<int> accepted_{0};
     std::vector<std::pair<uid_t, gid_t>> peers_;
-    std::deque<Host::RawSocket> connections_;
+    std::deque<RawSocket> connections_;
     std::deque<std::future<void>> serving_;  // each of which waits for its end
     std::thread accepting_;
 };
@@ -118,17 +112,12 @@ std::string Changed(size_t position, const std::string& bytes)
     return MakeFrame(CODE, "body", 2).replace(position, bytes.size(), bytes);
 }
 
-class ClientAbuseTest : public ::testing::Test {
+class ClientAbuseTest : public HostTest {
 protected:
-    static sptr<IRemoteObject> Load() { return Host::AbilityManager::Get()->LoadSystemAbility(FAKE_SERVICE_ID, 4); }
-
-    int32_t Ask(int32_t waitTime = 60, size_t bytes = 4, const sptr<IRemoteObject>& object = Load())
+    int32_t Ask(int32_t waitTime = 60, size_t bytes = 4, const sptr<IRemoteObject>& object = Load(4))
     {
-        MessageParcel data;
-        MessageParcel reply;
-        MessageOption option(MessageOption::TF_SYNC, waitTime);
         ++asked_;
-        return data.WriteString(std::string(bytes, 'x')) ? object->SendRequest(CODE, data, reply, option) : 4711;
+        return Host::Ask(object, CODE, std::string(bytes, 'x'), waitTime).first;
     }
 
     // The next request is answered, on a connection of its own, and nothing was sent twice.
@@ -136,22 +125,18 @@ protected:
     {
         service.Become(honestAnswer);
         const int before = service.Connections();
-        EXPECT_EQ(0, Ask()) << log_.Everything();
+        EXPECT_EQ(0, Ask()) << Log();
         EXPECT_EQ(before + 1, service.Connections());
         EXPECT_EQ(asked_.load(), service.Requests());
     }
 
     void ExpectLogged(const std::string& text)
     {
-        EXPECT_THAT(log_.Everything(), HasSubstr(text));
+        EXPECT_THAT(Log(), HasSubstr(text));
         log_.Clear();
     }
 
-    const Host::SocketFolder folder_;
     std::atomic<int> asked_{0};
-
-private:
-    LogCapture log_;
 };
 
 TEST_F(ClientAbuseTest, WrongReplies)
@@ -166,22 +151,19 @@ TEST_F(ClientAbuseTest, WrongReplies)
         {Writing(Changed(6, BytesOf(uint16_t{1}))), IPC_PROTOCOL_ERROR, "it is not a reply"},
         {Writing(Changed(8, BytesOf(CODE + 1))), IPC_PROTOCOL_ERROR, "it answers another request"},
         {Writing(Reply(0, "x")), IPC_PROTOCOL_ERROR, "there are bytes behind it"},
-        {Writing(MakeFrame(CODE, "", 2) + MakeFrame(CODE, "", 2)), IPC_PROTOCOL_ERROR, "there are bytes behind it"},
-        {Writing(std::string(4096, '\xff')), IPC_PROTOCOL_ERROR, "the magic is wrong"},
-        {Writing(Reply(INT32_MAX)), IPC_TOO_LARGE, "the reply is longer than a parcel may be"},
         {Writing(Reply(UINT32_MAX)), IPC_TOO_LARGE, "the reply is longer than a parcel may be"},
         {Writing(Reply(Parcel::kDefaultMaxCapacity + 1)), IPC_TOO_LARGE, "the reply is longer than a parcel may be"},
         {Writing(Reply(Parcel::kDefaultMaxCapacity, "body"), false), IPC_DEAD_OBJECT, "the service closed the conn"},
     };
-    HostileService service(folder_.SocketPath());
+    HostileService service(Path());
     EXPECT_EQ(0, Ask());
-    Host::ResetPeak(::getpid());
-    const size_t peak = Host::ReadSize(::getpid(), "VmHWM");
+    ResetPeak(::getpid());
+    const size_t peak = ReadSize(::getpid(), "VmHWM");
     for (const auto& hostile : cases) {
         SCOPED_TRACE(hostile.reason);
         service.Become(hostile.answer);
         EXPECT_EQ(hostile.expected, Ask());
-        ExpectLogged("request 3 to " + folder_.SocketPath() + " failed while receiving: " + hostile.reason);
+        ExpectLogged("request 3 to " + Path() + " failed while receiving: " + hostile.reason);
         ExpectRecovery(service);
     }
     const std::string reply = MakeFrame(CODE, "12345678", 2);
@@ -189,12 +171,12 @@ TEST_F(ClientAbuseTest, WrongReplies)
         service.Become(Writing(reply.substr(0, size), false));
         EXPECT_EQ(IPC_DEAD_OBJECT, Ask()) << "it ends at byte " << size;
     }
-    EXPECT_LT(Host::ReadSize(::getpid(), "VmHWM"), peak + size_t{8} * 1024 * 1024) << "an announced length took memory";
+    EXPECT_LT(ReadSize(::getpid(), "VmHWM"), peak + size_t{8} * 1024 * 1024) << "an announced length took memory";
 }
 
 TEST_F(ClientAbuseTest, NothingLastsLongerThanTheWaitTime)
 {
-    HostileService service(folder_.SocketPath());
+    HostileService service(Path());
     EXPECT_EQ(0, Ask(60));
     service.Become([](const auto& connection) { return !connection.Sees(POLLRDHUP); });
     const auto begin = std::chrono::steady_clock::now();
@@ -216,8 +198,8 @@ TEST_F(ClientAbuseTest, NothingLastsLongerThanTheWaitTime)
 
 TEST_F(ClientAbuseTest, BytesThatNobodyAskedFor)
 {
-    HostileService service(folder_.SocketPath());
-    std::promise<const Host::RawSocket*> idle;
+    HostileService service(Path());
+    std::promise<const RawSocket*> idle;
     service.Become([&idle](const auto& connection) {
         honestAnswer(connection);
         idle.set_value(&connection);
@@ -233,13 +215,13 @@ TEST_F(ClientAbuseTest, BytesThatNobodyAskedFor)
 // else may close them, nor a child of the child. A connection is never taken for a closed standard error either.
 TEST_F(ClientAbuseTest, ForkedChildHasAConnectionOfItsOwnAndWritesNowhereElse)
 {
-    HostileService service(folder_.SocketPath());
+    HostileService service(Path());
     service.Become(Writing("", false));
     EXPECT_EQ(IPC_DEAD_OBJECT, Ask());
     const int reused = ::dup(STDIN_FILENO);  // has the number of the connection that ended
     service.Become(honestAnswer);
     EXPECT_EQ(0, Ask());
-    const sptr<IRemoteObject> kept = Load();
+    const sptr<IRemoteObject> kept = Load(4);
     const int unused = ::dup(STDIN_FILENO);
     ::close(unused);
     const pid_t child = ::fork();
@@ -247,10 +229,10 @@ TEST_F(ClientAbuseTest, ForkedChildHasAConnectionOfItsOwnAndWritesNowhereElse)
         bool isRight = ::fcntl(reused, F_GETFD) >= 0;
         int others[2] = {};
         ::socketpair(AF_UNIX, SOCK_STREAM, 0, others);
-        const Host::RawSocket first(others[0]);
-        const Host::RawSocket second(others[1]);
+        const RawSocket first(others[0]);
+        const RawSocket second(others[1]);
         ::close(STDERR_FILENO);
-        Host::SetLogSink({});
+        SetLogSink({});
         isRight = isRight && others[0] < unused && Ask(5, 4, kept) == 0;
         VoLogPrint(0, LOG_LEVEL_ERROR, 0, "TEST", "a line that nobody sees");
         isRight = isRight && Ask(5) == 0 && ::fcntl(STDERR_FILENO, F_GETFD) < 0;
@@ -277,7 +259,7 @@ TEST_F(ClientAbuseTest, ForkedChildHasAConnectionOfItsOwnAndWritesNowhereElse)
 TEST_F(ClientAbuseTest, ThreadsShareWhatConnectGaveSideBySide)
 {
     constexpr int THREADS = 4;
-    HostileService service(folder_.SocketPath());
+    HostileService service(Path());
     std::atomic<int> inside{0};
     service.Become([&inside](const auto& connection) {
         ++inside;
@@ -288,18 +270,19 @@ TEST_F(ClientAbuseTest, ThreadsShareWhatConnectGaveSideBySide)
         ASSERT_NE(nullptr, shared);
         std::vector<std::future<void>> threads(THREADS);
         for (std::future<void>& thread : threads) {
-            thread = std::async(std::launch::async, [&] { EXPECT_EQ(0, CallOperation(*shared, CODE).result); });
+            thread =
+                std::async(std::launch::async, [&] { EXPECT_EQ(0, Testing::CallOperation(*shared, CODE).result); });
         }
     });
     EXPECT_EQ(THREADS, service.Connections());
-    const sptr<IRemoteObject> object = Load();
+    const sptr<IRemoteObject> object = Load(4);
     service.Become(Writing("", false));
     EXPECT_EQ(IPC_DEAD_OBJECT, std::async(std::launch::async, [this] { return Ask(); }).get());
     EXPECT_FALSE(object->IsObjectDead()) << "another thread's failure";
     EXPECT_EQ(IPC_DEAD_OBJECT, Ask());
     EXPECT_TRUE(object->IsObjectDead());
     service.Become(honestAnswer);
-    EXPECT_FALSE(Load()->IsObjectDead());
+    EXPECT_FALSE(Load(4)->IsObjectDead());
 }
 
 TEST_F(ClientAbuseTest, NoConnectionIsUsedAsSomebodyElseAndNoStrangerIsTrusted)
@@ -309,8 +292,8 @@ TEST_F(ClientAbuseTest, NoConnectionIsUsedAsSomebodyElseAndNoStrangerIsTrusted)
         GTEST_SKIP() << "only root may become another user";
     }
     {
-        HostileService service(folder_.SocketPath());
-        EXPECT_EQ(0, ::chmod(folder_.SocketPath().c_str(), 0777));
+        HostileService service(Path());
+        EXPECT_EQ(0, ::chmod(Path().c_str(), 0777));
         const std::vector<std::pair<uid_t, gid_t>> users = {{0, 0}, {NOBODY, 0}, {NOBODY, NOBODY}, {0, NOBODY}, {0, 0}};
         for (const auto& [user, group] : users) {
             const AsUser other(user, group);
@@ -319,27 +302,27 @@ TEST_F(ClientAbuseTest, NoConnectionIsUsedAsSomebodyElseAndNoStrangerIsTrusted)
         }
         EXPECT_EQ(users, service.Peers());
     }
-    EXPECT_EQ(0, ::unlink(folder_.SocketPath().c_str()));
-    const Host::RawServer stranger(folder_.SocketPath());
+    const RawServer stranger(Path());
     {
         const AsUser other(NOBODY, 0);
         EXPECT_EQ(0, ::listen(stranger.GetFd(), 8));
     }
-    EXPECT_EQ(nullptr, Load());
-    ExpectLogged("the service at " + folder_.SocketPath() + " runs as user 65534, not as root or as user 0");
+    EXPECT_EQ(nullptr, Load(4));
+    std::filesystem::remove(Path());
+    ExpectLogged("the service at " + Path() + " runs as user 65534, not as root or as user 0");
 }
 
 TEST_F(ClientAbuseTest, DescriptorsDoNotComeIn)
 {
-    HostileService service(folder_.SocketPath());
+    HostileService service(Path());
     std::atomic<ssize_t> sent{0};
     service.Become([&sent](const auto& connection) {
-        sent = Host::SendDescriptor(connection.GetFd(), MakeFrame(CODE, "", 2), connection.GetFd());
+        sent = SendDescriptor(connection.GetFd(), MakeFrame(CODE, "", 2), connection.GetFd());
         return sent > 0 || honestAnswer(connection);
     });
     EXPECT_EQ(0, Ask());
-    EXPECT_EQ(Host::CanRefuseDescriptors(Host::RawClient(folder_.SocketPath()).GetFd()), sent < 0);
+    EXPECT_EQ(CanRefuseDescriptors(RawClient(Path()).GetFd()), sent < 0);
 }
 
 }  // namespace
-}  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
+}  // namespace VARN::Host

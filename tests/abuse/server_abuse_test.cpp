@@ -18,12 +18,9 @@ using std::chrono::milliseconds;
 
 constexpr uint32_t MEBIBYTE = 0x100000;
 
-// The code of any request but askFrame is the length of its answer.
-int32_t AnswerAtLength(uint32_t code, MessageParcel& data, MessageParcel& reply)
-{
-    return reply.WriteString(code == 1 ? data.ReadString() : std::string(code, 'x')) ? 0 : 9;
-}
-const std::string longFrame = MakeFrame(3 * MEBIBYTE, "");
+constexpr uint32_t LONG = 3 * MEBIBYTE;
+const std::string longFrame = MakeFrame(LONG, "");
+const std::string longReply = MakeFrame(LONG, MakeBody(std::string(LONG, 'x')), 2);
 
 class ServerAbuseTest : public HostTest {
 protected:
@@ -89,15 +86,14 @@ TEST_F(ServerAbuseTest, LimitsEndTheConnectionAndSayWhy)
         SCOPED_TRACE(one.limit);
         AbilityServerOptions options;
         one.set(options);
-        ASSERT_NO_FATAL_FAILURE(Serve(AnswerAtLength, options));
+        ASSERT_NO_FATAL_FAILURE(Serve(options));
         std::deque<RawClient> peers;
         for (const std::string& bytes : one.sent) {
             EXPECT_TRUE(peers.emplace_back(Path()).Send(bytes));
             EXPECT_TRUE(peers.size() > one.kept || peers.back().Sees(POLLIN));
         }
         for (size_t index = peers.size(); index-- > 0;) {
-            EXPECT_TRUE(index < one.kept ? peers[index].ReceiveFrame().size() > 3 * MEBIBYTE : peers[index].Sees(0))
-                << index;
+            EXPECT_TRUE(index < one.kept ? peers[index].ReceiveFrame() == longReply : peers[index].Sees(0)) << index;
         }
         ExpectLimit(one.limit, one.numbers);
     }
@@ -108,10 +104,11 @@ TEST_F(ServerAbuseTest, AReplyMayFillItsBoundAndNotOneByteMore)
     constexpr uint32_t LONGEST = MEBIBYTE - sizeof(int32_t) - 1;
     AbilityServerOptions options;
     options.maxBytes = MEBIBYTE;
-    const auto overlooking = [](uint32_t code, MessageParcel& data, MessageParcel& reply) {
-        const int32_t status = AnswerAtLength(code, data, reply);
+    const sptr<IPCObjectStub> overlooking(new Service([this](uint32_t code, MessageParcel& data, MessageParcel& reply) {
+        MessageOption option;
+        const int32_t status = service_->OnRemoteRequest(code, data, reply, option);
         return code == LONGEST + 2 ? 0 : status;
-    };
+    }));
     ASSERT_NO_FATAL_FAILURE(Serve(overlooking, options));
     const RawClient peer(Path());
     EXPECT_TRUE(peer.Send(MakeFrame(LONGEST, "") + MakeFrame(LONGEST + 1, "") + MakeFrame(LONGEST + 2, "")));
@@ -143,24 +140,17 @@ TEST_F(ServerAbuseTest, PeersThatStayTakeNoPlaceFromOthers)
 
 TEST_F(ServerAbuseTest, HalfCloseBehindRequestsLosesNoAnswer)
 {
-    std::promise<void> closed;
-    ASSERT_NO_FATAL_FAILURE(Serve([&closed](uint32_t code, MessageParcel& data, MessageParcel& reply) {
-        if (code == 2) {
-            closed.get_future().wait();
-        }
-        return AnswerAtLength(code, data, reply);
-    }));
+    ASSERT_NO_FATAL_FAILURE(Serve());
     const RawClient peer(Path());
-    std::string requests = MakeFrame(2, "") + longFrame;
-    std::string replies = MakeFrame(2, MakeBody("xx"), 2);
+    std::string requests = MakeFrame(2, askBody) + longFrame;
+    std::string replies = MakeFrame(2, askBody, 2) + longReply;
     for (size_t number = 0; number < 100; ++number) {
         requests += askFrame;
-        replies += number == 0 ? MakeFrame(3 * MEBIBYTE, MakeBody(std::string(3 * MEBIBYTE, 'x')), 2) : "";
         replies += replyFrame;
     }
     EXPECT_TRUE(peer.Send(requests));
     ::shutdown(peer.GetFd(), SHUT_WR);
-    closed.set_value();
+    OpenGate();
     EXPECT_TRUE(replies == peer.Receive(replies.size()));
     EXPECT_TRUE(peer.IsClosed());
 }
@@ -203,32 +193,23 @@ TEST_F(ServerAbuseTest, RefusalsDoNotFillTheLog)
 
 TEST_F(ServerAbuseTest, StopFinishesWhatRunsAndRefusesTheRest)
 {
-    std::promise<void> begun;
-    std::promise<void> release;
     AbilityServerOptions options;
     options.workers = 1;
-    const auto gate = [&](uint32_t code, MessageParcel& data, MessageParcel& reply) {
-        if (code == 2) {
-            begun.set_value();
-            release.get_future().wait();
-        }
-        return AnswerAtLength(code, data, reply);
-    };
-    ASSERT_NO_FATAL_FAILURE(Serve(gate, options));
+    ASSERT_NO_FATAL_FAILURE(Serve(options));
     const RawClient deaf(Path());
     const RawClient reading(Path());
     EXPECT_TRUE(deaf.Send(longFrame) && deaf.Sees(POLLIN));
     EXPECT_TRUE(reading.Send(longFrame) && reading.Sees(POLLIN));
     const RawClient running(Path());
     const RawClient waiting(Path());
-    EXPECT_TRUE(running.Send(MakeFrame(2, "")));
-    begun.get_future().wait();
+    EXPECT_TRUE(running.Send(MakeFrame(2, askBody)));
+    EXPECT_TRUE(AwaitAtGate(1));
     EXPECT_TRUE(waiting.Send(askFrame));
     const auto end = std::async(std::launch::async, [this] { server_->Stop(); });
     EXPECT_TRUE(Eventually([this] { return !std::filesystem::exists(Path()); }));
-    release.set_value();
-    EXPECT_LT(3 * MEBIBYTE, reading.ReceiveFrame().size()) << "it lost its answer behind one that does not read";
-    EXPECT_EQ(MakeFrame(2, MakeBody("xx"), 2), running.ReceiveFrame());
+    OpenGate();
+    EXPECT_TRUE(longReply == reading.ReceiveFrame()) << "it lost its answer behind one that does not read";
+    EXPECT_EQ(MakeFrame(2, askBody, 2), running.ReceiveFrame());
     EXPECT_TRUE(running.IsClosed());
     EXPECT_TRUE(waiting.IsClosed());
     end.wait();

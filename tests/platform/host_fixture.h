@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -12,9 +13,10 @@
 
 #include "platform/raw_client.h"
 #include "support/log_capture.h"
+#include "varn/host/ability_manager.h"
 #include "varn/host/ability_server.h"
 
-// A server in this process, of a service that is a function.
+// A server in this process, and how it is asked.
 namespace VARN::Host {
 
 using ::testing::ContainsRegex;
@@ -38,29 +40,48 @@ private:
     const Operation operation_;
 };
 
-inline int32_t Echo(uint32_t code, MessageParcel& data, MessageParcel& reply)
-{
-    reply.WriteString(data.ReadString());
-    return code == 1 ? 0 : static_cast<int32_t>(code);
-}
-
-// A request that Echo answers, and its answer.
+// A request that is answered with what it says, and its answer.
 inline const std::string askBody = MakeBody("text");
 inline const std::string askFrame = MakeFrame(1, askBody);
 inline const std::string replyFrame = MakeFrame(1, askBody, 2);
+
+using Answer = std::pair<int32_t, std::string>;
+
+inline Answer Ask(const sptr<IRemoteObject>& object, uint32_t code, const std::string& text, int32_t waitTime = 60)
+{
+    MessageParcel data;
+    MessageParcel reply;
+    MessageOption option(MessageOption::TF_SYNC, waitTime);
+    const int32_t status = data.WriteString(text) ? object->SendRequest(code, data, reply, option) : 4711;
+    return {status, reply.ReadString()};
+}
+
+inline sptr<IRemoteObject> Load(int32_t timeoutSeconds = 0)
+{
+    return AbilityManager::Get()->LoadSystemAbility(ID, timeoutSeconds);
+}
 
 class HostTest : public ::testing::Test {
 protected:
     void TearDown() override
     {
+        OpenGate();
         server_.reset();
         EXPECT_TRUE(std::filesystem::is_empty(folder_.Path())) << "a server left a file behind";
     }
 
-    void Serve(const Service::Operation& operation = Echo, const AbilityServerOptions& options = {})
+    void Serve(const AbilityServerOptions& options = {}) { Serve(service_, options); }
+    void Serve(const sptr<IPCObjectStub>& service, const AbilityServerOptions& options = {})
     {
-        ASSERT_TRUE(server_.emplace(ID, sptr<IPCObjectStub>(new Service(operation)), options).Start()) << Log();
+        ASSERT_TRUE(server_.emplace(ID, service, options).Start()) << Log();
     }
+
+    // Whether so many requests have come to the gate.
+    bool AwaitAtGate(size_t count)
+    {
+        return Eventually([&] { return atGate_ == count; });
+    }
+    void OpenGate() { isOpen_ = true; }
 
     static bool IsAnswered(const RawClient& client)
     {
@@ -72,7 +93,18 @@ protected:
 
     const SocketFolder folder_;
     AppSecurityPrivacy::SecurityPrivacyServer::Testing::LogCapture log_{LOG_LEVEL_WARN};
+    // Says what it was told: at once for code 1, behind the gate for one below 10. Any other code is the length of the
+    // answer; 9 when it does not fit.
+    const sptr<IPCObjectStub> service_{new Service([this](uint32_t code, MessageParcel& data, MessageParcel& reply) {
+        atGate_ += code > 1 && code < 10 ? 1 : 0;
+        EXPECT_TRUE(code == 1 || code >= 10 || Eventually([this] { return isOpen_.load(); }));
+        return reply.WriteString(code < 10 ? data.ReadString() : std::string(code, 'x')) ? 0 : 9;
+    })};
     std::optional<AbilityServer> server_;
+
+private:
+    std::atomic<size_t> atGate_{0};
+    std::atomic<bool> isOpen_{false};
 };
 
 }  // namespace VARN::Host

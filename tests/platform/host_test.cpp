@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <sys/resource.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <deque>
@@ -12,34 +11,13 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "platform/host_fixture.h"
-#include "varn/host/ability_manager.h"
 
 // Client and server together: what they find, carry and tell.
 namespace VARN::Host {
 namespace {
-
-using Answer = std::pair<int32_t, std::string>;
-
-Answer Ask(const sptr<IRemoteObject>& object, uint32_t code, const std::string& text)
-{
-    MessageParcel data;
-    MessageParcel reply;
-    MessageOption option(MessageOption::TF_SYNC, 60);
-    data.WriteString(text);
-    const int32_t status = object->SendRequest(code, data, reply, option);
-    return {status, reply.ReadString()};
-}
-
-const sptr<IPCObjectStub> echo(new Service(Echo));
-
-sptr<IRemoteObject> Load(int32_t timeoutSeconds = 0)
-{
-    return AbilityManager::Get()->LoadSystemAbility(ID, timeoutSeconds);
-}
 
 TEST_F(HostTest, WhatCannotBeFoundOrStartedSaysWhy)
 {
@@ -48,7 +26,7 @@ TEST_F(HostTest, WhatCannotBeFoundOrStartedSaysWhy)
     EXPECT_FALSE(AbilityServer(ID, nullptr).Start());
     AbilityServerOptions options;
     options.directory = folder_.Path() + "/none";
-    EXPECT_FALSE(AbilityServer(ID, echo, options).Start());
+    EXPECT_FALSE(AbilityServer(ID, service_, options).Start());
     EXPECT_THAT(Log(), HasSubstr("/none cannot be used: No such file or directory (errno 2)"));
 }
 
@@ -76,7 +54,7 @@ TEST_F(HostTest, UnsafeFoldersAreRefusedOnBothSides)
         ASSERT_EQ(0, ::chown(unsafe.path.c_str(), unsafe.owner == 0 ? ::geteuid() : unsafe.owner, -1U));
         ::setenv("VARN_ABILITY_DIR", unsafe.path.c_str(), 1);
         log_.Clear();
-        EXPECT_FALSE(AbilityServer(ID, echo).Start());
+        EXPECT_FALSE(AbilityServer(ID, service_).Start());
         const auto begin = std::chrono::steady_clock::now();
         EXPECT_EQ(nullptr, Load(10));
         EXPECT_GT(std::chrono::seconds(10), std::chrono::steady_clock::now() - begin) << "it will not get better";
@@ -94,7 +72,7 @@ TEST_F(HostTest, RelativeFolderIsTheOneOfTheStart)
     std::filesystem::current_path(folder_.Path());
     AbilityServerOptions options;
     options.directory = ".";
-    ASSERT_NO_FATAL_FAILURE(Serve(Echo, options));
+    ASSERT_NO_FATAL_FAILURE(Serve(options));
     std::filesystem::current_path(before);
 }
 
@@ -104,11 +82,11 @@ TEST_F(HostTest, StatusReplyAndCallerCrossTheSocketAndAnObserverSeesNoPayload)
     std::vector<Transaction> seen;
     AbilityServerOptions options;
     options.observer = [&](const Transaction& transaction) { seen.push_back(transaction); };
-    const auto answer = [&caller](uint32_t code, MessageParcel& data, MessageParcel& reply) {
+    const sptr<IPCObjectStub> service(new Service([&caller](uint32_t code, MessageParcel& data, MessageParcel& reply) {
         caller = CurrentCaller();
-        return Echo(code, data, reply) + (reply.WriteInt32(0) ? 1 : 0);
-    };
-    ASSERT_NO_FATAL_FAILURE(Serve(answer, options));
+        return reply.WriteString(data.ReadString()) && reply.WriteInt32(0) ? static_cast<int32_t>(code) + 1 : 0;
+    }));
+    ASSERT_NO_FATAL_FAILURE(Serve(service, options));
     const std::string bulky(5000000, '\0');
     EXPECT_EQ((Answer{6, bulky}), Ask(Load(), 5, bulky));
     EXPECT_EQ(::getpid(), caller.pid);
@@ -128,11 +106,11 @@ TEST_F(HostTest, StatusReplyAndCallerCrossTheSocketAndAnObserverSeesNoPayload)
 
 TEST_F(HostTest, ExceptionBecomesAStatusOnBothRoads)
 {
-    const auto fail = [](uint32_t code, MessageParcel&, MessageParcel&) -> int32_t {
+    const sptr<IPCObjectStub> service(new Service([](uint32_t code, auto&, auto&) -> int32_t {
         code == 1 ? throw std::runtime_error("broken") : code == 2 ? throw std::bad_alloc() : throw code;
-    };
-    ASSERT_NO_FATAL_FAILURE(Serve(fail));
-    for (const sptr<IRemoteObject>& object : {sptr<IRemoteObject>(new Service(fail)), Load()}) {
+    }));
+    ASSERT_NO_FATAL_FAILURE(Serve(service));
+    for (const sptr<IRemoteObject>& object : {sptr<IRemoteObject>(service), Load()}) {
         EXPECT_EQ(IPC_SERVICE_FAILED, Ask(object, 1, "").first);
         EXPECT_EQ(IPC_NO_MEMORY, Ask(object, 2, "").first);
         EXPECT_EQ(IPC_SERVICE_FAILED, Ask(object, 3, "").first);
@@ -163,20 +141,10 @@ TEST_F(HostTest, SerialInvocationRunsOneAtATime)
 // One worker is busy and one waits: the third stays with a connection, and must miss nothing of it and of the others.
 TEST_F(HostTest, WorkerThatStaysMissesNothing)
 {
-    std::array<std::promise<void>, 2> begun;
-    std::promise<void> release;
-    const std::shared_future<void> released = release.get_future().share();
-    const auto gate = [&](uint32_t code, MessageParcel& data, MessageParcel& reply) {
-        if (code != 1) {
-            begun[code - 2].set_value();
-            released.wait();
-        }
-        return Echo(1, data, reply);
-    };
     AbilityServerOptions options;
     options.workers = 3;
     options.stallTimeout = std::chrono::milliseconds(50);
-    ASSERT_NO_FATAL_FAILURE(Serve(gate, options));
+    ASSERT_NO_FATAL_FAILURE(Serve(options));
     const auto asks = [](const RawClient& client, int times) {
         for (int time = 0; time < times; ++time) {
             EXPECT_TRUE(IsAnswered(client));
@@ -188,7 +156,7 @@ TEST_F(HostTest, WorkerThatStaysMissesNothing)
     const RawClient halfClosing(Path());
     const RawClient patient(Path());
     EXPECT_TRUE(slow.Send(MakeFrame(2, askBody)));
-    begun[0].get_future().wait();
+    EXPECT_TRUE(AwaitAtGate(1));
     asks(stalling, 100);
     EXPECT_TRUE(stalling.Send(askFrame + askFrame.substr(0, 9)));
     EXPECT_EQ(replyFrame, stalling.Receive(2 * replyFrame.size())) << "the half request runs into its time";
@@ -198,10 +166,10 @@ TEST_F(HostTest, WorkerThatStaysMissesNothing)
     EXPECT_EQ(replyFrame, halfClosing.Receive(2 * replyFrame.size()));
     asks(patient, 100);
     EXPECT_TRUE(slower.Send(MakeFrame(3, askBody)));
-    begun[1].get_future().wait();
+    EXPECT_TRUE(AwaitAtGate(2));
     asks(RawClient(Path()), 1);
     asks(patient, 1);
-    release.set_value();
+    OpenGate();
     EXPECT_EQ(MakeFrame(2, askBody, 2), slow.Receive(replyFrame.size()));
     EXPECT_EQ(MakeFrame(3, askBody, 2), slower.Receive(replyFrame.size()));
 }
@@ -229,9 +197,9 @@ TEST_F(HostTest, RestartIsMetWithAFreshConnectionAndAnObjectOfThisProcessComesFi
     EXPECT_TRUE(kept->IsProxyObject());
     const sptr<AbilityManager> manager = AbilityManager::Get();
     EXPECT_FALSE(manager->AddSystemAbility(ID, nullptr));
-    EXPECT_TRUE(manager->AddSystemAbility(ID, echo));
-    EXPECT_FALSE(manager->AddSystemAbility(ID, echo));
-    EXPECT_EQ(echo, Load());
+    EXPECT_TRUE(manager->AddSystemAbility(ID, service_));
+    EXPECT_FALSE(manager->AddSystemAbility(ID, service_));
+    EXPECT_EQ(service_, Load());
     EXPECT_TRUE(manager->RemoveSystemAbility(ID));
     EXPECT_FALSE(manager->RemoveSystemAbility(ID));
     EXPECT_EQ(kept, Load());
@@ -244,7 +212,7 @@ TEST_F(HostTest, OnlyAStaleSocketIsReplaced)
         const RawServer crashed(Path());
     }
     ASSERT_NO_FATAL_FAILURE(Serve()) << "a stale socket was in the way";
-    AbilityServer second(ID, echo);
+    AbilityServer second(ID, service_);
     EXPECT_FALSE(second.Start());
     EXPECT_THAT(Log(), HasSubstr("another process serves " + Path()));
     server_.reset();
@@ -260,16 +228,6 @@ TEST_F(HostTest, OnlyAStaleSocketIsReplaced)
 // So many numbers, all different, that swapped ones show.
 TEST_F(HostTest, StatisticsAndLinesTellWhatIsStuckAndWhatIsHeld)
 {
-    std::atomic<size_t> running{0};
-    std::promise<void> release;
-    const std::shared_future<void> released = release.get_future().share();
-    const auto operation = [&](uint32_t code, MessageParcel& data, MessageParcel& reply) {
-        if (code == 7) {
-            ++running;
-            released.wait();
-        }
-        return code == 8 ? reply.WriteString(std::string(5000000, 'x')) - 1 : Echo(1, data, reply);
-    };
     AbilityServerOptions options;
     options.workers = 2;
     options.maxSpareWorkers = 4;  // a quarter of them in the place of stuck ones
@@ -279,7 +237,7 @@ TEST_F(HostTest, StatisticsAndLinesTellWhatIsStuckAndWhatIsHeld)
     rlimit before = {};
     ::getrlimit(RLIMIT_NOFILE, &before);
     ::prlimit(0, RLIMIT_NOFILE, &few, nullptr);
-    ASSERT_NO_FATAL_FAILURE(Serve(operation, options));
+    ASSERT_NO_FATAL_FAILURE(Serve(options));
     EXPECT_THAT(Log(), HasSubstr("service 65993: at most 75 connections instead of 1024, since the process "
                                  "may open 100 descriptors"));
     const RawClient half(Path());
@@ -290,13 +248,13 @@ TEST_F(HostTest, StatisticsAndLinesTellWhatIsStuckAndWhatIsHeld)
         EXPECT_EQ("", garbage.Receive(1));
     }
     const RawClient deaf(Path());
-    EXPECT_TRUE(deaf.Send(MakeFrame(8, "")) &&
+    EXPECT_TRUE(deaf.Send(MakeFrame(5000000, "")) &&
                 Eventually([&] { return server_->Statistics().requestBytes * server_->Statistics().replyBytes != 0; }));
     std::deque<RawClient> slow;
     while (slow.size() < 3) {
         EXPECT_TRUE(slow.emplace_back(Path()).Send(MakeFrame(7, askBody)));
     }
-    EXPECT_TRUE(Eventually([&] { return running == 3; })) << "what waits may take the place of a stuck one";
+    EXPECT_TRUE(AwaitAtGate(3)) << "what waits may take the place of a stuck one";
     std::deque<RawClient> waiting;
     while (waiting.size() < 4) {
         EXPECT_TRUE(waiting.emplace_back(Path()).Send(askFrame));
@@ -314,7 +272,7 @@ TEST_F(HostTest, StatisticsAndLinesTellWhatIsStuckAndWhatIsHeld)
     EXPECT_EQ(::geteuid(), user.uid);
     EXPECT_LE(1U, all.workersStuck);
     EXPECT_LE(3U, all.workers);
-    release.set_value();
+    OpenGate();
     for (const RawClient& client : waiting) {
         EXPECT_EQ(replyFrame, client.Receive(replyFrame.size()));
     }
