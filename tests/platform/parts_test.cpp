@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <deque>
@@ -12,6 +13,8 @@
 #include <vector>
 
 #include "host/server/accounts.h"
+#include "host/wire/frame.h"
+#include "parcel_buffer.h"
 
 // The rules by which workers are started, stay and are woken, in the order that workers could follow them.
 namespace VARN::Host {
@@ -116,6 +119,23 @@ TEST(AccountsTest, EightUsersLeaveTheNinthItsFloors)
     Account& ninth = users.emplace_back(9);
     EXPECT_TRUE(Charge(accounts, ninth, ninth.replyBytes, SIZE_MAX).GrowTo(2097152, used, allowed)) << allowed;
     EXPECT_EQ(Stock::Answer::TAKEN, accounts.workers.Take(ninth, ninth.workers, 1, allowed));
+}
+
+TEST(FrameReaderTest, MemoryFollowsWhatHasArrivedAndNotWhatIsAnnounced)
+{
+    MessageParcel body;
+    FrameReader reader(FrameKind::REQUEST, body);
+    FrameHeader header;
+    header.length = Parcel::kDefaultMaxCapacity;
+    size_t taken = 0;
+    EXPECT_EQ(FrameReader::State::PARTIAL,
+              reader.Feed(reinterpret_cast<const uint8_t*>(&header), sizeof(header), taken));
+    for (size_t arrived = 0; arrived < 4U << 20U; arrived = body.GetDataSize()) {
+        size_t room = 0;
+        ASSERT_NE(nullptr, reader.Space(room));
+        EXPECT_LE(ParcelBuffer::Capacity(body), 4 * std::max<size_t>(arrived, 16384));
+        ASSERT_EQ(FrameReader::State::PARTIAL, reader.Commit(room));
+    }
 }
 
 }  // namespace
