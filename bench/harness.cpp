@@ -7,7 +7,7 @@
 // Commands of `call`, each answered by a line:
 //
 //   run MILLISECONDS   calls for that long, at least kLeastCalls times: "<calls> <elapsed> <median> <p99>", times in ns
-//   work CALLS         calls that often: "<median>", this thread's CPU time in ns without the disposal of answers
+//   work CALLS         calls that often: the same of this thread's CPU time, the disposal of answers not counted
 //   times CALLS        calls that often: "done"
 #include <sys/prctl.h>
 
@@ -18,6 +18,7 @@
 #include <ctime>
 #include <exception>
 #include <iostream>
+#include <numeric>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -47,17 +48,6 @@ void CallFor(Client& client, Clock::duration duration, std::vector<uint32_t>& ti
     }
 }
 
-void Report(std::vector<uint32_t>& times)
-{
-    uint64_t elapsed = 0;
-    for (const uint32_t time : times) {
-        elapsed += time;
-    }
-    std::sort(times.begin(), times.end());
-    std::cout << times.size() << ' ' << elapsed << ' ' << times[times.size() / 2] << ' '
-              << times[times.size() * 99 / 100] << std::endl;
-}
-
 uint32_t CpuNanoseconds()
 {
     timespec time{};
@@ -65,22 +55,21 @@ uint32_t CpuNanoseconds()
     return static_cast<uint32_t>(time.tv_sec * 1000000000 + time.tv_nsec);  // a difference survives that it wraps
 }
 
-void Work(Client& client, uint64_t calls)
+// The CPU times of so many calls, without the disposal of their answers.
+void Work(Client& client, uint64_t calls, std::vector<uint32_t>& times)
 {
-    std::vector<uint32_t> times;
+    times.clear();
     while (times.size() < calls) {
         client.Forget();
         const uint32_t before = CpuNanoseconds();
         client.Call();
         times.push_back(CpuNanoseconds() - before);
     }
-    std::sort(times.begin(), times.end());
-    std::cout << times.at(times.size() / 2) << std::endl;
 }
 
-void RunClient(const std::string& directory, const Workload& workload)
+void RunClient(const Workload& workload)
 {
-    const auto client = Connect(directory, workload);
+    const auto client = Connect(workload);
     client->Call();
     if (!client->IsAnswerRight()) {
         throw std::runtime_error("the answer is wrong");
@@ -92,17 +81,21 @@ void RunClient(const std::string& directory, const Workload& workload)
     std::string command;
     uint64_t number = 0;
     while (std::cin >> command >> number) {
-        if (command == "run") {
-            CallFor(*client, std::chrono::milliseconds(number), times);
-            Report(times);
-        } else if (command == "work") {
-            Work(*client, number);
-        } else {
+        if (command == "times") {
             for (uint64_t call = 0; call < number; ++call) {
                 client->Call();
             }
             std::cout << "done" << std::endl;
+            continue;
         }
+        if (command == "run") {
+            CallFor(*client, std::chrono::milliseconds(number), times);
+        } else {
+            Work(*client, number, times);
+        }
+        std::sort(times.begin(), times.end());
+        std::cout << times.size() << ' ' << std::accumulate(times.begin(), times.end(), uint64_t{0}) << ' '
+                  << times.at(times.size() / 2) << ' ' << times.at(times.size() * 99 / 100) << std::endl;
     }
 }
 
@@ -114,17 +107,25 @@ int Main(const std::vector<std::string>& arguments)
     }
     // No process is left behind when the driver ends.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const Workload workload{CaseNamed(arguments[2]), std::stoul(arguments[3]), std::stoul(arguments[4]),
+    const Workload workload{arguments[1], MakeRequest(arguments[2]), std::stoul(arguments[3]), std::stoul(arguments[4]),
                             std::stoul(arguments[5])};
-    if (arguments[0] == "serve") {
-        Serve(arguments[1], workload);
-    } else {
-        RunClient(arguments[1], workload);
-    }
+    (arguments[0] == "serve" ? Serve : RunClient)(workload);
     return 0;
 }
 
 }  // namespace
+
+Answers MakeAnswers(const Workload& workload)
+{
+    Answers answers;
+    std::visit(
+        [&](const auto& request) {
+            using Answer = typename std::decay_t<decltype(request)>::Answer;
+            std::get<Answer>(answers) = MakeAnswer<Answer>(workload.records);
+        },
+        workload.request);
+    return answers;
+}
 
 void AnnounceReady()
 {

@@ -15,11 +15,13 @@ import crowd
 from processes import Pair, cpu_nanoseconds, status
 import weight
 
-CONTENDERS = ["ours", "floor", "floor-codec", "floor-list", "sd-bus", "capnp", "grpc"]
+PEERS = ["sd-bus", "capnp", "grpc"]
+CONTENDERS = ["ours", "floor", "floor-codec", "floor-list", *PEERS]
 # Records in the answer, and bytes of our request and reply as they travel, of which the floor sends as many.
 WORKLOADS = {"small": (8, 368, 1276), "bulk": (10000, 352, 1560028), "least": (0, 268, 28),
              "usage": (10000, 316, 1000028), "token": (100, 2988, 12032), "none": (0, 188, 28)}
 CASES = ["small", "bulk", "least", "usage", "token"]
+CASES_WITHOUT_PEERS = ["usage", "token"]
 PARTS = [*CASES, "many", "starts", "work", "turns", "users", "idle", "weight", "where"]
 MANY_CLIENTS = 4
 CONNECTIONS = 1000
@@ -59,7 +61,8 @@ class Bench:
                 if case in parts:
                     say(f"{case}, {label}")
                     results["calls"][label][case] = self.together({
-                        name: lambda name=name: self.pair(name, case, cpus) for name in self.contenders})
+                        name: lambda name=name: self.pair(name, case, cpus) for name in self.contenders
+                        if name not in PEERS or case not in CASES_WITHOUT_PEERS})
         for part in PARTS[len(CASES):]:
             if part in parts:
                 say(part)

@@ -90,7 +90,7 @@ class Pair:
     def work(self, calls):
         """The median CPU time of a call in the client, in nanoseconds, the disposal of answers not counted."""
         self.clients[0].send(f"work {calls}")
-        return int(self.clients[0].answer()[0])
+        return int(self.clients[0].answer()[2])
 
     def end(self):
         for process in reversed(self.processes):

@@ -8,6 +8,7 @@ namespace bench {
 namespace {
 
 constexpr size_t kInterested = 5;
+constexpr size_t kRows = 100;
 constexpr int32_t kFirstUid = 20010000;
 constexpr int64_t kFirstTimestamp = 1700000000000;
 constexpr int64_t kPeriod = 60000;
@@ -31,23 +32,32 @@ std::string Group(size_t index)
 }
 
 // `name` of the first indexes.
-std::unordered_set<std::string> Several(std::string (*name)(size_t))
+template <class Names>
+Names Several(size_t count, std::string (*name)(size_t))
 {
-    std::unordered_set<std::string> names;
-    for (size_t index = 0; index < kInterested; ++index) {
-        names.insert(name(index));
+    Names names;
+    for (size_t index = 0; index < count; ++index) {
+        names.insert(names.end(), name(index));
     }
     return names;
 }
 
 }  // namespace
 
-Case CaseNamed(const std::string& name)
+AnyRequest MakeRequest(const std::string& name)
 {
-    static const std::map<std::string, Case> cases = {{"small", Case::kSmall}, {"bulk", Case::kBulk},
-                                                      {"least", Case::kLeast}, {"usage", Case::kUsage},
-                                                      {"token", Case::kToken}, {"none", Case::kNone}};
-    return cases.at(name);
+    using Set = std::unordered_set<std::string>;
+    using List = std::vector<std::string>;
+    const std::map<std::string, AnyRequest> requests = {
+        {"small", InfoRequest{{{BundleName(1), 100, Several<Set>(kInterested, Group)}}, false}},
+        {"bulk", InfoRequest{{{Group(1), 100, Several<Set>(kInterested, BundleName)}}, true}},
+        {"least", SetRequest{{{BundleName(1), kFirstUid, Group(1), "block", 255, 3}}}},
+        {"usage", UsageRequest{{{List{BundleName(1), BundleName(2)}, std::vector<int32_t>{100}, List{Group(1)},
+                                 kFirstTimestamp, kFirstTimestamp * 2, 10000, 1}}}},
+        {"token", RowRequest{{{"camera", Several<List>(kRows, BundleName)}}}},
+        {"none", InfoRequest()},
+    };
+    return requests.at(name);
 }
 
 void Make(size_t index, Info& info)
@@ -79,35 +89,6 @@ void Make(size_t index, Usage& usage)
 void Make(size_t index, Row& row)
 {
     row = {BundleName(index), Digits(index, 64), 1000000 + static_cast<int64_t>(index), -7};
-}
-
-InfoRequest MakeByAppRequest()
-{
-    return {false, BundleName(1), 100, Several(Group)};
-}
-
-InfoRequest MakeByPermissionRequest()
-{
-    return {true, Group(1), 100, Several(BundleName)};
-}
-
-SetRequest MakeSetRequest()
-{
-    return {BundleName(1), kFirstUid, Group(1), "block", 255, 3};
-}
-
-UsageRequest MakeUsageRequest()
-{
-    return {{BundleName(1), BundleName(2)}, {100}, {Group(1)}, kFirstTimestamp, kFirstTimestamp * 2, 10000, 1};
-}
-
-RowRequest MakeRowRequest(size_t bundles)
-{
-    RowRequest request{"camera", {}};
-    for (size_t index = 0; index < bundles; ++index) {
-        request.bundleNames.push_back(BundleName(index));
-    }
-    return request;
 }
 
 }  // namespace bench

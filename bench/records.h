@@ -7,26 +7,13 @@
 #include <tuple>
 #include <type_traits>
 #include <unordered_set>
+#include <variant>
 #include <vector>
 
-// What the benchmarks send around: plain structs with the fields of the library's records, under the same names, and
-// one maker for each. `Fields` lists the fields of a struct, or of another class that has them too, so that a contender
-// carries, copies and compares them all with one loop.
+// What the benchmarks send around: plain structs with the fields of the library's records, under the same names.
+// `Fields` lists the fields of a struct, or of another class that has them too, so that a contender carries, copies and
+// compares them all with one loop.
 namespace bench {
-
-// The five requests that are measured, and `none`: a request with empty fields and nothing to bring back.
-enum class Case { kSmall, kBulk, kLeast, kUsage, kToken, kNone };
-
-// Throws for a name that is none.
-Case CaseNamed(const std::string& name);
-
-// One case as the command line gives it.
-struct Workload {
-    Case kind = Case::kNone;
-    size_t records = 0;       // how many records come back
-    size_t requestBytes = 0;  // for the contender without a codec: the length of its messages
-    size_t replyBytes = 0;
-};
 
 struct Info {
     std::string bundleName;  // 22 characters
@@ -78,77 +65,34 @@ struct Row {
     }
 };
 
-// By app: `name` is a bundle, `interested` are groups. By permission: the other way round.
-struct InfoRequest {
-    using Answer = std::vector<Info>;
-    static constexpr uint32_t kOperation = 0;
+// One request: the number of its operation, the type of what comes back, and the arguments as they travel.
+template <uint32_t operation, class Reply, class... Arguments>
+struct Request {
+    using Answer = Reply;
+    static constexpr uint32_t kOperation = operation;
 
+    std::tuple<Arguments...> arguments;
+};
+
+// By app: a bundle, the user, groups of interest. By permission: a group, the user, bundles of interest.
+struct InfoRequest : Request<0, std::vector<Info>, std::string, int32_t, std::unordered_set<std::string>> {
     bool isByPermission = false;  // which operation of the library's; does not travel
-    std::string name;
-    int32_t userId = 0;
-    std::unordered_set<std::string> interested;
-
-    template <class T>
-    static auto Fields(T& request)
-    {
-        return std::tie(request.name, request.userId, request.interested);
-    }
 };
+// Bundle, uid, group, state, mask and value of the flags.
+struct SetRequest : Request<1, bool, std::string, int32_t, std::string, std::string, int64_t, int64_t> {};
+// Bundles, users, groups, begin, end, limit, order.
+struct UsageRequest : Request<2, std::vector<Usage>, std::vector<std::string>, std::vector<int32_t>,
+                              std::vector<std::string>, int64_t, int64_t, int32_t, int32_t> {};
+// Policy, bundles.
+struct RowRequest : Request<3, std::vector<Row>, std::string, std::vector<std::string>> {};
 
-struct SetRequest {
-    using Answer = bool;
-    static constexpr uint32_t kOperation = 1;
+using AnyRequest = std::variant<InfoRequest, SetRequest, UsageRequest, RowRequest>;
 
-    std::string bundleName;
-    int32_t uid = 0;
-    std::string permissionGroup;
-    std::string checkedState;
-    int64_t flagsMask = 0;
-    int64_t flagsValue = 0;
+// The request of a case: one of the five that are measured, or `none`, which has empty fields and brings nothing back.
+// Throws for another name.
+AnyRequest MakeRequest(const std::string& name);
 
-    template <class T>
-    static auto Fields(T& request)
-    {
-        return std::tie(request.bundleName, request.uid, request.permissionGroup, request.checkedState,
-                        request.flagsMask, request.flagsValue);
-    }
-};
-
-struct UsageRequest {
-    using Answer = std::vector<Usage>;
-    static constexpr uint32_t kOperation = 2;
-
-    std::vector<std::string> bundleNames;
-    std::vector<int32_t> userIds;
-    std::vector<std::string> operationGroups;
-    int64_t beginTimestamp = 0;
-    int64_t endTimestamp = 0;
-    int32_t limit = 0;
-    int32_t order = 0;
-
-    template <class T>
-    static auto Fields(T& request)
-    {
-        return std::tie(request.bundleNames, request.userIds, request.operationGroups, request.beginTimestamp,
-                        request.endTimestamp, request.limit, request.order);
-    }
-};
-
-struct RowRequest {
-    using Answer = std::vector<Row>;
-    static constexpr uint32_t kOperation = 3;
-
-    std::string policyName;
-    std::vector<std::string> bundleNames;
-
-    template <class T>
-    static auto Fields(T& request)
-    {
-        return std::tie(request.policyName, request.bundleNames);
-    }
-};
-
-// Whether T is one of the structs above.
+// Whether T is one of the records.
 template <class T, class = void>
 inline constexpr bool kHasFields = false;
 template <class T>
@@ -166,21 +110,19 @@ void Make(size_t index, Info& info);
 void Make(size_t index, Usage& usage);
 void Make(size_t index, Row& row);
 
-// Records 0 to `count` - 1.
-template <class Record>
-std::vector<Record> MakeMany(size_t count)
+// True, or the records 0 to `count` - 1.
+template <class Answer>
+Answer MakeAnswer(size_t count)
 {
-    std::vector<Record> records(count);
-    for (size_t index = 0; index < count; ++index) {
-        Make(index, records[index]);
+    if constexpr (std::is_same_v<Answer, bool>) {
+        return true;
+    } else {
+        Answer records(count);
+        for (size_t index = 0; index < count; ++index) {
+            Make(index, records[index]);
+        }
+        return records;
     }
-    return records;
 }
-
-InfoRequest MakeByAppRequest();
-InfoRequest MakeByPermissionRequest();
-SetRequest MakeSetRequest();
-UsageRequest MakeUsageRequest();
-RowRequest MakeRowRequest(size_t bundles);
 
 }  // namespace bench

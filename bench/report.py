@@ -39,11 +39,13 @@ def call_tables(calls, label, titles=None):
             lambda row, one: f"{duration(one['client cpu'])} + {duration(one['server cpu'])}",
         "Peak memory in MiB, {}: client + server":
             lambda row, one: f"{mib(one['client peak KiB'])} + {mib(one['server peak KiB'])}"}
+    contenders = max(calls.values(), key=len)
     for title, cell in cells.items():
         if titles and title not in titles:
             continue
-        yield from table(title.format(label), ["", *next(iter(calls.values()))],
-                         [[TITLES[case], *(cell(row, one) for one in row.values())] for case, row in calls.items()])
+        yield from table(title.format(label), ["", *contenders],
+                         [[TITLES[case], *(cell(row, row[name]) if name in row else "–" for name in contenders)]
+                          for case, row in calls.items()])
 
 
 def many_table(many):

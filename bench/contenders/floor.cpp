@@ -18,16 +18,17 @@ std::string MakeMessage(size_t bytes)
     return message;
 }
 
-class FloorClient final : public Client {
+class Peer {
 public:
-    FloorClient(const std::string& directory, const Workload& workload)
-        : socket_(ConnectTo(directory)), request_(MakeMessage(workload.requestBytes))
+    explicit Peer(const Workload& workload) : socket_(workload.directory), request_(MakeMessage(workload.requestBytes))
     {
     }
 
-    void Call() override { socket_.Call(request_); }
-    void Forget() override {}
-    bool IsAnswerRight() const override { return true; }
+    template <class Request>
+    bool Ask(const Request&)
+    {
+        return !socket_.Call(request_).empty();
+    }
 
 private:
     MessageSocket socket_;
@@ -36,19 +37,17 @@ private:
 
 }  // namespace
 
-void Serve(const std::string& directory, const Workload& workload)
+void Serve(const Workload& workload)
 {
     const std::string reply = MakeMessage(workload.replyBytes);
-    const int listener = ListenAt(directory);
-    AnnounceReady();
-    ServeOnThreads(listener, [&reply](int descriptor) {
+    ServeOnThreads(workload.directory, [&reply](int descriptor) {
         MessageSocket(descriptor).Serve([&reply](std::string_view) { return std::string_view(reply); });
     });
 }
 
-std::unique_ptr<Client> Connect(const std::string& directory, const Workload& workload)
+std::unique_ptr<Client> Connect(const Workload& workload)
 {
-    return std::make_unique<FloorClient>(directory, workload);
+    return MakeClient<Peer, InfoRequest, SetRequest, UsageRequest, RowRequest>(workload);
 }
 
 }  // namespace bench

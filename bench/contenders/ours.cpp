@@ -8,7 +8,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "bench/typed_client.h"
+#include "bench/harness.h"
 #include "security_privacy/security_privacy_client.h"
 #include "security_privacy/testing/fake_service.h"
 #include "varn/host/ability_server.h"
@@ -31,17 +31,13 @@ namespace {
 // The measurements of many connections open a thousand as one user.
 constexpr size_t kConnections = 4096;
 
-template <class Record, class Plain>
-Record ToRecord(const Plain& plain)
+template <class Plain, class Record>
+void Assign(const Plain& plain, Record& record)
 {
-    Record record;
     Plain::Fields(record) = Plain::Fields(plain);
-    return record;
 }
-template <>
-Record::PermissionUsageRecord ToRecord(const Usage& plain)
+void Assign(const Usage& plain, Record::PermissionUsageRecord& record)
 {
-    Record::PermissionUsageRecord record;
     record.SetBundleName(plain.bundleName);
     record.SetUid(plain.uid);
     record.SetOperationGroup(plain.operationGroup);
@@ -51,14 +47,15 @@ Record::PermissionUsageRecord ToRecord(const Usage& plain)
     record.SetScreenState(plain.screenState);
     record.SetBeginTimestamp(plain.beginTimestamp);
     record.SetEndTimestamp(plain.endTimestamp);
-    return record;
 }
 
 template <class Record, class Plain>
 std::vector<Record> ToRecords(const std::vector<Plain>& plain)
 {
     std::vector<Record> records(plain.size());
-    std::transform(plain.begin(), plain.end(), records.begin(), ToRecord<Record, Plain>);
+    for (size_t index = 0; index < plain.size(); ++index) {
+        Assign(plain[index], records[index]);
+    }
     return records;
 }
 
@@ -68,10 +65,10 @@ std::vector<Record> ToRecords(const std::vector<Plain>& plain)
 class Service final : public Testing::FakeService {
 public:
     explicit Service(const Answers& answers)
-        : infos_(ToRecords<Permission::AppPermissionGroupInfo>(answers.infos)),
-          usages_(ToRecords<Record::PermissionUsageRecord>(answers.usages))
+        : infos_(ToRecords<Permission::AppPermissionGroupInfo>(std::get<std::vector<Info>>(answers))),
+          usages_(ToRecords<Record::PermissionUsageRecord>(std::get<std::vector<Usage>>(answers)))
     {
-        rows_.gTokenResults = ToRecords<GTokenResult>(answers.rows);
+        rows_.gTokenResults = ToRecords<GTokenResult>(std::get<std::vector<Row>>(answers));
     }
 
     bool IsMessageCodeAllowed(uint32_t) override { return true; }
@@ -110,45 +107,46 @@ private:
 
 class Peer {
 public:
-    explicit Peer(const std::string& directory) { setenv("VARN_ABILITY_DIR", directory.c_str(), 1); }
+    explicit Peer(const Workload& workload) { setenv("VARN_ABILITY_DIR", workload.directory.c_str(), 1); }
 
     auto Ask(const InfoRequest& request)
     {
+        const auto& [name, userId, interested] = request.arguments;
         std::vector<Permission::AppPermissionGroupInfo> infos;
-        Check(request.isByPermission
-                  ? client_.GetAppPermissionGroupInfosByPermission(request.name, request.userId, request.interested,
-                                                                   infos)
-                  : client_.GetAppPermissionGroupInfosByApp(request.name, request.userId, request.interested, infos));
+        Check(request.isByPermission ? client_.GetAppPermissionGroupInfosByPermission(name, userId, interested, infos)
+                                     : client_.GetAppPermissionGroupInfosByApp(name, userId, interested, infos));
         return infos;
     }
     auto Ask(const SetRequest& request)
     {
         Permission::CheckedStateParameter parameter;
-        parameter.checkedState = request.checkedState;
-        parameter.flagsMask = request.flagsMask;
-        parameter.flagsValue = request.flagsValue;
+        const auto& [bundleName, uid, permissionGroup, state, mask, value] = request.arguments;
+        parameter.checkedState = state;
+        parameter.flagsMask = mask;
+        parameter.flagsValue = value;
         bool isSet = false;
-        Check(client_.SetAppPermissionGroupCheckedState(request.bundleName, request.uid, request.permissionGroup,
-                                                        parameter, isSet));
+        Check(client_.SetAppPermissionGroupCheckedState(bundleName, uid, permissionGroup, parameter, isSet));
         return isSet;
     }
     auto Ask(const UsageRequest& request)
     {
         Record::PermissionUsageRecordQuery query;
-        query.SetBundleNames(request.bundleNames);
-        query.SetUserIds(request.userIds);
-        query.SetOperationGroups(request.operationGroups);
-        query.SetBeginTimestamp(request.beginTimestamp);
-        query.SetEndTimestamp(request.endTimestamp);
-        query.SetLimit(request.limit);
-        query.SetOrder(request.order);
+        const auto& [bundleNames, userIds, operationGroups, begin, end, limit, order] = request.arguments;
+        query.SetBundleNames(bundleNames);
+        query.SetUserIds(userIds);
+        query.SetOperationGroups(operationGroups);
+        query.SetBeginTimestamp(begin);
+        query.SetEndTimestamp(end);
+        query.SetLimit(limit);
+        query.SetOrder(order);
         std::vector<Record::PermissionUsageRecord> usages;
         Check(client_.GetPermissionUsageTimeline(query, usages));
         return usages;
     }
     auto Ask(const RowRequest& request)
     {
-        return client_.GTokenPolicyGetPolicy(request.policyName, request.bundleNames).gTokenResults;
+        const auto& [policyName, bundleNames] = request.arguments;
+        return client_.GTokenPolicyGetPolicy(policyName, bundleNames).gTokenResults;
     }
 
 private:
@@ -164,13 +162,13 @@ private:
 
 }  // namespace
 
-void Serve(const std::string& directory, const Workload& workload)
+void Serve(const Workload& workload)
 {
     VARN::Host::AbilityServerOptions options;
-    options.directory = directory;
+    options.directory = workload.directory;
     options.maxConnections = kConnections;
     options.maxConnectionsPerUser = kConnections;
-    const VARN::sptr<Service> service(new Service(Answers(workload)));
+    const VARN::sptr<Service> service(new Service(MakeAnswers(workload)));
     VARN::Host::AbilityServer server(SECURITY_PRIVACY_SA_ID, service, options);
     if (!server.Start()) {
         throw std::runtime_error("the server does not start");
@@ -181,9 +179,9 @@ void Serve(const std::string& directory, const Workload& workload)
     }
 }
 
-std::unique_ptr<Client> Connect(const std::string& directory, const Workload& workload)
+std::unique_ptr<Client> Connect(const Workload& workload)
 {
-    return MakeClient<Peer>(directory, workload);
+    return MakeClient<Peer, InfoRequest, SetRequest, UsageRequest, RowRequest>(workload);
 }
 
 }  // namespace bench

@@ -8,14 +8,14 @@
 #include <system_error>
 
 #include "bench/contenders/unix_socket.h"
-#include "bench/typed_client.h"
+#include "bench/harness.h"
 
 namespace bench {
 namespace {
 
 constexpr const char* kPath = "/bench";
 constexpr const char* kInterface = "org.example.Bench";
-constexpr const char* kMembers[] = {"Info", "Set", "Usage", "Row"};  // by operation
+constexpr const char* kMembers[] = {"Info", "Set"};  // by operation
 
 int Check(int result)
 {
@@ -37,31 +37,11 @@ constexpr char kBasic = std::is_same_v<T, bool>        ? 'b'
                         : sizeof(T) == sizeof(int32_t) ? 'i'
                                                        : 'x';
 
-// What D-Bus calls the signature of a type. The fields of a record go between parentheses.
-template <class T>
-std::string SignatureOf()
-{
-    if constexpr (std::is_arithmetic_v<T>) {
-        return {kBasic<T>};
-    } else if constexpr (std::is_same_v<T, std::string>) {
-        return "s";
-    } else if constexpr (kHasFields<T>) {
-        T record;
-        return std::apply([](auto&... fields) { return (SignatureOf<std::decay_t<decltype(fields)>>() + ...); },
-                          T::Fields(record));
-    } else {
-        const std::string element = SignatureOf<typename T::value_type>();
-        return "a" + (kHasFields<typename T::value_type> ? "(" + element + ")" : element);
-    }
-}
+// What D-Bus calls a list of records, and the fields of one.
+constexpr const char* kRecord = "(sissasassx)";
+constexpr const char* kFields = "sissasassx";
 
-template <class T>
-const char* Signature()
-{
-    static const std::string signature = SignatureOf<T>();
-    return signature.c_str();
-}
-
+// A number, a text or a list of texts.
 template <class T>
 void Append(sd_bus_message* message, const T& value)
 {
@@ -72,22 +52,28 @@ void Append(sd_bus_message* message, const T& value)
         Check(sd_bus_message_append_basic(message, kBasic<T>, &value));
     } else if constexpr (std::is_same_v<T, std::string>) {
         Check(sd_bus_message_append_basic(message, 's', value.c_str()));
-    } else if constexpr (kHasFields<T>) {
-        std::apply([message](const auto&... fields) { (Append(message, fields), ...); }, T::Fields(value));
     } else {
-        using Element = typename T::value_type;
-        Check(sd_bus_message_open_container(message, 'a', Signature<T>() + 1));
-        for (const Element& element : value) {
-            if constexpr (kHasFields<Element>) {
-                Check(sd_bus_message_open_container(message, 'r', Signature<Element>()));
-            }
-            Append(message, element);
-            if constexpr (kHasFields<Element>) {
-                Check(sd_bus_message_close_container(message));
-            }
+        Check(sd_bus_message_open_container(message, 'a', "s"));
+        for (const std::string& text : value) {
+            Append(message, text);
         }
         Check(sd_bus_message_close_container(message));
     }
+}
+template <class... T>
+void Append(sd_bus_message* message, const std::tuple<T...>& values)
+{
+    std::apply([message](const auto&... value) { (Append(message, value), ...); }, values);
+}
+void Append(sd_bus_message* message, const std::vector<Info>& infos)
+{
+    Check(sd_bus_message_open_container(message, 'a', kRecord));
+    for (const Info& info : infos) {
+        Check(sd_bus_message_open_container(message, 'r', kFields));
+        Append(message, Info::Fields(info));
+        Check(sd_bus_message_close_container(message));
+    }
+    Check(sd_bus_message_close_container(message));
 }
 
 // False at the end of a list.
@@ -98,45 +84,47 @@ bool Read(sd_bus_message* message, T& value)
         int number = 0;
         Check(sd_bus_message_read_basic(message, 'b', &number));
         value = number != 0;
-        return true;
     } else if constexpr (std::is_arithmetic_v<T>) {
-        return Check(sd_bus_message_read_basic(message, kBasic<T>, &value)) > 0;
+        Check(sd_bus_message_read_basic(message, kBasic<T>, &value));
     } else if constexpr (std::is_same_v<T, std::string>) {
         const char* text = nullptr;
         if (Check(sd_bus_message_read_basic(message, 's', &text)) == 0) {
             return false;
         }
         value = text;
-        return true;
-    } else if constexpr (kHasFields<T>) {
-        std::apply([message](auto&... fields) { (Read(message, fields), ...); }, T::Fields(value));
-        return true;
     } else {
-        using Element = typename T::value_type;
-        Check(sd_bus_message_enter_container(message, 'a', Signature<T>() + 1));
-        if constexpr (kHasFields<Element>) {
-            while (Check(sd_bus_message_enter_container(message, 'r', Signature<Element>())) > 0) {
-                Read(message, value.emplace_back());
-                Check(sd_bus_message_exit_container(message));
-            }
-        } else {
-            for (Element element; Read(message, element); element = {}) {
-                value.insert(value.end(), std::move(element));
-            }
+        Check(sd_bus_message_enter_container(message, 'a', "s"));
+        for (std::string text; Read(message, text); text = {}) {
+            value.insert(value.end(), std::move(text));
         }
         Check(sd_bus_message_exit_container(message));
-        return true;
     }
+    return true;
+}
+template <class... T>
+void Read(sd_bus_message* message, std::tuple<T...>& values)
+{
+    std::apply([message](auto&... value) { (Read(message, value), ...); }, values);
+}
+void Read(sd_bus_message* message, std::vector<Info>& infos)
+{
+    Check(sd_bus_message_enter_container(message, 'a', kRecord));
+    while (Check(sd_bus_message_enter_container(message, 'r', kFields)) > 0) {
+        auto fields = Info::Fields(infos.emplace_back());
+        Read(message, fields);
+        Check(sd_bus_message_exit_container(message));
+    }
+    Check(sd_bus_message_exit_container(message));
 }
 
-class SdBusPeer {
+class Peer {
 public:
-    explicit SdBusPeer(const std::string& directory)
+    explicit Peer(const Workload& workload)
     {
         sd_bus* bus = nullptr;
         Check(sd_bus_new(&bus));
         bus_.reset(bus);
-        Check(sd_bus_set_address(bus, ("unix:path=" + SocketPath(directory)).c_str()));
+        Check(sd_bus_set_address(bus, ("unix:path=" + SocketPath(workload.directory)).c_str()));
         Check(sd_bus_start(bus));
     }
 
@@ -147,7 +135,7 @@ public:
         Check(sd_bus_message_new_method_call(bus_.get(), &call, nullptr, kPath, kInterface,
                                              kMembers[Request::kOperation]));
         const Message callOwner(call);
-        Append(call, request);
+        Append(call, request.arguments);
         sd_bus_message* reply = nullptr;
         Check(sd_bus_call(bus_.get(), call, 0, nullptr, &reply));
         const Message replyOwner(reply);
@@ -163,28 +151,23 @@ private:
 };
 
 // Answers with result 0 and what the service keeps for this request.
-template <class Request, auto Member>
+template <class Request>
 int Handle(sd_bus_message* call, void* answers, sd_bus_error*)
 {
-    Request request;
-    Read(call, request);
+    decltype(Request::arguments) arguments;
+    Read(call, arguments);
     sd_bus_message* reply = nullptr;
     Check(sd_bus_message_new_method_return(call, &reply));
     const Message owner(reply);
     Append(reply, int32_t{0});
-    Append(reply, static_cast<const Answers*>(answers)->*Member);
+    Append(reply, std::get<typename Request::Answer>(*static_cast<const Answers*>(answers)));
     return sd_bus_send(nullptr, reply, nullptr);
 }
 
 const sd_bus_vtable table[] = {
     SD_BUS_VTABLE_START(0),
-    SD_BUS_METHOD(kMembers[0], "sias", "ia(sissasassx)", (Handle<InfoRequest, &Answers::infos>),
-                  SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD(kMembers[1], "sissxx", "ib", (Handle<SetRequest, &Answers::isSet>), SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD(kMembers[2], "asaiasxxii", "ia(sisiiiixx)", (Handle<UsageRequest, &Answers::usages>),
-                  SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD(kMembers[3], "sas", "ia(ssxx)", (Handle<RowRequest, &Answers::rows>), SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_VTABLE_END};
+    SD_BUS_METHOD(kMembers[0], "sias", "ia(sissasassx)", Handle<InfoRequest>, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD(kMembers[1], "sissxx", "ib", Handle<SetRequest>, SD_BUS_VTABLE_UNPRIVILEGED), SD_BUS_VTABLE_END};
 
 void ServeConnection(int descriptor, const Answers& answers)
 {
@@ -210,17 +193,15 @@ void ServeConnection(int descriptor, const Answers& answers)
 
 }  // namespace
 
-void Serve(const std::string& directory, const Workload& workload)
+void Serve(const Workload& workload)
 {
-    const Answers answers(workload);
-    const int listener = ListenAt(directory);
-    AnnounceReady();
-    ServeOnThreads(listener, [&answers](int descriptor) { ServeConnection(descriptor, answers); });
+    const Answers answers = MakeAnswers(workload);
+    ServeOnThreads(workload.directory, [&answers](int descriptor) { ServeConnection(descriptor, answers); });
 }
 
-std::unique_ptr<Client> Connect(const std::string& directory, const Workload& workload)
+std::unique_ptr<Client> Connect(const Workload& workload)
 {
-    return MakeClient<SdBusPeer>(directory, workload);
+    return MakeClient<Peer, InfoRequest, SetRequest>(workload);
 }
 
 }  // namespace bench

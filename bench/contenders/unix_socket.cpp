@@ -5,11 +5,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
+
+#include "bench/harness.h"
 
 namespace bench {
 namespace {
@@ -24,15 +27,18 @@ int Check(int result, const char* step)
     return result;
 }
 
-sockaddr_un AddressOf(const std::string& path)
+// A socket that `bind` or `connect` has given the address in `directory`.
+int SocketWith(decltype(connect)* attach, const std::string& directory)
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
+    const std::string path = SocketPath(directory);
+    sockaddr_un address{AF_UNIX, {}};
     if (path.size() >= sizeof(address.sun_path)) {
         throw std::system_error(ENAMETOOLONG, std::generic_category(), path);
     }
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    return address;
+    path.copy(address.sun_path, path.size());
+    const int descriptor = Check(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
+    Check(attach(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), path.c_str());
+    return descriptor;
 }
 
 }  // namespace
@@ -42,30 +48,17 @@ std::string SocketPath(const std::string& directory)
     return directory + "/bench.sock";
 }
 
-int ListenAt(const std::string& directory)
+void ServeOnThreads(const std::string& directory, const std::function<void(int)>& handle)
 {
-    const sockaddr_un address = AddressOf(SocketPath(directory));
-    const int descriptor = Check(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
-    Check(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), "bind");
-    Check(listen(descriptor, kBacklog), "listen");
-    return descriptor;
-}
-
-int ConnectTo(const std::string& directory)
-{
-    const sockaddr_un address = AddressOf(SocketPath(directory));
-    const int descriptor = Check(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
-    Check(connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), "connect");
-    return descriptor;
-}
-
-void ServeOnThreads(int listener, const std::function<void(int)>& handle)
-{
+    const int listener = SocketWith(bind, directory);
+    Check(listen(listener, kBacklog), "listen");
+    AnnounceReady();
     for (;;) {
-        const int descriptor = Check(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), "accept");
-        std::thread(handle, descriptor).detach();
+        std::thread(handle, Check(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), "accept")).detach();
     }
 }
+
+MessageSocket::MessageSocket(const std::string& directory) : MessageSocket(SocketWith(connect, directory)) {}
 
 MessageSocket::~MessageSocket()
 {
@@ -83,21 +76,16 @@ std::string_view MessageSocket::Call(std::string_view request)
 
 std::string_view MessageSocket::Receive()
 {
-    size_t received = 0;
-    size_t length = sizeof(uint32_t);
-    while (received < length) {
+    uint32_t length = sizeof(length);
+    for (size_t received = 0; received < length;) {
         const ssize_t bytes = read(descriptor_, buffer_.data() + received, buffer_.size() - received);
         if (bytes <= 0) {
             return {};
         }
         received += static_cast<size_t>(bytes);
-        if (received >= sizeof(uint32_t)) {
-            uint32_t announced = 0;
-            std::memcpy(&announced, buffer_.data(), sizeof(announced));
-            length = announced;
-            if (length > buffer_.size()) {
-                buffer_.resize(length);
-            }
+        if (received >= sizeof(length)) {
+            std::memcpy(&length, buffer_.data(), sizeof(length));
+            buffer_.resize(std::max<size_t>(buffer_.size(), length));
         }
     }
     return {buffer_.data(), length};

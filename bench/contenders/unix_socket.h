@@ -11,18 +11,17 @@ namespace bench {
 
 std::string SocketPath(const std::string& directory);
 
-// Both return a descriptor of the socket in `directory` for the caller to close and throw when the system refuses.
-int ListenAt(const std::string& directory);
-int ConnectTo(const std::string& directory);
-
-// Accepts for ever; each connection gets a thread that runs `handle` and owns the descriptor.
-[[noreturn]] void ServeOnThreads(int listener, const std::function<void(int)>& handle);
+// Listens in `directory`, announces that, and accepts for ever; each connection gets a thread that runs `handle` and
+// owns the descriptor.
+[[noreturn]] void ServeOnThreads(const std::string& directory, const std::function<void(int)>& handle);
 
 // One end of a connection with blocking reads and writes. Messages go back and forth in turn; each begins with its
 // length in all, in 4 bytes, so that a short message takes one read and one write.
 class MessageSocket {
 public:
     explicit MessageSocket(int descriptor) : descriptor_(descriptor), buffer_(kFirstBuffer) {}
+    // Connects; throws when the system refuses.
+    explicit MessageSocket(const std::string& directory);
     ~MessageSocket();
 
     MessageSocket(const MessageSocket&) = delete;
@@ -35,10 +34,7 @@ public:
     template <class Answer>
     void Serve(Answer answer)
     {
-        for (std::string_view message = Receive(); !message.empty(); message = Receive()) {
-            if (!Send(answer(message))) {
-                return;
-            }
+        for (auto message = Receive(); !message.empty() && Send(answer(message)); message = Receive()) {
         }
     }
 
