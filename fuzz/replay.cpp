@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Makes a fuzz target's seeds: valid messages, the same cut short, and with words that a hostile peer would try.
-// fuzz_TARGET_replay TARGET runs them through the target, as an ordinary test. With a folder behind it, it leaves them
-// there instead, for a fuzzer to begin with.
+// Makes the seeds of the target that FUZZ_TARGET names: valid messages, the same cut short, and with words that a
+// hostile peer would try. fuzz_replay runs them through the target, as an ordinary test. With a folder behind it, it
+// leaves them there instead, for a fuzzer to begin with.
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -110,8 +111,8 @@ int main(int argc, char** argv)
     for (const int32_t replyBytes : {0, 1000, 0xFFFFF}) {
         AddConnections(all["connection"], replyBytes);
     }
-    const std::vector<std::string>& seeds = all[argc > 1 ? argv[1] : ""];
-    const std::filesystem::path folder = argc > 2 ? argv[2] : "";
+    const std::vector<std::string>& seeds = all[std::getenv("FUZZ_TARGET")];
+    const std::filesystem::path folder = argc > 1 ? argv[1] : "";
     for (size_t number = 0; number < seeds.size(); ++number) {
         if (folder.empty()) {
             LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(seeds[number].data()), seeds[number].size());

@@ -9,7 +9,6 @@ cd "$(dirname "$0")/.."
 seconds=${1:-30}
 build=build/fuzz
 targets=(parcel stub proxy connection)
-programs=("${targets[@]/#/fuzz_}")
 
 scripts/setup.sh
 # The code under test has to count its branches for the fuzzer as well.
@@ -17,7 +16,7 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=
     -DBUILD_SHARED_LIBS=OFF -DSECURITY_PRIVACY_SANITIZE=address,undefined,fuzzer-no-link \
     -DSECURITY_PRIVACY_BUILD_FUZZ=ON -DSECURITY_PRIVACY_BUILD_TESTS=ON -DSECURITY_PRIVACY_BUILD_TOOLS=OFF \
     -DSECURITY_PRIVACY_INSTALL=OFF
-cmake --build "$build" --target "${programs[@]}" "${programs[@]/%/_replay}"
+cmake --build "$build" --target fuzz fuzz_replay
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -26,8 +25,9 @@ export LSAN_OPTIONS=suppressions=$PWD/tests/support/lsan.supp:print_suppressions
 # Two at a time. What a target finds is shown, and kept where it says. Leaks are looked for once, at the end: after each
 # run that leaks on purpose it would take nearly all the time.
 run() {
-    "$build/fuzz/fuzz_$1_replay" "$1" "$work/seeds/$1" >/dev/null
-    if ! "$build/fuzz/fuzz_$1" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=4096 -print_final_stats=1 \
+    local -x FUZZ_TARGET=$1
+    "$build/fuzz/fuzz_replay" "$work/seeds/$1" >/dev/null
+    if ! "$build/fuzz/fuzz" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=4096 -print_final_stats=1 \
         -detect_leaks=0 -artifact_prefix="$build/finding-$1-" "$work/seeds/$1" >"$work/$1.log" 2>&1; then
         tail -n 60 "$work/$1.log"
         return 1
