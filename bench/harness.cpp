@@ -67,38 +67,6 @@ void Work(Client& client, uint64_t calls, std::vector<uint32_t>& times)
     }
 }
 
-void RunClient(const Workload& workload)
-{
-    const auto client = Connect(workload);
-    client->Call();
-    if (!client->IsAnswerRight()) {
-        throw std::runtime_error("the answer is wrong");
-    }
-    std::vector<uint32_t> times;
-    CallFor(*client, kWarmUp, times);
-    AnnounceReady();
-
-    std::string command;
-    uint64_t number = 0;
-    while (std::cin >> command >> number) {
-        if (command == "times") {
-            for (uint64_t call = 0; call < number; ++call) {
-                client->Call();
-            }
-            std::cout << "done" << std::endl;
-            continue;
-        }
-        if (command == "run") {
-            CallFor(*client, std::chrono::milliseconds(number), times);
-        } else {
-            Work(*client, number, times);
-        }
-        std::sort(times.begin(), times.end());
-        std::cout << times.size() << ' ' << std::accumulate(times.begin(), times.end(), uint64_t{0}) << ' '
-                  << times.at(times.size() / 2) << ' ' << times.at(times.size() * 99 / 100) << std::endl;
-    }
-}
-
 int Main(const std::vector<std::string>& arguments)
 {
     if (arguments.size() != 6) {
@@ -109,11 +77,38 @@ int Main(const std::vector<std::string>& arguments)
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const Workload workload{arguments[1], MakeRequest(arguments[2]), std::stoul(arguments[3]), std::stoul(arguments[4]),
                             std::stoul(arguments[5])};
-    (arguments[0] == "serve" ? Serve : RunClient)(workload);
+    (arguments[0] == "serve" ? Serve : Connect)(workload);
     return 0;
 }
 
 }  // namespace
+
+void Obey(Client& client)
+{
+    std::vector<uint32_t> times;
+    CallFor(client, kWarmUp, times);
+    AnnounceReady();
+
+    std::string command;
+    uint64_t number = 0;
+    while (std::cin >> command >> number) {
+        if (command == "times") {
+            for (uint64_t call = 0; call < number; ++call) {
+                client.Call();
+            }
+            std::cout << "done" << std::endl;
+            continue;
+        }
+        if (command == "run") {
+            CallFor(client, std::chrono::milliseconds(number), times);
+        } else {
+            Work(client, number, times);
+        }
+        std::sort(times.begin(), times.end());
+        std::cout << times.size() << ' ' << std::accumulate(times.begin(), times.end(), uint64_t{0}) << ' '
+                  << times.at(times.size() / 2) << ' ' << times.at(times.size() * 99 / 100) << std::endl;
+    }
+}
 
 Answers MakeAnswers(const Workload& workload)
 {

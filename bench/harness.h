@@ -2,7 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -24,7 +23,21 @@ struct Workload {
     size_t replyBytes = 0;
 };
 
-// One client with its connection.
+// Each contender is a program of its own, so that its memory is its own, and defines these two.
+
+// Makes the workload's records ready, listens, calls `AnnounceReady` and serves until the process is ended.
+void Serve(const Workload& workload);
+
+// Calls `RunClient`.
+void Connect(const Workload& workload);
+
+// Tells the driver that a client may connect.
+void AnnounceReady();
+
+// What the server of a workload answers to each request; empty for those that the workload does not have.
+using Answers = std::tuple<std::vector<Info>, bool, std::vector<Usage>, std::vector<Row>>;
+Answers MakeAnswers(const Workload& workload);
+
 class Client {
 public:
     virtual ~Client() = default;
@@ -34,34 +47,15 @@ public:
 
     // Drops the last answer, so that the next call does not have to.
     virtual void Forget() = 0;
-
-    // Whether the last answer holds what the makers of records.h make.
-    virtual bool IsAnswerRight() const = 0;
 };
 
-// Each contender is a program of its own, so that its memory is its own, and defines these two.
+// Does what the driver says on standard input, see harness.cpp.
+void Obey(Client& client);
 
-// Makes the workload's records ready, listens, calls `AnnounceReady` and serves until the process is ended.
-void Serve(const Workload& workload);
-
-std::unique_ptr<Client> Connect(const Workload& workload);
-
-// Tells the driver that a client may connect.
-void AnnounceReady();
-
-// What the server of a workload answers to each request; empty for those that the workload does not have.
-using Answers = std::tuple<std::vector<Info>, bool, std::vector<Usage>, std::vector<Row>>;
-Answers MakeAnswers(const Workload& workload);
-
-// The client of a contender. A `Peer` is made from the workload. Its `Ask(request)` returns the answer, a list of
-// records or a bool, and throws when the request fails.
 template <class Peer, class Request>
 class TypedClient final : public Client {
 public:
-    explicit TypedClient(const Workload& workload)
-        : peer_(workload), records_(workload.records), request_(std::get<Request>(workload.request))
-    {
-    }
+    explicit TypedClient(const Workload& workload) : peer_(workload), request_(std::get<Request>(workload.request)) {}
 
     // Said, because the destructor of a peer may say that it throws.
     ~TypedClient() noexcept override = default;
@@ -76,12 +70,13 @@ public:
     // Not `= {}`, which keeps a vector's memory.
     void Forget() override { answer_ = Answer(); }
 
-    bool IsAnswerRight() const override
+    // Whether the last answer holds what the makers of records.h make.
+    bool IsAnswerRight(size_t records) const
     {
         if constexpr (std::is_same_v<Answer, bool>) {
             return answer_;
         } else {
-            const auto right = MakeAnswer<typename Request::Answer>(records_);
+            const auto right = MakeAnswer<typename Request::Answer>(records);
             using Plain = typename Request::Answer::value_type;
             return std::equal(
                 answer_.begin(), answer_.end(), right.begin(), right.end(),
@@ -93,23 +88,27 @@ private:
     using Answer = decltype(std::declval<Peer&>().Ask(std::declval<const Request&>()));
 
     Peer peer_;
-    const size_t records_;
     const Request request_;
     Answer answer_{};
 };
 
-// A client for a workload that has one of these requests.
-template <class Peer, class... Requests>
-std::unique_ptr<Client> MakeClient(const Workload& workload)
+// The client of a contender, for workloads that have one of these requests. A `Peer` is made from the workload. Its
+// `Ask(request)` returns the answer, a list of records or a bool, and throws when the request fails.
+template <class Peer, class Request, class... Others>
+void RunClient(const Workload& workload)
 {
-    std::unique_ptr<Client> client;
-    ((std::holds_alternative<Requests>(workload.request) &&
-      (client = std::make_unique<TypedClient<Peer, Requests>>(workload))),
-     ...);
-    if (client == nullptr) {
+    if (std::holds_alternative<Request>(workload.request)) {
+        TypedClient<Peer, Request> client(workload);
+        client.Call();
+        if (!client.IsAnswerRight(workload.records)) {
+            throw std::runtime_error("the answer is wrong");
+        }
+        Obey(client);
+    } else if constexpr (sizeof...(Others) > 0) {
+        RunClient<Peer, Others...>(workload);
+    } else {
         throw std::runtime_error("this case is not measured here");
     }
-    return client;
 }
 
 }  // namespace bench

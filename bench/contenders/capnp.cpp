@@ -40,17 +40,12 @@ std::string Text(capnp::Text::Reader text)
 {
     return {text.cStr(), text.size()};
 }
-void Read(capnp::List<capnp::Text>::Reader from, std::vector<std::string>& texts)
+template <class Texts>
+void Read(capnp::List<capnp::Text>::Reader from, Texts& texts)
 {
     texts.reserve(from.size());
     for (const auto text : from) {
-        texts.emplace_back(text.cStr(), text.size());
-    }
-}
-void Read(capnp::List<capnp::Text>::Reader from, std::unordered_set<std::string>& texts)
-{
-    for (const auto text : from) {
-        texts.emplace(text.cStr(), text.size());
+        texts.insert(texts.end(), Text(text));
     }
 }
 void Read(wire::Info::Reader from, Info& info)
@@ -145,9 +140,9 @@ void Serve(const Workload& workload)
     kj::NEVER_DONE.wait(server.getWaitScope());
 }
 
-std::unique_ptr<Client> Connect(const Workload& workload)
+void Connect(const Workload& workload)
 {
-    return MakeClient<Peer, InfoRequest, SetRequest>(workload);
+    RunClient<Peer, InfoRequest, SetRequest>(workload);
 }
 
 }  // namespace bench

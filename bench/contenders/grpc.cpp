@@ -140,9 +140,9 @@ void Serve(const Workload& workload)
     server->Wait();
 }
 
-std::unique_ptr<Client> Connect(const Workload& workload)
+void Connect(const Workload& workload)
 {
-    return MakeClient<Peer, InfoRequest, SetRequest>(workload);
+    RunClient<Peer, InfoRequest, SetRequest>(workload);
 }
 
 }  // namespace bench

@@ -179,9 +179,9 @@ void Serve(const Workload& workload)
     }
 }
 
-std::unique_ptr<Client> Connect(const Workload& workload)
+void Connect(const Workload& workload)
 {
-    return MakeClient<Peer, InfoRequest, SetRequest, UsageRequest, RowRequest>(workload);
+    RunClient<Peer, InfoRequest, SetRequest, UsageRequest, RowRequest>(workload);
 }
 
 }  // namespace bench

@@ -32,10 +32,20 @@ struct Unref {
 using Message = std::unique_ptr<sd_bus_message, Unref>;
 using Bus = std::unique_ptr<sd_bus, Unref>;
 
+Bus NewBus()
+{
+    sd_bus* bus = nullptr;
+    Check(sd_bus_new(&bus));
+    return Bus(bus);
+}
+
 template <class T>
 constexpr char kBasic = std::is_same_v<T, bool>        ? 'b'
                         : sizeof(T) == sizeof(int32_t) ? 'i'
                                                        : 'x';
+// Booleans are passed as int.
+template <class T>
+using Passed = std::conditional_t<std::is_same_v<T, bool>, int, T>;
 
 // What D-Bus calls a list of records, and the fields of one.
 constexpr const char* kRecord = "(sissasassx)";
@@ -45,11 +55,9 @@ constexpr const char* kFields = "sissasassx";
 template <class T>
 void Append(sd_bus_message* message, const T& value)
 {
-    if constexpr (std::is_same_v<T, bool>) {
-        const int number = value ? 1 : 0;
-        Check(sd_bus_message_append_basic(message, 'b', &number));
-    } else if constexpr (std::is_arithmetic_v<T>) {
-        Check(sd_bus_message_append_basic(message, kBasic<T>, &value));
+    if constexpr (std::is_arithmetic_v<T>) {
+        const auto number = static_cast<Passed<T>>(value);
+        Check(sd_bus_message_append_basic(message, kBasic<T>, &number));
     } else if constexpr (std::is_same_v<T, std::string>) {
         Check(sd_bus_message_append_basic(message, 's', value.c_str()));
     } else {
@@ -80,12 +88,10 @@ void Append(sd_bus_message* message, const std::vector<Info>& infos)
 template <class T>
 bool Read(sd_bus_message* message, T& value)
 {
-    if constexpr (std::is_same_v<T, bool>) {
-        int number = 0;
-        Check(sd_bus_message_read_basic(message, 'b', &number));
-        value = number != 0;
-    } else if constexpr (std::is_arithmetic_v<T>) {
-        Check(sd_bus_message_read_basic(message, kBasic<T>, &value));
+    if constexpr (std::is_arithmetic_v<T>) {
+        Passed<T> number{};
+        Check(sd_bus_message_read_basic(message, kBasic<T>, &number));
+        value = static_cast<T>(number);
     } else if constexpr (std::is_same_v<T, std::string>) {
         const char* text = nullptr;
         if (Check(sd_bus_message_read_basic(message, 's', &text)) == 0) {
@@ -121,11 +127,8 @@ class Peer {
 public:
     explicit Peer(const Workload& workload)
     {
-        sd_bus* bus = nullptr;
-        Check(sd_bus_new(&bus));
-        bus_.reset(bus);
-        Check(sd_bus_set_address(bus, ("unix:path=" + SocketPath(workload.directory)).c_str()));
-        Check(sd_bus_start(bus));
+        Check(sd_bus_set_address(bus_.get(), ("unix:path=" + SocketPath(workload.directory)).c_str()));
+        Check(sd_bus_start(bus_.get()));
     }
 
     template <class Request>
@@ -147,7 +150,7 @@ public:
     }
 
 private:
-    Bus bus_;
+    const Bus bus_ = NewBus();
 };
 
 // Answers with result 0 and what the service keeps for this request.
@@ -171,20 +174,16 @@ const sd_bus_vtable table[] = {
 
 void ServeConnection(int descriptor, const Answers& answers)
 {
-    sd_bus* bus = nullptr;
-    Check(sd_bus_new(&bus));
-    const Bus owner(bus);
+    const Bus owner = NewBus();
+    sd_bus* const bus = owner.get();
     sd_id128_t id{};
     Check(sd_id128_randomize(&id));
     Check(sd_bus_set_fd(bus, descriptor, descriptor));
     Check(sd_bus_set_server(bus, 1, id));
     Check(sd_bus_add_object_vtable(bus, nullptr, kPath, kInterface, table, const_cast<Answers*>(&answers)));
     Check(sd_bus_start(bus));
-    for (;;) {
-        const int processed = sd_bus_process(bus, nullptr);
-        if (processed < 0) {
-            return;  // the client is gone
-        }
+    int processed = 0;
+    while ((processed = sd_bus_process(bus, nullptr)) >= 0) {  // until the client is gone
         if (processed == 0) {
             Check(sd_bus_wait(bus, UINT64_MAX));
         }
@@ -199,9 +198,9 @@ void Serve(const Workload& workload)
     ServeOnThreads(workload.directory, [&answers](int descriptor) { ServeConnection(descriptor, answers); });
 }
 
-std::unique_ptr<Client> Connect(const Workload& workload)
+void Connect(const Workload& workload)
 {
-    return MakeClient<Peer, InfoRequest, SetRequest>(workload);
+    RunClient<Peer, InfoRequest, SetRequest>(workload);
 }
 
 }  // namespace bench

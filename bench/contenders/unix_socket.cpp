@@ -3,12 +3,9 @@
 
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <stdexcept>
 #include <system_error>
 #include <thread>
 
@@ -48,6 +45,11 @@ std::string SocketPath(const std::string& directory)
     return directory + "/bench.sock";
 }
 
+int ConnectTo(const std::string& directory)
+{
+    return SocketWith(connect, directory);
+}
+
 void ServeOnThreads(const std::string& directory, const std::function<void(int)>& handle)
 {
     const int listener = SocketWith(bind, directory);
@@ -56,51 +58,6 @@ void ServeOnThreads(const std::string& directory, const std::function<void(int)>
     for (;;) {
         std::thread(handle, Check(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), "accept")).detach();
     }
-}
-
-MessageSocket::MessageSocket(const std::string& directory) : MessageSocket(SocketWith(connect, directory)) {}
-
-MessageSocket::~MessageSocket()
-{
-    close(descriptor_);
-}
-
-std::string_view MessageSocket::Call(std::string_view request)
-{
-    const std::string_view reply = Send(request) ? Receive() : std::string_view();
-    if (reply.empty()) {
-        throw std::runtime_error("the server is gone");
-    }
-    return reply;
-}
-
-std::string_view MessageSocket::Receive()
-{
-    uint32_t length = sizeof(length);
-    for (size_t received = 0; received < length;) {
-        const ssize_t bytes = read(descriptor_, buffer_.data() + received, buffer_.size() - received);
-        if (bytes <= 0) {
-            return {};
-        }
-        received += static_cast<size_t>(bytes);
-        if (received >= sizeof(length)) {
-            std::memcpy(&length, buffer_.data(), sizeof(length));
-            buffer_.resize(std::max<size_t>(buffer_.size(), length));
-        }
-    }
-    return {buffer_.data(), length};
-}
-
-bool MessageSocket::Send(std::string_view message) const
-{
-    while (!message.empty()) {
-        const ssize_t bytes = send(descriptor_, message.data(), message.size(), MSG_NOSIGNAL);
-        if (bytes <= 0) {
-            return false;
-        }
-        message.remove_prefix(static_cast<size_t>(bytes));
-    }
-    return true;
 }
 
 }  // namespace bench

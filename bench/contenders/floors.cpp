@@ -1,11 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// The floor with a plain codec: what one would write by hand instead of using a library. Built twice: `floor-codec`
-// writes the records from where the service keeps them; `floor-list` has the service fill a list first, as our
-// interface has it.
+// A blocking Unix socket with a thread for each connection. Built three times: `floor` tells what the kernel charges
+// for two messages, as many bytes as ours, there and back, with nothing in them. `floor-codec` has a plain codec, what
+// one would write by hand instead of using a library, and writes the records from where the service keeps them.
+// `floor-list` has the service fill a list first, as our interface has it.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "bench/contenders/unix_socket.h"
 #include "bench/harness.h"
@@ -13,12 +19,58 @@
 namespace bench {
 namespace {
 
+// Messages go back and forth in turn; each begins with its length in all, in 4 bytes, so that a short message takes one
+// read and one write.
+class MessageSocket {
+public:
+    explicit MessageSocket(int descriptor) : descriptor_(descriptor), buffer_(size_t{64} * 1024) {}
+    ~MessageSocket() { close(descriptor_); }
+
+    MessageSocket(const MessageSocket&) = delete;
+    MessageSocket& operator=(const MessageSocket&) = delete;
+
+    // A message with its length, valid until the next one; empty when the peer is gone.
+    std::string_view Receive()
+    {
+        uint32_t length = sizeof(length);
+        for (size_t received = 0; received < length;) {
+            const ssize_t bytes = read(descriptor_, buffer_.data() + received, buffer_.size() - received);
+            if (bytes <= 0) {
+                return {};
+            }
+            received += static_cast<size_t>(bytes);
+            if (received >= sizeof(length)) {
+                std::memcpy(&length, buffer_.data(), sizeof(length));
+                buffer_.resize(std::max<size_t>(buffer_.size(), length));
+            }
+        }
+        return {buffer_.data(), length};
+    }
+
+    // False when the peer is gone.
+    bool Send(std::string_view message) const
+    {
+        while (!message.empty()) {
+            const ssize_t bytes = send(descriptor_, message.data(), message.size(), MSG_NOSIGNAL);
+            if (bytes <= 0) {
+                return false;
+            }
+            message.remove_prefix(static_cast<size_t>(bytes));
+        }
+        return true;
+    }
+
+private:
+    const int descriptor_;
+    std::vector<char> buffer_;  // never shrinks
+};
+
 // The codec that a careful engineer writes in an afternoon: numbers as they are, texts and lists behind their 32-bit
 // length, a writer that appends to a string and a reader that never leaves the message.
 class Writer {
 public:
     // A message begins with its length in all, which `Finish` fills in. The buffer keeps its memory between messages.
-    void Begin() { buffer_.assign(sizeof(uint32_t), '\0'); }
+    void Begin(size_t bytes = 0) { buffer_.assign(std::max(bytes, sizeof(uint32_t)), '\0'); }
     std::string_view Finish()
     {
         const auto length = static_cast<uint32_t>(buffer_.size());
@@ -126,19 +178,32 @@ private:
 
 class Peer {
 public:
-    explicit Peer(const Workload& workload) : socket_(workload.directory) {}
+    explicit Peer(const Workload& workload) : socket_(ConnectTo(workload.directory))
+    {
+        writer_.Begin(BENCH_HAS_CODEC ? 0 : workload.requestBytes);
+    }
 
     template <class Request>
     auto Ask(const Request& request)
     {
-        writer_.Begin();
-        writer_.Put(Request::kOperation);
-        writer_.Put(request.arguments);
-        Reader reader(socket_.Call(writer_.Finish()));
-        if (reader.Get<int32_t>() != 0) {
-            throw std::runtime_error("the request failed");
+        if constexpr (BENCH_HAS_CODEC) {
+            writer_.Begin();
+            writer_.Put(Request::kOperation);
+            writer_.Put(request.arguments);
         }
-        return reader.Get<typename Request::Answer>();
+        const std::string_view reply = socket_.Send(writer_.Finish()) ? socket_.Receive() : std::string_view();
+        if (reply.empty()) {
+            throw std::runtime_error("the server is gone");
+        }
+        if constexpr (BENCH_HAS_CODEC) {
+            Reader reader(reply);
+            if (reader.Get<int32_t>() != 0) {
+                throw std::runtime_error("the request failed");
+            }
+            return reader.Get<typename Request::Answer>();
+        } else {
+            return true;
+        }
     }
 
 private:
@@ -165,22 +230,28 @@ constexpr std::array kReplies = {Reply<InfoRequest>, Reply<SetRequest>, Reply<Us
 
 void Serve(const Workload& workload)
 {
-    const Answers answers = MakeAnswers(workload);
-    ServeOnThreads(workload.directory, [&answers](int descriptor) {
+    const Answers answers = BENCH_HAS_CODEC ? MakeAnswers(workload) : Answers();
+    ServeOnThreads(workload.directory, [&](int descriptor) {
+        MessageSocket socket(descriptor);
         Writer writer;
-        MessageSocket(descriptor).Serve([&answers, &writer](std::string_view message) {
-            Reader reader(message);
-            writer.Begin();
-            writer.Put(int32_t{0});
-            kReplies.at(reader.Get<uint32_t>())(answers, reader, writer);
-            return writer.Finish();
-        });
+        writer.Begin(BENCH_HAS_CODEC ? 0 : workload.replyBytes);
+        for (auto message = socket.Receive(); !message.empty(); message = socket.Receive()) {
+            if constexpr (BENCH_HAS_CODEC) {
+                Reader reader(message);
+                writer.Begin();
+                writer.Put(int32_t{0});
+                kReplies.at(reader.Get<uint32_t>())(answers, reader, writer);
+            }
+            if (!socket.Send(writer.Finish())) {
+                return;
+            }
+        }
     });
 }
 
-std::unique_ptr<Client> Connect(const Workload& workload)
+void Connect(const Workload& workload)
 {
-    return MakeClient<Peer, InfoRequest, SetRequest, UsageRequest, RowRequest>(workload);
+    RunClient<Peer, InfoRequest, SetRequest, UsageRequest, RowRequest>(workload);
 }
 
 }  // namespace bench
