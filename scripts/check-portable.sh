@@ -62,7 +62,7 @@ while IFS='|' read -r what edit test; do
     fi
     echo "check-portable: a port that $what fails the kit"
 done <<'END'
-finds nothing|s/return sptr<IRemoteObject>(found ?/return sptr<IRemoteObject>(false \&\& found ?/|LookupGivesUp
+finds nothing|s/return found ?/return false \&\& found ?/|LookupGivesUp
 does not wait for a service|s/seconds(timeoutSeconds)/seconds(0)/|LookupGivesUp
 loses statuses|s/[*]request->status :/0 :/|Statuses
 ignores the wait time|s/seconds(option.GetWaitTime())/seconds(8)/|WaitTime

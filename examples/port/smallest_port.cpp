@@ -32,13 +32,17 @@ bool Copy(const Parcel& from, Parcel& to)
     return space != nullptr;
 }
 
-struct Service {
+// What a client holds: the service's stand-in.
+struct Remote final : IRemoteObject {
+    explicit Remote(const sptr<IPCObjectStub>& itsStub) : stub(itsStub) {}
+    int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override;
+
     sptr<IPCObjectStub> stub;  // null: removed
 };
 
 // One request under way. Its sender may give up and leave it to the thread.
 struct Request {
-    std::shared_ptr<Service> service;
+    sptr<Remote> service;
     uint32_t code = 0;
     MessageParcel data;
     MessageParcel reply;
@@ -72,13 +76,19 @@ struct Port final : ISystemAbilityManager {
         }
     }
 
-    sptr<IRemoteObject> LoadSystemAbility(int32_t systemAbilityId, int32_t timeoutSeconds) override;
+    sptr<IRemoteObject> LoadSystemAbility(int32_t systemAbilityId, int32_t timeoutSeconds) override
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        const auto isHere = [&] { return services.count(systemAbilityId) != 0; };
+        const bool found = changed.wait_for(lock, std::chrono::seconds(timeoutSeconds), isHere);
+        return found ? sptr<IRemoteObject>(services[systemAbilityId]) : nullptr;
+    }
 
     std::mutex mutex;  // guards what follows, and what may change in a service and a request
     std::condition_variable changed;
-    std::map<int32_t, std::shared_ptr<Service>> services;
+    std::map<int32_t, sptr<Remote>> services;
     std::deque<std::shared_ptr<Request>> requests;
-    std::shared_ptr<Service> running;
+    sptr<Remote> running;
 };
 
 // Never destroyed: the thread outlives main.
@@ -88,43 +98,28 @@ Port& ThePort()
     return **port;
 }
 
-// What a client holds: the service's stand-in.
-struct Remote final : IRemoteObject {
-    explicit Remote(const std::shared_ptr<Service>& itsService) : service(itsService) {}
-
-    int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override
-    try {
-        const auto request = std::make_shared<Request>();
-        request->service = service;
-        request->code = code;
-        if (!Copy(data, request->data)) {
-            return IPC_NO_MEMORY;
-        }
-        Port& port = ThePort();
-        std::unique_lock<std::mutex> lock(port.mutex);
-        port.requests.push_back(request);
-        port.changed.notify_all();
-        const auto isOver = [&] { return request->status || service->stub == nullptr; };
-        if (!port.changed.wait_for(lock, std::chrono::seconds(option.GetWaitTime()), isOver)) {
-            return IPC_TIMED_OUT;
-        }
-        if (!request->status) {
-            return IPC_DEAD_OBJECT;
-        }
-        return Copy(request->reply, reply) ? *request->status : IPC_NO_MEMORY;
-    } catch (const std::bad_alloc&) {
+int32_t Remote::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
+try {
+    const auto request = std::make_shared<Request>();
+    request->service = sptr<Remote>(this);
+    request->code = code;
+    if (!Copy(data, request->data)) {
         return IPC_NO_MEMORY;
     }
-
-    const std::shared_ptr<Service> service;
-};
-
-sptr<IRemoteObject> Port::LoadSystemAbility(int32_t systemAbilityId, int32_t timeoutSeconds)
-{
-    std::unique_lock<std::mutex> lock(mutex);
-    const auto isHere = [&] { return services.count(systemAbilityId) != 0; };
-    const bool found = changed.wait_for(lock, std::chrono::seconds(timeoutSeconds), isHere);
-    return sptr<IRemoteObject>(found ? new Remote(services[systemAbilityId]) : nullptr);
+    Port& port = ThePort();
+    std::unique_lock<std::mutex> lock(port.mutex);
+    port.requests.push_back(request);
+    port.changed.notify_all();
+    const auto isOver = [&] { return request->status || stub == nullptr; };
+    if (!port.changed.wait_for(lock, std::chrono::seconds(option.GetWaitTime()), isOver)) {
+        return IPC_TIMED_OUT;
+    }
+    if (!request->status) {
+        return IPC_DEAD_OBJECT;
+    }
+    return Copy(request->reply, reply) ? *request->status : IPC_NO_MEMORY;
+} catch (const std::bad_alloc&) {
+    return IPC_NO_MEMORY;
 }
 
 }  // namespace
@@ -134,7 +129,7 @@ bool AddService(int32_t id, const sptr<IPCObjectStub>& stub)
     Port& port = ThePort();
     const std::lock_guard<std::mutex> lock(port.mutex);
     port.changed.notify_all();
-    return port.services.try_emplace(id, std::make_shared<Service>(Service{stub})).second;
+    return port.services.try_emplace(id, sptr<Remote>(new Remote(stub))).second;
 }
 
 void RemoveService(int32_t id)
