@@ -3,13 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
+#include "support/parcels.h"
 #include "varn/message_parcel.h"
 #include "varn/remote_broker.h"
 #include "varn/remote_proxy.h"
@@ -34,14 +35,11 @@ TEST(ParcelTest, ValuesComeBackInTheirOrder)
     // Long enough to leave the parcel's own bytes, with a string whose zero bytes count.
     Parcel parcel;
     const std::string text(70000, '\0');
-    ASSERT_TRUE(parcel.WriteInt64(INT64_MIN));
-    ASSERT_TRUE(parcel.WriteString(text));
-    ASSERT_TRUE(parcel.WriteString16(u"\xD83D\xDE00"));
-    ASSERT_TRUE(parcel.WriteBool(true));
-    ASSERT_TRUE(parcel.WriteInt32(2));
+    const std::u16string wide(u"\xD83D\xDE00");
+    ASSERT_TRUE(PutAll(parcel, int64_t{INT64_MIN}, text, wide, true, int32_t{2}));
     EXPECT_EQ(INT64_MIN, parcel.ReadInt64());
     EXPECT_EQ(text, parcel.ReadString());
-    EXPECT_EQ(u"\xD83D\xDE00", parcel.ReadString16());
+    EXPECT_EQ(wide, parcel.ReadString16());
     EXPECT_TRUE(parcel.ReadBool());
     EXPECT_TRUE(parcel.ReadBool());  // anything but 0
     EXPECT_EQ(0U, parcel.GetReadableBytes());
@@ -80,11 +78,9 @@ TEST(ParcelTest, WriteThatEndsAtTheCapacitySucceeds)
 TEST(ParcelTest, PresenceOtherThanZeroReadsAValue)
 {
     Parcel parcel;
-    ASSERT_TRUE(parcel.WriteInt32(-5));
-    ASSERT_TRUE(Point().Marshalling(parcel));
+    ASSERT_TRUE(PutAll(parcel, int32_t{-5}, int32_t{7}, int32_t{8}));
     ASSERT_TRUE(parcel.WriteParcelable(nullptr));
-    ASSERT_TRUE(parcel.WriteInt32(1));
-    ASSERT_TRUE(parcel.WriteInt32(3));
+    ASSERT_TRUE(PutAll(parcel, int32_t{1}, int32_t{3}));
     const sptr<Point> point = parcel.ReadParcelable<Point>();
     ASSERT_NE(nullptr, point);
     EXPECT_EQ(1, point->StrongCount());
@@ -116,13 +112,11 @@ struct Left : virtual RefBase {};
 
 struct Counted : Left, virtual RefBase {
     explicit Counted(int* count) : deaths(count) {}
-    Counted(const Counted&) = default;
-    Counted& operator=(const Counted&) = default;
     ~Counted() override { ++*deaths; }
     int* deaths;
 };
 
-TEST(RefBaseTest, LastReleaseDestroysThroughTheBase)
+TEST(RefBaseTest, LastReleaseDestroysThroughTheBaseAndACopyHasOwnersOfItsOwn)
 {
     int deaths = 0;
     sptr<Counted> object(new Counted(&deaths));
@@ -133,6 +127,11 @@ TEST(RefBaseTest, LastReleaseDestroysThroughTheBase)
     EXPECT_TRUE(left == object);
     EXPECT_TRUE(object != nullptr);
     EXPECT_TRUE(nullptr != object);
+    const sptr<Counted> copy(new Counted(*object));
+    EXPECT_EQ(1, copy->StrongCount());
+    *copy = *object;
+    EXPECT_EQ(1, copy->StrongCount());
+    EXPECT_EQ(3, object->StrongCount());
     object = nullptr;
     left = sptr<const Left>();
     EXPECT_EQ(1, base->StrongCount());
@@ -142,35 +141,21 @@ TEST(RefBaseTest, LastReleaseDestroysThroughTheBase)
     EXPECT_FALSE(base);
 }
 
-TEST(RefBaseTest, CopyAndAssignmentHaveOwnersOfTheirOwn)
-{
-    int deaths = 0;
-    const sptr<Counted> first(new Counted(&deaths));
-    const sptr<Counted> alias = first;
-    const sptr<Counted> copy(new Counted(*first));
-    EXPECT_EQ(1, copy->StrongCount());
-    *copy = *first;
-    EXPECT_EQ(1, copy->StrongCount());
-    EXPECT_EQ(2, first->StrongCount());
-}
-
 TEST(RefBaseTest, ManyThreadsDestroyItOnce)
 {
     int deaths = 0;
     sptr<Counted> object(new Counted(&deaths));
-    std::vector<std::thread> threads;
+    std::vector<std::future<void>> threads;
     for (int thread = 0; thread < 4; ++thread) {
-        threads.emplace_back([mine = object]() mutable {
+        threads.push_back(std::async(std::launch::async, [mine = object]() mutable {
             for (int round = 0; round < 10000; ++round) {
                 const sptr<RefBase> copy = mine;
             }
             mine = nullptr;
-        });
+        }));
     }
     object = nullptr;
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    threads.clear();  // waits for them
     EXPECT_EQ(1, deaths);
 }
 
