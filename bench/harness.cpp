@@ -67,20 +67,6 @@ void Work(Client& client, uint64_t calls, std::vector<uint32_t>& times)
     }
 }
 
-int Main(const std::vector<std::string>& arguments)
-{
-    if (arguments.size() != 6) {
-        std::cerr << "serve|call DIRECTORY CASE RECORDS REQUEST_BYTES REPLY_BYTES\n";
-        return 2;
-    }
-    // No process is left behind when the driver ends.
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const Workload workload{arguments[1], MakeRequest(arguments[2]), std::stoul(arguments[3]), std::stoul(arguments[4]),
-                            std::stoul(arguments[5])};
-    (arguments[0] == "serve" ? Serve : Connect)(workload);
-    return 0;
-}
-
 }  // namespace
 
 void Obey(Client& client)
@@ -130,11 +116,19 @@ void AnnounceReady()
 }  // namespace bench
 
 int main(int argc, char** argv)
-{
-    try {
-        return bench::Main(std::vector<std::string>(argv + 1, argv + argc));
-    } catch (const std::exception& exception) {
-        std::cerr << argv[0] << ": " << exception.what() << '\n';
-        return 1;
+try {
+    using namespace bench;
+    if (argc != 7) {
+        std::cerr << "serve|call DIRECTORY CASE RECORDS REQUEST_BYTES REPLY_BYTES\n";
+        return 2;
     }
+    // No process is left behind when the driver ends.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const Workload workload{argv[2], MakeRequest(argv[3]), std::stoul(argv[4]), std::stoul(argv[5]),
+                            std::stoul(argv[6])};
+    (argv[1] == std::string("serve") ? Serve : Connect)(workload);
+    return 0;
+} catch (const std::exception& exception) {
+    std::cerr << argv[0] << ": " << exception.what() << '\n';
+    return 1;
 }
