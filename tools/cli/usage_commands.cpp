@@ -79,9 +79,9 @@ PermissionUsageRecordQuery MakeQuery(const UsageOptions& options)
     query.SetBundleNames(options.bundleNames);
     query.SetUserIds(options.userIds);
     query.SetOperationGroups(options.operationGroups);
-    query.SetOperationModes(ParseUsageCodes("--mode", OperationModes(), options.operationModes));
-    query.SetAppStates(ParseUsageCodes("--app-state", AppStates(), options.appStates));
-    query.SetScreenStates(ParseUsageCodes("--screen", ScreenStates(), options.screenStates));
+    query.SetOperationModes(ParseUsageCodes("--mode", OPERATION_MODES, options.operationModes));
+    query.SetAppStates(ParseUsageCodes("--app-state", APP_STATES, options.appStates));
+    query.SetScreenStates(ParseUsageCodes("--screen", SCREEN_STATES, options.screenStates));
     query.SetBeginTimestamp(ParseTimeOption("--since", options.since, now));
     query.SetEndTimestamp(ParseTimeOption("--until", options.until, now));
     query.SetLimit(options.limit);
@@ -116,9 +116,9 @@ Columns UsageColumns()
             {"UID", "uid"},
             {"GROUP", "operationGroup"},
             {"TIMES", "times"},
-            {"MODE", "operationMode", [](const Json& mode) { return UsageCodeName(OperationModes(), mode); }},
-            {"APP STATE", "appState", [](const Json& state) { return UsageCodeName(AppStates(), state); }},
-            {"SCREEN", "screenState", [](const Json& state) { return UsageCodeName(ScreenStates(), state); }},
+            {"MODE", "operationMode", [](const Json& mode) { return UsageCodeName(OPERATION_MODES, mode); }},
+            {"APP STATE", "appState", [](const Json& state) { return UsageCodeName(APP_STATES, state); }},
+            {"SCREEN", "screenState", [](const Json& state) { return UsageCodeName(SCREEN_STATES, state); }},
             {"FIRST", "beginTimestamp", TimeText},
             {"LAST", "endTimestamp", TimeText}};
 }

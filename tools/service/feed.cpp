@@ -187,8 +187,8 @@ int64_t AddUsageEvent(Connection& connection, const JsonNode& event, int64_t shi
         "SELECT ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8 WHERE NOT EXISTS (SELECT 1 FROM usage WHERE app = ?3 AND "
         "began = ?1 AND ended = ?2 AND permission_group = ?4 AND mode = ?5 AND app_state = ?6 AND "
         "screen_state = ?7 AND times = ?8 AND id <= ?9)",
-        begin + shift, end + shift, app.Integer(0), group, UsageCodeOf(event["mode"], OperationModes()),
-        UsageCodeOf(event["app"], AppStates()), UsageCodeOf(event["screen"], ScreenStates()), event["times"].Int32(1),
+        begin + shift, end + shift, app.Integer(0), group, UsageCodeOf(event["mode"], OPERATION_MODES),
+        UsageCodeOf(event["app"], APP_STATES), UsageCodeOf(event["screen"], SCREEN_STATES), event["times"].Int32(1),
         knownUpTo);
 }
 
