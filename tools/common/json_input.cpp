@@ -16,44 +16,36 @@ using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenPolicy;
 // More than any device's data; a wrong path must not take all memory.
 constexpr size_t MAX_JSON_BYTES = size_t{256} * 1024 * 1024;
 
-[[noreturn]] void FailToRead(const std::string& path, int error)
-{
-    throw InputError(path + ": cannot read: " + std::strerror(error));
-}
-
-std::string MemberPlace(const std::string& place, const std::string& key)
-{
-    return place.empty() ? key : place + "." + key;
-}
-
 }  // namespace
 
 std::string ReadFile(const std::string& path, size_t maxBytes)
 {
     std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        FailToRead(path, errno);
-    }
     std::string text;
     std::array<char, 16384> piece;
-    do {
+    while (file) {
         file.read(piece.data(), piece.size());
         text.append(piece.data(), static_cast<size_t>(file.gcount()));
         if (text.size() > maxBytes) {
             throw InputError(path + ": is longer than the " + std::to_string(maxBytes) + " bytes allowed");
         }
-    } while (file);
-    if (file.bad()) {
-        FailToRead(path, errno);
+    }
+    if (!file.is_open() || file.bad()) {
+        throw InputError(path + ": cannot read: " + std::strerror(errno));
     }
     return text;
 }
 
+void JsonNode::Expect(bool isMet, const char* what) const
+{
+    if (!isMet) {
+        Fail(std::string("expected ") + what);
+    }
+}
+
 std::string JsonNode::Text() const
 {
-    if (!value_->is_string()) {
-        Fail("expected a string");
-    }
+    Expect(value_->is_string(), "a string");
     return value_->get<std::string>();
 }
 
@@ -68,32 +60,28 @@ int64_t JsonNode::Integer(int64_t min, int64_t max) const
     return value_->get<int64_t>();
 }
 
-int32_t JsonNode::Int32(int32_t min) const
+JsonNode JsonNode::Member(const nlohmann::json& member, const std::string& key) const
 {
-    return static_cast<int32_t>(Integer(min, std::numeric_limits<int32_t>::max()));
+    return JsonNode({value_, &member}, file_, place_.empty() ? key : place_ + "." + key);
 }
 
 std::vector<JsonNode> JsonNode::Items() const
 {
-    if (!value_->is_array()) {
-        Fail("expected a list");
-    }
+    Expect(value_->is_array(), "a list");
     std::vector<JsonNode> items;
     items.reserve(value_->size());
     for (const nlohmann::json& item : *value_) {
-        items.push_back(JsonNode(file_, item, place_ + "[" + std::to_string(items.size()) + "]"));
+        items.push_back(JsonNode({value_, &item}, file_, place_ + "[" + std::to_string(items.size()) + "]"));
     }
     return items;
 }
 
 std::vector<std::pair<std::string, JsonNode>> JsonNode::Members() const
 {
-    if (!value_->is_object()) {
-        Fail("expected an object");
-    }
+    Expect(value_->is_object(), "an object");
     std::vector<std::pair<std::string, JsonNode>> members;
     for (const auto& [key, value] : value_->items()) {
-        members.emplace_back(key, JsonNode(file_, value, MemberPlace(place_, key)));
+        members.emplace_back(key, Member(value, key));
     }
     return members;
 }
@@ -109,14 +97,9 @@ JsonNode JsonNode::operator[](const char* key) const
 
 std::optional<JsonNode> JsonNode::Find(const char* key) const
 {
-    if (!value_->is_object()) {
-        Fail("expected an object");
-    }
+    Expect(value_->is_object(), "an object");
     const auto member = value_->find(key);
-    if (member == value_->end()) {
-        return std::nullopt;
-    }
-    return JsonNode(file_, *member, MemberPlace(place_, key));
+    return member != value_->end() ? std::optional(Member(*member, key)) : std::nullopt;
 }
 
 void JsonNode::AllowOnly(std::initializer_list<std::string_view> keys) const
@@ -130,8 +113,7 @@ void JsonNode::AllowOnly(std::initializer_list<std::string_view> keys) const
 
 void JsonNode::RequireFormat(const char* format, int32_t version) const
 {
-    const std::optional<JsonNode> found = value_->is_object() ? Find("format") : std::nullopt;
-    if (!found || *found->value_ != format) {
+    if (!value_->is_object() || value_->value("format", nlohmann::json()) != format) {
         Fail(std::string("is another kind of file: \"format\" is not \"") + format + "\"");
     }
     const int32_t foundVersion = (*this)["version"].Int32();
@@ -142,7 +124,7 @@ void JsonNode::RequireFormat(const char* format, int32_t version) const
 
 void JsonNode::Fail(const std::string& complaint) const
 {
-    throw InputError(file_->name + ": " + (place_.empty() ? "" : place_ + ": ") + complaint);
+    throw InputError(file_ + ": " + (place_.empty() ? "" : place_ + ": ") + complaint);
 }
 
 JsonNode ReadJson(const std::string& path)
@@ -153,8 +135,7 @@ JsonNode ReadJson(const std::string& path)
 JsonNode ParseJson(const std::string& name, const std::string& text)
 {
     try {
-        const auto file = std::make_shared<JsonNode::File>(JsonNode::File{name, nlohmann::json::parse(text)});
-        return JsonNode(file, file->contents, "");
+        return JsonNode(std::make_shared<nlohmann::json>(nlohmann::json::parse(text)), name, "");
     } catch (const nlohmann::json::parse_error& error) {
         // The parser's own message quotes the text around the error, which may be a fingerprint.
         const std::string before = text.substr(0, error.byte > 0 ? error.byte - 1 : 0);

@@ -36,7 +36,10 @@ public:
     std::string Text() const;
     int64_t Integer(int64_t min = std::numeric_limits<int64_t>::min(),
                     int64_t max = std::numeric_limits<int64_t>::max()) const;
-    int32_t Int32(int32_t min = std::numeric_limits<int32_t>::min()) const;
+    int32_t Int32(int32_t min = std::numeric_limits<int32_t>::min()) const
+    {
+        return static_cast<int32_t>(Integer(min, std::numeric_limits<int32_t>::max()));
+    }
     std::vector<JsonNode> Items() const;
     std::vector<std::pair<std::string, JsonNode>> Members() const;
 
@@ -53,18 +56,16 @@ public:
 private:
     friend JsonNode ParseJson(const std::string& name, const std::string& text);
 
-    struct File {
-        std::string name;
-        nlohmann::json contents;
-    };
-
-    JsonNode(std::shared_ptr<const File> file, const nlohmann::json& value, std::string place)
-        : file_(std::move(file)), value_(&value), place_(std::move(place))
+    JsonNode(std::shared_ptr<const nlohmann::json> value, std::string file, std::string place)
+        : value_(std::move(value)), file_(std::move(file)), place_(std::move(place))
     {
     }
 
-    std::shared_ptr<const File> file_;
-    const nlohmann::json* value_;
+    void Expect(bool isMet, const char* what) const;
+    JsonNode Member(const nlohmann::json& member, const std::string& key) const;
+
+    std::shared_ptr<const nlohmann::json> value_;  // shares the file's contents
+    std::string file_;
     std::string place_;  // "apps[3].uid"; empty for the file as a whole
 };
 
