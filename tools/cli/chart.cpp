@@ -1,8 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "cli/chart.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <iterator>
 #include <map>
@@ -20,6 +26,8 @@ namespace {
 
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord;
 
+constexpr size_t DEFAULT_WIDTH = 80;
+constexpr size_t MAX_WIDTH = 300;
 // Labels may take a third of the width, but not less than this.
 constexpr size_t MIN_LABEL = 8;
 constexpr size_t MIN_COLUMNS = 20;
@@ -28,36 +36,48 @@ constexpr char NOTHING = '.';
 constexpr char SEVERAL = '*';
 constexpr char DENIED = '!';
 
+struct Row {
+    std::string label;
+    std::string signs;  // one for each column
+};
+
+// By the app and its uid.
+using Rows = std::map<std::pair<std::string_view, int32_t>, Row>;
 using Letters = std::map<std::string, char>;
-// The uses that a row shows, by the app and its uid.
-using Rows = std::map<std::pair<std::string_view, int32_t>, std::vector<const PermissionUsageRecord*>>;
+// The sequence that comes before a sign; none at all for an output without colours.
+using Colours = std::map<char, std::string>;
 
 // A span of time, in milliseconds since the epoch, and the columns that stand for it.
 struct TimeScale {
-    int64_t begin = 0;  // from 0
-    int64_t end = 0;    // after begin, up to MAX_TIME and a little more
-    size_t columns = 0;
+    int64_t begin;  // from 0
+    int64_t end;    // after begin, up to MAX_TIME and a little more
+    size_t columns;
 
     // The column of a moment; the first or the last one for a moment outside.
     size_t Column(int64_t time) const
     {
-        if (time <= begin) {
-            return 0;
-        }
-        // As a fraction: the product of span and columns could overflow.
-        const double share = static_cast<double>(time - begin) / static_cast<double>(end - begin);
-        return share < 1.0 ? static_cast<size_t>(share * static_cast<double>(columns)) : columns - 1;
+        // As a fraction: the difference, or the product of span and columns, could overflow.
+        const double passed = static_cast<double>(time) - static_cast<double>(begin);
+        const double share = passed / static_cast<double>(end - begin);
+        const auto count = static_cast<double>(columns);
+        return static_cast<size_t>(std::clamp(share * count, 0.0, count - 1));
     }
 };
+
+// Columns of the terminal; in a pipe what COLUMNS says, or 80.
+size_t OutputWidth()
+{
+    winsize size = {};  // stays 0 where there is no terminal
+    ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size);
+    const char* columns = std::getenv("COLUMNS");
+    const size_t inPipe = columns != nullptr ? std::strtoul(columns, nullptr, 10) : 0;
+    const size_t width = size.ws_col != 0 ? size.ws_col : inPipe;
+    return width == 0 ? DEFAULT_WIDTH : std::min(width, MAX_WIDTH);
+}
 
 char Upper(char letter)
 {
     return static_cast<char>(std::toupper(static_cast<unsigned char>(letter)));
-}
-
-bool IsDenied(const PermissionUsageRecord& record)
-{
-    return record.GetOperationMode() == MODE_DENIED;
 }
 
 // A letter of its name for each group, the most used one first; a digit or a sign when all are taken.
@@ -72,17 +92,46 @@ Letters ChooseLetters(const std::vector<PermissionUsageRecord>& records)
                      [](const auto& left, const auto& right) { return left.second > right.second; });
     Letters letters;
     std::set<char> taken;
+    const auto take = [&taken](unsigned char sign) {
+        return std::isalnum(sign) != 0 && taken.insert(Upper(static_cast<char>(sign))).second;
+    };
     for (const auto& [group, count] : groups) {
-        char letter = '?';
-        for (const char candidate : group + "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789") {
-            if (std::isalnum(static_cast<unsigned char>(candidate)) != 0 && taken.insert(Upper(candidate)).second) {
-                letter = Upper(candidate);
-                break;
-            }
-        }
-        letters[group] = letter;
+        const std::string candidates = group + "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+        const auto letter = std::find_if(candidates.begin(), candidates.end(), take);
+        letters[group] = letter != candidates.end() ? Upper(*letter) : '?';
     }
     return letters;
+}
+
+// For a terminal that shows colours: denied uses white on red, a colour for each group.
+Colours ChooseColours(const Letters& letters)
+{
+    const char* terminal = std::getenv("TERM");
+    const char* noColour = std::getenv("NO_COLOR");
+    if (::isatty(STDOUT_FILENO) == 0 || terminal == nullptr || std::strcmp(terminal, "dumb") == 0 ||
+        (noColour != nullptr && *noColour != '\0')) {
+        return {};
+    }
+    constexpr size_t FIRST_COLOUR = 32;
+    constexpr size_t COLOURS = 5;
+    Colours colours = {{DENIED, "\x1b[1;97;41m"}, {NOTHING, "\x1b[2m"}, {SEVERAL, "\x1b[1m"}};
+    size_t place = 0;
+    for (const auto& [group, letter] : letters) {
+        colours.emplace(letter, "\x1b[1;" + std::to_string(FIRST_COLOUR + place++ % COLOURS) + "m");
+    }
+    return colours;
+}
+
+// Runs of the same sign are coloured at once.
+std::string Coloured(const std::string& signs, const Colours& colours)
+{
+    std::string text;
+    for (size_t from = 0; from < signs.size() && !colours.empty();) {
+        const size_t to = std::min(signs.find_first_not_of(signs[from], from), signs.size());
+        text += colours.at(Upper(signs[from])) + signs.substr(from, to - from) + "\x1b[0m";
+        from = to;
+    }
+    return colours.empty() ? signs : text;
 }
 
 // What a column shows when a use is added to what it shows already. A denied use hides the others.
@@ -91,23 +140,10 @@ char Merge(char shown, char added)
     if (shown == NOTHING || added == DENIED) {
         return added;
     }
-    if (shown == DENIED || shown == SEVERAL) {
+    if (shown == added || shown == DENIED) {
         return shown;
     }
-    if (Upper(shown) != Upper(added)) {
-        return SEVERAL;
-    }
-    return shown == added ? shown : Upper(shown);
-}
-
-void DrawUse(std::string& row, const PermissionUsageRecord& record, char letter, const TimeScale& scale)
-{
-    const bool isSmall = letter != DENIED && record.GetAppState() == APP_IN_BACKGROUND;
-    const int shown = isSmall ? std::tolower(static_cast<unsigned char>(letter)) : letter;
-    const size_t last = scale.Column(record.GetEndTimestamp());
-    for (size_t column = scale.Column(record.GetBeginTimestamp()); column <= last; ++column) {
-        row[column] = Merge(row[column], static_cast<char>(shown));
-    }
+    return Upper(shown) == Upper(added) ? Upper(shown) : SEVERAL;
 }
 
 // What all names begin with, up to a dot: said once, in the corner, it leaves more room for the time.
@@ -120,61 +156,34 @@ std::string_view CommonPrefix(const Rows& rows)
     return same.substr(0, same.rfind('.') + 1);
 }
 
-// The labels of the rows: the app, and its uid where the app has several rows. Where one is too wide for `room`, uids
-// lose what stands behind the last digit in which those of an app differ; only then names are cut.
-std::vector<std::string> MakeLabels(const Rows& rows, size_t prefixLength, size_t room)
+// Names the rows: the app, and its uid where the app has several rows. Where one is too wide for `room`, uids lose what
+// stands behind the last digit in which those of an app differ; only then names are cut.
+void NameRows(Rows& rows, size_t prefixLength, size_t room)
 {
-    std::vector<std::pair<std::string, std::string>> parts;  // name and uid
     size_t digits = 0;
     size_t widest = 0;
-    for (auto row = rows.begin(); row != rows.end(); ++row) {
-        const std::string_view name = row->first.first;
-        parts.emplace_back(VisibleText(name.substr(prefixLength)), "");
-        if (row == rows.begin() || std::prev(row)->first.first != name) {
+    for (auto next = rows.begin(), row = next++; next != rows.end(); row = next++) {
+        if (row->first.first != next->first.first) {
             continue;
         }
-        const std::string& uid = parts.back().second = " " + std::to_string(row->first.second);
-        const std::string& before = parts.rbegin()[1].second = " " + std::to_string(std::prev(row)->first.second);
-        const auto differs = std::mismatch(uid.begin(), uid.end(), before.begin(), before.end()).first;
+        const std::string& uid = row->second.label = " " + std::to_string(row->first.second);
+        const std::string& nextUid = next->second.label = " " + std::to_string(next->first.second);
+        const auto differs = std::mismatch(uid.begin(), uid.end(), nextUid.begin(), nextUid.end()).first;
         digits = std::max(digits, static_cast<size_t>(differs - uid.begin()) + 1);
-        widest = std::max(widest, DisplayWidth(parts.back().first) + std::max(uid.size(), before.size()));
+        const size_t nameWidth = DisplayWidth(VisibleText(row->first.first.substr(prefixLength)));
+        widest = std::max(widest, nameWidth + std::max(uid.size(), nextUid.size()));
     }
-    std::vector<std::string> labels;
-    for (const auto& [name, uid] : parts) {
-        const bool isShort = widest > room && uid.size() > digits + 2;
-        const std::string end = isShort ? uid.substr(0, digits) + ".." : uid;
-        labels.push_back(FitEnd(name, room - std::min(end.size(), room)) + end);
+    for (auto& [app, row] : rows) {
+        std::string& uid = row.label;
+        if (widest > room && uid.size() > digits + 2) {
+            uid.replace(digits, std::string::npos, "..");
+        }
+        uid.insert(0, FitEnd(VisibleText(app.first.substr(prefixLength)), room - std::min(uid.size(), room)));
     }
-    return labels;
 }
 
-// The sequence that shows a character of a row: denied uses white on red, a colour for each group.
-std::string ColourOf(char shown, const Letters& letters)
-{
-    constexpr int FIRST_COLOUR = 32;
-    constexpr int COLOURS = 5;
-    const auto isShown = [shown](const auto& entry) { return entry.second == Upper(shown); };
-    const auto group = std::find_if(letters.begin(), letters.end(), isShown);
-    if (group != letters.end()) {
-        return "\x1b[1;" + std::to_string(FIRST_COLOUR + std::distance(letters.begin(), group) % COLOURS) + "m";
-    }
-    return shown == DENIED ? "\x1b[1;97;41m" : shown == NOTHING ? "\x1b[2m" : "\x1b[1m";
-}
-
-// Runs of the same character are coloured at once.
-std::string Coloured(const std::string& row, const Letters& letters)
-{
-    std::string text;
-    for (size_t from = 0; from < row.size();) {
-        const size_t to = std::min(row.find_first_not_of(row[from], from), row.size());
-        text += ColourOf(row[from], letters) + row.substr(from, to - from) + "\x1b[0m";
-        from = to;
-    }
-    return text;
-}
-
-// `shown` are the characters of all rows.
-void PrintLegend(const Letters& letters, const std::set<char>& shown, const ChartOptions& options)
+// `shown` are the signs of all rows.
+void PrintLegend(const Letters& letters, const std::set<char>& shown, const Colours& colours, size_t width)
 {
     std::vector<std::string> entries;
     if (shown.count(DENIED) != 0) {
@@ -189,36 +198,15 @@ void PrintLegend(const Letters& letters, const std::set<char>& shown, const Char
     if (std::any_of(shown.begin(), shown.end(), [](unsigned char sign) { return std::islower(sign) != 0; })) {
         entries.emplace_back("small letter: in the background");
     }
-    std::string line;
-    size_t lineLength = 0;
+    std::string text;
+    size_t column = 0;
     for (const std::string& entry : entries) {
-        if (lineLength != 0 && lineLength + DisplayWidth(entry) + 3 > options.width) {
-            PrintLine(std::exchange(line, ""));
-            lineLength = 0;
-        }
-        const bool isSign = entry[1] == ' ';
-        line += (lineLength == 0 ? "" : "   ") +
-                (options.isColoured && isSign ? Coloured(entry.substr(0, 1), letters) + entry.substr(1) : entry);
-        lineLength += DisplayWidth(entry) + (lineLength == 0 ? 0 : 3);
+        const bool fits = column + DisplayWidth(entry) + 3 <= width;
+        text += text.empty() ? "" : fits ? "   " : "\n";
+        column = DisplayWidth(entry) + (fits && column != 0 ? column + 3 : 0);
+        text += entry[1] == ' ' ? Coloured(entry.substr(0, 1), colours) + entry.substr(1) : entry;
     }
-    PrintLine(line);
-}
-
-TimeScale MakeScale(const std::vector<PermissionUsageRecord>& records, const ChartOptions& options)
-{
-    TimeScale scale;
-    int64_t first = MAX_TIME;
-    int64_t last = 0;
-    for (const PermissionUsageRecord& record : records) {
-        first = std::min(first, record.GetBeginTimestamp());
-        last = std::max(last, record.GetEndTimestamp());
-    }
-    // The service may send any number.
-    scale.begin = std::clamp<int64_t>(options.begin != 0 ? options.begin : first, 0, MAX_TIME);
-    scale.end = std::clamp<int64_t>(options.end != 0 ? options.end : last, 0, MAX_TIME);
-    // A single moment still needs a span to stand in.
-    scale.end = std::max(scale.end, scale.begin + MINUTE);
-    return scale;
+    PrintLine(text);
 }
 
 constexpr int64_t MONTH = 28 * DAY;
@@ -229,26 +217,14 @@ int64_t ChooseStep(const TimeScale& scale)
     constexpr int64_t STEPS[] = {MINUTE,   2 * MINUTE, 5 * MINUTE, 10 * MINUTE, 15 * MINUTE, 30 * MINUTE, HOUR,
                                  2 * HOUR, 3 * HOUR,   6 * HOUR,   12 * HOUR,   DAY,         2 * DAY,     7 * DAY,
                                  14 * DAY, MONTH,      3 * MONTH,  6 * MONTH,   13 * MONTH};
-    constexpr int64_t LABEL_COLUMNS = 8;
-    const int64_t labels = std::max<int64_t>(static_cast<int64_t>(scale.columns) / LABEL_COLUMNS, 1);
-    for (const int64_t step : STEPS) {
-        if ((scale.end - scale.begin) / step <= labels) {
-            return step;
-        }
-    }
-    return ((scale.end - scale.begin) / labels / DAY + 1) * DAY;
+    constexpr size_t LABEL_COLUMNS = 8;
+    const auto labels = static_cast<int64_t>(std::max<size_t>(scale.columns / LABEL_COLUMNS, 1));
+    const int64_t least = (scale.end - scale.begin) / (labels + 1) + 1;
+    const auto* step = std::lower_bound(std::begin(STEPS), std::end(STEPS), least);
+    return step != std::end(STEPS) ? *step : ((scale.end - scale.begin) / labels / DAY + 1) * DAY;
 }
 
-std::string TickLabel(int64_t time, int64_t step)
-{
-    if (step >= MONTH) {
-        return "|" + FormatTime(time, "%Y-%m");
-    }
-    const bool isMidnight = FormatTime(time, "%H:%M") == "00:00";
-    return "|" + FormatTime(time, isMidnight || step >= DAY ? "%m-%d" : "%H:%M");
-}
-
-// The line above the columns: ticks on round local times and what they stand for.
+// The line above the columns: ticks on round local times and what they stand for, each behind a blank.
 std::string DrawTimeAxis(const TimeScale& scale)
 {
     const int64_t step = ChooseStep(scale);
@@ -257,8 +233,7 @@ std::string DrawTimeAxis(const TimeScale& scale)
     ::localtime_r(&beginSeconds, &midnight);
     midnight.tm_hour = midnight.tm_min = midnight.tm_sec = 0;
 
-    std::string axis(scale.columns, ' ');
-    size_t freeFrom = 0;
+    std::string axis;
     const int64_t ticks = (scale.end - scale.begin + DAY) / step + 1;
     for (int64_t tick = 0; tick < ticks; ++tick) {
         // Days are counted by the calendar, so that a change of the clock does not shift the ticks behind it.
@@ -268,61 +243,82 @@ std::string DrawTimeAxis(const TimeScale& scale)
         date.tm_isdst = -1;
         const int64_t time = int64_t{std::mktime(&date)} * SECOND;
         const size_t column = scale.Column(time);
-        if (time < scale.begin || time >= scale.end || column < freeFrom) {
+        if (time < scale.begin || time >= scale.end || column + 1 <= axis.size()) {
             continue;
         }
-        const std::string label = TickLabel(time, step);
-        const std::string fitting = column + label.size() <= scale.columns ? label : "|";
-        axis.replace(column, fitting.size(), fitting);
-        freeFrom = column + fitting.size() + 1;
+        const bool isDay = step >= DAY || (date.tm_hour == 0 && date.tm_min == 0);
+        const std::string label = FormatTime(time, step >= MONTH ? "|%Y-%m" : isDay ? "|%m-%d" : "|%H:%M");
+        axis.resize(column + 1, ' ');
+        axis += column + label.size() <= scale.columns ? label : "|";
     }
-    axis.erase(axis.find_last_not_of(' ') + 1);
     return axis;
 }
 
-void PrintTitle(const TimeScale& scale, bool marksDenied, size_t width)
+// Draws the uses in their rows.
+void DrawUses(const std::vector<PermissionUsageRecord>& records, const Letters& letters, bool marksDenied,
+              const TimeScale& scale, Rows& rows)
 {
+    for (const PermissionUsageRecord& record : records) {
+        std::string& signs = rows[{record.GetBundleName(), record.GetUid()}].signs;
+        signs.resize(scale.columns, NOTHING);
+        char sign = letters.at(record.GetOperationGroup());
+        if (marksDenied && record.GetOperationMode() == MODE_DENIED) {
+            sign = DENIED;
+        } else if (record.GetAppState() == APP_IN_BACKGROUND) {
+            sign = static_cast<char>(std::tolower(static_cast<unsigned char>(sign)));
+        }
+        const size_t last = scale.Column(record.GetEndTimestamp());
+        for (size_t column = scale.Column(record.GetBeginTimestamp()); column <= last; ++column) {
+            signs[column] = Merge(signs[column], sign);
+        }
+    }
+}
+
+}  // namespace
+
+void PrintChart(const std::vector<PermissionUsageRecord>& records, int64_t begin, int64_t end)
+{
+    Rows rows;
+    int64_t first = MAX_TIME;
+    int64_t last = 0;
+    bool marksDenied = false;  // not where all are
+    for (const PermissionUsageRecord& record : records) {
+        rows[{record.GetBundleName(), record.GetUid()}];
+        first = std::min(first, record.GetBeginTimestamp());
+        last = std::max(last, record.GetEndTimestamp());
+        marksDenied = marksDenied || record.GetOperationMode() != MODE_DENIED;
+    }
+    const size_t width = OutputWidth();
+    const size_t room = std::max(width / 3, MIN_LABEL);
+    const std::string_view prefix = CommonPrefix(rows);
+    NameRows(rows, prefix.size(), room);
+    const std::string corner = FitEnd(VisibleText(prefix), room);
+    size_t labelWidth = DisplayWidth(corner);
+    for (const auto& [app, row] : rows) {
+        labelWidth = std::max(labelWidth, DisplayWidth(row.label));
+    }
+    // The service may send any number.
+    TimeScale scale{std::clamp<int64_t>(begin != 0 ? begin : first, 0, MAX_TIME),
+                    std::clamp<int64_t>(end != 0 ? end : last, 0, MAX_TIME),
+                    std::max(width, labelWidth + 1 + MIN_COLUMNS) - labelWidth - 1};
+    // A single moment still needs a span to stand in.
+    scale.end = std::max(scale.end, scale.begin + MINUTE);
+    const Letters letters = ChooseLetters(records);
+    DrawUses(records, letters, marksDenied, scale, rows);
+
     const std::string span = FormatTime(scale.begin) + " to " + FormatTime(scale.end);
     const std::string column = "one column is " +
                                FormatSpan(0, (scale.end - scale.begin) / static_cast<int64_t>(scale.columns)) +
                                (marksDenied ? "" : ", all denied");
     PrintLine(span + (span.size() + column.size() + 2 <= width ? ", " : ",\n") + column);
-}
-
-}  // namespace
-
-void PrintChart(const std::vector<PermissionUsageRecord>& records, const ChartOptions& options)
-{
-    const Letters letters = ChooseLetters(records);
-    const bool marksDenied = !std::all_of(records.begin(), records.end(), IsDenied);
-    Rows rows;
-    for (const PermissionUsageRecord& record : records) {
-        rows[{record.GetBundleName(), record.GetUid()}].push_back(&record);
-    }
-    const std::string_view prefix = CommonPrefix(rows);
-    const size_t room = std::max(options.width / 3, MIN_LABEL);
-    std::vector<std::string> labels = MakeLabels(rows, prefix.size(), room);
-    labels.push_back(FitEnd(VisibleText(prefix), room));
-    size_t labelWidth = 0;
-    for (const std::string& label : labels) {
-        labelWidth = std::max(labelWidth, DisplayWidth(label));
-    }
-    TimeScale scale = MakeScale(records, options);
-    scale.columns = std::max(options.width, labelWidth + 1 + MIN_COLUMNS) - labelWidth - 1;
-
-    PrintTitle(scale, marksDenied, options.width);
-    PrintLine(Padded(labels.back(), labelWidth + 1) + DrawTimeAxis(scale));
+    PrintLine(Padded(corner, labelWidth) + DrawTimeAxis(scale));
+    const Colours colours = ChooseColours(letters);
     std::set<char> shown;
-    auto label = labels.begin();
-    for (const auto& [app, uses] : rows) {
-        std::string row(scale.columns, NOTHING);
-        for (const PermissionUsageRecord* use : uses) {
-            DrawUse(row, *use, marksDenied && IsDenied(*use) ? DENIED : letters.at(use->GetOperationGroup()), scale);
-        }
-        shown.insert(row.begin(), row.end());
-        PrintLine(Padded(*label++, labelWidth + 1) + (options.isColoured ? Coloured(row, letters) : row));
+    for (const auto& [app, row] : rows) {
+        shown.insert(row.signs.begin(), row.signs.end());
+        PrintLine(Padded(row.label, labelWidth + 1) + Coloured(row.signs, colours));
     }
-    PrintLegend(letters, shown, options);
+    PrintLegend(letters, shown, colours, width);
 }
 
 }  // namespace SecurityPrivacyTools

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -9,17 +8,11 @@
 
 namespace SecurityPrivacyTools {
 
-struct ChartOptions {
-    int64_t begin = 0;  // the span to draw, in milliseconds since the epoch; 0: from the first use, to the last
-    int64_t end = 0;
-    size_t width = 80;
-    bool isColoured = false;
-};
-
-// Draws a timeline on standard output: a row for each app, time from left to right, a letter where the app used an
-// operation group, "!" where a use was denied. Title, axis and legend are part of it. `records` must not be empty.
+// Draws a timeline on standard output, as wide as the terminal: a row for each app, time from left to right, a letter
+// where the app used an operation group, "!" where a use was denied. Title, axis and legend are part of it. `records`
+// must not be empty. The span is in milliseconds since the epoch; 0: from the first use, to the last.
 void PrintChart(
     const std::vector<VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord>& records,
-    const ChartOptions& options);
+    int64_t begin, int64_t end);
 
 }  // namespace SecurityPrivacyTools

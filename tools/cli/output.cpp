@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "cli/output.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 
@@ -16,8 +12,6 @@
 namespace SecurityPrivacyTools {
 namespace {
 
-constexpr size_t DEFAULT_WIDTH = 80;
-constexpr size_t MAX_WIDTH = 300;
 // Against one long name in a list of thousands, which would pad every row to its length.
 constexpr size_t MAX_COLUMN = 40;
 constexpr size_t GAP = 2;
@@ -155,24 +149,6 @@ std::string Padded(std::string text, size_t width)
 {
     const size_t shown = DisplayWidth(text);
     return shown < width ? text.append(width - shown, ' ') : text;
-}
-
-size_t OutputWidth()
-{
-    winsize size = {};  // stays 0 where there is no terminal
-    ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size);
-    const char* columns = std::getenv("COLUMNS");
-    const size_t inPipe = columns != nullptr ? std::strtoul(columns, nullptr, 10) : 0;
-    const size_t width = size.ws_col != 0 ? size.ws_col : inPipe;
-    return width == 0 ? DEFAULT_WIDTH : std::min(width, MAX_WIDTH);
-}
-
-bool IsColoured()
-{
-    const char* terminal = std::getenv("TERM");
-    const char* noColour = std::getenv("NO_COLOR");
-    return ::isatty(STDOUT_FILENO) != 0 && terminal != nullptr && std::strcmp(terminal, "dumb") != 0 &&
-           (noColour == nullptr || *noColour == '\0');
 }
 
 }  // namespace SecurityPrivacyTools

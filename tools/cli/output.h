@@ -85,10 +85,4 @@ std::string FitEnd(const std::string& text, size_t width);
 // `text` and blanks up to `width` columns.
 std::string Padded(std::string text, size_t width);
 
-// Columns of the terminal; in a pipe what COLUMNS says, or 80.
-size_t OutputWidth();
-
-// Whether standard output is a terminal that shows colours (and NO_COLOR is not set).
-bool IsColoured();
-
 }  // namespace SecurityPrivacyTools

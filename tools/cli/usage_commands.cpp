@@ -149,7 +149,7 @@ void RunTimeline(const Program& program, const UsageOptions& options)
     const auto records =
         service.List<PermissionUsageRecord>(&RemoteService::Interface::GetPermissionUsageTimeline, query);
     if (options.isChart && !records.empty()) {
-        PrintChart(records, {query.GetBeginTimestamp(), query.GetEndTimestamp(), OutputWidth(), IsColoured()});
+        PrintChart(records, query.GetBeginTimestamp(), query.GetEndTimestamp());
         return;
     }
     const Columns columns = UsageColumns();
