@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -206,7 +207,7 @@ void PrintLegend(const Letters& letters, const std::set<char>& shown, const Colo
         column = DisplayWidth(entry) + (fits && column != 0 ? column + 3 : 0);
         text += entry[1] == ' ' ? Coloured(entry.substr(0, 1), colours) + entry.substr(1) : entry;
     }
-    PrintLine(text);
+    std::puts(text.c_str());
 }
 
 constexpr int64_t MONTH = 28 * DAY;
@@ -310,13 +311,13 @@ void PrintChart(const std::vector<PermissionUsageRecord>& records, int64_t begin
     const std::string column = "one column is " +
                                FormatSpan(0, (scale.end - scale.begin) / static_cast<int64_t>(scale.columns)) +
                                (marksDenied ? "" : ", all denied");
-    PrintLine(span + (span.size() + column.size() + 2 <= width ? ", " : ",\n") + column);
-    PrintLine(Padded(corner, labelWidth) + DrawTimeAxis(scale));
+    std::puts((span + (span.size() + column.size() + 2 <= width ? ", " : ",\n") + column).c_str());
+    std::puts((Padded(corner, labelWidth) + DrawTimeAxis(scale)).c_str());
     const Colours colours = ChooseColours(letters);
     std::set<char> shown;
     for (const auto& [app, row] : rows) {
         shown.insert(row.signs.begin(), row.signs.end());
-        PrintLine(Padded(row.label, labelWidth + 1) + Coloured(row.signs, colours));
+        std::puts((Padded(row.label, labelWidth + 1) + Coloured(row.signs, colours)).c_str());
     }
     PrintLegend(letters, shown, colours, width);
 }

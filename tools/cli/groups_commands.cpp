@@ -8,9 +8,7 @@
 #include <string>
 #include <tuple>
 #include <unordered_set>
-#include <vector>
 
-#include "cli/failure.h"
 #include "cli/output.h"
 #include "cli/program.h"
 #include "cli/remote_service.h"
@@ -25,16 +23,12 @@ namespace Contract = VARN::AppSecurityPrivacy::SecurityPrivacyServer;
 using Contract::Permission::AppPermissionGroupInfo;
 using Contract::Permission::CheckedStateParameter;
 
-using Interface = RemoteService::Interface;
-
 // What by-app and by-permission differ in, then what the user says.
 struct ListOptions {
-    decltype(&Interface::GetAppPermissionGroupInfosByApp) request = nullptr;
-    const char* filter = nullptr;
-    size_t maxNames = 0;
+    decltype(&Service::GetAppPermissionGroupInfosByApp) request = nullptr;
     std::string name;
     int32_t userId = DEFAULT_USER_ID;
-    std::vector<std::string> interested;
+    std::unordered_set<std::string> interested;
 };
 
 struct SetOptions {
@@ -57,10 +51,10 @@ std::string FormatChoices(const Json& info)
     return choices;
 }
 
-std::string FormatFlags(const Json& flags)
+std::string FormatFlags(const Json& info)
 {
     char text[24];
-    std::snprintf(text, sizeof(text), "0x%" PRIx64, flags.get<uint64_t>());
+    std::snprintf(text, sizeof(text), "0x%" PRIx64, info["flags"].get<uint64_t>());
     return text;
 }
 
@@ -75,26 +69,24 @@ Json GroupToJson(const AppPermissionGroupInfo& info)
 
 void RunList(const Program& program, const ListOptions& options)
 {
-    const std::unordered_set<std::string> interested(options.interested.begin(), options.interested.end());
-    CheckLength(options.filter, interested.size(), options.maxNames);
-    const RemoteService service(program.service);
-    auto infos = service.List<AppPermissionGroupInfo>(options.request, options.name, options.userId, interested);
+    auto infos = AskForRecords<AppPermissionGroupInfo>(program.service, options.request, options.name, options.userId,
+                                                       options.interested);
     std::sort(infos.begin(), infos.end(), [](const auto& left, const auto& right) {
         return std::tie(left.bundleName, left.uid, left.permissionGroup) <
                std::tie(right.bundleName, right.uid, right.permissionGroup);
     });
-    const Columns columns = {{"APP", "bundleName"},           {"UID", "uid"},
-                             {"GROUP", "permissionGroup"},    {"STATE", "checkedState"},
-                             {"FLAGS", "flags", FormatFlags}, {"CHOICES (DISABLED)", "", FormatChoices},
+    const Columns columns = {{"APP", "bundleName"},        {"UID", "uid"},
+                             {"GROUP", "permissionGroup"}, {"STATE", "checkedState"},
+                             {"FLAGS", "", FormatFlags},   {"CHOICES (DISABLED)", "", FormatChoices},
                              {"REASON", "disabledReason"}};
-    PrintRecords(program.output, infos, columns, GroupToJson);
+    PrintRecords(program.output, infos.size(), columns, [&](size_t index) { return GroupToJson(infos[index]); });
 }
 
-int32_t FindUid(const RemoteService& service, const SetOptions& options)
+int32_t FindUid(const Program& program, const SetOptions& options)
 {
     const std::unordered_set<std::string> all;
-    const auto infos = service.List<AppPermissionGroupInfo>(&Interface::GetAppPermissionGroupInfosByApp,
-                                                            options.bundleName, options.userId, all);
+    const auto infos = AskForRecords<AppPermissionGroupInfo>(program.service, &Service::GetAppPermissionGroupInfosByApp,
+                                                             options.bundleName, options.userId, all);
     if (infos.empty()) {
         throw Failure(EXIT_USAGE,
                       options.bundleName + " holds no permission group; to ask all the same, give its --uid");
@@ -104,11 +96,12 @@ int32_t FindUid(const RemoteService& service, const SetOptions& options)
 
 void RunSet(const Program& program, const SetOptions& options)
 {
-    const RemoteService service(program.service);
-    const int32_t uid = options.uid >= 0 ? options.uid : FindUid(service, options);
+    const int32_t uid = options.uid >= 0 ? options.uid : FindUid(program, options);
     bool isChanged = false;
-    service.Check(service->SetAppPermissionGroupCheckedState(options.bundleName, uid, options.permissionGroup,
-                                                             options.parameter, isChanged));
+    Check(Ask(program.service, [&](Service& service) {
+        return service.SetAppPermissionGroupCheckedState(options.bundleName, uid, options.permissionGroup,
+                                                         options.parameter, isChanged);
+    }));
     PrintResult(program.output,
                 {{"bundleName", options.bundleName},
                  {"uid", uid},
@@ -119,6 +112,13 @@ void RunSet(const Program& program, const SetOptions& options)
                     options.parameter.checkedState + (isChanged ? "" : ", as it was before"));
 }
 
+void AddInterested(CLI::App& command, const char* name, size_t limit, ListOptions& options, const char* text,
+                   const char* description)
+{
+    const auto take = [&options](const std::unordered_set<std::string>& names) { options.interested = names; };
+    AddListReader<std::unordered_set<std::string>>(command, name, limit, take, text, description);
+}
+
 }  // namespace
 
 void AddGroupsCommands(CLI::App& app, const Program& program)
@@ -126,42 +126,39 @@ void AddGroupsCommands(CLI::App& app, const Program& program)
     CLI::App* groups = app.add_subcommand("groups", "Permission groups: by-app, by-permission, set");
     groups->require_subcommand(1);
 
-    const auto [byApp, appOptions] = AddCommand(*groups, program, "by-app", "The permission groups of an app", RunList);
-    appOptions->request = &Interface::GetAppPermissionGroupInfosByApp;
-    appOptions->filter = "--group";
-    appOptions->maxNames = Contract::MAX_INTERESTED_PERMISSION_GROUPS_SIZE;
-    AddOption(*byApp, "BUNDLE", appOptions->name, " ", "The app, as com.example.camera");
-    AddOption(*byApp, "--user", appOptions->userId, "N", "For which user [100]");
-    AddOption(*byApp, "--group", appOptions->interested, "GROUP", "Only this group; may be repeated [all]");
-    byApp->footer("\nExample:\n  security-privacy-cli groups by-app com.example.camera --group CAMERA --user 101");
+    auto [byApp, appOptions] =
+        AddCommand(*groups, program, "by-app", "The permission groups of an app", RunList,
+                   "\nExample:\n  security-privacy-cli groups by-app com.example.camera --group CAMERA --user 101");
+    appOptions.request = &Service::GetAppPermissionGroupInfosByApp;
+    AddOption(byApp, "BUNDLE", appOptions.name, " ", "The app, as com.example.camera");
+    AddOption(byApp, "--user", appOptions.userId, "N", "For which user [100]");
+    AddInterested(byApp, "--group", Contract::MAX_INTERESTED_PERMISSION_GROUPS_SIZE, appOptions, "GROUP",
+                  "Only this group; may be repeated [all]");
 
-    const auto [byPermission, permissionOptions] =
-        AddCommand(*groups, program, "by-permission", "The apps that hold a permission group", RunList);
-    permissionOptions->request = &Interface::GetAppPermissionGroupInfosByPermission;
-    permissionOptions->filter = "--bundle";
-    permissionOptions->maxNames = Contract::MAX_INTERESTED_BUNDLE_NAMES_SIZE;
-    AddOption(*byPermission, "GROUP", permissionOptions->name, " ", "The permission group, as LOCATION");
-    AddOption(*byPermission, "--user", permissionOptions->userId, "N", "For which user [100]");
-    AddOption(*byPermission, "--bundle", permissionOptions->interested, "BUNDLE",
-              "Only this app; may be repeated [all]");
-    byPermission->footer("\nExample:\n  security-privacy-cli groups by-permission LOCATION --json");
+    auto [byPermission, permissionOptions] =
+        AddCommand(*groups, program, "by-permission", "The apps that hold a permission group", RunList,
+                   "\nExample:\n  security-privacy-cli groups by-permission LOCATION --json");
+    permissionOptions.request = &Service::GetAppPermissionGroupInfosByPermission;
+    AddOption(byPermission, "GROUP", permissionOptions.name, " ", "The permission group, as LOCATION");
+    AddOption(byPermission, "--user", permissionOptions.userId, "N", "For which user [100]");
+    AddInterested(byPermission, "--bundle", Contract::MAX_INTERESTED_BUNDLE_NAMES_SIZE, permissionOptions, "BUNDLE",
+                  "Only this app; may be repeated [all]");
 
-    const auto [set, options] =
-        AddCommand(*groups, program, "set", "Choose the state of an app's permission group", RunSet);
-    AddOption(*set, "BUNDLE", options->bundleName, " ", "The app");
-    AddOption(*set, "GROUP", options->permissionGroup, " ", "The permission group");
-    AddOption(*set, "STATE", options->parameter.checkedState, " ", "One of the choices that by-app shows");
-    AddOption(*set, "--user", options->userId, "N", "For which user; the uid is looked up [100]");
-    AddOption(*set, "--uid", options->uid, "N", "The app's uid, in place of --user")
-        ->check(CLI::Range(0, std::numeric_limits<int32_t>::max()));
-    CLI::Option* mask = AddOption(*set, "--flags-mask", options->parameter.flagsMask, "BITS",
-                                  "Which flag bits to set, as 0x5 or 5 [none]");
-    AddOption(*set, "--flags-value", options->parameter.flagsValue, "BITS", "The new values of these bits [0]")
-        ->needs(mask);
-    set->footer(
+    auto [set, options] = AddCommand(
+        *groups, program, "set", "Choose the state of an app's permission group", RunSet,
         "\nOnly for users whom the service allows changes (exit code 4 for others).\n"
         "\nExample:\n"
         "  security-privacy-cli groups set com.example.camera LOCATION deny --flags-mask 0x1 --flags-value 0x1");
+    AddOption(set, "BUNDLE", options.bundleName, " ", "The app");
+    AddOption(set, "GROUP", options.permissionGroup, " ", "The permission group");
+    AddOption(set, "STATE", options.parameter.checkedState, " ", "One of the choices that by-app shows");
+    AddOption(set, "--user", options.userId, "N", "For which user; the uid is looked up [100]");
+    AddOption(set, "--uid", options.uid, "N", "The app's uid, in place of --user")
+        ->check(CLI::Range(0, std::numeric_limits<int32_t>::max()));
+    CLI::Option* mask = AddOption(set, "--flags-mask", options.parameter.flagsMask, "BITS",
+                                  "Which flag bits to set, as 0x5 or 5 [none]");
+    AddOption(set, "--flags-value", options.parameter.flagsValue, "BITS", "The new values of these bits [0]")
+        ->needs(mask);
 }
 
 }  // namespace SecurityPrivacyTools

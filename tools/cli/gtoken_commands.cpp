@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
 #include <cstdint>
+#include <functional>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "cli/failure.h"
 #include "cli/output.h"
 #include "cli/program.h"
 #include "cli/remote_service.h"
@@ -28,7 +30,6 @@ constexpr size_t MAX_FINGERPRINT_BYTES = 4096;
 struct AddPolicyOptions {
     GTokenInfo info;
     std::string fingerprintPath;
-    std::vector<std::string> policies;
     std::string path;
 };
 
@@ -73,7 +74,7 @@ std::vector<GTokenInfo> ReadInfos(const std::string& path)
     if (infos.empty()) {
         throw InputError(path + ": there is nothing to add");
     }
-    CheckLength(path.c_str(), infos.size(), Contract::MAX_GTOKEN_REQUEST_SIZE);
+    CheckLength(path, infos.size(), Contract::MAX_GTOKEN_REQUEST_SIZE);
     return infos;
 }
 
@@ -88,15 +89,14 @@ GTokenInfo MakeInfo(const AddPolicyOptions& options)
                       "add needs --bundle and a --fingerprint-file (or --fingerprint) that is not empty, "
                       "or else --from; see 'gtoken add --help'");
     }
-    CheckLength("--policy", options.policies.size(), Contract::MAX_POLICIES_SIZE);
-    for (const std::string& policy : options.policies) {
-        info.policies.push_back(ParsePolicy(policy));
-    }
     return info;
 }
 
-void ReportCount(const Program& program, const std::string& done, size_t count)
+// Sends a request without records, and tells how many bundles it was for.
+void Change(const Program& program, const std::string& done, size_t count,
+            const std::function<int64_t(Service&)>& request)
 {
+    Check(Ask(program.service, request));
     PrintResult(program.output, {{done, count}},
                 done + ": " + std::to_string(count) + (count == 1 ? " bundle" : " bundles"));
 }
@@ -105,36 +105,42 @@ void RunAdd(const Program& program, const AddPolicyOptions& options)
 {
     const std::vector<GTokenInfo> infos =
         options.path.empty() ? std::vector<GTokenInfo>{MakeInfo(options)} : ReadInfos(options.path);
-    const RemoteService service(program.service);
-    service.Check(service->GTokenPolicyAddPolicy(infos));
-    ReportCount(program, "added", infos.size());
+    Change(program, "added", infos.size(), [&](Service& service) { return service.GTokenPolicyAddPolicy(infos); });
 }
 
 void RunGet(const Program& program, const BundlesOptions& options)
 {
-    CheckLength("BUNDLE", options.bundleNames.size(), Contract::MAX_GTOKEN_REQUEST_SIZE);
-    const RemoteService service(program.service);
-    const GTokenResultWithRet result = service->GTokenPolicyGetPolicy(options.policyName, options.bundleNames);
-    service.Check(result.ret, result.gTokenResults);
+    GTokenResultWithRet result;
+    const Call call = Ask(program.service, [&](Service& service) {
+        result = service.GTokenPolicyGetPolicy(options.policyName, options.bundleNames);
+        return result.ret;
+    });
+    Check(call, result.gTokenResults.size());
     // The rows carry the bundles' fingerprints; they are not to be shown.
-    const auto toJson = [&options](const GTokenResult& row) {
+    const auto toJson = [&](size_t index) {
+        const GTokenResult& row = result.gTokenResults[index];
         return Json{{"bundleName", row.bundleName},
                     {"versionCode", row.versionCode},
                     {"policyName", options.policyName},
                     {"policyValue", row.policyValue}};
     };
     PrintRecords(
-        program.output, result.gTokenResults,
+        program.output, result.gTokenResults.size(),
         {{"BUNDLE", "bundleName"}, {"VERSION", "versionCode"}, {"POLICY", "policyName"}, {"VALUE", "policyValue"}},
         toJson);
 }
 
 void RunRemove(const Program& program, const BundlesOptions& options)
 {
-    CheckLength("BUNDLE", options.bundleNames.size(), Contract::MAX_GTOKEN_REQUEST_SIZE);
-    const RemoteService service(program.service);
-    service.Check(service->GTokenPolicyRemovePolicy(options.bundleNames));
-    ReportCount(program, "removed", options.bundleNames.size());
+    const std::vector<std::string>& names = options.bundleNames;
+    Change(program, "removed", names.size(), [&](Service& service) { return service.GTokenPolicyRemovePolicy(names); });
+}
+
+void AddBundles(CLI::App& command, std::vector<std::string>& bundleNames, const char* description)
+{
+    const auto take = [&bundleNames](const std::vector<std::string>& names) { bundleNames = names; };
+    AddListReader<std::vector<std::string>>(command, "BUNDLE", Contract::MAX_GTOKEN_REQUEST_SIZE, take, "...",
+                                            description);
 }
 
 }  // namespace
@@ -144,23 +150,8 @@ void AddGTokenCommands(CLI::App& app, const Program& program)
     CLI::App* gtoken = app.add_subcommand("gtoken", "GToken policies of bundles: add, get, remove");
     gtoken->require_subcommand(1);
 
-    const auto [add, addOptions] =
-        AddCommand(*gtoken, program, "add", "Set policies of one bundle, or of many from a file", RunAdd);
-    CLI::Option* bundle = AddOption(*add, "--bundle", addOptions->info.bundleName, "BUNDLE", "The bundle");
-    AddOption(*add, "--version-code", addOptions->info.versionCode, "N", "The bundle's version [0]");
-    CLI::Option* file = AddOption(*add, "--fingerprint-file", addOptions->fingerprintPath, "FILE",
-                                  "File with the bundle's fingerprint; - for standard input");
-    CLI::Option* fingerprint = AddOption(*add, "--fingerprint", addOptions->info.fingerprint, "TEXT",
-                                         "The fingerprint itself: other users of the machine can see it");
-    AddOption(*add, "--policy", addOptions->policies, "NAME=VALUE",
-              "A policy and its value, a whole number; may be repeated");
-    AddOption(*add, "--from", addOptions->path, "FILE",
-              "JSON file of many bundles, see below; in place of the other options")
-        ->excludes(bundle)
-        ->excludes(file)
-        ->excludes(fingerprint);
-    fingerprint->excludes(file);
-    add->footer(
+    auto [add, addOptions] = AddCommand(
+        *gtoken, program, "add", "Set policies of one bundle, or of many from a file", RunAdd,
         "\nA bundle that is stored already has to have the same fingerprint; its version is replaced, and so are\n"
         "policies of the same name. Either all bundles of one call are stored or none. Fingerprints are never "
         "printed.\n"
@@ -170,16 +161,35 @@ void AddGTokenCommands(CLI::App& app, const Program& program)
         "\nExample:\n"
         "  security-privacy-cli gtoken add --bundle com.example.bank --version-code 7 \\\n"
         "      --fingerprint-file bank.fingerprint --policy screen_capture=0 --policy attestation=2");
+    GTokenInfo& info = addOptions.info;
+    CLI::Option* bundle = AddOption(add, "--bundle", info.bundleName, "BUNDLE", "The bundle");
+    AddOption(add, "--version-code", info.versionCode, "N", "The bundle's version [0]");
+    CLI::Option* file = AddOption(add, "--fingerprint-file", addOptions.fingerprintPath, "FILE",
+                                  "File with the bundle's fingerprint; - for standard input");
+    CLI::Option* fingerprint = AddOption(add, "--fingerprint", info.fingerprint, "TEXT",
+                                         "The fingerprint itself: other users of the machine can see it");
+    const auto takePolicies = [&info](const std::vector<std::string>& texts) {
+        std::transform(texts.begin(), texts.end(), std::back_inserter(info.policies), ParsePolicy);
+    };
+    AddListReader<std::vector<std::string>>(add, "--policy", Contract::MAX_POLICIES_SIZE, takePolicies, "NAME=VALUE",
+                                            "A policy and its value, a whole number; may be repeated");
+    AddOption(add, "--from", addOptions.path, "FILE",
+              "JSON file of many bundles, see below; in place of the other options")
+        ->excludes(bundle)
+        ->excludes(file)
+        ->excludes(fingerprint);
+    fingerprint->excludes(file);
 
-    const auto [get, getOptions] = AddCommand(*gtoken, program, "get", "The value of a policy for bundles", RunGet);
-    AddOption(*get, "POLICY", getOptions->policyName, " ", "Name of the policy");
-    AddOption(*get, "BUNDLE", getOptions->bundleNames, "...", "The bundles; one without the policy gives no row");
-    get->footer("\nExample:\n  security-privacy-cli gtoken get screen_capture com.example.bank com.example.mail");
+    auto [get, getOptions] =
+        AddCommand(*gtoken, program, "get", "The value of a policy for bundles", RunGet,
+                   "\nExample:\n  security-privacy-cli gtoken get screen_capture com.example.bank com.example.mail");
+    AddOption(get, "POLICY", getOptions.policyName, " ", "Name of the policy");
+    AddBundles(get, getOptions.bundleNames, "The bundles; one without the policy gives no row");
 
-    const auto [remove, removeOptions] =
-        AddCommand(*gtoken, program, "remove", "Forget bundles and all their policies", RunRemove);
-    AddOption(*remove, "BUNDLE", removeOptions->bundleNames, "...", "The bundles; either all are removed or none");
-    remove->footer("\nExample:\n  security-privacy-cli gtoken remove com.example.bank");
+    auto [remove, removeOptions] =
+        AddCommand(*gtoken, program, "remove", "Forget bundles and all their policies", RunRemove,
+                   "\nExample:\n  security-privacy-cli gtoken remove com.example.bank");
+    AddBundles(remove, removeOptions.bundleNames, "The bundles; either all are removed or none");
 }
 
 }  // namespace SecurityPrivacyTools

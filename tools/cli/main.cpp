@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "cli/failure.h"
 #include "cli/output.h"
 #include "cli/program.h"
 #include "common/json_input.h"
@@ -34,27 +33,15 @@ std::string Manual()
         "  4  the service refuses this user\n"
         "  5  the connection was lost, the answer took too long, or one side did not understand the other\n"
         "\nResult codes of the service:\n";
-    for (int32_t code = RESULT_UNKNOWN_USER; const ResultDescription* result = DescribeResult(code); ++code) {
+    for (const auto& [code, name, meaning] : RESULT_DESCRIPTIONS) {
         char line[160];
-        std::snprintf(line, sizeof(line), "  %d  %-25s %s\n", code, result->name, result->meaning);
+        std::snprintf(line, sizeof(line), "  %d  %-25s %s\n", code, name, meaning);
         manual += line;
     }
     return manual +
            "\nExample:\n"
            "  security-privacy-cli groups by-app com.example.camera\n"
            "  security-privacy-cli usage timeline --since 2d --chart\n";
-}
-
-// Tells in the manual of each command where the common options are.
-void AddFooters(CLI::App& app)
-{
-    for (CLI::App* command : app.get_subcommands(nullptr)) {
-        command->footer(
-            "\nCommon options (--json, --compact, --directory, --wait, --verbose), TIME and exit codes:\n"
-            "  security-privacy-cli --help\n" +
-            command->get_footer());
-        AddFooters(*command);
-    }
 }
 
 void AddCommonOptions(CLI::App& app, Program& program)
@@ -101,11 +88,13 @@ int Report(const Program& program, const Failure& failure)
     }
     std::fprintf(stderr, "security-privacy-cli: %s\n", message.c_str());
     if (program.output.isJson) {
-        PrintJson(program.output, {{"error",
-                                    {{"exitCode", static_cast<int>(failure.exitCode)},
-                                     {"code", failure.code},
-                                     {"name", failure.name},
-                                     {"message", message}}}});
+        PrintResult(program.output,
+                    {{"error",
+                      {{"exitCode", static_cast<int>(failure.exitCode)},
+                       {"code", failure.code},
+                       {"name", failure.name},
+                       {"message", message}}}},
+                    "");
         std::fflush(stdout);
     }
     return failure.exitCode;
@@ -151,11 +140,14 @@ int main(int argc, char** argv)
         // Common options may stand behind the command as well.
         app.fallthrough();
         AddCommonOptions(app, program);
+        // Of every command.
+        app.footer(
+            "\nCommon options (--json, --compact, --directory, --wait, --verbose), TIME and exit codes:\n"
+            "  security-privacy-cli --help\n");
         AddGroupsCommands(app, program);
         AddUsageCommands(app, program);
         AddGTokenCommands(app, program);
         AddServiceCommands(app, program);
-        AddFooters(app);
         app.footer(Manual());
         const std::vector<std::string> words(argv + 1, argv + argc);
         return Run(app, program, words);
@@ -163,13 +155,5 @@ int main(int argc, char** argv)
         return Report(program, failure);
     } catch (const std::exception& error) {
         return Report(program, Failure(EXIT_BROKEN, error.what()));
-    }
-}
-
-void SecurityPrivacyTools::CheckLength(const char* option, size_t length, size_t limit)
-{
-    if (length > limit) {
-        throw Failure(EXIT_USAGE, std::string(option) + ": " + std::to_string(length) +
-                                      " values, a request carries at most " + std::to_string(limit));
     }
 }

@@ -7,8 +7,6 @@
 #include <cstring>
 #include <cwchar>
 
-#include "cli/failure.h"
-
 namespace SecurityPrivacyTools {
 namespace {
 
@@ -35,10 +33,7 @@ std::string Dump(const OutputOptions& options, const Json& value)
 
 std::string CellText(const Column& column, const Json& object)
 {
-    if (column.format == nullptr) {
-        return Text(object, column.member);
-    }
-    return column.format(column.member.empty() ? object : Member(object, column.member));
+    return column.format != nullptr ? column.format(object) : Text(object, column.member);
 }
 
 }  // namespace
@@ -63,57 +58,46 @@ void PrintRow(const Columns& columns, const Json& object)
         const std::string text = object.is_null() ? column.heading : CellText(column, object);
         line += Padded(VisibleText(text), column.width) + std::string(GAP, ' ');
     }
-    PrintLine(std::string_view(line).substr(0, line.find_last_not_of(' ') + 1));
+    std::puts(line.erase(line.find_last_not_of(' ') + 1).c_str());
 }
 
-void PrintTable(Columns columns, size_t count, const MakeObject& makeObject)
+void PrintRecords(const OutputOptions& options, size_t count, Columns columns,
+                  const std::function<Json(size_t index)>& makeObject)
 {
     if (count == 0) {
-        PrintLine("none");
+        std::puts(options.isJson ? "[]" : "none");
+        return;
+    }
+    if (options.isJson) {
+        const std::string end = options.isCompact ? "]" : "\n]";
+        for (size_t index = 0; index < count; ++index) {
+            // A list of this one alone, without its end. All but the first take a comma in the place of its beginning.
+            std::string item = Dump(options, Json::array({makeObject(index)}));
+            item.front() = index == 0 ? '[' : ',';
+            std::fwrite(item.data(), 1, item.size() - end.size(), stdout);
+        }
+        std::puts(end.c_str());
         return;
     }
     for (Column& column : columns) {
         column.width = column.heading.size();
     }
-    for (size_t row = 0; row < count; ++row) {
-        const Json object = makeObject(row);
+    for (size_t index = 0; index < count; ++index) {
+        const Json object = makeObject(index);
         for (Column& column : columns) {
             const size_t width = DisplayWidth(VisibleText(CellText(column, object)));
             column.width = std::max(column.width, std::min(width, MAX_COLUMN));
         }
     }
     PrintRow(columns, Json());
-    for (size_t row = 0; row < count; ++row) {
-        PrintRow(columns, makeObject(row));
-    }
-}
-
-void PrintJson(const OutputOptions& options, const Json& value)
-{
-    PrintLine(Dump(options, value));
-}
-
-void PrintJsonList(const OutputOptions& options, size_t count, const MakeObject& makeObject)
-{
-    const std::string_view end = options.isCompact ? "]" : "\n]";
     for (size_t index = 0; index < count; ++index) {
-        // A list of this one alone, without its end. All but the first take a comma in the place of its beginning.
-        std::string item = Dump(options, Json::array({makeObject(index)}));
-        item.front() = index == 0 ? '[' : ',';
-        std::fwrite(item.data(), 1, item.size() - end.size(), stdout);
+        PrintRow(columns, makeObject(index));
     }
-    PrintLine(count == 0 ? "[]" : end);
 }
 
 void PrintResult(const OutputOptions& options, const Json& json, const std::string& text)
 {
-    PrintLine(options.isJson ? Dump(options, json) : VisibleText(text));
-}
-
-void PrintLine(std::string_view text)
-{
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fputc('\n', stdout);
+    std::puts((options.isJson ? Dump(options, json) : VisibleText(text)).c_str());
 }
 
 void FinishOutput()

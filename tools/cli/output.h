@@ -2,38 +2,61 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "varn/host/visible_text.h"
 
 namespace SecurityPrivacyTools {
 
-// Every function that prints makes visible what a terminal would obey: names and texts come from the service.
+// Names and texts come from the service: whoever prints one makes visible what a terminal would obey.
 
 using Json = nlohmann::ordered_json;
 using VARN::Host::VisibleText;
+
+// How the program ends. Scripts rely on the numbers: never renumber.
+enum ExitCode : int {
+    EXIT_OK = 0,
+    EXIT_SERVICE_RESULT = 1,  // the service answered with a result other than 0
+    EXIT_USAGE = 2,           // the command line or a file that it names is wrong; nothing was sent
+    EXIT_UNREACHABLE = 3,     // no service was found
+    EXIT_REFUSED = 4,         // the service does not let this user do that
+    EXIT_BROKEN = 5,          // the connection was lost, it took too long, or one side did not understand the other
+};
+
+// Ends the command: main prints the message and returns the exit code.
+struct Failure : std::runtime_error {
+    // `code` is the number that came back, `name` its name where it has one.
+    Failure(ExitCode failureExit, const std::string& message, int32_t failureCode = 0, std::string failureName = "")
+        : std::runtime_error(message), exitCode(failureExit), code(failureCode), name(std::move(failureName))
+    {
+    }
+
+    ExitCode exitCode;
+    int32_t code;
+    std::string name;
+};
 
 struct OutputOptions {
     bool isJson = false;
     bool isCompact = false;  // JSON without line breaks; only with isJson
 };
 
-// A column of a table of JSON objects: it shows `member` as it is, or the text that `format` makes of it. Without a
-// member `format` gets the whole object. A table that is not printed line by line finds its own widths.
+// A column of a table of JSON objects: it shows `member` as it is, or the text that `format` makes of the object. A
+// table that is not printed line by line finds its own widths.
 struct Column {
     std::string heading;
     std::string member;
-    std::string (*format)(const Json& value) = nullptr;
+    std::string (*format)(const Json& object) = nullptr;
     size_t width = 0;
 };
 using Columns = std::vector<Column>;
-
-// Makes the JSON object of a row. It is called again whenever the row is needed, so that a long table takes no memory.
-using MakeObject = std::function<Json(size_t index)>;
 
 // The member of an object; null where there is none.
 const Json& Member(const Json& object, const std::string& name);
@@ -44,34 +67,15 @@ std::string Text(const Json& object, const std::string& name);
 // Prints a line of a table, its headings for null. Nothing follows the last text of a line.
 void PrintRow(const Columns& columns, const Json& object);
 
-// Prints `count` rows under their headings, "none" where there are no rows. A column is as wide as its longest text,
-// but one text alone does not widen it past 40 columns: a table stays about as long as what is in it.
-void PrintTable(Columns columns, size_t count, const MakeObject& makeObject);
+// Prints `count` records as the options say: a JSON list, or a table, "none" where there are no records. `makeObject`
+// is called again whenever a record is needed, so that a long table takes no memory. A column is as wide as its longest
+// text, but one text alone does not widen it past 40 columns: a table stays about as long as what is in it.
+void PrintRecords(const OutputOptions& options, size_t count, Columns columns,
+                  const std::function<Json(size_t index)>& makeObject);
 
-// Prints a value. Other characters than ASCII are escaped, bytes that are no UTF-8 replaced.
-void PrintJson(const OutputOptions& options, const Json& value);
-
-// Prints a list of values.
-void PrintJsonList(const OutputOptions& options, size_t count, const MakeObject& makeObject);
-
-// Prints records as the options say: a list of the JSON objects that `toJson` makes of them, or their table.
-template <class Record, class ToJson>
-void PrintRecords(const OutputOptions& options, const std::vector<Record>& records, const Columns& columns,
-                  ToJson toJson)
-{
-    const auto makeObject = [&](size_t index) -> Json { return toJson(records[index]); };
-    if (options.isJson) {
-        PrintJsonList(options, records.size(), makeObject);
-    } else {
-        PrintTable(columns, records.size(), makeObject);
-    }
-}
-
-// Prints a result as the options say: `json`, or the line `text`.
+// Prints a result as the options say: `json`, or the line `text`. In JSON other characters than ASCII are escaped,
+// bytes that are no UTF-8 replaced.
 void PrintResult(const OutputOptions& options, const Json& json, const std::string& text);
-
-// As it is, and a newline.
-void PrintLine(std::string_view text);
 
 // Brings out what was printed. Throws Failure when that cannot be written.
 void FinishOutput();

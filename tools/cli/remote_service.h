@@ -4,14 +4,15 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "security_privacy/security_privacy_service_intf.h"
-#include "varn/ref_base.h"
 
 namespace SecurityPrivacyTools {
+
+using Service = VARN::AppSecurityPrivacy::SecurityPrivacyServer::SecurityPrivacyServiceIntf;
 
 struct ServiceOptions {
     std::string directory;  // of the socket; empty: as the platform finds it
@@ -22,70 +23,34 @@ struct ServiceOptions {
 // Where the service's sockets are.
 std::string ServiceDirectory(const ServiceOptions& options);
 
-// What is known of the last call.
+// What is known of a call that was answered.
 struct Call {
     std::chrono::nanoseconds finding{0};  // how long it took to find the service
-    bool isSent = false;
-    int32_t status = 0;  // 0, the service's status, or an IpcCode
-    size_t replyBytes = 0;
     std::chrono::nanoseconds answering{0};
+    bool isSent = false;
+    int32_t status = 0;  // 0 or the service's status
+    int64_t result = 0;  // what the service said, be it in its status or in its reply
+    size_t replyBytes = 0;
 };
 
-// The service, found, and what became of the last call to it. An interface tells its caller little, -1 for a call that
-// was refused, malformed or lost. This stands between proxy and remote object, where the status is seen, and takes the
-// log lines: all go to standard error when they are wanted, else the last one of the platform is kept as the reason of
-// a failure.
-//
-// One at a time. Thread safety: one thread.
-class RemoteService {
-public:
-    using Interface = VARN::AppSecurityPrivacy::SecurityPrivacyServer::SecurityPrivacyServiceIntf;
+// Finds the service and makes `request` call it once; what that returns is the result. Throws Failure unless there was
+// an answer, whatever it says. An interface tells its caller little, -1 for a call that was refused, malformed or lost.
+// This stands between proxy and remote object, where the status is seen, and takes the log lines: all go to standard
+// error when they are wanted, else the last one of the platform is the reason of a failure.
+Call Ask(const ServiceOptions& options, const std::function<int64_t(Service&)>& request);
 
-    // Throws Failure when the service is not found within the time.
-    explicit RemoteService(const ServiceOptions& options);
+// Throws Failure unless the result is 0. `records` is how many came, for a call that brings some: an interface takes
+// too many of them for none.
+void Check(const Call& call, size_t records = 1);
 
-    RemoteService(const RemoteService&) = delete;
-    RemoteService& operator=(const RemoteService&) = delete;
-
-    Interface* operator->() const { return service_.Get(); }
-
-    // To be called after each call with what it returned. Throws Failure unless there was an answer, and it is 0.
-    void Check(int64_t result) const;
-
-    // The same for a call that brings records: an interface takes too many of them for none.
-    template <class Record>
-    void Check(int64_t result, const std::vector<Record>& records) const
-    {
-        Check(result);
-        CheckRecords(records.size());
-    }
-
-    // Sends a request that brings records: a member function of the interface whose last argument they are.
-    template <class Record, class Request, class... Arguments>
-    std::vector<Record> List(Request request, const Arguments&... arguments) const
-    {
-        std::vector<Record> records;
-        const int32_t result = (service_.Get()->*request)(arguments..., records);
-        Check(result, records);
-        return records;
-    }
-
-    // Throws Failure unless there was an answer, whatever it says.
-    void CheckAnswer() const;
-
-    const Call& LastCall() const { return call_; }
-
-private:
-    class WatchedObject;
-
-    void CheckRecords(size_t count) const;
-    std::string Reason() const;
-
-    const bool isVerbose_;
-    // The sink has a share of it: log lines may come when this object is gone.
-    const std::shared_ptr<std::string> lastLine_ = std::make_shared<std::string>();
-    Call call_;
-    VARN::sptr<Interface> service_;
-};
+// Sends a request that brings records: a member function of the interface whose last argument they are.
+template <class Record, class Request, class... Arguments>
+std::vector<Record> AskForRecords(const ServiceOptions& options, Request request, const Arguments&... arguments)
+{
+    std::vector<Record> records;
+    const Call call = Ask(options, [&](Service& service) { return (service.*request)(arguments..., records); });
+    Check(call, records.size());
+    return records;
+}
 
 }  // namespace SecurityPrivacyTools

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include <algorithm>
@@ -11,10 +11,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <vector>
 
-#include "cli/failure.h"
 #include "cli/output.h"
 #include "cli/program.h"
 #include "cli/remote_service.h"
@@ -29,10 +29,10 @@ namespace {
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::SECURITY_PRIVACY_SA_ID;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery;
-using MessageCode = RemoteService::Interface::MessageCode;
+using MessageCode = Service::MessageCode;
 
 constexpr int32_t MAX_PINGS = 1000000;
-constexpr int ANSWER_TIMEOUT_MS = 8000;
+constexpr std::time_t ANSWER_TIMEOUT_SECONDS = 8;
 
 struct PingOptions {
     int32_t count = 1;
@@ -66,12 +66,10 @@ void RunPing(const Program& program, const PingOptions& options)
     query.SetEndTimestamp(2);
     const std::string name = MessageCode::ToString(MessageCode::GET_PERMISSION_USAGE_RECORD_TIMELINE);
     for (int32_t turn = 0; turn < options.count; ++turn) {
-        const RemoteService service(program.service);
         std::vector<PermissionUsageRecord> records;
-        service->GetPermissionUsageTimeline(query, records);
         // Whatever the service thinks of the query: it has answered.
-        service.CheckAnswer();
-        const Call& call = service.LastCall();
+        const Call call =
+            Ask(program.service, [&](Service& service) { return service.GetPermissionUsageTimeline(query, records); });
         const double finding = Milliseconds(call.finding);
         const double answering = Milliseconds(call.answering);
         PrintResult(program.output,
@@ -84,53 +82,54 @@ void RunPing(const Program& program, const PingOptions& options)
 class StatusStream {
 public:
     explicit StatusStream(const ServiceOptions& options)
-        : path_(ServiceDirectory(options) + "/" + std::to_string(SECURITY_PRIVACY_SA_ID) + ".status.sock"),
-          socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+        : path_(ServiceDirectory(options) + "/" + std::to_string(SECURITY_PRIVACY_SA_ID) + ".status.sock")
     {
+        const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
         path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
         if (path_.size() >= sizeof(address.sun_path)) {
             Fail(EXIT_USAGE, "the path is longer than a socket's may be");
         }
-        if (::connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
             const bool isRefused = errno == EACCES || errno == EPERM;
             Fail(isRefused ? EXIT_REFUSED : EXIT_UNREACHABLE, std::strerror(errno));
         }
-        status_ = Next(ANSWER_TIMEOUT_MS);
+        stream_ = ::fdopen(socket, "r");
+        const auto waitAtMost = [socket](timeval time) {
+            ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof(time));
+        };
+        waitAtMost({ANSWER_TIMEOUT_SECONDS, 0});
+        status_ = Next();
+        waitAtMost({0, 0});  // for ever
     }
 
     // What the service said first.
     const Json& Status() const { return status_; }
 
-    // The next line. Throws Failure at the end, and when none is whole within the time (negative: for ever).
-    Json Next(int timeoutMs = -1)
+    // The next line. Throws Failure at the end.
+    Json Next()
     {
         constexpr size_t MAX_LINE = size_t{1024} * 1024;
         // Against a document so deep that printing it would overflow the stack.
         constexpr int MAX_DEPTH = 8;
-        size_t end = 0;
-        while ((end = unread_.find('\n')) == std::string::npos) {
-            pollfd waiting = {socket_, POLLIN, 0};
-            char bytes[4096];
-            const ssize_t count =
-                ::poll(&waiting, 1, timeoutMs) > 0 ? ::recv(socket_, bytes, sizeof(bytes), 0) : ssize_t{-1};
-            if (count == 0) {
+        std::string text;
+        for (int byte = std::getc(stream_); byte != '\n'; byte = std::getc(stream_)) {
+            if (std::feof(stream_) != 0) {
                 // Before anything was said it is the way to turn a user away.
-                const bool isSilent = status_.is_null() && unread_.empty();
+                const bool isSilent = status_.is_null() && text.empty();
                 Fail(isSilent ? EXIT_REFUSED : EXIT_BROKEN, "the service has ended the connection");
             }
-            if (count < 0 || unread_.size() > MAX_LINE) {
+            if (byte == EOF || text.size() > MAX_LINE) {
                 Fail(EXIT_BROKEN, "the service took too long, or said too much");
             }
-            unread_.append(bytes, static_cast<size_t>(count));
+            text += static_cast<char>(byte);
         }
         bool isFlat = true;
         const auto check = [&isFlat](int depth, Json::parse_event_t, Json&) {
             return isFlat = isFlat && depth <= MAX_DEPTH;
         };
-        Json line = Json::parse(unread_.substr(0, end), check, false);
-        unread_.erase(0, end + 1);
+        Json line = Json::parse(text, check, false);
         if (!isFlat || !line.is_object()) {
             Fail(EXIT_BROKEN, "a line makes no sense");
         }
@@ -145,13 +144,13 @@ private:
     }
 
     const std::string path_;
-    const int socket_;  // the process has no other and ends with it
-    std::string unread_;
+    std::FILE* stream_ = nullptr;  // the process has no other and ends with it
     Json status_;
 };
 
-int64_t Number(const Json& value)
+int64_t Number(const Json& object, const char* name)
 {
+    const Json& value = Member(object, name);
     return value.is_number_integer() ? value.get<int64_t>() : 0;
 }
 
@@ -165,25 +164,25 @@ void PrintObjects(const Json& objects)
     for (const auto& [key, value] : objects.front().items()) {
         columns.push_back({key, key});
     }
-    PrintLine("");
-    PrintTable(columns, objects.size(), [&objects](size_t index) { return objects[index]; });
+    std::puts("");
+    PrintRecords({}, objects.size(), columns, [&objects](size_t index) { return objects[index]; });
 }
 
 void RunStatus(const Program& program, const StatusOptions& /*options*/)
 {
     const Json status = StatusStream(program.service).Status();
+    PrintResult(program.output, status,
+                Text(status, "service") + " " + Text(status, "version") + ", process " + Text(status, "pid") + ", up " +
+                    FormatSpan(Number(status, "startedAt"), Number(status, "time")));
     if (program.output.isJson) {
-        PrintJson(program.output, status);
         return;
     }
-    PrintLine(VisibleText(Text(status, "service") + " " + Text(status, "version") + ", process " + Text(status, "pid") +
-                          ", up " + FormatSpan(Number(Member(status, "startedAt")), Number(Member(status, "time")))));
     PrintObjects(Member(status, "requests"));
     const Json& server = Member(status, "server");
-    PrintLine("");
+    std::puts("");
     for (const auto& [key, value] : server.items()) {
         if (!value.is_structured()) {
-            PrintLine(VisibleText(key + ": " + value.dump()));
+            PrintResult({}, {}, key + ": " + value.dump());
         }
     }
     PrintObjects(Member(server, "users"));
@@ -194,23 +193,26 @@ bool IsWanted(const Json& request, const MonitorOptions& options)
     const auto contains = [](const auto& wanted, const auto& value) {
         return wanted.empty() || std::find(wanted.begin(), wanted.end(), value) != wanted.end();
     };
-    return contains(options.names, Text(request, "name")) && contains(options.uids, Number(Member(request, "uid")));
+    return contains(options.names, Text(request, "name")) && contains(options.uids, Number(request, "uid"));
 }
 
-std::string ExactTime(const Json& time)
+std::string ExactTime(const Json& request)
 {
+    const int64_t time = Number(request, "time");
     char milliseconds[8];
-    std::snprintf(milliseconds, sizeof(milliseconds), ".%03d", static_cast<int>(std::abs(Number(time) % SECOND)));
-    return FormatTime(Number(time)) + milliseconds;
+    std::snprintf(milliseconds, sizeof(milliseconds), ".%03d", static_cast<int>(std::abs(time % SECOND)));
+    return FormatTime(time) + milliseconds;
 }
 
 void RunMonitor(const Program& program, const MonitorOptions& options)
 {
-    const auto toMilliseconds = [](const Json& time) { return Decimal(static_cast<double>(Number(time)) / 1000); };
-    const Columns columns = {{"TIME", "time", ExactTime, 23},     {"UID", "uid", nullptr, 10},
+    const auto milliseconds = [](const Json& request) {
+        return Decimal(static_cast<double>(Number(request, "durationUs")) / 1000);
+    };
+    const Columns columns = {{"TIME", "", ExactTime, 23},         {"UID", "uid", nullptr, 10},
                              {"PID", "pid", nullptr, 8},          {"REQUEST", "name", nullptr, 44},
                              {"BYTES IN", "bytesIn", nullptr, 9}, {"BYTES OUT", "bytesOut", nullptr, 9},
-                             {"STATUS", "status", nullptr, 6},    {"MS", "durationUs", toMilliseconds}};
+                             {"STATUS", "status", nullptr, 6},    {"MS", "", milliseconds}};
     StatusStream stream(program.service);
     if (!program.output.isJson) {
         PrintRow(columns, Json());
@@ -222,11 +224,9 @@ void RunMonitor(const Program& program, const MonitorOptions& options)
         if (!isGap && !IsWanted(request, options)) {
             continue;
         }
-        if (program.output.isJson) {
-            PrintJson({true, true}, request);
-        } else if (isGap) {
-            PrintLine(
-                VisibleText("lost: " + Text(request, "lost") + " requests, which came faster than they were read"));
+        if (isGap || program.output.isJson) {
+            PrintResult({program.output.isJson, true}, request,
+                        "lost: " + Text(request, "lost") + " requests, which came faster than they were read");
         } else {
             PrintRow(columns, request);
         }
@@ -238,30 +238,26 @@ void RunMonitor(const Program& program, const MonitorOptions& options)
 
 void AddServiceCommands(CLI::App& app, const Program& program)
 {
-    const auto [ping, pingOptions] =
-        AddCommand(app, program, "ping", "How long finding the service and its answer take", RunPing);
-    AddOption(*ping, "-c,--count", pingOptions->count, "N", "How often to ask [1]")->check(CLI::Range(1, MAX_PINGS));
-    ping->footer(
-        "\nThe first time includes connecting; later ones look at the connection that is there.\n"
-        "What is asked changes nothing; it counts as GET_PERMISSION_USAGE_RECORD_TIMELINE in the service's "
-        "statistics.\n"
-        "Without an answer it says what was tried, on which path, and what the system said.\n"
-        "\nExample:\n  security-privacy-cli ping --count 5 --wait 0");
+    auto [ping, pingOptions] =
+        AddCommand(app, program, "ping", "How long finding the service and its answer take", RunPing,
+                   "\nThe first time includes connecting; later ones look at the connection that is there.\n"
+                   "What is asked changes nothing; it counts as GET_PERMISSION_USAGE_RECORD_TIMELINE in the service's "
+                   "statistics.\n"
+                   "Without an answer it says what was tried, on which path, and what the system said.\n"
+                   "\nExample:\n  security-privacy-cli ping --count 5 --wait 0");
+    AddOption(ping, "-c,--count", pingOptions.count, "N", "How often to ask [1]")->check(CLI::Range(1, MAX_PINGS));
 
-    CLI::App* status =
-        AddCommand(app, program, "status", "What the service has done and holds at present", RunStatus).first;
-    status->footer("\nOnly for root and the service's own user.\n\nExample:\n  security-privacy-cli status --json");
+    AddCommand(app, program, "status", "What the service has done and holds at present", RunStatus,
+               "\nOnly for root and the service's own user.\n\nExample:\n  security-privacy-cli status --json");
 
-    const auto [monitor, options] = AddCommand(
-        app, program, "monitor", "A line for each request that the service finishes, until interrupted", RunMonitor);
-    AddOption(*monitor, "--name", options->names, "NAME", "Only requests of this name; may be repeated [all]");
-    AddOption(*monitor, "--uid", options->uids, "N", "Only requests of this user id; may be repeated [all]");
-    AddOption(*monitor, "-c,--count", options->count, "N", "End after so many lines [never]")
-        ->check(CLI::PositiveNumber);
-    monitor->footer(
+    auto [monitor, options] = AddCommand(
+        app, program, "monitor", "A line for each request that the service finishes, until interrupted", RunMonitor,
         "\nOnly for root and the service's own user. Who reads too slowly loses lines and is told how many.\n"
         "With --json each line is a JSON object.\n"
         "\nExample:\n  security-privacy-cli monitor --name GET_PERMISSION_USAGE_RECORD_TIMELINE --uid 10001");
+    AddOption(monitor, "--name", options.names, "NAME", "Only requests of this name; may be repeated [all]");
+    AddOption(monitor, "--uid", options.uids, "N", "Only requests of this user id; may be repeated [all]");
+    AddOption(monitor, "-c,--count", options.count, "N", "End after so many lines [never]")->check(CLI::PositiveNumber);
 }
 
 }  // namespace SecurityPrivacyTools

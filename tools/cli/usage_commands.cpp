@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "cli/chart.h"
-#include "cli/failure.h"
 #include "cli/output.h"
 #include "cli/program.h"
 #include "cli/remote_service.h"
@@ -25,73 +24,13 @@ using VARN::AppSecurityPrivacy::SecurityPrivacyServer::MAX_QUERY_LIST_SIZE;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery;
 
+// What summary and timeline differ in, then what the user says.
 struct UsageOptions {
-    std::vector<std::string> bundleNames;
-    std::vector<int> userIds;
-    std::vector<std::string> operationGroups;
-    std::vector<std::string> operationModes;
-    std::vector<std::string> appStates;
-    std::vector<std::string> screenStates;
-    std::string since;
-    std::string until;
-    int32_t limit = 0;
-    bool isNewestFirst = false;
+    decltype(&Service::GetPermissionUsageTimeline) request = nullptr;
+    bool isSummary = false;
+    PermissionUsageRecordQuery query;
     bool isChart = false;
 };
-
-std::vector<int> ParseUsageCodes(const char* option, const UsageCodes& codes, const std::vector<std::string>& texts)
-{
-    CheckLength(option, texts.size(), MAX_QUERY_LIST_SIZE);
-    std::vector<int> numbers;
-    for (const std::string& text : texts) {
-        const std::optional<int> code = FindUsageCode(codes, text);
-        const std::optional<int> number = code ? code : ParseWhole<int>(text);
-        if (!number) {
-            throw Failure(EXIT_USAGE, std::string(option) + ": \"" + VisibleText(text) + "\" is none of " +
-                                          UsageCodeNames(codes) + ", nor a number");
-        }
-        numbers.push_back(*number);
-    }
-    return numbers;
-}
-
-int64_t ParseTimeOption(const char* option, const std::string& text, int64_t now)
-{
-    if (text.empty()) {
-        return 0;
-    }
-    const std::optional<int64_t> time = ParseTime(text, now);
-    if (!time) {
-        throw Failure(EXIT_USAGE, std::string(option) + ": \"" + VisibleText(text) +
-                                      "\" is no time; write 2026-11-20, 2026-11-20T10:00, today, 10:00, 2h, 7d, or "
-                                      "@SECONDS since 1970");
-    }
-    return *time;
-}
-
-PermissionUsageRecordQuery MakeQuery(const UsageOptions& options)
-{
-    CheckLength("--bundle", options.bundleNames.size(), MAX_QUERY_LIST_SIZE);
-    CheckLength("--user", options.userIds.size(), MAX_QUERY_LIST_SIZE);
-    CheckLength("--group", options.operationGroups.size(), MAX_QUERY_LIST_SIZE);
-    const int64_t now = Now();
-    PermissionUsageRecordQuery query;
-    query.SetBundleNames(options.bundleNames);
-    query.SetUserIds(options.userIds);
-    query.SetOperationGroups(options.operationGroups);
-    query.SetOperationModes(ParseUsageCodes("--mode", OPERATION_MODES, options.operationModes));
-    query.SetAppStates(ParseUsageCodes("--app-state", APP_STATES, options.appStates));
-    query.SetScreenStates(ParseUsageCodes("--screen", SCREEN_STATES, options.screenStates));
-    query.SetBeginTimestamp(ParseTimeOption("--since", options.since, now));
-    query.SetEndTimestamp(ParseTimeOption("--until", options.until, now));
-    query.SetLimit(options.limit);
-    query.SetOrder(options.isNewestFirst ? 1 : 0);
-    if (query.GetEndTimestamp() != 0 && query.GetBeginTimestamp() >= query.GetEndTimestamp()) {
-        throw Failure(EXIT_USAGE, "--since (" + FormatTime(query.GetBeginTimestamp()) + ") is not before --until (" +
-                                      FormatTime(query.GetEndTimestamp()) + ")");
-    }
-    return query;
-}
 
 Json UsageToJson(const PermissionUsageRecord& record)
 {
@@ -102,76 +41,124 @@ Json UsageToJson(const PermissionUsageRecord& record)
             {"endTimestamp", record.GetEndTimestamp()}};
 }
 
-std::string TimeText(const Json& time)
+std::string BeginText(const Json& use)
 {
-    return FormatTime(time);
+    return FormatTime(use["beginTimestamp"]);
 }
 
 // A timeline shows all but the last two, a summary all but the first two.
 Columns UsageColumns()
 {
-    return {{"BEGIN", "beginTimestamp", TimeText},
+    return {{"BEGIN", "", BeginText},
             {"FOR", "", [](const Json& use) { return FormatSpan(use["beginTimestamp"], use["endTimestamp"]); }},
             {"APP", "bundleName"},
             {"UID", "uid"},
             {"GROUP", "operationGroup"},
             {"TIMES", "times"},
-            {"MODE", "operationMode", [](const Json& mode) { return UsageCodeName(OPERATION_MODES, mode); }},
-            {"APP STATE", "appState", [](const Json& state) { return UsageCodeName(APP_STATES, state); }},
-            {"SCREEN", "screenState", [](const Json& state) { return UsageCodeName(SCREEN_STATES, state); }},
-            {"FIRST", "beginTimestamp", TimeText},
-            {"LAST", "endTimestamp", TimeText}};
+            {"MODE", "", [](const Json& use) { return UsageCodeName(OPERATION_MODES, use["operationMode"]); }},
+            {"APP STATE", "", [](const Json& use) { return UsageCodeName(APP_STATES, use["appState"]); }},
+            {"SCREEN", "", [](const Json& use) { return UsageCodeName(SCREEN_STATES, use["screenState"]); }},
+            {"FIRST", "", BeginText},
+            {"LAST", "", [](const Json& use) { return FormatTime(use["endTimestamp"]); }}};
 }
 
-void RunSummary(const Program& program, const UsageOptions& options)
+void RunUsage(const Program& program, const UsageOptions& options)
 {
-    const PermissionUsageRecordQuery query = MakeQuery(options);
-    const RemoteService service(program.service);
-    auto records = service.List<PermissionUsageRecord>(&RemoteService::Interface::GetPermissionUsageSummary, query);
-    if (!options.isNewestFirst) {
+    const PermissionUsageRecordQuery& query = options.query;
+    if (options.isChart && program.output.isJson) {
+        throw Failure(EXIT_USAGE, "--chart and --json: choose one");
+    }
+    if (query.GetEndTimestamp() != 0 && query.GetBeginTimestamp() >= query.GetEndTimestamp()) {
+        throw Failure(EXIT_USAGE, "--since (" + FormatTime(query.GetBeginTimestamp()) + ") is not before --until (" +
+                                      FormatTime(query.GetEndTimestamp()) + ")");
+    }
+    auto records = AskForRecords<PermissionUsageRecord>(program.service, options.request, query);
+    if (options.isChart && !records.empty()) {
+        PrintChart(records, query.GetBeginTimestamp(), query.GetEndTimestamp());
+        return;
+    }
+    Columns columns = UsageColumns();
+    if (!options.isSummary) {
+        columns.resize(columns.size() - 2);
+    } else {
+        columns.erase(columns.begin(), columns.begin() + 2);
+    }
+    if (options.isSummary && query.GetOrder() == 0) {
         // Stable: what is equal here stays in the service's order, oldest first.
         std::stable_sort(records.begin(), records.end(), [](const auto& left, const auto& right) {
             return std::forward_as_tuple(left.GetBundleName(), left.GetUid(), left.GetOperationGroup()) <
                    std::forward_as_tuple(right.GetBundleName(), right.GetUid(), right.GetOperationGroup());
         });
     }
-    const Columns columns = UsageColumns();
-    PrintRecords(program.output, records, Columns(columns.begin() + 2, columns.end()), UsageToJson);
+    PrintRecords(program.output, records.size(), columns, [&](size_t index) { return UsageToJson(records[index]); });
 }
 
-void RunTimeline(const Program& program, const UsageOptions& options)
+template <class T>
+CLI::Option* AddFilter(CLI::App& command, const char* name, PermissionUsageRecordQuery& query,
+                       void (PermissionUsageRecordQuery::*set)(const std::vector<T>&), const char* text,
+                       const char* description)
 {
-    if (options.isChart && program.output.isJson) {
-        throw Failure(EXIT_USAGE, "--chart and --json: choose one");
-    }
-    const PermissionUsageRecordQuery query = MakeQuery(options);
-    const RemoteService service(program.service);
-    const auto records =
-        service.List<PermissionUsageRecord>(&RemoteService::Interface::GetPermissionUsageTimeline, query);
-    if (options.isChart && !records.empty()) {
-        PrintChart(records, query.GetBeginTimestamp(), query.GetEndTimestamp());
-        return;
-    }
-    const Columns columns = UsageColumns();
-    PrintRecords(program.output, records, Columns(columns.begin(), columns.end() - 2), UsageToJson);
+    const auto take = [&query, set](const std::vector<T>& values) { (query.*set)(values); };
+    return AddListReader<std::vector<T>>(command, name, MAX_QUERY_LIST_SIZE, take, text, description)
+        ->group("Filters (each may be repeated; all have to be met)");
 }
 
-void AddFilters(CLI::App& command, UsageOptions& options)
+// A filter whose values are words, or their numbers.
+void AddCodeFilter(CLI::App& command, const char* name, PermissionUsageRecordQuery& query,
+                   void (PermissionUsageRecordQuery::*set)(const std::vector<int>&), const UsageCodes& codes,
+                   const char* text, const char* description)
 {
-    const char* filters = "Filters (each may be repeated; all have to be met)";
-    AddOption(command, "--bundle", options.bundleNames, "BUNDLE", "Only this app")->group(filters);
-    AddOption(command, "--user", options.userIds, "N", "Only this user")->group(filters);
-    AddOption(command, "--group", options.operationGroups, "GROUP", "Only this operation group")->group(filters);
-    AddOption(command, "--mode", options.operationModes, "allowed|denied", "How the use ended")->group(filters);
-    AddOption(command, "--app-state", options.appStates, "foreground|background", "Where the app was")->group(filters);
-    AddOption(command, "--screen", options.screenStates, "on|off|locked", "How the screen was")->group(filters);
-    const char* span = "Time and amount";
-    AddOption(command, "--since", options.since, "TIME",
-              "What begins then or later: a date, today, 10:00, 2h, 7d [all]")
-        ->group(span);
-    AddOption(command, "--until", options.until, "TIME", "What begins before that [all]")->group(span);
-    AddOption(command, "--limit", options.limit, "N", "At most so many records, 0 for all [0]")->group(span);
-    command.add_flag("--newest-first", options.isNewestFirst, "Start with the latest")->group(span);
+    const auto toNumber = [name, &codes](const std::string& word) {
+        const std::optional<int> code = FindUsageCode(codes, word);
+        const std::optional<int> number = code ? code : ParseWhole<int>(word);
+        if (!number) {
+            throw Failure(EXIT_USAGE, std::string(name) + ": \"" + VisibleText(word) + "\" is none of " +
+                                          UsageCodeNames(codes) + ", nor a number");
+        }
+        return std::to_string(*number);
+    };
+    AddFilter(command, name, query, set, text, description)->transform(toNumber);
+}
+
+void AddTime(CLI::App& command, const char* name, PermissionUsageRecordQuery& query,
+             void (PermissionUsageRecordQuery::*set)(int64_t), const char* description)
+{
+    // One moment for both ends of a span.
+    static const int64_t now = Now();
+    const auto take = [name, &query, set](const std::string& text) {
+        const std::optional<int64_t> time = text.empty() ? 0 : ParseTime(text, now);
+        if (!time) {
+            throw Failure(EXIT_USAGE, std::string(name) + ": \"" + VisibleText(text) +
+                                          "\" is no time; write 2026-11-20, 2026-11-20T10:00, today, 10:00, 2h, 7d, or "
+                                          "@SECONDS since 1970");
+        }
+        (query.*set)(*time);
+    };
+    AddReader<std::string>(command, name, take, "TIME", description)->group("Time and amount");
+}
+
+void AddFilters(CLI::App& command, PermissionUsageRecordQuery& query)
+{
+    using Query = PermissionUsageRecordQuery;
+    AddFilter(command, "--bundle", query, &Query::SetBundleNames, "BUNDLE", "Only this app");
+    AddFilter(command, "--user", query, &Query::SetUserIds, "N", "Only this user");
+    AddFilter(command, "--group", query, &Query::SetOperationGroups, "GROUP", "Only this operation group");
+    AddCodeFilter(command, "--mode", query, &Query::SetOperationModes, OPERATION_MODES, "allowed|denied",
+                  "How the use ended");
+    AddCodeFilter(command, "--app-state", query, &Query::SetAppStates, APP_STATES, "foreground|background",
+                  "Where the app was");
+    AddCodeFilter(command, "--screen", query, &Query::SetScreenStates, SCREEN_STATES, "on|off|locked",
+                  "How the screen was");
+    AddTime(command, "--since", query, &Query::SetBeginTimestamp,
+            "What begins then or later: a date, today, 10:00, 2h, 7d [all]");
+    AddTime(command, "--until", query, &Query::SetEndTimestamp, "What begins before that [all]");
+    const auto setLimit = [&query](int32_t limit) { query.SetLimit(limit); };
+    AddReader<int32_t>(command, "--limit", setLimit, "N", "At most so many records, 0 for all [0]")
+        ->group("Time and amount");
+    command
+        .add_flag_callback(
+            "--newest-first", [&query] { query.SetOrder(1); }, "Start with the latest")
+        ->group("Time and amount");
 }
 
 }  // namespace
@@ -181,22 +168,23 @@ void AddUsageCommands(CLI::App& app, const Program& program)
     CLI::App* usage = app.add_subcommand("usage", "What was used when: summary, timeline");
     usage->require_subcommand(1);
 
-    const auto [summary, summaryOptions] =
-        AddCommand(*usage, program, "summary", "Uses added up by app, group, mode and states", RunSummary);
-    AddFilters(*summary, *summaryOptions);
-    summary->footer(
+    auto [summary, summaryOptions] = AddCommand(
+        *usage, program, "summary", "Uses added up by app, group, mode and states", RunUsage,
         "\nSorted by app, or by time with --newest-first.\n"
         "\nExample:\n  security-privacy-cli usage summary --since 2026-11-18 --until 2026-11-20 --group LOCATION");
+    summaryOptions.request = &Service::GetPermissionUsageSummary;
+    summaryOptions.isSummary = true;
+    AddFilters(summary, summaryOptions.query);
 
-    const auto [timeline, timelineOptions] =
-        AddCommand(*usage, program, "timeline", "Single uses, or their picture", RunTimeline);
-    AddFilters(*timeline, *timelineOptions);
-    timeline->add_flag("--chart", timelineOptions->isChart,
-                       "Draw a row for each app and the time across, as wide as the terminal (or $COLUMNS)");
-    timeline->footer(
+    auto [timeline, timelineOptions] = AddCommand(
+        *usage, program, "timeline", "Single uses, or their picture", RunUsage,
         "\nExamples:\n"
         "  security-privacy-cli usage timeline --since 7d --chart\n"
         "  security-privacy-cli usage timeline --bundle com.example.recorder --mode denied --newest-first --limit 5");
+    timelineOptions.request = &Service::GetPermissionUsageTimeline;
+    AddFilters(timeline, timelineOptions.query);
+    timeline.add_flag("--chart", timelineOptions.isChart,
+                      "Draw a row for each app and the time across, as wide as the terminal (or $COLUMNS)");
 }
 
 }  // namespace SecurityPrivacyTools
