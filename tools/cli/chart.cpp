@@ -19,7 +19,7 @@
 #include <utility>
 
 #include "cli/output.h"
-#include "cli/time_text.h"
+#include "cli/value_text.h"
 #include "common/usage_codes.h"
 
 namespace SecurityPrivacyTools {

@@ -23,9 +23,7 @@ namespace Contract = VARN::AppSecurityPrivacy::SecurityPrivacyServer;
 using Contract::Permission::AppPermissionGroupInfo;
 using Contract::Permission::CheckedStateParameter;
 
-// What by-app and by-permission differ in, then what the user says.
 struct ListOptions {
-    decltype(&Service::GetAppPermissionGroupInfosByApp) request = nullptr;
     std::string name;
     int32_t userId = DEFAULT_USER_ID;
     std::unordered_set<std::string> interested;
@@ -67,9 +65,10 @@ Json GroupToJson(const AppPermissionGroupInfo& info)
             {"disabledReason", info.disabledReason},   {"flags", info.flags}};
 }
 
+template <auto REQUEST>
 void RunList(const Program& program, const ListOptions& options)
 {
-    auto infos = AskForRecords<AppPermissionGroupInfo>(program.service, options.request, options.name, options.userId,
+    auto infos = AskForRecords<AppPermissionGroupInfo>(program.service, REQUEST, options.name, options.userId,
                                                        options.interested);
     std::sort(infos.begin(), infos.end(), [](const auto& left, const auto& right) {
         return std::tie(left.bundleName, left.uid, left.permissionGroup) <
@@ -112,13 +111,6 @@ void RunSet(const Program& program, const SetOptions& options)
                     options.parameter.checkedState + (isChanged ? "" : ", as it was before"));
 }
 
-void AddInterested(CLI::App& command, const char* name, size_t limit, ListOptions& options, const char* text,
-                   const char* description)
-{
-    const auto take = [&options](const std::unordered_set<std::string>& names) { options.interested = names; };
-    AddListReader<std::unordered_set<std::string>>(command, name, limit, take, text, description);
-}
-
 }  // namespace
 
 void AddGroupsCommands(CLI::App& app, const Program& program)
@@ -127,22 +119,22 @@ void AddGroupsCommands(CLI::App& app, const Program& program)
     groups->require_subcommand(1);
 
     auto [byApp, appOptions] =
-        AddCommand(*groups, program, "by-app", "The permission groups of an app", RunList,
+        AddCommand(*groups, program, "by-app", "The permission groups of an app",
+                   RunList<&Service::GetAppPermissionGroupInfosByApp>,
                    "\nExample:\n  security-privacy-cli groups by-app com.example.camera --group CAMERA --user 101");
-    appOptions.request = &Service::GetAppPermissionGroupInfosByApp;
     AddOption(byApp, "BUNDLE", appOptions.name, " ", "The app, as com.example.camera");
     AddOption(byApp, "--user", appOptions.userId, "N", "For which user [100]");
-    AddInterested(byApp, "--group", Contract::MAX_INTERESTED_PERMISSION_GROUPS_SIZE, appOptions, "GROUP",
-                  "Only this group; may be repeated [all]");
+    AddOption(byApp, "--group", appOptions.interested, "GROUP", "Only this group; may be repeated [all]",
+              Contract::MAX_INTERESTED_PERMISSION_GROUPS_SIZE);
 
     auto [byPermission, permissionOptions] =
-        AddCommand(*groups, program, "by-permission", "The apps that hold a permission group", RunList,
+        AddCommand(*groups, program, "by-permission", "The apps that hold a permission group",
+                   RunList<&Service::GetAppPermissionGroupInfosByPermission>,
                    "\nExample:\n  security-privacy-cli groups by-permission LOCATION --json");
-    permissionOptions.request = &Service::GetAppPermissionGroupInfosByPermission;
     AddOption(byPermission, "GROUP", permissionOptions.name, " ", "The permission group, as LOCATION");
     AddOption(byPermission, "--user", permissionOptions.userId, "N", "For which user [100]");
-    AddInterested(byPermission, "--bundle", Contract::MAX_INTERESTED_BUNDLE_NAMES_SIZE, permissionOptions, "BUNDLE",
-                  "Only this app; may be repeated [all]");
+    AddOption(byPermission, "--bundle", permissionOptions.interested, "BUNDLE", "Only this app; may be repeated [all]",
+              Contract::MAX_INTERESTED_BUNDLE_NAMES_SIZE);
 
     auto [set, options] = AddCommand(
         *groups, program, "set", "Choose the state of an app's permission group", RunSet,

@@ -10,7 +10,7 @@
 #include "cli/output.h"
 #include "cli/program.h"
 #include "cli/remote_service.h"
-#include "cli/whole_number.h"
+#include "cli/value_text.h"
 #include "common/json_input.h"
 #include "security_privacy/contract.h"
 #include "security_privacy/gtoken_info.h"
@@ -136,13 +136,6 @@ void RunRemove(const Program& program, const BundlesOptions& options)
     Change(program, "removed", names.size(), [&](Service& service) { return service.GTokenPolicyRemovePolicy(names); });
 }
 
-void AddBundles(CLI::App& command, std::vector<std::string>& bundleNames, const char* description)
-{
-    const auto take = [&bundleNames](const std::vector<std::string>& names) { bundleNames = names; };
-    AddListReader<std::vector<std::string>>(command, "BUNDLE", Contract::MAX_GTOKEN_REQUEST_SIZE, take, "...",
-                                            description);
-}
-
 }  // namespace
 
 void AddGTokenCommands(CLI::App& app, const Program& program)
@@ -171,8 +164,9 @@ void AddGTokenCommands(CLI::App& app, const Program& program)
     const auto takePolicies = [&info](const std::vector<std::string>& texts) {
         std::transform(texts.begin(), texts.end(), std::back_inserter(info.policies), ParsePolicy);
     };
-    AddListReader<std::vector<std::string>>(add, "--policy", Contract::MAX_POLICIES_SIZE, takePolicies, "NAME=VALUE",
-                                            "A policy and its value, a whole number; may be repeated");
+    AddReader<std::vector<std::string>>(add, "--policy", takePolicies, "NAME=VALUE",
+                                        "A policy and its value, a whole number; may be repeated",
+                                        Contract::MAX_POLICIES_SIZE);
     AddOption(add, "--from", addOptions.path, "FILE",
               "JSON file of many bundles, see below; in place of the other options")
         ->excludes(bundle)
@@ -184,12 +178,14 @@ void AddGTokenCommands(CLI::App& app, const Program& program)
         AddCommand(*gtoken, program, "get", "The value of a policy for bundles", RunGet,
                    "\nExample:\n  security-privacy-cli gtoken get screen_capture com.example.bank com.example.mail");
     AddOption(get, "POLICY", getOptions.policyName, " ", "Name of the policy");
-    AddBundles(get, getOptions.bundleNames, "The bundles; one without the policy gives no row");
+    AddOption(get, "BUNDLE", getOptions.bundleNames, "...", "The bundles; one without the policy gives no row",
+              Contract::MAX_GTOKEN_REQUEST_SIZE);
 
     auto [remove, removeOptions] =
         AddCommand(*gtoken, program, "remove", "Forget bundles and all their policies", RunRemove,
                    "\nExample:\n  security-privacy-cli gtoken remove com.example.bank");
-    AddBundles(remove, removeOptions.bundleNames, "The bundles; either all are removed or none");
+    AddOption(remove, "BUNDLE", removeOptions.bundleNames, "...", "The bundles; either all are removed or none",
+              Contract::MAX_GTOKEN_REQUEST_SIZE);
 }
 
 }  // namespace SecurityPrivacyTools

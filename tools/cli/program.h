@@ -4,8 +4,10 @@
 #include <CLI/CLI.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "cli/output.h"
@@ -41,23 +43,6 @@ std::pair<CLI::App&, Options&> AddCommand(CLI::App& parent, const Program& progr
     return {*command, *options};
 }
 
-// Adds an option, or with a name in capitals an argument that has to be there; `take` gets its value. `text` says what
-// that is: where it is "a|b", FILE or FOLDER, shells offer it. One that may be repeated takes one value each time, so
-// that it never swallows what follows.
-template <class T, class Take>
-CLI::Option* AddReader(CLI::App& command, const char* name, Take take, const char* text, const std::string& description)
-{
-    CLI::Option* option = command.add_option_function<T>(name, take, description)->option_text(text);
-    return option->get_positional() ? option->required() : option->allow_extra_args(false);
-}
-
-template <class T>
-CLI::Option* AddOption(CLI::App& command, const char* name, T& value, const char* text, const std::string& description)
-{
-    return AddReader<T>(
-        command, name, [&value](const T& given) { value = given; }, text, description);
-}
-
 // Refuses a list that is longer than a request carries, since the rest would be dropped or the request refused.
 inline void CheckLength(const std::string& what, size_t length, size_t limit)
 {
@@ -67,16 +52,32 @@ inline void CheckLength(const std::string& what, size_t length, size_t limit)
     }
 }
 
-// Adds an option that may be repeated, until there are as many values as a request carries.
-template <class List, class Take>
-CLI::Option* AddListReader(CLI::App& command, const char* name, size_t limit, Take take, const char* text,
-                           const std::string& description)
+constexpr size_t NO_LIMIT = std::numeric_limits<size_t>::max();
+
+// Adds an option, or with a name in capitals an argument that has to be there; `take` gets its value, a list only when
+// it is not longer than `limit`. `text` says what the value is: where that is "a|b", FILE or FOLDER, shells offer it.
+// One that may be repeated takes one value each time, so that it never swallows what follows.
+template <class T, class Take>
+CLI::Option* AddReader(CLI::App& command, const char* name, Take take, const char* text, const std::string& description,
+                       size_t limit = NO_LIMIT)
 {
-    const auto checkAndTake = [name, limit, take](const List& values) {
-        CheckLength(name, values.size(), limit);
-        take(values);
+    const auto checkAndTake = [name, take, limit](const T& value) {
+        if constexpr (std::is_class_v<T>) {
+            CheckLength(name, value.size(), limit);
+        }
+        take(value);
     };
-    return AddReader<List>(command, name, checkAndTake, text, description);
+    CLI::Option* option = command.add_option_function<T>(name, checkAndTake, description)->option_text(text);
+    return option->get_positional() ? option->required() : option->allow_extra_args(false);
+}
+
+// The same for an option that is kept as it is.
+template <class T>
+CLI::Option* AddOption(CLI::App& command, const char* name, T& value, const char* text, const std::string& description,
+                       size_t limit = NO_LIMIT)
+{
+    const auto keep = [&value](const T& given) { value = given; };
+    return AddReader<T>(command, name, keep, text, description, limit);
 }
 
 }  // namespace SecurityPrivacyTools

@@ -25,8 +25,10 @@ std::string ServiceDirectory(const ServiceOptions& options);
 
 // What is known of a call that was answered.
 struct Call {
-    std::chrono::nanoseconds finding{0};  // how long it took to find the service
-    std::chrono::nanoseconds answering{0};
+    using Milliseconds = std::chrono::duration<double, std::milli>;
+
+    Milliseconds finding{0};  // how long it took to find the service
+    Milliseconds answering{0};
     bool isSent = false;
     int32_t status = 0;  // 0 or the service's status
     int64_t result = 0;  // what the service said, be it in its status or in its reply

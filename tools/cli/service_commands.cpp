@@ -18,7 +18,7 @@
 #include "cli/output.h"
 #include "cli/program.h"
 #include "cli/remote_service.h"
-#include "cli/time_text.h"
+#include "cli/value_text.h"
 #include "security_privacy/contract.h"
 #include "security_privacy/permission_usage_record.h"
 #include "security_privacy/permission_usage_record_query.h"
@@ -46,11 +46,6 @@ struct MonitorOptions {
     int64_t count = 0;  // 0: without end
 };
 
-double Milliseconds(std::chrono::nanoseconds time)
-{
-    return std::chrono::duration<double, std::milli>(time).count();
-}
-
 std::string Decimal(double number)
 {
     char text[32];
@@ -70,8 +65,8 @@ void RunPing(const Program& program, const PingOptions& options)
         // Whatever the service thinks of the query: it has answered.
         const Call call =
             Ask(program.service, [&](Service& service) { return service.GetPermissionUsageTimeline(query, records); });
-        const double finding = Milliseconds(call.finding);
-        const double answering = Milliseconds(call.answering);
+        const double finding = call.finding.count();
+        const double answering = call.answering.count();
         PrintResult(program.output,
                     {{"name", name}, {"findingMs", finding}, {"answeringMs", answering}, {"status", call.status}},
                     name + ": found in " + Decimal(finding) + " ms, answered in " + Decimal(answering) + " ms");
@@ -188,14 +183,6 @@ void RunStatus(const Program& program, const StatusOptions& /*options*/)
     PrintObjects(Member(server, "users"));
 }
 
-bool IsWanted(const Json& request, const MonitorOptions& options)
-{
-    const auto contains = [](const auto& wanted, const auto& value) {
-        return wanted.empty() || std::find(wanted.begin(), wanted.end(), value) != wanted.end();
-    };
-    return contains(options.names, Text(request, "name")) && contains(options.uids, Number(request, "uid"));
-}
-
 std::string ExactTime(const Json& request)
 {
     const int64_t time = Number(request, "time");
@@ -213,6 +200,9 @@ void RunMonitor(const Program& program, const MonitorOptions& options)
                              {"PID", "pid", nullptr, 8},          {"REQUEST", "name", nullptr, 44},
                              {"BYTES IN", "bytesIn", nullptr, 9}, {"BYTES OUT", "bytesOut", nullptr, 9},
                              {"STATUS", "status", nullptr, 6},    {"MS", "", milliseconds}};
+    const auto isAmong = [](const auto& value, const auto& wanted) {
+        return wanted.empty() || std::find(wanted.begin(), wanted.end(), value) != wanted.end();
+    };
     StatusStream stream(program.service);
     if (!program.output.isJson) {
         PrintRow(columns, Json());
@@ -221,7 +211,8 @@ void RunMonitor(const Program& program, const MonitorOptions& options)
         FinishOutput();
         const Json request = stream.Next();
         const bool isGap = request.contains("lost");
-        if (!isGap && !IsWanted(request, options)) {
+        if (!isGap &&
+            !(isAmong(Text(request, "name"), options.names) && isAmong(Number(request, "uid"), options.uids))) {
             continue;
         }
         if (isGap || program.output.isJson) {

@@ -10,8 +10,7 @@
 #include "cli/output.h"
 #include "cli/program.h"
 #include "cli/remote_service.h"
-#include "cli/time_text.h"
-#include "cli/whole_number.h"
+#include "cli/value_text.h"
 #include "common/usage_codes.h"
 #include "security_privacy/contract.h"
 #include "security_privacy/permission_usage_record.h"
@@ -24,10 +23,8 @@ using VARN::AppSecurityPrivacy::SecurityPrivacyServer::MAX_QUERY_LIST_SIZE;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery;
 
-// What summary and timeline differ in, then what the user says.
 struct UsageOptions {
-    decltype(&Service::GetPermissionUsageTimeline) request = nullptr;
-    bool isSummary = false;
+    bool isSummary = false;  // else a timeline
     PermissionUsageRecordQuery query;
     bool isChart = false;
 };
@@ -72,17 +69,15 @@ void RunUsage(const Program& program, const UsageOptions& options)
         throw Failure(EXIT_USAGE, "--since (" + FormatTime(query.GetBeginTimestamp()) + ") is not before --until (" +
                                       FormatTime(query.GetEndTimestamp()) + ")");
     }
-    auto records = AskForRecords<PermissionUsageRecord>(program.service, options.request, query);
+    const auto request = options.isSummary ? &Service::GetPermissionUsageSummary : &Service::GetPermissionUsageTimeline;
+    auto records = AskForRecords<PermissionUsageRecord>(program.service, request, query);
     if (options.isChart && !records.empty()) {
         PrintChart(records, query.GetBeginTimestamp(), query.GetEndTimestamp());
         return;
     }
     Columns columns = UsageColumns();
-    if (!options.isSummary) {
-        columns.resize(columns.size() - 2);
-    } else {
-        columns.erase(columns.begin(), columns.begin() + 2);
-    }
+    const auto others = options.isSummary ? columns.begin() : columns.end() - 2;
+    columns.erase(others, others + 2);
     if (options.isSummary && query.GetOrder() == 0) {
         // Stable: what is equal here stays in the service's order, oldest first.
         std::stable_sort(records.begin(), records.end(), [](const auto& left, const auto& right) {
@@ -94,19 +89,21 @@ void RunUsage(const Program& program, const UsageOptions& options)
 }
 
 template <class T>
+using Setter = void (PermissionUsageRecordQuery::*)(T);
+
+template <class T>
 CLI::Option* AddFilter(CLI::App& command, const char* name, PermissionUsageRecordQuery& query,
-                       void (PermissionUsageRecordQuery::*set)(const std::vector<T>&), const char* text,
-                       const char* description)
+                       Setter<const std::vector<T>&> set, const char* text, const char* description)
 {
     const auto take = [&query, set](const std::vector<T>& values) { (query.*set)(values); };
-    return AddListReader<std::vector<T>>(command, name, MAX_QUERY_LIST_SIZE, take, text, description)
+    return AddReader<std::vector<T>>(command, name, take, text, description, MAX_QUERY_LIST_SIZE)
         ->group("Filters (each may be repeated; all have to be met)");
 }
 
 // A filter whose values are words, or their numbers.
 void AddCodeFilter(CLI::App& command, const char* name, PermissionUsageRecordQuery& query,
-                   void (PermissionUsageRecordQuery::*set)(const std::vector<int>&), const UsageCodes& codes,
-                   const char* text, const char* description)
+                   Setter<const std::vector<int>&> set, const UsageCodes& codes, const char* text,
+                   const char* description)
 {
     const auto toNumber = [name, &codes](const std::string& word) {
         const std::optional<int> code = FindUsageCode(codes, word);
@@ -120,13 +117,11 @@ void AddCodeFilter(CLI::App& command, const char* name, PermissionUsageRecordQue
     AddFilter(command, name, query, set, text, description)->transform(toNumber);
 }
 
-void AddTime(CLI::App& command, const char* name, PermissionUsageRecordQuery& query,
-             void (PermissionUsageRecordQuery::*set)(int64_t), const char* description)
+void AddTime(CLI::App& command, const char* name, PermissionUsageRecordQuery& query, Setter<int64_t> set,
+             const char* description)
 {
-    // One moment for both ends of a span.
-    static const int64_t now = Now();
     const auto take = [name, &query, set](const std::string& text) {
-        const std::optional<int64_t> time = text.empty() ? 0 : ParseTime(text, now);
+        const std::optional<int64_t> time = text.empty() ? 0 : ParseTime(text);
         if (!time) {
             throw Failure(EXIT_USAGE, std::string(name) + ": \"" + VisibleText(text) +
                                           "\" is no time; write 2026-11-20, 2026-11-20T10:00, today, 10:00, 2h, 7d, or "
@@ -172,7 +167,6 @@ void AddUsageCommands(CLI::App& app, const Program& program)
         *usage, program, "summary", "Uses added up by app, group, mode and states", RunUsage,
         "\nSorted by app, or by time with --newest-first.\n"
         "\nExample:\n  security-privacy-cli usage summary --since 2026-11-18 --until 2026-11-20 --group LOCATION");
-    summaryOptions.request = &Service::GetPermissionUsageSummary;
     summaryOptions.isSummary = true;
     AddFilters(summary, summaryOptions.query);
 
@@ -181,7 +175,6 @@ void AddUsageCommands(CLI::App& app, const Program& program)
         "\nExamples:\n"
         "  security-privacy-cli usage timeline --since 7d --chart\n"
         "  security-privacy-cli usage timeline --bundle com.example.recorder --mode denied --newest-first --limit 5");
-    timelineOptions.request = &Service::GetPermissionUsageTimeline;
     AddFilters(timeline, timelineOptions.query);
     timeline.add_flag("--chart", timelineOptions.isChart,
                       "Draw a row for each app and the time across, as wide as the terminal (or $COLUMNS)");

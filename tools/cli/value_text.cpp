@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "cli/time_text.h"
+#include "cli/value_text.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
-#include <string_view>
-
-#include "cli/whole_number.h"
 
 namespace SecurityPrivacyTools {
 namespace {
@@ -68,14 +65,11 @@ std::optional<int64_t> ParseDate(std::string text, int64_t now)
 
 }  // namespace
 
-int64_t Now()
+std::optional<int64_t> ParseTime(const std::string& text)
 {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-}
-
-std::optional<int64_t> ParseTime(const std::string& text, int64_t now)
-{
+    static const int64_t now =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
     if (text.empty()) {
         return std::nullopt;
     }
