@@ -23,6 +23,9 @@ namespace Contract = VARN::AppSecurityPrivacy::SecurityPrivacyServer;
 using Contract::Permission::AppPermissionGroupInfo;
 using Contract::Permission::CheckedStateParameter;
 
+// The user whose apps are meant when none is named: the first one of a device.
+constexpr int32_t DEFAULT_USER_ID = 100;
+
 struct ListOptions {
     std::string name;
     int32_t userId = DEFAULT_USER_ID;
@@ -81,21 +84,19 @@ void RunList(const Program& program, const ListOptions& options)
     PrintRecords(program.output, infos.size(), columns, [&](size_t index) { return GroupToJson(infos[index]); });
 }
 
-int32_t FindUid(const Program& program, const SetOptions& options)
-{
-    const std::unordered_set<std::string> all;
-    const auto infos = AskForRecords<AppPermissionGroupInfo>(program.service, &Service::GetAppPermissionGroupInfosByApp,
-                                                             options.bundleName, options.userId, all);
-    if (infos.empty()) {
-        throw Failure(EXIT_USAGE,
-                      options.bundleName + " holds no permission group; to ask all the same, give its --uid");
-    }
-    return infos.front().uid;
-}
-
 void RunSet(const Program& program, const SetOptions& options)
 {
-    const int32_t uid = options.uid >= 0 ? options.uid : FindUid(program, options);
+    int32_t uid = options.uid;
+    if (uid < 0) {
+        const std::unordered_set<std::string> all;
+        const auto infos = AskForRecords<AppPermissionGroupInfo>(
+            program.service, &Service::GetAppPermissionGroupInfosByApp, options.bundleName, options.userId, all);
+        if (infos.empty()) {
+            throw Failure(EXIT_USAGE,
+                          options.bundleName + " holds no permission group; to ask all the same, give its --uid");
+        }
+        uid = infos.front().uid;
+    }
     bool isChanged = false;
     Check(Ask(program.service, [&](Service& service) {
         return service.SetAppPermissionGroupCheckedState(options.bundleName, uid, options.permissionGroup,

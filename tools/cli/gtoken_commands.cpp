@@ -53,13 +53,6 @@ GTokenPolicy ParsePolicy(const std::string& text)
     return policy;
 }
 
-std::string ReadFingerprint(const std::string& path)
-{
-    std::string fingerprint = ReadFile(path == "-" ? "/dev/stdin" : path, MAX_FINGERPRINT_BYTES);
-    fingerprint.erase(fingerprint.find_last_not_of(" \t\r\n") + 1);
-    return fingerprint;
-}
-
 std::vector<GTokenInfo> ReadInfos(const std::string& path)
 {
     const JsonNode root = ReadJson(path);
@@ -82,7 +75,9 @@ GTokenInfo MakeInfo(const AddPolicyOptions& options)
 {
     GTokenInfo info = options.info;
     if (!options.fingerprintPath.empty()) {
-        info.fingerprint = ReadFingerprint(options.fingerprintPath);
+        const std::string path = options.fingerprintPath == "-" ? "/dev/stdin" : options.fingerprintPath;
+        info.fingerprint = ReadFile(path, MAX_FINGERPRINT_BYTES);
+        info.fingerprint.erase(info.fingerprint.find_last_not_of(" \t\r\n") + 1);
     }
     if (info.bundleName.empty() || info.fingerprint.empty()) {
         throw Failure(EXIT_USAGE,

@@ -54,27 +54,11 @@ void AddCommonOptions(CLI::App& app, Program& program)
     app.add_flag("-v,--verbose", program.service.isVerbose,
                  "Show the log lines of library and platform on standard error");
     AddOption(app, "--directory", program.service.directory, "FOLDER",
-              "Folder of the service's socket [$VARN_ABILITY_DIR or /run/varn]");
+              "Folder of the service's socket [$VARN_ABILITY_DIR or /run/varn]")
+        ->envname(DIRECTORY_VARIABLE);
     AddOption(app, "--wait", program.service.waitSeconds, "SECONDS",
               "How long to wait for a service that is not there yet [4]")
         ->check(CLI::Range(0, MAX_WAIT_SECONDS));
-}
-
-// What is wrong with the command line, and where the manual of that command is.
-Failure ExplainParseError(const CLI::App& app, const CLI::Error& error)
-{
-    const std::vector<std::string> unread = app.remaining(true);
-    std::string path = app.get_name();
-    const CLI::App* command = &app;
-    while (!command->get_subcommands().empty()) {
-        command = command->get_subcommands().back();
-        path += " " + command->get_name();
-    }
-    std::string what = error.what();
-    if (!command->get_subcommands(nullptr).empty()) {
-        what = unread.empty() ? "a command is missing" : "\"" + unread.front() + "\" is no command";
-    }
-    return Failure(EXIT_USAGE, VisibleText(what) + "\nSee '" + path + " --help'.");
 }
 
 int Report(const Program& program, const Failure& failure)
@@ -107,6 +91,8 @@ int Run(CLI::App& app, Program& program, const std::vector<std::string>& words)
         app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
         FinishOutput();
         return EXIT_OK;
+    } catch (const InputError& error) {
+        throw Failure(EXIT_USAGE, VisibleText(error.what()));
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
             return app.exit(error);
@@ -117,9 +103,19 @@ int Run(CLI::App& app, Program& program, const std::vector<std::string>& words)
         };
         program.output.isCompact = isGiven("--compact");
         program.output.isJson = program.output.isCompact || isGiven("--json");
-        throw ExplainParseError(app, error);
-    } catch (const InputError& error) {
-        throw Failure(EXIT_USAGE, VisibleText(error.what()));
+        // What is wrong, and where the manual of that command is.
+        const CLI::App* command = &app;
+        std::string path = app.get_name();
+        while (!command->get_subcommands().empty()) {
+            command = command->get_subcommands().back();
+            path += " " + command->get_name();
+        }
+        const std::vector<std::string> unread = app.remaining(true);
+        const bool isCommandWrong = !command->get_subcommands(nullptr).empty();
+        const std::string what = !isCommandWrong  ? error.what()
+                                 : unread.empty() ? "a command is missing"
+                                                  : "\"" + unread.front() + "\" is no command";
+        throw Failure(EXIT_USAGE, VisibleText(what) + "\nSee '" + path + " --help'.");
     }
 }
 

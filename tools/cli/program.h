@@ -4,7 +4,6 @@
 #include <CLI/CLI.hpp>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -14,9 +13,6 @@
 #include "cli/remote_service.h"
 
 namespace SecurityPrivacyTools {
-
-// The user whose apps are meant when none is named: the first one of a device.
-constexpr int32_t DEFAULT_USER_ID = 100;
 
 // What the command line says for every command.
 struct Program {
@@ -52,14 +48,12 @@ inline void CheckLength(const std::string& what, size_t length, size_t limit)
     }
 }
 
-constexpr size_t NO_LIMIT = std::numeric_limits<size_t>::max();
-
 // Adds an option, or with a name in capitals an argument that has to be there; `take` gets its value, a list only when
 // it is not longer than `limit`. `text` says what the value is: where that is "a|b", FILE or FOLDER, shells offer it.
 // One that may be repeated takes one value each time, so that it never swallows what follows.
 template <class T, class Take>
 CLI::Option* AddReader(CLI::App& command, const char* name, Take take, const char* text, const std::string& description,
-                       size_t limit = NO_LIMIT)
+                       size_t limit = SIZE_MAX)
 {
     const auto checkAndTake = [name, take, limit](const T& value) {
         if constexpr (std::is_class_v<T>) {
@@ -74,7 +68,7 @@ CLI::Option* AddReader(CLI::App& command, const char* name, Take take, const cha
 // The same for an option that is kept as it is.
 template <class T>
 CLI::Option* AddOption(CLI::App& command, const char* name, T& value, const char* text, const std::string& description,
-                       size_t limit = NO_LIMIT)
+                       size_t limit = SIZE_MAX)
 {
     const auto keep = [&value](const T& given) { value = given; };
     return AddReader<T>(command, name, keep, text, description, limit);

@@ -25,7 +25,6 @@ using std::chrono::steady_clock;
 
 namespace Contract = VARN::AppSecurityPrivacy::SecurityPrivacyServer;
 
-constexpr const char* DIRECTORY_VARIABLE = "VARN_ABILITY_DIR";
 // At most so long is an answer without records: its result and their number.
 constexpr size_t EMPTY_LIST_BYTES = 12;
 
@@ -98,19 +97,9 @@ void CheckAnswer(const Call& call, const std::string& reason)
 
 }  // namespace
 
-std::string ServiceDirectory(const ServiceOptions& options)
-{
-    const char* variable = std::getenv(DIRECTORY_VARIABLE);
-    return !options.directory.empty()                 ? options.directory
-           : variable != nullptr && *variable != '\0' ? variable
-                                                      : "/run/varn";
-}
-
 Call Ask(const ServiceOptions& options, const std::function<int64_t(Service&)>& request)
 {
-    if (!options.directory.empty()) {
-        ::setenv(DIRECTORY_VARIABLE, options.directory.c_str(), 1);
-    }
+    ::setenv(DIRECTORY_VARIABLE, options.directory.c_str(), 1);
     VARN::Host::SetLogLevel(options.isVerbose ? VARN::LOG_LEVEL_DEBUG : VARN::LOG_LEVEL_WARN);
     // The sink has a share of it: log lines may come when this call is over.
     const auto reason =

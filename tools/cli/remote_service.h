@@ -14,14 +14,14 @@ namespace SecurityPrivacyTools {
 
 using Service = VARN::AppSecurityPrivacy::SecurityPrivacyServer::SecurityPrivacyServiceIntf;
 
+// Where the platform looks for the socket's folder.
+constexpr const char* DIRECTORY_VARIABLE = "VARN_ABILITY_DIR";
+
 struct ServiceOptions {
-    std::string directory;  // of the socket; empty: as the platform finds it
+    std::string directory = "/run/varn";  // of the sockets
     int32_t waitSeconds = 4;
     bool isVerbose = false;
 };
-
-// Where the service's sockets are.
-std::string ServiceDirectory(const ServiceOptions& options);
 
 // What is known of a call that was answered.
 struct Call {

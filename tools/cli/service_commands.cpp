@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -31,19 +30,14 @@ using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRe
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery;
 using MessageCode = Service::MessageCode;
 
-constexpr int32_t MAX_PINGS = 1000000;
+constexpr int64_t MAX_PINGS = 1000000;
 constexpr std::time_t ANSWER_TIMEOUT_SECONDS = 8;
 
-struct PingOptions {
-    int32_t count = 1;
-};
-
-struct StatusOptions {};
-
-struct MonitorOptions {
+// All that one of these commands may be told.
+struct Wanted {
+    int64_t count = 0;  // of pings; of lines, 0: without end
     std::vector<std::string> names;
     std::vector<int64_t> uids;
-    int64_t count = 0;  // 0: without end
 };
 
 std::string Decimal(double number)
@@ -53,14 +47,14 @@ std::string Decimal(double number)
     return text;
 }
 
-void RunPing(const Program& program, const PingOptions& options)
+void RunPing(const Program& program, const Wanted& options)
 {
     // Uses before the first one: everybody may ask, nothing changes, and no record is looked at.
     PermissionUsageRecordQuery query;
     query.SetBeginTimestamp(1);
     query.SetEndTimestamp(2);
     const std::string name = MessageCode::ToString(MessageCode::GET_PERMISSION_USAGE_RECORD_TIMELINE);
-    for (int32_t turn = 0; turn < options.count; ++turn) {
+    for (int64_t turn = 0; turn < options.count; ++turn) {
         std::vector<PermissionUsageRecord> records;
         // Whatever the service thinks of the query: it has answered.
         const Call call =
@@ -77,7 +71,7 @@ void RunPing(const Program& program, const PingOptions& options)
 class StatusStream {
 public:
     explicit StatusStream(const ServiceOptions& options)
-        : path_(ServiceDirectory(options) + "/" + std::to_string(SECURITY_PRIVACY_SA_ID) + ".status.sock")
+        : path_(options.directory + "/" + std::to_string(SECURITY_PRIVACY_SA_ID) + ".status.sock")
     {
         const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un address = {};
@@ -163,7 +157,7 @@ void PrintObjects(const Json& objects)
     PrintRecords({}, objects.size(), columns, [&objects](size_t index) { return objects[index]; });
 }
 
-void RunStatus(const Program& program, const StatusOptions& /*options*/)
+void RunStatus(const Program& program, const Wanted& /*options*/)
 {
     const Json status = StatusStream(program.service).Status();
     PrintResult(program.output, status,
@@ -191,7 +185,7 @@ std::string ExactTime(const Json& request)
     return FormatTime(time) + milliseconds;
 }
 
-void RunMonitor(const Program& program, const MonitorOptions& options)
+void RunMonitor(const Program& program, const Wanted& options)
 {
     const auto milliseconds = [](const Json& request) {
         return Decimal(static_cast<double>(Number(request, "durationUs")) / 1000);
@@ -236,7 +230,9 @@ void AddServiceCommands(CLI::App& app, const Program& program)
                    "statistics.\n"
                    "Without an answer it says what was tried, on which path, and what the system said.\n"
                    "\nExample:\n  security-privacy-cli ping --count 5 --wait 0");
-    AddOption(ping, "-c,--count", pingOptions.count, "N", "How often to ask [1]")->check(CLI::Range(1, MAX_PINGS));
+    pingOptions.count = 1;
+    AddOption(ping, "-c,--count", pingOptions.count, "N", "How often to ask [1]")
+        ->check(CLI::Range(int64_t{1}, MAX_PINGS));
 
     AddCommand(app, program, "status", "What the service has done and holds at present", RunStatus,
                "\nOnly for root and the service's own user.\n\nExample:\n  security-privacy-cli status --json");

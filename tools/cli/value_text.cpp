@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <utility>
 
 namespace SecurityPrivacyTools {
 namespace {
@@ -102,18 +103,16 @@ std::string FormatSpan(int64_t begin, int64_t end)
 {
     // The numbers may be any: without the sign the difference cannot overflow.
     const uint64_t milliseconds = end > begin ? static_cast<uint64_t>(end) - static_cast<uint64_t>(begin) : 0;
-    struct Unit {
-        uint64_t length;
-        const char* name;
-    };
-    constexpr Unit UNITS[] = {{DAY, " d"}, {HOUR, " h"}, {MINUTE, " min"}, {SECOND, " s"}, {1, " ms"}};
-    const Unit* large = UNITS;
-    while (large->length > milliseconds && large->length > 1) {
+    constexpr std::pair<uint64_t, const char*> UNITS[] = {
+        {DAY, " d"}, {HOUR, " h"}, {MINUTE, " min"}, {SECOND, " s"}, {1, " ms"}};
+    const auto* large = UNITS;
+    while (large->first > milliseconds && large->first > 1) {
         ++large;
     }
-    std::string text = std::to_string(milliseconds / large->length) + large->name;
-    if (large->length > SECOND && milliseconds % large->length >= large[1].length) {
-        text += " " + std::to_string(milliseconds % large->length / large[1].length) + large[1].name;
+    const auto [length, name] = *large;
+    std::string text = std::to_string(milliseconds / length) + name;
+    if (length > SECOND && milliseconds % length >= large[1].first) {
+        text += " " + std::to_string(milliseconds % length / large[1].first) + large[1].second;
     }
     return text;
 }
