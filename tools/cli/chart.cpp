@@ -147,40 +147,38 @@ char Merge(char shown, char added)
     return Upper(shown) == Upper(added) ? Upper(shown) : SEVERAL;
 }
 
-// What all names begin with, up to a dot: said once, in the corner, it leaves more room for the time.
-std::string_view CommonPrefix(const Rows& rows)
+size_t CommonLength(std::string_view left, std::string_view right)
 {
-    const std::string_view first = rows.begin()->first.first;
-    const std::string_view last = rows.rbegin()->first.first;
-    const auto differs = std::mismatch(first.begin(), first.end(), last.begin(), last.end()).first;
-    const std::string_view same = first.substr(0, static_cast<size_t>(differs - first.begin()));
-    return same.substr(0, same.rfind('.') + 1);
+    return static_cast<size_t>(std::mismatch(left.begin(), left.end(), right.begin(), right.end()).first -
+                               left.begin());
 }
 
-// Names the rows: the app, and its uid where the app has several rows. Where one is too wide for `room`, uids lose what
-// stands behind the last digit in which those of an app differ; only then names are cut.
-void NameRows(Rows& rows, size_t prefixLength, size_t room)
+// Labels the rows with the app, and its uid where the app has several rows. Where that is too wide for `room`, uids
+// lose what stands behind the last digit in which those of an app differ; only then names are cut. Returns what all
+// names begin with, up to a dot: said once, in the corner, it leaves more room for the time.
+std::string LabelRows(Rows& rows, size_t room)
 {
+    const std::string_view first = rows.begin()->first.first;
+    const size_t prefix = first.substr(0, CommonLength(first, rows.rbegin()->first.first)).rfind('.') + 1;
     size_t digits = 0;
     size_t widest = 0;
     for (auto next = rows.begin(), row = next++; next != rows.end(); row = next++) {
-        if (row->first.first != next->first.first) {
-            continue;
+        if (row->first.first == next->first.first) {
+            const std::string& uid = row->second.label = " " + std::to_string(row->first.second);
+            const std::string& nextUid = next->second.label = " " + std::to_string(next->first.second);
+            digits = std::max(digits, CommonLength(uid, nextUid) + 1);
+            widest = std::max(widest, DisplayWidth(VisibleText(row->first.first.substr(prefix))) +
+                                          std::max(uid.size(), nextUid.size()));
         }
-        const std::string& uid = row->second.label = " " + std::to_string(row->first.second);
-        const std::string& nextUid = next->second.label = " " + std::to_string(next->first.second);
-        const auto differs = std::mismatch(uid.begin(), uid.end(), nextUid.begin(), nextUid.end()).first;
-        digits = std::max(digits, static_cast<size_t>(differs - uid.begin()) + 1);
-        const size_t nameWidth = DisplayWidth(VisibleText(row->first.first.substr(prefixLength)));
-        widest = std::max(widest, nameWidth + std::max(uid.size(), nextUid.size()));
     }
     for (auto& [app, row] : rows) {
         std::string& uid = row.label;
         if (widest > room && uid.size() > digits + 2) {
             uid.replace(digits, std::string::npos, "..");
         }
-        uid.insert(0, FitEnd(VisibleText(app.first.substr(prefixLength)), room - std::min(uid.size(), room)));
+        uid.insert(0, FitEnd(VisibleText(app.first.substr(prefix)), room - std::min(uid.size(), room)));
     }
+    return FitEnd(VisibleText(first.substr(0, prefix)), room);
 }
 
 // `shown` are the signs of all rows.
@@ -290,10 +288,7 @@ void PrintChart(const std::vector<PermissionUsageRecord>& records, int64_t begin
         marksDenied = marksDenied || record.GetOperationMode() != MODE_DENIED;
     }
     const size_t width = OutputWidth();
-    const size_t room = std::max(width / 3, MIN_LABEL);
-    const std::string_view prefix = CommonPrefix(rows);
-    NameRows(rows, prefix.size(), room);
-    const std::string corner = FitEnd(VisibleText(prefix), room);
+    const std::string corner = LabelRows(rows, std::max(width / 3, MIN_LABEL));
     size_t labelWidth = DisplayWidth(corner);
     for (const auto& [app, row] : rows) {
         labelWidth = std::max(labelWidth, DisplayWidth(row.label));
