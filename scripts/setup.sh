@@ -9,7 +9,7 @@
 # Runs as root or with sudo. Says nothing when nothing is missing.
 set -euo pipefail
 
-packages=(cmake g++ libcli11-dev libgmock-dev libgtest-dev libsqlite3-dev libsystemd-dev ninja-build nlohmann-json3-dev pkg-config python3)
+packages=(cmake g++ libcli11-dev libgmock-dev libgtest-dev libsqlitecpp-dev libsystemd-dev ninja-build nlohmann-json3-dev pkg-config python3)
 case "${1:-}" in
     "") ;;
     all)

@@ -197,7 +197,7 @@ TEST_F(ServiceTest, SummaryAddsUpTimesAloneAndSaturates)
 TEST_F(ServiceTest, TimelineStopsReadingOnePastAnAnswer)
 {
     database_.Write([](Connection& connection) {
-        connection.Execute(
+        connection.exec(
             "WITH RECURSIVE n (i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 12000) INSERT INTO usage "
             "SELECT NULL, i + 9000, i + 9000, app.id, permission_group.id, 0, 0, 0, 1 FROM n, app, permission_group "
             "WHERE uid = 12 AND name = 'CAMERA'");
@@ -302,7 +302,7 @@ TEST_F(ServiceTest, PoliciesOfABatchAreStoredTogetherOrNotAtAll)
     EXPECT_EQ(RESULT_OK, service_->GTokenPolicyRemovePolicy({"maps", "maps", "first"}));
     EXPECT_EQ("", Policies(service_, "p", {"maps", "first"}));
     database_.Read([](Connection& connection) {
-        EXPECT_EQ(1, connection.Number("SELECT count(*) FROM policy")) << "they go with their bundles";
+        EXPECT_EQ(1, connection.execAndGet("SELECT count(*) FROM policy").getInt()) << "they go with their bundles";
         return RESULT_OK;
     });
 }
@@ -321,9 +321,9 @@ TEST_F(ServiceTest, ChangesAreForTheChangersAndReadingForAll)
 void ExpectWhole(Database& database)
 {
     database.Read([](Connection& connection) {
-        EXPECT_EQ(1, connection.Number("SELECT integrity_check = 'ok' FROM pragma_integrity_check"));
-        EXPECT_EQ(0, connection.Number("SELECT count(*) FROM pragma_foreign_key_check"));
-        EXPECT_EQ(2, connection.Number("PRAGMA synchronous")) << "an answer waits for the disk";
+        EXPECT_EQ("ok", connection.execAndGet("PRAGMA integrity_check").getString());
+        EXPECT_EQ(0, connection.execAndGet("SELECT count(*) FROM pragma_foreign_key_check").getInt());
+        EXPECT_EQ(2, connection.execAndGet("PRAGMA synchronous").getInt()) << "an answer waits for the disk";
         return RESULT_OK;
     });
 }

@@ -73,6 +73,11 @@ CREATE TABLE policy (
 };
 constexpr auto VERSION = static_cast<int64_t>(std::size(MIGRATIONS));
 
+// Filters make statements of many shapes; a client that tries them all must not fill the memory.
+constexpr size_t MAX_KEPT_STATEMENTS = 48;
+// Longer ones have lists of numbers in them, and are hardly asked for twice.
+constexpr size_t MAX_KEPT_BYTES = 1024;
+
 [[noreturn]] void FailStep(const char* step)
 {
     throw DatabaseError(std::string("cannot ") + step + ": " + std::strerror(errno));
@@ -93,6 +98,37 @@ void MakeFile(const std::string& path)
 
 }  // namespace
 
+Connection::Connection(const std::string& path)
+    : SQLite::Database(path, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE | SQLite::OPEN_NOMUTEX)
+{
+    exec(SETTINGS);
+}
+
+int32_t Connection::Transact(const char* begin, const std::function<int32_t(Connection&)>& work)
+try {
+    exec(begin);
+    const int32_t result = work(*this);
+    Release();
+    exec(result == 0 ? "COMMIT" : "ROLLBACK");
+    return result;
+} catch (...) {
+    Release();
+    // SQLite itself ends a transaction that it cannot complete, such as on a full disk.
+    tryExec("ROLLBACK");
+    throw;
+}
+
+// Ends the use of all statements.
+void Connection::Release()
+{
+    for (auto kept = statements_.begin(); kept != statements_.end();) {
+        kept->second.tryReset();
+        kept->second.clearBindings();
+        const bool isWorthIt = kept->first.size() <= MAX_KEPT_BYTES && statements_.size() <= MAX_KEPT_STATEMENTS;
+        kept = isWorthIt ? std::next(kept) : statements_.erase(kept);
+    }
+}
+
 Database::Database(const std::string& path, Use use) : path_(path.empty() ? IN_MEMORY : path)
 {
     try {
@@ -102,7 +138,7 @@ Database::Database(const std::string& path, Use use) : path_(path.empty() ? IN_M
             }
             MakeFile(path_);
         }
-        writer_ = Open();
+        writer_ = std::make_unique<Connection>(path_);
         Prepare();
     } catch (const DatabaseError& error) {
         throw DatabaseError(path_ + ": " + error.what());
@@ -127,21 +163,14 @@ void Database::KeepOthersAway()
     }
 }
 
-std::unique_ptr<Connection> Database::Open() const
-{
-    auto connection = std::make_unique<Connection>(path_);
-    connection->Execute(SETTINGS);
-    return connection;
-}
-
 void Database::Prepare()
 {
     // Nothing is written before it is clear whose database this is.
-    const bool isNew = writer_->Number("PRAGMA page_count") == 0;
-    if (!isNew && writer_->Number("PRAGMA application_id") != APPLICATION_ID) {
+    const bool isNew = writer_->execAndGet("PRAGMA page_count").getInt64() == 0;
+    if (!isNew && writer_->execAndGet("PRAGMA application_id").getInt64() != APPLICATION_ID) {
         throw DatabaseError("is the database of another program");
     }
-    if (writer_->Number("PRAGMA user_version") > VERSION) {
+    if (writer_->execAndGet("PRAGMA user_version").getInt64() > VERSION) {
         throw DatabaseError("was written by a newer version of this program");
     }
     // SQLite gives the files beside it the mode of the database, so that is set before there are any.
@@ -150,12 +179,12 @@ void Database::Prepare()
         std::filesystem::permissions(path_, perms::owner_exec | perms::group_all | perms::others_all,
                                      std::filesystem::perm_options::remove);
     }
-    writer_->Execute("PRAGMA journal_mode = WAL");
+    writer_->exec("PRAGMA journal_mode = WAL");
     writer_->Transact("BEGIN IMMEDIATE", [](Connection& connection) {
-        for (int64_t version = connection.Number("PRAGMA user_version"); version < VERSION; ++version) {
-            connection.Execute(MIGRATIONS[version]);
-            connection.Execute("PRAGMA application_id = " + std::to_string(APPLICATION_ID) +
-                               "; PRAGMA user_version = " + std::to_string(version + 1));
+        for (int64_t version = connection.execAndGet("PRAGMA user_version").getInt64(); version < VERSION; ++version) {
+            connection.exec(MIGRATIONS[version]);
+            connection.exec("PRAGMA application_id = " + std::to_string(APPLICATION_ID) +
+                            "; PRAGMA user_version = " + std::to_string(version + 1));
         }
         return 0;
     });
@@ -176,7 +205,7 @@ int32_t Database::Read(const std::function<int32_t(Connection&)>& work)
         }
     }
     if (!reader) {
-        reader = Open();
+        reader = std::make_unique<Connection>(path_);
     }
     // One state of the device for all statements.
     const int32_t result = reader->Transact("BEGIN", work);
@@ -193,11 +222,11 @@ int32_t Database::Write(const std::function<int32_t(Connection&)>& work)
     const uintmax_t logBytes = path_ == IN_MEMORY ? 0 : std::filesystem::file_size(path_ + "-wal", error);
     if (!error && logBytes > MAX_LOG_BYTES) {
         try {
-            writer_->Execute("PRAGMA busy_timeout = 100; PRAGMA wal_checkpoint(RESTART)");
+            writer_->exec("PRAGMA busy_timeout = 100; PRAGMA wal_checkpoint(RESTART)");
         } catch (const DatabaseError&) {
             // What was written is on the disk already; the next change tries again.
         }
-        writer_->Execute(SETTINGS);
+        writer_->exec(SETTINGS);
     }
     return result;
 }

@@ -1,15 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Statement.h>
+#include <SQLiteCpp/VariadicBind.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include "service/sqlite.h"
 
 namespace SecurityPrivacyTools {
 
@@ -20,6 +23,44 @@ constexpr size_t MAX_FINGERPRINT_BYTES = 1024;
 constexpr size_t MAX_REASON_BYTES = 1024;
 // The same for all texts of one answer: each worker may be making one, and the server has one total for all.
 constexpr size_t MAX_ANSWER_BYTES = size_t{4} * 1024 * 1024;
+
+// The database cannot do what it is asked to. The text holds no value of a row.
+using DatabaseError = SQLite::Exception;
+
+// One connection with the statements that it has prepared. For one thread at a time. Every member throws DatabaseError.
+class Connection : public SQLite::Database {
+public:
+    // Opens the file, or a database in memory for ":memory:", and makes it if there is none.
+    explicit Connection(const std::string& path);
+
+    // The statement with its values, from the left. It is good until the same text is prepared again or the transaction
+    // ends.
+    template <class... Values>
+    SQLite::Statement& Prepare(const std::string& sql, const Values&... values)
+    {
+        SQLite::Statement& statement = statements_.try_emplace(sql, *this, sql).first->second;
+        statement.tryReset();
+        SQLite::bind(statement, values...);
+        return statement;
+    }
+
+    // Runs a statement to its end. Answers how many rows it changed; what a foreign key took along does not count.
+    template <class... Values>
+    int Run(const std::string& sql, const Values&... values)
+    {
+        return Prepare(sql, values...).exec();
+    }
+
+    // Runs `work` between `begin` ("BEGIN", or "BEGIN IMMEDIATE" to write) and the end of the transaction, and hands on
+    // what it answers or throws. With 0, what was written is on the disk when this returns; otherwise nothing is
+    // written. To write, it waits for another process that does for as long as the connection allows.
+    int32_t Transact(const char* begin, const std::function<int32_t(Connection&)>& work);
+
+private:
+    void Release();
+
+    std::map<std::string, SQLite::Statement> statements_;
+};
 
 // The device: users, apps and their permission groups, what was chosen, what was used, and policies, in one SQLite
 // database. The tables and their rules are in database.cpp.
@@ -48,7 +89,6 @@ public:
     int32_t Write(const std::function<int32_t(Connection&)>& work);
 
 private:
-    std::unique_ptr<Connection> Open() const;
     void KeepOthersAway();
     void Prepare();
 

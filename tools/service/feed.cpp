@@ -43,11 +43,11 @@ std::string Name(const JsonNode& node)
 int64_t GroupId(Connection& connection, const JsonNode& node)
 {
     const std::string name = node.Text();
-    Statement find(connection, "SELECT id FROM permission_group WHERE name = ?", name);
-    if (!find.Step()) {
+    SQLite::Statement& find = connection.Prepare("SELECT id FROM permission_group WHERE name = ?", name);
+    if (!find.executeStep()) {
         node.Fail("is not among the permissionGroups");
     }
-    return find.Integer(0);
+    return find.getColumn(0).getInt64();
 }
 
 void ImportStates(Connection& connection, const JsonNode& group, int64_t groupId)
@@ -83,42 +83,42 @@ void ImportGroup(Connection& connection, const JsonNode& node, int64_t app)
     const int64_t permissionGroup = GroupId(connection, node["permissionGroup"]);
     const std::string state = node["checkedState"].Text();
     const std::string reasonText = reason ? Bounded(*reason, MAX_REASON_BYTES) : "";
-    Statement add(connection,
-                  "INSERT INTO app_group (app, permission_group, state, flags, disabled_reason) VALUES (?, ?, ?, ?, ?) "
-                  "ON CONFLICT DO UPDATE SET state = excluded.state, flags = excluded.flags, "
-                  "disabled_reason = excluded.disabled_reason "
-                  "RETURNING id, EXISTS (SELECT 1 FROM shown_state WHERE shown_state.app_group = app_group.id)",
-                  app, permissionGroup, state, flags ? flags->Integer() : 0, reasonText);
-    add.Step();
-    if (add.Integer(1) != 0) {
+    SQLite::Statement& add = connection.Prepare(
+        "INSERT INTO app_group (app, permission_group, state, flags, disabled_reason) VALUES (?, ?, ?, ?, ?) "
+        "ON CONFLICT DO UPDATE SET state = excluded.state, flags = excluded.flags, "
+        "disabled_reason = excluded.disabled_reason "
+        "RETURNING id, EXISTS (SELECT 1 FROM shown_state WHERE shown_state.app_group = app_group.id)",
+        app, permissionGroup, state, flags ? flags->Integer() : 0, reasonText);
+    add.executeStep();
+    if (add.getColumn(1).getInt64() != 0) {
         node.Fail("the app holds the group already");
     }
-    ImportStates(connection, node, add.Integer(0));
+    ImportStates(connection, node, add.getColumn(0).getInt64());
 }
 
 void ImportInstallation(Connection& connection, const JsonNode& node, const std::string& bundleName)
 {
     node.AllowOnly({"userId", "uid", "groups"});
     const int64_t userId = node["userId"].Int32(0);
-    Statement user(connection, "SELECT 1 FROM user WHERE id = ?", userId);
-    if (!user.Step()) {
+    SQLite::Statement& user = connection.Prepare("SELECT 1 FROM user WHERE id = ?", userId);
+    if (!user.executeStep()) {
         node["userId"].Fail("is not among the users");
     }
     const int64_t uid = node["uid"].Int32(0);
-    Statement taken(connection, "SELECT 1 FROM app WHERE uid = ? AND (bundle, user) <> (?, ?)", uid, bundleName,
-                    userId);
-    if (taken.Step()) {
+    SQLite::Statement& taken =
+        connection.Prepare("SELECT 1 FROM app WHERE uid = ? AND (bundle, user) <> (?, ?)", uid, bundleName, userId);
+    if (taken.executeStep()) {
         node["uid"].Fail("another app has the uid");
     }
     // What is there already has a uid below 0 until the file names it.
-    Statement add(connection,
-                  "INSERT INTO app (bundle, user, uid) VALUES (?, ?, ?) "
-                  "ON CONFLICT (bundle, user) DO UPDATE SET uid = excluded.uid WHERE uid < 0 RETURNING id",
-                  bundleName, userId, uid);
-    if (!add.Step()) {
+    SQLite::Statement& add = connection.Prepare(
+        "INSERT INTO app (bundle, user, uid) VALUES (?, ?, ?) "
+        "ON CONFLICT (bundle, user) DO UPDATE SET uid = excluded.uid WHERE uid < 0 RETURNING id",
+        bundleName, userId, uid);
+    if (!add.executeStep()) {
         node.Fail("the app is installed for the user already");
     }
-    const int64_t app = add.Integer(0);
+    const int64_t app = add.getColumn(0).getInt64();
     for (const JsonNode& item : node["groups"].Items()) {
         ImportGroup(connection, item, app);
     }
@@ -126,7 +126,7 @@ void ImportInstallation(Connection& connection, const JsonNode& node, const std:
 
 void ImportApps(Connection& connection, const JsonNode& root, ImportCounts& counts)
 {
-    connection.Execute(
+    connection.exec(
         "UPDATE user SET is_listed = 0; UPDATE permission_group SET is_listed = 0;"
         "UPDATE app SET uid = -1 - id; DELETE FROM shown_state");
     for (const JsonNode& item : root["users"].Items()) {
@@ -143,7 +143,7 @@ void ImportApps(Connection& connection, const JsonNode& root, ImportCounts& coun
             item.Fail("the group is listed twice");
         }
     }
-    connection.Execute("DELETE FROM user WHERE is_listed = 0; DELETE FROM permission_group WHERE is_listed = 0");
+    connection.exec("DELETE FROM user WHERE is_listed = 0; DELETE FROM permission_group WHERE is_listed = 0");
     for (const JsonNode& app : root["apps"].Items()) {
         app.AllowOnly({"bundleName", "installations"});
         const std::string bundleName = Name(app["bundleName"]);
@@ -152,7 +152,7 @@ void ImportApps(Connection& connection, const JsonNode& root, ImportCounts& coun
             ++counts.apps;
         }
     }
-    connection.Execute(
+    connection.exec(
         "DELETE FROM app WHERE uid < 0;"
         "DELETE FROM app_group WHERE id NOT IN (SELECT app_group FROM shown_state)");
     counts.droppedChoices = connection.Run(
@@ -175,8 +175,9 @@ int64_t AddUsageEvent(Connection& connection, const JsonNode& event, int64_t shi
 {
     event.AllowOnly({"bundleName", "userId", "operationGroup", "times", "mode", "app", "screen", "begin", "end"});
     const std::string bundleName = event["bundleName"].Text();
-    Statement app(connection, "SELECT id FROM app WHERE bundle = ? AND user = ?", bundleName, event["userId"].Int32(0));
-    if (!app.Step()) {
+    SQLite::Statement& app =
+        connection.Prepare("SELECT id FROM app WHERE bundle = ? AND user = ?", bundleName, event["userId"].Int32(0));
+    if (!app.executeStep()) {
         event.Fail("the app is not installed for the user");
     }
     const int64_t group = GroupId(connection, event["operationGroup"]);
@@ -187,7 +188,7 @@ int64_t AddUsageEvent(Connection& connection, const JsonNode& event, int64_t shi
         "SELECT ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8 WHERE NOT EXISTS (SELECT 1 FROM usage WHERE app = ?3 AND "
         "began = ?1 AND ended = ?2 AND permission_group = ?4 AND mode = ?5 AND app_state = ?6 AND "
         "screen_state = ?7 AND times = ?8 AND id <= ?9)",
-        begin + shift, end + shift, app.Integer(0), group, UsageCodeOf(event["mode"], OPERATION_MODES),
+        begin + shift, end + shift, app.getColumn(0).getInt64(), group, UsageCodeOf(event["mode"], OPERATION_MODES),
         UsageCodeOf(event["app"], APP_STATES), UsageCodeOf(event["screen"], SCREEN_STATES), event["times"].Int32(1),
         knownUpTo);
 }
@@ -231,7 +232,7 @@ ImportCounts ImportDevice(Database& database, const std::string& path, int64_t n
                 item.Fail(DescribeResult(result)->meaning);
             }
         }
-        const int64_t known = connection.Number("SELECT coalesce(max(id), 0) FROM usage");
+        const int64_t known = connection.execAndGet("SELECT coalesce(max(id), 0) FROM usage").getInt64();
         for (const JsonNode& item : root["usageEvents"].Items()) {
             counts.usageEvents += AddUsageEvent(connection, item, now != 0 ? now - recordedAt : 0, known);
         }
@@ -243,7 +244,7 @@ ImportCounts ImportDevice(Database& database, const std::string& path, int64_t n
 bool IsEmpty(Database& database)
 {
     return database.Read([](Connection& connection) {
-        return static_cast<int32_t>(connection.Number("SELECT EXISTS (SELECT 1 FROM user)"));
+        return static_cast<int32_t>(connection.execAndGet("SELECT EXISTS (SELECT 1 FROM user)").getInt64());
     }) == 0;
 }
 

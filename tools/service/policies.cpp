@@ -47,18 +47,18 @@ int32_t AddPolicies(Connection& connection, const GTokenInfo& info)
     if (result != RESULT_OK) {
         return result;
     }
-    Statement add(connection,
-                  "INSERT INTO bundle (name, fingerprint, version_code) VALUES (?, ?, ?) ON CONFLICT DO UPDATE "
-                  "SET version_code = excluded.version_code WHERE fingerprint = excluded.fingerprint RETURNING id",
-                  info.bundleName, info.fingerprint, info.versionCode);
-    if (!add.Step()) {
+    SQLite::Statement& add = connection.Prepare(
+        "INSERT INTO bundle (name, fingerprint, version_code) VALUES (?, ?, ?) ON CONFLICT DO UPDATE "
+        "SET version_code = excluded.version_code WHERE fingerprint = excluded.fingerprint RETURNING id",
+        info.bundleName, info.fingerprint, info.versionCode);
+    if (!add.executeStep()) {
         return RESULT_FINGERPRINT_MISMATCH;
     }
     for (const GTokenPolicy& policy : info.policies) {
         connection.Run(
             "INSERT INTO policy (bundle, name, value) VALUES (?, ?, ?) "
             "ON CONFLICT DO UPDATE SET value = excluded.value",
-            add.Integer(0), policy.policyName, policy.policyValue);
+            add.getColumn(0).getInt64(), policy.policyName, policy.policyValue);
     }
     return RESULT_OK;
 }
@@ -82,19 +82,19 @@ int32_t GetPolicies(Connection& connection, const std::string& policyName, const
                             "WHERE bundle.name = ? AND policy.name = ?";
     size_t bytes = 0;
     for (const std::string& bundleName : bundleNames) {
-        Statement find(connection, sql, bundleName, policyName);
-        if (!find.Step()) {
+        SQLite::Statement& find = connection.Prepare(sql, bundleName, policyName);
+        if (!find.executeStep()) {
             continue;
         }
-        bytes += bundleName.size() + find.Text(2).size();
+        bytes += bundleName.size() + find.getColumn(2).getString().size();
         if (bytes > MAX_ANSWER_BYTES) {
             return RESULT_ANSWER_TOO_LONG;
         }
         GTokenResult row;
         row.bundleName = bundleName;
-        row.versionCode = find.Integer(0);
-        row.policyValue = find.Integer(1);
-        row.fingerprint = find.Text(2);
+        row.versionCode = find.getColumn(0).getInt64();
+        row.policyValue = find.getColumn(1).getInt64();
+        row.fingerprint = find.getColumn(2).getString();
         rows.push_back(std::move(row));
     }
     return RESULT_OK;

@@ -34,36 +34,36 @@ constexpr const char* GROUP_ROWS =
     "WHERE user = ? AND ";
 
 // Makes a record of the rows of each group whose column `filtered` is among the wanted names; of none, all.
-int32_t ReadGroups(Statement& rows, int filtered, const std::unordered_set<std::string>& wanted,
+int32_t ReadGroups(SQLite::Statement& rows, int filtered, const std::unordered_set<std::string>& wanted,
                    std::vector<AppPermissionGroupInfo>& infos)
 {
     std::vector<AppPermissionGroupInfo> found;
     size_t bytes = 0;
     int64_t last = 0;
-    while (rows.Step()) {
-        if (!wanted.empty() && wanted.count(std::string(rows.Text(filtered))) == 0) {
+    while (rows.executeStep()) {
+        if (!wanted.empty() && wanted.count(rows.getColumn(filtered).getString()) == 0) {
             continue;
         }
-        if (rows.Integer(0) != last) {
+        if (rows.getColumn(0).getInt64() != last) {
             if (found.size() == MAX_INFOS) {
                 break;
             }
-            last = rows.Integer(0);
+            last = rows.getColumn(0).getInt64();
             AppPermissionGroupInfo& info = found.emplace_back();
-            info.bundleName = rows.Text(1);
-            info.uid = rows.Int32(2);
-            info.permissionGroup = rows.Text(3);
-            info.checkedState = rows.Text(4);
-            info.flags = rows.Integer(5);
-            info.disabledReason = rows.Text(6);
+            info.bundleName = rows.getColumn(1).getString();
+            info.uid = rows.getColumn(2).getInt();
+            info.permissionGroup = rows.getColumn(3).getString();
+            info.checkedState = rows.getColumn(4).getString();
+            info.flags = rows.getColumn(5).getInt64();
+            info.disabledReason = rows.getColumn(6).getString();
             bytes += info.bundleName.size() + info.permissionGroup.size() + info.checkedState.size() +
                      info.disabledReason.size();
         }
-        found.back().shownStates.emplace_back(rows.Text(7));
-        if (rows.Integer(8) != 0) {
-            found.back().disabledStates.emplace(rows.Text(7));
+        found.back().shownStates.emplace_back(rows.getColumn(7).getString());
+        if (rows.getColumn(8).getInt64() != 0) {
+            found.back().disabledStates.emplace(rows.getColumn(7).getString());
         }
-        bytes += rows.Text(7).size();
+        bytes += rows.getColumn(7).getString().size();
         if (bytes > MAX_ANSWER_BYTES) {
             return RESULT_ANSWER_TOO_LONG;
         }
@@ -87,15 +87,15 @@ constexpr Listing BY_GROUP{"SELECT 1 FROM permission_group WHERE name = ?2", RES
 int32_t ListGroups(Connection& connection, const Listing& listing, int64_t user, const std::string& name,
                    const std::unordered_set<std::string>& wanted, std::vector<AppPermissionGroupInfo>& infos)
 {
-    Statement knownUser(connection, "SELECT 1 FROM user WHERE id = ?", user);
-    if (!knownUser.Step()) {
+    SQLite::Statement& knownUser = connection.Prepare("SELECT 1 FROM user WHERE id = ?", user);
+    if (!knownUser.executeStep()) {
         return RESULT_UNKNOWN_USER;
     }
-    Statement known(connection, listing.exists, user, name);
-    if (!known.Step()) {
+    SQLite::Statement& known = connection.Prepare(listing.exists, user, name);
+    if (!known.executeStep()) {
         return listing.missing;
     }
-    Statement rows(connection, std::string(GROUP_ROWS) + listing.rows, user, name);
+    SQLite::Statement& rows = connection.Prepare(std::string(GROUP_ROWS) + listing.rows, user, name);
     return ReadGroups(rows, listing.filtered, wanted, infos);
 }
 
@@ -175,31 +175,33 @@ int32_t SecurityPrivacyService::SetAppPermissionGroupCheckedState(const std::str
     const int64_t mask = checkedStateParameter.flagsMask;
     bool differs = false;
     const int32_t result = Write([&](Connection& connection) -> int32_t {
-        Statement app(connection, "SELECT id FROM app WHERE bundle = ? AND uid = ?", bundleName, int64_t{uid});
-        if (!app.Step()) {
+        SQLite::Statement& app =
+            connection.Prepare("SELECT id FROM app WHERE bundle = ? AND uid = ?", bundleName, int64_t{uid});
+        if (!app.executeStep()) {
             return RESULT_UNKNOWN_APP;
         }
-        Statement group(connection,
-                        "SELECT app_group.id, coalesce(choice.state, app_group.state), "
-                        "coalesce(choice.flags, app_group.flags) FROM app_group "
-                        "JOIN permission_group ON permission_group.id = app_group.permission_group "
-                        "LEFT JOIN choice ON choice.app_group = app_group.id WHERE app = ? AND name = ?",
-                        app.Integer(0), permissionGroup);
-        if (!group.Step()) {
+        SQLite::Statement& group = connection.Prepare(
+            "SELECT app_group.id, coalesce(choice.state, app_group.state), "
+            "coalesce(choice.flags, app_group.flags) FROM app_group "
+            "JOIN permission_group ON permission_group.id = app_group.permission_group "
+            "LEFT JOIN choice ON choice.app_group = app_group.id WHERE app = ? AND name = ?",
+            app.getColumn(0).getInt64(), permissionGroup);
+        if (!group.executeStep()) {
             return RESULT_UNKNOWN_PERMISSION_GROUP;
         }
-        Statement shown(connection, "SELECT is_disabled FROM shown_state WHERE app_group = ? AND state = ?",
-                        group.Integer(0), state);
-        if (!shown.Step()) {
+        SQLite::Statement& shown =
+            connection.Prepare("SELECT is_disabled FROM shown_state WHERE app_group = ? AND state = ?",
+                               group.getColumn(0).getInt64(), state);
+        if (!shown.executeStep()) {
             return RESULT_STATE_NOT_SHOWN;
         }
-        if (shown.Integer(0) != 0) {
+        if (shown.getColumn(0).getInt64() != 0) {
             return RESULT_STATE_DISABLED;
         }
-        const int64_t flags = (group.Integer(2) & ~mask) | (checkedStateParameter.flagsValue & mask);
-        differs = group.Text(1) != state || group.Integer(2) != flags;
-        connection.Run("INSERT OR REPLACE INTO choice (app_group, state, flags) VALUES (?, ?, ?)", group.Integer(0),
-                       state, flags);
+        const int64_t flags = (group.getColumn(2).getInt64() & ~mask) | (checkedStateParameter.flagsValue & mask);
+        differs = group.getColumn(1).getString() != state || group.getColumn(2).getInt64() != flags;
+        connection.Run("INSERT OR REPLACE INTO choice (app_group, state, flags) VALUES (?, ?, ?)",
+                       group.getColumn(0).getInt64(), state, flags);
         return RESULT_OK;
     });
     returns = differs && result == RESULT_OK;

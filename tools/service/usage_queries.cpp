@@ -53,8 +53,8 @@ std::string InNamed(Connection& connection, const std::string& column, const std
     std::string list;
     int count = 0;
     for (const std::string& name : names) {
-        for (Statement rows(connection, find, name); rows.Step(); ++count) {
-            list += (list.empty() ? "" : ",") + std::to_string(rows.Integer(0));
+        for (SQLite::Statement& rows = connection.Prepare(find, name); rows.executeStep(); ++count) {
+            list += (list.empty() ? "" : ",") + std::to_string(rows.getColumn(0).getInt64());
         }
     }
     if (names.empty()) {
@@ -78,7 +78,7 @@ std::string Where(Connection& connection, const PermissionUsageRecordQuery& quer
 
 // Calls `use` with each event, and the columns that `more` names, until it answers another code than RESULT_OK.
 int32_t ReadEvents(Connection& connection, const PermissionUsageRecordQuery& query, const std::string& more,
-                   const std::string& order, const std::function<int32_t(const Statement&)>& use)
+                   const std::string& order, const std::function<int32_t(const SQLite::Statement&)>& use)
 {
     if (query.GetOrder() != OLDEST_FIRST && query.GetOrder() != NEWEST_FIRST) {
         return RESULT_BAD_ORDER;
@@ -86,43 +86,44 @@ int32_t ReadEvents(Connection& connection, const PermissionUsageRecordQuery& que
     if (query.GetLimit() < 0) {
         return RESULT_BAD_LIMIT;
     }
-    Statement select(connection,
-                     "SELECT began, ended, usage.app, usage.permission_group, mode, app_state, screen_state, times" +
-                         more + Where(connection, query) + order);
+    SQLite::Statement& select = connection.Prepare(
+        "SELECT began, ended, usage.app, usage.permission_group, mode, app_state, screen_state, times" + more +
+        Where(connection, query) + order);
+    int place = 0;
     for (const int64_t bound : {query.GetBeginTimestamp(), query.GetEndTimestamp()}) {
         if (bound != 0) {
-            select.Bind(bound);
+            select.bind(++place, bound);
         }
     }
     int32_t result = RESULT_OK;
-    while (result == RESULT_OK && select.Step()) {
+    while (result == RESULT_OK && select.executeStep()) {
         result = use(select);
     }
     return result;
 }
 
 // The bundle, uid and group are columns of `names`, from `first` on.
-PermissionUsageRecord MakeRecord(const Statement& event, const Statement& names, int first)
+PermissionUsageRecord MakeRecord(const SQLite::Statement& event, const SQLite::Statement& names, int first)
 {
     PermissionUsageRecord record;
-    record.SetBundleName(std::string(names.Text(first)));
-    record.SetUid(names.Int32(first + 1));
-    record.SetOperationGroup(std::string(names.Text(first + 2)));
-    record.SetBeginTimestamp(event.Integer(0));
-    record.SetEndTimestamp(event.Integer(1));
-    record.SetOperationMode(event.Int32(4));
-    record.SetAppState(event.Int32(5));
-    record.SetScreenState(event.Int32(6));
-    record.SetTimes(event.Int32(7));
+    record.SetBundleName(names.getColumn(first).getString());
+    record.SetUid(names.getColumn(first + 1).getInt());
+    record.SetOperationGroup(names.getColumn(first + 2).getString());
+    record.SetBeginTimestamp(event.getColumn(0).getInt64());
+    record.SetEndTimestamp(event.getColumn(1).getInt64());
+    record.SetOperationMode(event.getColumn(4).getInt());
+    record.SetAppState(event.getColumn(5).getInt());
+    record.SetScreenState(event.getColumn(6).getInt());
+    record.SetTimes(event.getColumn(7).getInt());
     return record;
 }
 
-void AddUp(PermissionUsageRecord& sum, const Statement& event)
+void AddUp(PermissionUsageRecord& sum, const SQLite::Statement& event)
 {
-    const int64_t times = sum.GetTimes() + event.Integer(7);
+    const int64_t times = sum.GetTimes() + event.getColumn(7).getInt64();
     sum.SetTimes(static_cast<int32_t>(std::min<int64_t>(times, std::numeric_limits<int32_t>::max())));
-    sum.SetBeginTimestamp(std::min(sum.GetBeginTimestamp(), event.Integer(0)));
-    sum.SetEndTimestamp(std::max(sum.GetEndTimestamp(), event.Integer(1)));
+    sum.SetBeginTimestamp(std::min(sum.GetBeginTimestamp(), event.getColumn(0).getInt64()));
+    sum.SetEndTimestamp(std::max(sum.GetEndTimestamp(), event.getColumn(1).getInt64()));
 }
 
 }  // namespace
@@ -132,9 +133,10 @@ int32_t SummariseUsage(Connection& connection, const PermissionUsageRecordQuery&
                        std::vector<PermissionUsageRecord>& records)
 {
     std::map<std::array<int64_t, 5>, PermissionUsageRecord> sums;
-    const int32_t result = ReadEvents(connection, query, " FROM usage", "", [&](const Statement& event) {
-        const std::array<int64_t, 5> key{event.Integer(2), event.Integer(3), event.Integer(4), event.Integer(5),
-                                         event.Integer(6)};
+    const int32_t result = ReadEvents(connection, query, " FROM usage", "", [&](const SQLite::Statement& event) {
+        const std::array<int64_t, 5> key{event.getColumn(2).getInt64(), event.getColumn(3).getInt64(),
+                                         event.getColumn(4).getInt64(), event.getColumn(5).getInt64(),
+                                         event.getColumn(6).getInt64()};
         const auto sum = sums.find(key);
         if (sum != sums.end()) {
             AddUp(sum->second, event);
@@ -143,11 +145,10 @@ int32_t SummariseUsage(Connection& connection, const PermissionUsageRecordQuery&
         if (sums.size() == MAX_SUMS) {
             return RESULT_ANSWER_TOO_LONG;
         }
-        Statement names(
-            connection,
+        SQLite::Statement& names = connection.Prepare(
             "SELECT bundle, uid, name FROM app, permission_group WHERE app.id = ? AND permission_group.id = ?", key[0],
             key[1]);
-        names.Step();
+        names.executeStep();
         sums.emplace(key, MakeRecord(event, names, 0));
         return RESULT_OK;
     });
@@ -179,7 +180,7 @@ int32_t ListUsage(Connection& connection, const PermissionUsageRecordQuery& quer
                       std::string(" ORDER BY began") + (query.GetOrder() == NEWEST_FIRST ? " DESC" : "") +
                           ", bundle, uid, name, mode, app_state, screen_state, usage.id LIMIT " +
                           std::to_string(MostRecords(query)),
-                      [&](const Statement& event) {
+                      [&](const SQLite::Statement& event) {
                           records.push_back(MakeRecord(event, event, 8));
                           return RESULT_OK;
                       });

@@ -6,7 +6,7 @@
 
 #include "security_privacy/permission_usage_record.h"
 #include "security_privacy/permission_usage_record_query.h"
-#include "service/sqlite.h"
+#include "service/database.h"
 
 namespace SecurityPrivacyTools {
 
