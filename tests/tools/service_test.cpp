@@ -201,7 +201,6 @@ TEST_F(ServiceTest, TimelineStopsReadingOnePastAnAnswer)
             "WITH RECURSIVE n (i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 12000) INSERT INTO usage "
             "SELECT NULL, i + 9000, i + 9000, app.id, permission_group.id, 0, 0, 0, 1 FROM n, app, permission_group "
             "WHERE uid = 12 AND name = 'CAMERA'");
-        return RESULT_OK;
     });
     EXPECT_EQ(10001U, Timeline("{}").size());
     EXPECT_EQ(10001U, Timeline(R"({"limit": 11000})").size());
@@ -303,7 +302,6 @@ TEST_F(ServiceTest, PoliciesOfABatchAreStoredTogetherOrNotAtAll)
     EXPECT_EQ("", Policies(service_, "p", {"maps", "first"}));
     database_.Read([](Connection& connection) {
         EXPECT_EQ(1, connection.execAndGet("SELECT count(*) FROM policy").getInt()) << "they go with their bundles";
-        return RESULT_OK;
     });
 }
 
@@ -324,7 +322,6 @@ void ExpectWhole(Database& database)
         EXPECT_EQ("ok", connection.execAndGet("PRAGMA integrity_check").getString());
         EXPECT_EQ(0, connection.execAndGet("SELECT count(*) FROM pragma_foreign_key_check").getInt());
         EXPECT_EQ(2, connection.execAndGet("PRAGMA synchronous").getInt()) << "an answer waits for the disk";
-        return RESULT_OK;
     });
 }
 

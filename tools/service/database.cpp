@@ -104,18 +104,26 @@ Connection::Connection(const std::string& path)
     exec(SETTINGS);
 }
 
-int32_t Connection::Transact(const char* begin, const std::function<int32_t(Connection&)>& work)
-try {
-    exec(begin);
-    const int32_t result = work(*this);
-    Release();
-    exec(result == 0 ? "COMMIT" : "ROLLBACK");
-    return result;
-} catch (...) {
-    Release();
+int32_t Connection::Transact(const char* begin, const Work& work)
+{
     // SQLite itself ends a transaction that it cannot complete, such as on a full disk.
-    tryExec("ROLLBACK");
-    throw;
+    const auto undo = [this] {
+        Release();
+        tryExec("ROLLBACK");
+    };
+    try {
+        Run(begin);
+        work(*this);
+        Release();
+        Run("COMMIT");
+        return 0;
+    } catch (const Refusal& refusal) {
+        undo();
+        return refusal.code;
+    } catch (...) {
+        undo();
+        throw;
+    }
 }
 
 // Ends the use of all statements.
@@ -186,11 +194,10 @@ void Database::Prepare()
             connection.exec("PRAGMA application_id = " + std::to_string(APPLICATION_ID) +
                             "; PRAGMA user_version = " + std::to_string(version + 1));
         }
-        return 0;
     });
 }
 
-int32_t Database::Read(const std::function<int32_t(Connection&)>& work)
+int32_t Database::Read(const Connection::Work& work)
 {
     if (path_ == IN_MEMORY) {
         const std::lock_guard<std::mutex> lock(writing_);
@@ -214,7 +221,7 @@ int32_t Database::Read(const std::function<int32_t(Connection&)>& work)
     return result;
 }
 
-int32_t Database::Write(const std::function<int32_t(Connection&)>& work)
+int32_t Database::Write(const Connection::Work& work)
 {
     const std::lock_guard<std::mutex> lock(writing_);
     const int32_t result = writer_->Transact("BEGIN IMMEDIATE", work);

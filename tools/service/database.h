@@ -27,9 +27,16 @@ constexpr size_t MAX_ANSWER_BYTES = size_t{4} * 1024 * 1024;
 // The database cannot do what it is asked to. The text holds no value of a row.
 using DatabaseError = SQLite::Exception;
 
+// Thrown by the work of a transaction, to undo it: the result code that the transaction then answers.
+struct Refusal {
+    int32_t code;
+};
+
 // One connection with the statements that it has prepared. For one thread at a time. Every member throws DatabaseError.
 class Connection : public SQLite::Database {
 public:
+    using Work = std::function<void(Connection&)>;
+
     // Opens the file, or a database in memory for ":memory:", and makes it if there is none.
     explicit Connection(const std::string& path);
 
@@ -51,10 +58,10 @@ public:
         return Prepare(sql, values...).exec();
     }
 
-    // Runs `work` between `begin` ("BEGIN", or "BEGIN IMMEDIATE" to write) and the end of the transaction, and hands on
-    // what it answers or throws. With 0, what was written is on the disk when this returns; otherwise nothing is
+    // Runs `work` between `begin` ("BEGIN", or "BEGIN IMMEDIATE" to write) and the end of the transaction. Answers 0
+    // when what was written is on the disk, or the code of a Refusal; then, and when something is thrown, nothing is
     // written. To write, it waits for another process that does for as long as the connection allows.
-    int32_t Transact(const char* begin, const std::function<int32_t(Connection&)>& work);
+    int32_t Transact(const char* begin, const Work& work);
 
 private:
     void Release();
@@ -83,10 +90,9 @@ public:
     // is left as it is.
     explicit Database(const std::string& path, Use use = Use::SERVE);
 
-    // Both run `work` in a transaction and hand on what it answers and throws. `Write` keeps what it wrote when it
-    // answers 0, and undoes it otherwise.
-    int32_t Read(const std::function<int32_t(Connection&)>& work);
-    int32_t Write(const std::function<int32_t(Connection&)>& work);
+    // Both run `work` in a transaction, see `Connection::Transact`.
+    int32_t Read(const Connection::Work& work);
+    int32_t Write(const Connection::Work& work);
 
 private:
     void KeepOthersAway();

@@ -12,7 +12,7 @@
 #include "common/result_codes.h"
 #include "common/usage_codes.h"
 #include "security_privacy/contract.h"
-#include "service/policies.h"
+#include "service/security_privacy_service.h"
 
 namespace SecurityPrivacyTools {
 namespace {
@@ -227,25 +227,27 @@ ImportCounts ImportDevice(Database& database, const std::string& path, int64_t n
     database.Write([&](Connection& connection) {
         ImportApps(connection, root, counts);
         for (const JsonNode& item : root["gTokens"].Items()) {
-            const int32_t result = AddPolicies(connection, ReadGTokenInfo(item));
-            if (result != RESULT_OK) {
-                item.Fail(DescribeResult(result)->meaning);
+            try {
+                SecurityPrivacyService::AddPolicies(connection, ReadGTokenInfo(item));
+            } catch (const Refusal& refusal) {
+                item.Fail(DescribeResult(refusal.code)->meaning);
             }
         }
         const int64_t known = connection.execAndGet("SELECT coalesce(max(id), 0) FROM usage").getInt64();
         for (const JsonNode& item : root["usageEvents"].Items()) {
             counts.usageEvents += AddUsageEvent(connection, item, now != 0 ? now - recordedAt : 0, known);
         }
-        return RESULT_OK;
     });
     return counts;
 }
 
 bool IsEmpty(Database& database)
 {
-    return database.Read([](Connection& connection) {
-        return static_cast<int32_t>(connection.execAndGet("SELECT EXISTS (SELECT 1 FROM user)").getInt64());
-    }) == 0;
+    bool isEmpty = false;
+    database.Read([&](Connection& connection) {
+        isEmpty = connection.execAndGet("SELECT NOT EXISTS (SELECT 1 FROM user)").getInt() != 0;
+    });
+    return isEmpty;
 }
 
 int64_t RecordUsage(Database& database, const std::string& path)
@@ -264,7 +266,6 @@ int64_t RecordUsage(Database& database, const std::string& path)
                     ++number;
                     StoreLine(connection, name + ": line " + std::to_string(number), line);
                 }
-                return RESULT_OK;
             });
         } catch (const std::runtime_error& error) {
             throw InputError(std::string(error.what()) + "; the first " + std::to_string(stored) +
@@ -285,7 +286,6 @@ int64_t DropUsageBefore(Database& database, int64_t time)
         dropped = connection.Run(
             "DELETE FROM usage WHERE id IN (SELECT id FROM usage WHERE began < ? ORDER BY began LIMIT ?)", time,
             static_cast<int64_t>(MAX_BATCH));
-        return RESULT_OK;
     });
     return dropped;
 }

@@ -2,18 +2,21 @@
 #include "service/security_privacy_service.h"
 
 #include <algorithm>
+#include <functional>
 #include <iterator>
+#include <string_view>
 #include <utility>
 
 #include "common/result_codes.h"
 #include "security_privacy/contract.h"
-#include "service/policies.h"
 #include "varn/host/caller.h"
 #include "varn/log.h"
 
 namespace SecurityPrivacyTools {
 namespace {
 
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenPolicy;
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenResult;
 using VARN::Host::CurrentCaller;
 
 constexpr int LOG_TYPE = 3;
@@ -33,45 +36,6 @@ constexpr const char* GROUP_ROWS =
     "JOIN shown_state ON shown_state.app_group = app_group.id LEFT JOIN choice ON choice.app_group = app_group.id "
     "WHERE user = ? AND ";
 
-// Makes a record of the rows of each group whose column `filtered` is among the wanted names; of none, all.
-int32_t ReadGroups(SQLite::Statement& rows, int filtered, const std::unordered_set<std::string>& wanted,
-                   std::vector<AppPermissionGroupInfo>& infos)
-{
-    std::vector<AppPermissionGroupInfo> found;
-    size_t bytes = 0;
-    int64_t last = 0;
-    while (rows.executeStep()) {
-        if (!wanted.empty() && wanted.count(rows.getColumn(filtered).getString()) == 0) {
-            continue;
-        }
-        if (rows.getColumn(0).getInt64() != last) {
-            if (found.size() == MAX_INFOS) {
-                break;
-            }
-            last = rows.getColumn(0).getInt64();
-            AppPermissionGroupInfo& info = found.emplace_back();
-            info.bundleName = rows.getColumn(1).getString();
-            info.uid = rows.getColumn(2).getInt();
-            info.permissionGroup = rows.getColumn(3).getString();
-            info.checkedState = rows.getColumn(4).getString();
-            info.flags = rows.getColumn(5).getInt64();
-            info.disabledReason = rows.getColumn(6).getString();
-            bytes += info.bundleName.size() + info.permissionGroup.size() + info.checkedState.size() +
-                     info.disabledReason.size();
-        }
-        found.back().shownStates.emplace_back(rows.getColumn(7).getString());
-        if (rows.getColumn(8).getInt64() != 0) {
-            found.back().disabledStates.emplace(rows.getColumn(7).getString());
-        }
-        bytes += rows.getColumn(7).getString().size();
-        if (bytes > MAX_ANSWER_BYTES) {
-            return RESULT_ANSWER_TOO_LONG;
-        }
-    }
-    infos.insert(infos.end(), std::make_move_iterator(found.begin()), std::make_move_iterator(found.end()));
-    return RESULT_OK;
-}
-
 // The groups of an app, or the apps of a group: what they are listed by has to exist, as has the user.
 struct Listing {
     const char* exists;
@@ -84,25 +48,75 @@ constexpr Listing BY_APP{"SELECT 1 FROM app WHERE user = ? AND bundle = ?", RESU
 constexpr Listing BY_GROUP{"SELECT 1 FROM permission_group WHERE name = ?2", RESULT_UNKNOWN_PERMISSION_GROUP,
                            "name = ? ORDER BY app.id, place", 1};
 
-int32_t ListGroups(Connection& connection, const Listing& listing, int64_t user, const std::string& name,
-                   const std::unordered_set<std::string>& wanted, std::vector<AppPermissionGroupInfo>& infos)
+// The statement at its first row, which has to be there.
+SQLite::Statement& Row(SQLite::Statement& statement, ResultCode missing)
 {
-    SQLite::Statement& knownUser = connection.Prepare("SELECT 1 FROM user WHERE id = ?", user);
-    if (!knownUser.executeStep()) {
-        return RESULT_UNKNOWN_USER;
+    if (!statement.executeStep()) {
+        throw Refusal{missing};
     }
-    SQLite::Statement& known = connection.Prepare(listing.exists, user, name);
-    if (!known.executeStep()) {
-        return listing.missing;
-    }
-    SQLite::Statement& rows = connection.Prepare(std::string(GROUP_ROWS) + listing.rows, user, name);
-    return ReadGroups(rows, listing.filtered, wanted, infos);
+    return statement;
 }
 
-int32_t OrFailure(int32_t failure, const std::function<int32_t()>& work)
+// Makes a record of the rows of each group whose filtered column is among the wanted names; of none, all.
+void ListGroups(Connection& connection, const Listing& listing, int32_t user, const std::string& name,
+                const std::unordered_set<std::string>& wanted, std::vector<AppPermissionGroupInfo>& infos)
+{
+    Row(connection.Prepare("SELECT 1 FROM user WHERE id = ?", user), RESULT_UNKNOWN_USER);
+    Row(connection.Prepare(listing.exists, user, name), listing.missing);
+    SQLite::Statement& rows = connection.Prepare(std::string(GROUP_ROWS) + listing.rows, user, name);
+    std::vector<AppPermissionGroupInfo> found;
+    size_t bytes = 0;
+    int64_t last = 0;
+    while (rows.executeStep()) {
+        if (!wanted.empty() && wanted.count(rows.getColumn(listing.filtered)) == 0) {
+            continue;
+        }
+        const int64_t group = rows.getColumn(0);
+        if (group != last) {
+            if (found.size() == MAX_INFOS) {
+                break;
+            }
+            last = group;
+            AppPermissionGroupInfo& info = found.emplace_back();
+            info.bundleName = rows.getColumn(1).getString();
+            info.uid = rows.getColumn(2);
+            info.permissionGroup = rows.getColumn(3).getString();
+            info.checkedState = rows.getColumn(4).getString();
+            info.flags = rows.getColumn(5);
+            info.disabledReason = rows.getColumn(6).getString();
+            bytes += info.bundleName.size() + info.permissionGroup.size() + info.checkedState.size() +
+                     info.disabledReason.size();
+        }
+        const std::string& state = found.back().shownStates.emplace_back(rows.getColumn(7).getString());
+        if (rows.getColumn(8).getInt() != 0) {
+            found.back().disabledStates.insert(state);
+        }
+        bytes += state.size();
+        if (bytes > MAX_ANSWER_BYTES) {
+            throw Refusal{RESULT_ANSWER_TOO_LONG};
+        }
+    }
+    infos.insert(infos.end(), std::make_move_iterator(found.begin()), std::make_move_iterator(found.end()));
+}
+
+// Names that a log and a table can hold as they are, and no longer than an answer can repeat.
+void CheckName(std::string_view name, size_t maxBytes)
+{
+    const bool isGood = !name.empty() && std::all_of(name.begin(), name.end(), [](char character) {
+        return character > ' ' && character <= '~';
+    });
+    if (!isGood) {
+        throw Refusal{RESULT_BAD_NAME};
+    }
+    if (name.size() > maxBytes) {
+        throw Refusal{RESULT_TOO_LONG};
+    }
+}
+
+int32_t OrFailure(int32_t failure, const std::function<int32_t()>& transact)
 {
     try {
-        return work();
+        return transact();
     } catch (const DatabaseError& error) {
         VoLogPrint(LOG_TYPE, VARN::LOG_LEVEL_ERROR, LOG_DOMAIN, LOG_TAG, "%s: %s", DescribeResult(failure)->meaning,
                    error.what());
@@ -137,12 +151,12 @@ bool SecurityPrivacyService::IsMessageCodeAllowed(uint32_t messageCode)
     return false;
 }
 
-int32_t SecurityPrivacyService::Read(const Work& work)
+int32_t SecurityPrivacyService::Read(const Connection::Work& work)
 {
     return OrFailure(RESULT_NOT_READ, [&] { return database_.Read(work); });
 }
 
-int32_t SecurityPrivacyService::Write(const Work& work)
+int32_t SecurityPrivacyService::Write(const Connection::Work& work)
 {
     return OrFailure(RESULT_NOT_SAVED, [&] { return database_.Write(work); });
 }
@@ -152,7 +166,7 @@ int32_t SecurityPrivacyService::GetAppPermissionGroupInfosByApp(
     std::vector<AppPermissionGroupInfo>& appPermissionGroupInfos)
 {
     return Read([&](Connection& connection) {
-        return ListGroups(connection, BY_APP, userId, bundleName, interestedPermissionGroups, appPermissionGroupInfos);
+        ListGroups(connection, BY_APP, userId, bundleName, interestedPermissionGroups, appPermissionGroupInfos);
     });
 }
 
@@ -161,8 +175,7 @@ int32_t SecurityPrivacyService::GetAppPermissionGroupInfosByPermission(
     std::vector<AppPermissionGroupInfo>& appPermissionGroupInfos)
 {
     return Read([&](Connection& connection) {
-        return ListGroups(connection, BY_GROUP, userId, permissionGroup, interestedBundleNames,
-                          appPermissionGroupInfos);
+        ListGroups(connection, BY_GROUP, userId, permissionGroup, interestedBundleNames, appPermissionGroupInfos);
     });
 }
 
@@ -174,71 +187,88 @@ int32_t SecurityPrivacyService::SetAppPermissionGroupCheckedState(const std::str
     const std::string& state = checkedStateParameter.checkedState;
     const int64_t mask = checkedStateParameter.flagsMask;
     bool differs = false;
-    const int32_t result = Write([&](Connection& connection) -> int32_t {
-        SQLite::Statement& app =
-            connection.Prepare("SELECT id FROM app WHERE bundle = ? AND uid = ?", bundleName, int64_t{uid});
-        if (!app.executeStep()) {
-            return RESULT_UNKNOWN_APP;
-        }
-        SQLite::Statement& group = connection.Prepare(
-            "SELECT app_group.id, coalesce(choice.state, app_group.state), "
-            "coalesce(choice.flags, app_group.flags) FROM app_group "
-            "JOIN permission_group ON permission_group.id = app_group.permission_group "
-            "LEFT JOIN choice ON choice.app_group = app_group.id WHERE app = ? AND name = ?",
-            app.getColumn(0).getInt64(), permissionGroup);
-        if (!group.executeStep()) {
-            return RESULT_UNKNOWN_PERMISSION_GROUP;
-        }
+    const int32_t result = Write([&](Connection& connection) {
+        const int64_t app = Row(connection.Prepare("SELECT id FROM app WHERE bundle = ? AND uid = ?", bundleName, uid),
+                                RESULT_UNKNOWN_APP)
+                                .getColumn(0);
+        SQLite::Statement& group =
+            Row(connection.Prepare("SELECT app_group.id, coalesce(choice.state, app_group.state), "
+                                   "coalesce(choice.flags, app_group.flags) FROM app_group "
+                                   "JOIN permission_group ON permission_group.id = app_group.permission_group "
+                                   "LEFT JOIN choice ON choice.app_group = app_group.id WHERE app = ? AND name = ?",
+                                   app, permissionGroup),
+                RESULT_UNKNOWN_PERMISSION_GROUP);
+        const int64_t id = group.getColumn(0);
+        const int64_t oldFlags = group.getColumn(2);
         SQLite::Statement& shown =
-            connection.Prepare("SELECT is_disabled FROM shown_state WHERE app_group = ? AND state = ?",
-                               group.getColumn(0).getInt64(), state);
-        if (!shown.executeStep()) {
-            return RESULT_STATE_NOT_SHOWN;
+            connection.Prepare("SELECT is_disabled FROM shown_state WHERE app_group = ? AND state = ?", id, state);
+        if (Row(shown, RESULT_STATE_NOT_SHOWN).getColumn(0).getInt() != 0) {
+            throw Refusal{RESULT_STATE_DISABLED};
         }
-        if (shown.getColumn(0).getInt64() != 0) {
-            return RESULT_STATE_DISABLED;
-        }
-        const int64_t flags = (group.getColumn(2).getInt64() & ~mask) | (checkedStateParameter.flagsValue & mask);
-        differs = group.getColumn(1).getString() != state || group.getColumn(2).getInt64() != flags;
-        connection.Run("INSERT OR REPLACE INTO choice (app_group, state, flags) VALUES (?, ?, ?)",
-                       group.getColumn(0).getInt64(), state, flags);
-        return RESULT_OK;
+        const int64_t flags = (oldFlags & ~mask) | (checkedStateParameter.flagsValue & mask);
+        differs = group.getColumn(1).getString() != state || oldFlags != flags;
+        connection.Run("INSERT OR REPLACE INTO choice (app_group, state, flags) VALUES (?, ?, ?)", id, state, flags);
     });
     returns = differs && result == RESULT_OK;
     return result;
 }
 
-int32_t SecurityPrivacyService::GetPermissionUsageSummary(const PermissionUsageRecordQuery& query,
-                                                          std::vector<PermissionUsageRecord>& records)
+void SecurityPrivacyService::AddPolicies(Connection& connection, const GTokenInfo& info)
 {
-    return Read([&](Connection& connection) { return SummariseUsage(connection, query, records); });
-}
-
-int32_t SecurityPrivacyService::GetPermissionUsageTimeline(const PermissionUsageRecordQuery& query,
-                                                           std::vector<PermissionUsageRecord>& records)
-{
-    return Read([&](Connection& connection) { return ListUsage(connection, query, records); });
+    CheckName(info.bundleName, MAX_NAME_BYTES);
+    CheckName(info.fingerprint, MAX_FINGERPRINT_BYTES);
+    for (const GTokenPolicy& policy : info.policies) {
+        CheckName(policy.policyName, MAX_NAME_BYTES);
+    }
+    const int64_t bundle =
+        Row(connection.Prepare(
+                "INSERT INTO bundle (name, fingerprint, version_code) VALUES (?, ?, ?) ON CONFLICT DO UPDATE "
+                "SET version_code = excluded.version_code WHERE fingerprint = excluded.fingerprint RETURNING id",
+                info.bundleName, info.fingerprint, info.versionCode),
+            RESULT_FINGERPRINT_MISMATCH)
+            .getColumn(0);
+    for (const GTokenPolicy& policy : info.policies) {
+        connection.Run(
+            "INSERT INTO policy (bundle, name, value) VALUES (?, ?, ?) "
+            "ON CONFLICT DO UPDATE SET value = excluded.value",
+            bundle, policy.policyName, policy.policyValue);
+    }
 }
 
 int32_t SecurityPrivacyService::GTokenPolicyAddPolicy(const std::vector<GTokenInfo>& gTokenInfos)
 {
-    return Write([&](Connection& connection) -> int32_t {
+    return Write([&](Connection& connection) {
         for (const GTokenInfo& info : gTokenInfos) {
-            const int32_t result = AddPolicies(connection, info);
-            if (result != RESULT_OK) {
-                return result;
-            }
+            AddPolicies(connection, info);
         }
-        return RESULT_OK;
     });
 }
 
 GTokenResultWithRet SecurityPrivacyService::GTokenPolicyGetPolicy(std::string policyName,
                                                                   const std::vector<std::string>& bundleNames)
 {
+    const std::string sql = std::string("SELECT version_code, value, ") +
+                            (IsChanger(CurrentCaller().uid) ? "fingerprint" : "''") +
+                            " FROM bundle JOIN policy ON policy.bundle = bundle.id "
+                            "WHERE bundle.name = ? AND policy.name = ?";
     GTokenResultWithRet result;
     result.ret = Read([&](Connection& connection) {
-        return GetPolicies(connection, policyName, bundleNames, IsChanger(CurrentCaller().uid), result.gTokenResults);
+        size_t bytes = 0;
+        for (const std::string& bundleName : bundleNames) {
+            SQLite::Statement& found = connection.Prepare(sql, bundleName, policyName);
+            if (!found.executeStep()) {
+                continue;
+            }
+            GTokenResult& row = result.gTokenResults.emplace_back();
+            row.bundleName = bundleName;
+            row.versionCode = found.getColumn(0);
+            row.policyValue = found.getColumn(1);
+            row.fingerprint = found.getColumn(2).getString();
+            bytes += row.bundleName.size() + row.fingerprint.size();
+            if (bytes > MAX_ANSWER_BYTES) {
+                throw Refusal{RESULT_ANSWER_TOO_LONG};
+            }
+        }
     });
     if (result.ret != RESULT_OK) {
         result.gTokenResults.clear();
@@ -248,7 +278,15 @@ GTokenResultWithRet SecurityPrivacyService::GTokenPolicyGetPolicy(std::string po
 
 int32_t SecurityPrivacyService::GTokenPolicyRemovePolicy(const std::vector<std::string>& bundleNames)
 {
-    return Write([&](Connection& connection) { return RemovePolicies(connection, bundleNames); });
+    // A name that is given twice counts once.
+    const std::unordered_set<std::string> names(bundleNames.begin(), bundleNames.end());
+    return Write([&](Connection& connection) {
+        for (const std::string& name : names) {
+            if (connection.Run("DELETE FROM bundle WHERE name = ?", name) == 0) {
+                throw Refusal{RESULT_UNKNOWN_BUNDLE};
+            }
+        }
+    });
 }
 
 }  // namespace SecurityPrivacyTools

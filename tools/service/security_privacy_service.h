@@ -4,14 +4,12 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <unordered_set>
 #include <vector>
 
 #include "security_privacy/security_privacy_service_stub.h"
 #include "service/database.h"
-#include "service/usage_queries.h"
 
 namespace SecurityPrivacyTools {
 
@@ -19,6 +17,8 @@ using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenInfo;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenResultWithRet;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Permission::AppPermissionGroupInfo;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Permission::CheckedStateParameter;
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord;
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery;
 
 // Who may change something, and see fingerprints.
 struct AccessPolicy {
@@ -51,22 +51,39 @@ public:
                                               const std::string& permissionGroup,
                                               const CheckedStateParameter& checkedStateParameter,
                                               bool& returns) override;
+    // What a query means:
+    //
+    //   lists    Each list that is not empty restricts to its elements; all of them have to be met.
+    //   span     The events that begin in [begin, end), in milliseconds since the epoch; 0 leaves that side open. An
+    //            event counts where it begins, so adjoining spans count it once.
+    //   order    0 oldest first, 1 newest first, by the begin; equal ones by app, group and the other columns.
+    //   limit    The first so many records in that order; 0 means all.
+    //
+    // Whatever the limit, reading stops one record past what an answer may carry: the library then refuses the answer
+    // as too long. A summary of more than 65536 sums, whatever the limit, is RESULT_ANSWER_TOO_LONG.
+
+    // One record per app, operation group, mode, app state and screen state: the times added up (no further than an
+    // int32 goes), from the first begin to the last end.
     int32_t GetPermissionUsageSummary(const PermissionUsageRecordQuery& query,
                                       std::vector<PermissionUsageRecord>& records) override;
+    // One record per event.
     int32_t GetPermissionUsageTimeline(const PermissionUsageRecordQuery& query,
                                        std::vector<PermissionUsageRecord>& records) override;
     int32_t GTokenPolicyAddPolicy(const std::vector<GTokenInfo>& gTokenInfos) override;
-    // A caller who may not see fingerprints gets rows without them.
+    // A row for each of the bundles that has the policy, in the order of the names. A caller who may not see
+    // fingerprints gets rows without them. RESULT_ANSWER_TOO_LONG when the texts come to more than an answer may have.
     GTokenResultWithRet GTokenPolicyGetPolicy(std::string policyName,
                                               const std::vector<std::string>& bundleNames) override;
     int32_t GTokenPolicyRemovePolicy(const std::vector<std::string>& bundleNames) override;
 
-private:
-    using Work = std::function<int32_t(Connection&)>;
+    // Stores the policies of a bundle, in a transaction of the caller's. A stored one keeps its fingerprint, which has
+    // to be the same, takes the new version code, and a policy of the same name is replaced. Throws Refusal.
+    static void AddPolicies(Connection& connection, const GTokenInfo& info);
 
+private:
     bool IsChanger(uid_t uid) const;
-    int32_t Read(const Work& work);
-    int32_t Write(const Work& work);
+    int32_t Read(const Connection::Work& work);
+    int32_t Write(const Connection::Work& work);
 
     Database& database_;
     const AccessPolicy policy_;

@@ -4,11 +4,8 @@
 // which its events stand in order of time; anything else the index of the span. So the events come in the order of the
 // answer, and reading ends with it. The tables are joined in the order in which they are written (CROSS JOIN), or the
 // planner would sort instead.
-#include "service/usage_queries.h"
-
 #include <algorithm>
 #include <array>
-#include <functional>
 #include <limits>
 #include <map>
 #include <string>
@@ -17,6 +14,7 @@
 
 #include "common/result_codes.h"
 #include "security_privacy/contract.h"
+#include "service/security_privacy_service.h"
 
 namespace SecurityPrivacyTools {
 namespace {
@@ -76,114 +74,109 @@ std::string Where(Connection& connection, const PermissionUsageRecordQuery& quer
            (query.GetEndTimestamp() != 0 ? " AND began < ?" : "");
 }
 
-// Calls `use` with each event, and the columns that `more` names, until it answers another code than RESULT_OK.
-int32_t ReadEvents(Connection& connection, const PermissionUsageRecordQuery& query, const std::string& more,
-                   const std::string& order, const std::function<int32_t(const SQLite::Statement&)>& use)
+// One event, as each statement begins its columns with it.
+struct Event {
+    int64_t began, ended, app, group;
+    int32_t mode, appState, screenState, times;
+};
+
+// The events that the query asks for, and the columns that `more` names.
+SQLite::Statement& Select(Connection& connection, const PermissionUsageRecordQuery& query, const std::string& more,
+                          const std::string& order)
 {
     if (query.GetOrder() != OLDEST_FIRST && query.GetOrder() != NEWEST_FIRST) {
-        return RESULT_BAD_ORDER;
+        throw Refusal{RESULT_BAD_ORDER};
     }
     if (query.GetLimit() < 0) {
-        return RESULT_BAD_LIMIT;
+        throw Refusal{RESULT_BAD_LIMIT};
     }
-    SQLite::Statement& select = connection.Prepare(
+    SQLite::Statement& events = connection.Prepare(
         "SELECT began, ended, usage.app, usage.permission_group, mode, app_state, screen_state, times" + more +
         Where(connection, query) + order);
     int place = 0;
     for (const int64_t bound : {query.GetBeginTimestamp(), query.GetEndTimestamp()}) {
         if (bound != 0) {
-            select.bind(++place, bound);
+            events.bind(++place, bound);
         }
     }
-    int32_t result = RESULT_OK;
-    while (result == RESULT_OK && select.executeStep()) {
-        result = use(select);
-    }
-    return result;
+    return events;
 }
 
 // The bundle, uid and group are columns of `names`, from `first` on.
-PermissionUsageRecord MakeRecord(const SQLite::Statement& event, const SQLite::Statement& names, int first)
+PermissionUsageRecord MakeRecord(const Event& event, const SQLite::Statement& names, int first)
 {
     PermissionUsageRecord record;
-    record.SetBundleName(names.getColumn(first).getString());
-    record.SetUid(names.getColumn(first + 1).getInt());
-    record.SetOperationGroup(names.getColumn(first + 2).getString());
-    record.SetBeginTimestamp(event.getColumn(0).getInt64());
-    record.SetEndTimestamp(event.getColumn(1).getInt64());
-    record.SetOperationMode(event.getColumn(4).getInt());
-    record.SetAppState(event.getColumn(5).getInt());
-    record.SetScreenState(event.getColumn(6).getInt());
-    record.SetTimes(event.getColumn(7).getInt());
+    record.SetBundleName(names.getColumn(first));
+    record.SetUid(names.getColumn(first + 1));
+    record.SetOperationGroup(names.getColumn(first + 2));
+    record.SetBeginTimestamp(event.began);
+    record.SetEndTimestamp(event.ended);
+    record.SetOperationMode(event.mode);
+    record.SetAppState(event.appState);
+    record.SetScreenState(event.screenState);
+    record.SetTimes(event.times);
     return record;
-}
-
-void AddUp(PermissionUsageRecord& sum, const SQLite::Statement& event)
-{
-    const int64_t times = sum.GetTimes() + event.getColumn(7).getInt64();
-    sum.SetTimes(static_cast<int32_t>(std::min<int64_t>(times, std::numeric_limits<int32_t>::max())));
-    sum.SetBeginTimestamp(std::min(sum.GetBeginTimestamp(), event.getColumn(0).getInt64()));
-    sum.SetEndTimestamp(std::max(sum.GetEndTimestamp(), event.getColumn(1).getInt64()));
 }
 
 }  // namespace
 
 // Added up here and not by the statement: its GROUP BY sorts all events first, which takes five times as long.
-int32_t SummariseUsage(Connection& connection, const PermissionUsageRecordQuery& query,
-                       std::vector<PermissionUsageRecord>& records)
+int32_t SecurityPrivacyService::GetPermissionUsageSummary(const PermissionUsageRecordQuery& query,
+                                                          std::vector<PermissionUsageRecord>& records)
 {
-    std::map<std::array<int64_t, 5>, PermissionUsageRecord> sums;
-    const int32_t result = ReadEvents(connection, query, " FROM usage", "", [&](const SQLite::Statement& event) {
-        const std::array<int64_t, 5> key{event.getColumn(2).getInt64(), event.getColumn(3).getInt64(),
-                                         event.getColumn(4).getInt64(), event.getColumn(5).getInt64(),
-                                         event.getColumn(6).getInt64()};
-        const auto sum = sums.find(key);
-        if (sum != sums.end()) {
-            AddUp(sum->second, event);
-            return RESULT_OK;
+    return Read([&](Connection& connection) {
+        std::map<std::array<int64_t, 5>, Event> sums;
+        SQLite::Statement& events = Select(connection, query, " FROM usage", "");
+        while (events.executeStep()) {
+            const auto event = events.getColumns<Event, 8>();
+            const auto [place, isNew] =
+                sums.try_emplace({event.app, event.group, event.mode, event.appState, event.screenState}, event);
+            if (isNew && sums.size() > MAX_SUMS) {
+                throw Refusal{RESULT_ANSWER_TOO_LONG};
+            }
+            if (!isNew) {
+                Event& sum = place->second;
+                sum.times = static_cast<int32_t>(
+                    std::min<int64_t>(int64_t{sum.times} + event.times, std::numeric_limits<int32_t>::max()));
+                sum.began = std::min(sum.began, event.began);
+                sum.ended = std::max(sum.ended, event.ended);
+            }
         }
-        if (sums.size() == MAX_SUMS) {
-            return RESULT_ANSWER_TOO_LONG;
+        std::vector<PermissionUsageRecord> sorted;
+        for (const auto& [key, sum] : sums) {
+            SQLite::Statement& names = connection.Prepare(
+                "SELECT bundle, uid, name FROM app, permission_group WHERE app.id = ? AND permission_group.id = ?",
+                sum.app, sum.group);
+            names.executeStep();
+            sorted.push_back(MakeRecord(sum, names, 0));
         }
-        SQLite::Statement& names = connection.Prepare(
-            "SELECT bundle, uid, name FROM app, permission_group WHERE app.id = ? AND permission_group.id = ?", key[0],
-            key[1]);
-        names.executeStep();
-        sums.emplace(key, MakeRecord(event, names, 0));
-        return RESULT_OK;
+        const int64_t sign = query.GetOrder() == OLDEST_FIRST ? 1 : -1;
+        const auto rank = [sign](const PermissionUsageRecord& sum) {
+            return std::tuple(sign * sum.GetBeginTimestamp(), sum.GetBundleName(), sum.GetUid(),
+                              sum.GetOperationGroup(), sum.GetOperationMode(), sum.GetAppState(), sum.GetScreenState());
+        };
+        std::sort(sorted.begin(), sorted.end(),
+                  [&](const auto& left, const auto& right) { return rank(left) < rank(right); });
+        sorted.resize(std::min(sorted.size(), static_cast<size_t>(MostRecords(query))));
+        records.insert(records.end(), sorted.begin(), sorted.end());
     });
-    if (result != RESULT_OK) {
-        return result;
-    }
-    std::vector<PermissionUsageRecord> sorted;
-    for (auto& [key, sum] : sums) {
-        sorted.push_back(std::move(sum));
-    }
-    const int64_t sign = query.GetOrder() == OLDEST_FIRST ? 1 : -1;
-    const auto place = [sign](const PermissionUsageRecord& sum) {
-        return std::tuple(sign * sum.GetBeginTimestamp(), sum.GetBundleName(), sum.GetUid(), sum.GetOperationGroup(),
-                          sum.GetOperationMode(), sum.GetAppState(), sum.GetScreenState());
-    };
-    std::sort(sorted.begin(), sorted.end(),
-              [&](const auto& left, const auto& right) { return place(left) < place(right); });
-    sorted.resize(std::min(sorted.size(), static_cast<size_t>(MostRecords(query))));
-    records.insert(records.end(), sorted.begin(), sorted.end());
-    return RESULT_OK;
 }
 
-int32_t ListUsage(Connection& connection, const PermissionUsageRecordQuery& query,
-                  std::vector<PermissionUsageRecord>& records)
+int32_t SecurityPrivacyService::GetPermissionUsageTimeline(const PermissionUsageRecordQuery& query,
+                                                           std::vector<PermissionUsageRecord>& records)
 {
-    return ReadEvents(connection, query,
-                      ", bundle, uid, name FROM usage CROSS JOIN app ON app.id = usage.app "
-                      "CROSS JOIN permission_group ON permission_group.id = usage.permission_group",
-                      std::string(" ORDER BY began") + (query.GetOrder() == NEWEST_FIRST ? " DESC" : "") +
-                          ", bundle, uid, name, mode, app_state, screen_state, usage.id LIMIT " +
-                          std::to_string(MostRecords(query)),
-                      [&](const SQLite::Statement& event) {
-                          records.push_back(MakeRecord(event, event, 8));
-                          return RESULT_OK;
-                      });
+    return Read([&](Connection& connection) {
+        SQLite::Statement& events =
+            Select(connection, query,
+                   ", bundle, uid, name FROM usage CROSS JOIN app ON app.id = usage.app "
+                   "CROSS JOIN permission_group ON permission_group.id = usage.permission_group",
+                   std::string(" ORDER BY began") + (query.GetOrder() == NEWEST_FIRST ? " DESC" : "") +
+                       ", bundle, uid, name, mode, app_state, screen_state, usage.id LIMIT " +
+                       std::to_string(MostRecords(query)));
+        while (events.executeStep()) {
+            records.push_back(MakeRecord(events.getColumns<Event, 8>(), events, 8));
+        }
+    });
 }
 
 }  // namespace SecurityPrivacyTools
