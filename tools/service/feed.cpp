@@ -26,7 +26,7 @@ constexpr size_t MAX_LINE_BYTES = 65536;
 // Events stored or dropped in one transaction, so that others who write wait a few milliseconds at most.
 constexpr size_t MAX_BATCH = 1000;
 
-std::string Bounded(const JsonNode& node, size_t maxBytes)
+std::string Bounded(const JsonNode& node, size_t maxBytes = MAX_NAME_BYTES)
 {
     std::string text = node.Text();
     if (text.size() > maxBytes) {
@@ -35,19 +35,22 @@ std::string Bounded(const JsonNode& node, size_t maxBytes)
     return text;
 }
 
-std::string Name(const JsonNode& node)
+// The first number that the statement answers; when it answers none, the node is wrong.
+template <class... Values>
+int64_t Require(Connection& connection, const JsonNode& node, const char* complaint, const char* sql,
+                const Values&... values)
 {
-    return Bounded(node, MAX_NAME_BYTES);
+    SQLite::Statement& statement = connection.Prepare(sql, values...);
+    if (!statement.executeStep()) {
+        node.Fail(complaint);
+    }
+    return statement.getColumn(0);
 }
 
 int64_t GroupId(Connection& connection, const JsonNode& node)
 {
-    const std::string name = node.Text();
-    SQLite::Statement& find = connection.Prepare("SELECT id FROM permission_group WHERE name = ?", name);
-    if (!find.executeStep()) {
-        node.Fail("is not among the permissionGroups");
-    }
-    return find.getColumn(0).getInt64();
+    return Require(connection, node, "is not among the permissionGroups",
+                   "SELECT id FROM permission_group WHERE name = ?", node.Text());
 }
 
 void ImportStates(Connection& connection, const JsonNode& group, int64_t groupId)
@@ -59,18 +62,17 @@ void ImportStates(Connection& connection, const JsonNode& group, int64_t groupId
     int64_t place = 0;
     for (const JsonNode& item : shown) {
         connection.Run("INSERT INTO shown_state (app_group, place, state, is_disabled) VALUES (?, ?, ?, 0)", groupId,
-                       place++, Name(item));
+                       place++, Bounded(item));
     }
-    const auto require = [&](const JsonNode& state, bool isDisabled) {
-        if (connection.Run("UPDATE shown_state SET is_disabled = is_disabled OR ? WHERE app_group = ? AND state = ?",
-                           isDisabled, groupId, state.Text()) == 0) {
-            state.Fail("is not among the shownStates");
-        }
+    const auto find = [&](const JsonNode& state, bool isDisabled) {
+        Require(connection, state, "is not among the shownStates",
+                "UPDATE shown_state SET is_disabled = is_disabled OR ? WHERE app_group = ? AND state = ? RETURNING 1",
+                isDisabled, groupId, state.Text());
     };
-    require(group["checkedState"], false);
+    find(group["checkedState"], false);
     if (const auto disabled = group.Find("disabledStates")) {
         for (const JsonNode& item : disabled->Items()) {
-            require(item, true);
+            find(item, true);
         }
     }
 }
@@ -82,43 +84,31 @@ void ImportGroup(Connection& connection, const JsonNode& node, int64_t app)
     const auto flags = node.Find("flags");
     const int64_t permissionGroup = GroupId(connection, node["permissionGroup"]);
     const std::string state = node["checkedState"].Text();
-    const std::string reasonText = reason ? Bounded(*reason, MAX_REASON_BYTES) : "";
-    SQLite::Statement& add = connection.Prepare(
+    const int64_t id = Require(
+        connection, node, "the app holds the group already",
         "INSERT INTO app_group (app, permission_group, state, flags, disabled_reason) VALUES (?, ?, ?, ?, ?) "
         "ON CONFLICT DO UPDATE SET state = excluded.state, flags = excluded.flags, "
         "disabled_reason = excluded.disabled_reason "
-        "RETURNING id, EXISTS (SELECT 1 FROM shown_state WHERE shown_state.app_group = app_group.id)",
-        app, permissionGroup, state, flags ? flags->Integer() : 0, reasonText);
-    add.executeStep();
-    if (add.getColumn(1).getInt64() != 0) {
-        node.Fail("the app holds the group already");
-    }
-    ImportStates(connection, node, add.getColumn(0).getInt64());
+        "WHERE NOT EXISTS (SELECT 1 FROM shown_state WHERE shown_state.app_group = app_group.id) RETURNING id",
+        app, permissionGroup, state, flags ? flags->Integer() : 0, reason ? Bounded(*reason, MAX_REASON_BYTES) : "");
+    ImportStates(connection, node, id);
 }
 
 void ImportInstallation(Connection& connection, const JsonNode& node, const std::string& bundleName)
 {
     node.AllowOnly({"userId", "uid", "groups"});
-    const int64_t userId = node["userId"].Int32(0);
-    SQLite::Statement& user = connection.Prepare("SELECT 1 FROM user WHERE id = ?", userId);
-    if (!user.executeStep()) {
-        node["userId"].Fail("is not among the users");
-    }
-    const int64_t uid = node["uid"].Int32(0);
-    SQLite::Statement& taken =
-        connection.Prepare("SELECT 1 FROM app WHERE uid = ? AND (bundle, user) <> (?, ?)", uid, bundleName, userId);
-    if (taken.executeStep()) {
-        node["uid"].Fail("another app has the uid");
-    }
+    const int32_t userId = node["userId"].Int32(0);
+    Require(connection, node["userId"], "is not among the users", "SELECT 1 FROM user WHERE id = ?", userId);
+    const int32_t uid = node["uid"].Int32(0);
+    Require(connection, node["uid"], "another app has the uid",
+            "SELECT 1 WHERE NOT EXISTS (SELECT 1 FROM app WHERE uid = ? AND (bundle, user) <> (?, ?))", uid, bundleName,
+            userId);
     // What is there already has a uid below 0 until the file names it.
-    SQLite::Statement& add = connection.Prepare(
-        "INSERT INTO app (bundle, user, uid) VALUES (?, ?, ?) "
-        "ON CONFLICT (bundle, user) DO UPDATE SET uid = excluded.uid WHERE uid < 0 RETURNING id",
-        bundleName, userId, uid);
-    if (!add.executeStep()) {
-        node.Fail("the app is installed for the user already");
-    }
-    const int64_t app = add.getColumn(0).getInt64();
+    const int64_t app =
+        Require(connection, node, "the app is installed for the user already",
+                "INSERT INTO app (bundle, user, uid) VALUES (?, ?, ?) "
+                "ON CONFLICT (bundle, user) DO UPDATE SET uid = excluded.uid WHERE uid < 0 RETURNING id",
+                bundleName, userId, uid);
     for (const JsonNode& item : node["groups"].Items()) {
         ImportGroup(connection, item, app);
     }
@@ -130,23 +120,21 @@ void ImportApps(Connection& connection, const JsonNode& root, ImportCounts& coun
         "UPDATE user SET is_listed = 0; UPDATE permission_group SET is_listed = 0;"
         "UPDATE app SET uid = -1 - id; DELETE FROM shown_state");
     for (const JsonNode& item : root["users"].Items()) {
-        if (connection.Run("INSERT INTO user (id, is_listed) VALUES (?, 1) "
-                           "ON CONFLICT DO UPDATE SET is_listed = 1 WHERE is_listed = 0",
-                           item.Int32(0)) == 0) {
-            item.Fail("the user is listed twice");
-        }
+        Require(connection, item, "the user is listed twice",
+                "INSERT INTO user (id, is_listed) VALUES (?, 1) "
+                "ON CONFLICT DO UPDATE SET is_listed = 1 WHERE is_listed = 0 RETURNING 1",
+                item.Int32(0));
     }
     for (const JsonNode& item : root["permissionGroups"].Items()) {
-        if (connection.Run("INSERT INTO permission_group (name, is_listed) VALUES (?, 1) "
-                           "ON CONFLICT DO UPDATE SET is_listed = 1 WHERE is_listed = 0",
-                           Name(item)) == 0) {
-            item.Fail("the group is listed twice");
-        }
+        Require(connection, item, "the group is listed twice",
+                "INSERT INTO permission_group (name, is_listed) VALUES (?, 1) "
+                "ON CONFLICT DO UPDATE SET is_listed = 1 WHERE is_listed = 0 RETURNING 1",
+                Bounded(item));
     }
     connection.exec("DELETE FROM user WHERE is_listed = 0; DELETE FROM permission_group WHERE is_listed = 0");
     for (const JsonNode& app : root["apps"].Items()) {
         app.AllowOnly({"bundleName", "installations"});
-        const std::string bundleName = Name(app["bundleName"]);
+        const std::string bundleName = Bounded(app["bundleName"]);
         for (const JsonNode& item : app["installations"].Items()) {
             ImportInstallation(connection, item, bundleName);
             ++counts.apps;
@@ -175,11 +163,9 @@ int64_t AddUsageEvent(Connection& connection, const JsonNode& event, int64_t shi
 {
     event.AllowOnly({"bundleName", "userId", "operationGroup", "times", "mode", "app", "screen", "begin", "end"});
     const std::string bundleName = event["bundleName"].Text();
-    SQLite::Statement& app =
-        connection.Prepare("SELECT id FROM app WHERE bundle = ? AND user = ?", bundleName, event["userId"].Int32(0));
-    if (!app.executeStep()) {
-        event.Fail("the app is not installed for the user");
-    }
+    const int64_t app =
+        Require(connection, event, "the app is not installed for the user",
+                "SELECT id FROM app WHERE bundle = ? AND user = ?", bundleName, event["userId"].Int32(0));
     const int64_t group = GroupId(connection, event["operationGroup"]);
     const int64_t begin = event["begin"].Integer(0, MAX_TIMESTAMP);
     const int64_t end = event["end"].Integer(begin, MAX_TIMESTAMP);
@@ -188,7 +174,7 @@ int64_t AddUsageEvent(Connection& connection, const JsonNode& event, int64_t shi
         "SELECT ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8 WHERE NOT EXISTS (SELECT 1 FROM usage WHERE app = ?3 AND "
         "began = ?1 AND ended = ?2 AND permission_group = ?4 AND mode = ?5 AND app_state = ?6 AND "
         "screen_state = ?7 AND times = ?8 AND id <= ?9)",
-        begin + shift, end + shift, app.getColumn(0).getInt64(), group, UsageCodeOf(event["mode"], OPERATION_MODES),
+        begin + shift, end + shift, app, group, UsageCodeOf(event["mode"], OPERATION_MODES),
         UsageCodeOf(event["app"], APP_STATES), UsageCodeOf(event["screen"], SCREEN_STATES), event["times"].Int32(1),
         knownUpTo);
 }
@@ -205,14 +191,6 @@ std::vector<std::string> NextLines(std::istream& input)
         lines.emplace_back(line.data(), static_cast<size_t>(input.gcount()) - (input.good() ? 1 : 0));
     }
     return lines;
-}
-
-void StoreLine(Connection& connection, const std::string& place, const std::string& line)
-{
-    if (line.size() > MAX_LINE_BYTES) {
-        throw InputError(place + ": is longer than " + std::to_string(MAX_LINE_BYTES) + " bytes");
-    }
-    AddUsageEvent(connection, ParseJson(place, line), 0, 0);
 }
 
 }  // namespace
@@ -263,8 +241,11 @@ int64_t RecordUsage(Database& database, const std::string& path)
         try {
             database.Write([&](Connection& connection) {
                 for (const std::string& line : lines) {
-                    ++number;
-                    StoreLine(connection, name + ": line " + std::to_string(number), line);
+                    const std::string place = name + ": line " + std::to_string(++number);
+                    if (line.size() > MAX_LINE_BYTES) {
+                        throw InputError(place + ": is longer than " + std::to_string(MAX_LINE_BYTES) + " bytes");
+                    }
+                    AddUsageEvent(connection, ParseJson(place, line), 0, 0);
                 }
             });
         } catch (const std::runtime_error& error) {
