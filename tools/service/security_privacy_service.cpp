@@ -2,10 +2,8 @@
 #include "service/security_privacy_service.h"
 
 #include <algorithm>
-#include <functional>
 #include <iterator>
 #include <string_view>
-#include <utility>
 
 #include "common/result_codes.h"
 #include "security_privacy/contract.h"
@@ -113,23 +111,7 @@ void CheckName(std::string_view name, size_t maxBytes)
     }
 }
 
-int32_t OrFailure(int32_t failure, const std::function<int32_t()>& transact)
-{
-    try {
-        return transact();
-    } catch (const DatabaseError& error) {
-        VoLogPrint(LOG_TYPE, VARN::LOG_LEVEL_ERROR, LOG_DOMAIN, LOG_TAG, "%s: %s", DescribeResult(failure)->meaning,
-                   error.what());
-        return failure;
-    }
-}
-
 }  // namespace
-
-SecurityPrivacyService::SecurityPrivacyService(Database& database, AccessPolicy policy)
-    : database_(database), policy_(std::move(policy))
-{
-}
 
 bool SecurityPrivacyService::IsChanger(uid_t uid) const
 {
@@ -151,21 +133,24 @@ bool SecurityPrivacyService::IsMessageCodeAllowed(uint32_t messageCode)
     return false;
 }
 
-int32_t SecurityPrivacyService::Read(const Connection::Work& work)
+int32_t SecurityPrivacyService::Transact(int32_t (Database::*how)(const Connection::Work&),
+                                         const Connection::Work& work)
 {
-    return OrFailure(RESULT_NOT_READ, [&] { return database_.Read(work); });
-}
-
-int32_t SecurityPrivacyService::Write(const Connection::Work& work)
-{
-    return OrFailure(RESULT_NOT_SAVED, [&] { return database_.Write(work); });
+    try {
+        return (database_.*how)(work);
+    } catch (const DatabaseError& error) {
+        const ResultCode failure = how == &Database::Read ? RESULT_NOT_READ : RESULT_NOT_SAVED;
+        VoLogPrint(LOG_TYPE, VARN::LOG_LEVEL_ERROR, LOG_DOMAIN, LOG_TAG, "%s: %s", DescribeResult(failure)->meaning,
+                   error.what());
+        return failure;
+    }
 }
 
 int32_t SecurityPrivacyService::GetAppPermissionGroupInfosByApp(
     const std::string& bundleName, int32_t userId, const std::unordered_set<std::string>& interestedPermissionGroups,
     std::vector<AppPermissionGroupInfo>& appPermissionGroupInfos)
 {
-    return Read([&](Connection& connection) {
+    return Transact(&Database::Read, [&](Connection& connection) {
         ListGroups(connection, BY_APP, userId, bundleName, interestedPermissionGroups, appPermissionGroupInfos);
     });
 }
@@ -174,7 +159,7 @@ int32_t SecurityPrivacyService::GetAppPermissionGroupInfosByPermission(
     const std::string& permissionGroup, int32_t userId, const std::unordered_set<std::string>& interestedBundleNames,
     std::vector<AppPermissionGroupInfo>& appPermissionGroupInfos)
 {
-    return Read([&](Connection& connection) {
+    return Transact(&Database::Read, [&](Connection& connection) {
         ListGroups(connection, BY_GROUP, userId, permissionGroup, interestedBundleNames, appPermissionGroupInfos);
     });
 }
@@ -187,7 +172,7 @@ int32_t SecurityPrivacyService::SetAppPermissionGroupCheckedState(const std::str
     const std::string& state = checkedStateParameter.checkedState;
     const int64_t mask = checkedStateParameter.flagsMask;
     bool differs = false;
-    const int32_t result = Write([&](Connection& connection) {
+    const int32_t result = Transact(&Database::Write, [&](Connection& connection) {
         const int64_t app = Row(connection.Prepare("SELECT id FROM app WHERE bundle = ? AND uid = ?", bundleName, uid),
                                 RESULT_UNKNOWN_APP)
                                 .getColumn(0);
@@ -237,7 +222,7 @@ void SecurityPrivacyService::AddPolicies(Connection& connection, const GTokenInf
 
 int32_t SecurityPrivacyService::GTokenPolicyAddPolicy(const std::vector<GTokenInfo>& gTokenInfos)
 {
-    return Write([&](Connection& connection) {
+    return Transact(&Database::Write, [&](Connection& connection) {
         for (const GTokenInfo& info : gTokenInfos) {
             AddPolicies(connection, info);
         }
@@ -252,7 +237,7 @@ GTokenResultWithRet SecurityPrivacyService::GTokenPolicyGetPolicy(std::string po
                             " FROM bundle JOIN policy ON policy.bundle = bundle.id "
                             "WHERE bundle.name = ? AND policy.name = ?";
     GTokenResultWithRet result;
-    result.ret = Read([&](Connection& connection) {
+    result.ret = Transact(&Database::Read, [&](Connection& connection) {
         size_t bytes = 0;
         for (const std::string& bundleName : bundleNames) {
             SQLite::Statement& found = connection.Prepare(sql, bundleName, policyName);
@@ -280,7 +265,7 @@ int32_t SecurityPrivacyService::GTokenPolicyRemovePolicy(const std::vector<std::
 {
     // A name that is given twice counts once.
     const std::unordered_set<std::string> names(bundleNames.begin(), bundleNames.end());
-    return Write([&](Connection& connection) {
+    return Transact(&Database::Write, [&](Connection& connection) {
         for (const std::string& name : names) {
             if (connection.Run("DELETE FROM bundle WHERE name = ?", name) == 0) {
                 throw Refusal{RESULT_UNKNOWN_BUNDLE};

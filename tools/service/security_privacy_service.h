@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "security_privacy/security_privacy_service_stub.h"
@@ -33,7 +34,7 @@ class SecurityPrivacyService final
     : public VARN::AppSecurityPrivacy::SecurityPrivacyServer::SecurityPrivacyServiceStub {
 public:
     // `database` has to outlive the service.
-    SecurityPrivacyService(Database& database, AccessPolicy policy);
+    SecurityPrivacyService(Database& database, AccessPolicy policy) : database_(database), policy_(std::move(policy)) {}
 
     // Reading requests are for everyone, changing ones for the changers. Codes that are no requests are let through:
     // the library answers that it does not know them, which tells a client more than a refusal.
@@ -82,8 +83,8 @@ public:
 
 private:
     bool IsChanger(uid_t uid) const;
-    int32_t Read(const Connection::Work& work);
-    int32_t Write(const Connection::Work& work);
+    // What `Database::Read` or `Database::Write` answers; RESULT_NOT_READ or RESULT_NOT_SAVED when it fails.
+    int32_t Transact(int32_t (Database::*how)(const Connection::Work&), const Connection::Work& work);
 
     Database& database_;
     const AccessPolicy policy_;

@@ -124,7 +124,7 @@ PermissionUsageRecord MakeRecord(const Event& event, const SQLite::Statement& na
 int32_t SecurityPrivacyService::GetPermissionUsageSummary(const PermissionUsageRecordQuery& query,
                                                           std::vector<PermissionUsageRecord>& records)
 {
-    return Read([&](Connection& connection) {
+    return Transact(&Database::Read, [&](Connection& connection) {
         std::map<std::array<int64_t, 5>, Event> sums;
         SQLite::Statement& events = Select(connection, query, " FROM usage", "");
         while (events.executeStep()) {
@@ -165,7 +165,7 @@ int32_t SecurityPrivacyService::GetPermissionUsageSummary(const PermissionUsageR
 int32_t SecurityPrivacyService::GetPermissionUsageTimeline(const PermissionUsageRecordQuery& query,
                                                            std::vector<PermissionUsageRecord>& records)
 {
-    return Read([&](Connection& connection) {
+    return Transact(&Database::Read, [&](Connection& connection) {
         SQLite::Statement& events =
             Select(connection, query,
                    ", bundle, uid, name FROM usage CROSS JOIN app ON app.id = usage.app "
