@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 
@@ -118,6 +119,10 @@ std::optional<Options> ReadOptions(int argc, char** argv, int& exitCode)
     } catch (const CLI::ParseError& error) {
         exitCode = app.exit(error) == 0 ? 0 : USAGE_ERROR;
         return std::nullopt;
+    }
+    if (options.server.directory.empty()) {
+        const char* environment = ::secure_getenv("VARN_ABILITY_DIR");
+        options.server.directory = environment != nullptr && *environment != '\0' ? environment : "/run/varn";
     }
     options.server.stallTimeout = std::chrono::milliseconds(options.stallTimeoutMs);
     if (options.changers.empty()) {
