@@ -5,7 +5,6 @@
 #include <systemd/sd-daemon.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cinttypes>
 #include <csignal>
 #include <cstdint>
@@ -16,6 +15,7 @@
 #include <exception>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "common/json_input.h"
@@ -120,9 +120,13 @@ void WaitForTheEnd(const sigset_t& signals, Database& database, const Options& o
     }
 }
 
-int Import(const Options& options)
+int Feed(const Options& options)
 {
     Database database(options.databasePath, Database::Use::FEED);
+    if (options.task == Task::RECORD) {
+        std::printf("recorded %" PRId64 " usage events\n", RecordUsage(database, options.inputPath));
+        return 0;
+    }
     const ImportCounts counts = ImportDevice(database, options.inputPath, options.shiftsToNow ? Now() : 0);
     std::printf("imported %" PRId64 " apps and %" PRId64 " new usage events; dropped %" PRId64
                 " choices that are not offered any more\n",
@@ -130,23 +134,9 @@ int Import(const Options& options)
     return 0;
 }
 
-int Record(const Options& options)
-{
-    Database database(options.databasePath, Database::Use::FEED);
-    std::printf("recorded %" PRId64 " usage events\n", RecordUsage(database, options.inputPath));
-    return 0;
-}
-
-std::string Directory(const Options& options)
-{
-    const char* environment = ::secure_getenv("VARN_ABILITY_DIR");
-    const std::string standard = environment != nullptr && *environment != '\0' ? environment : "/run/varn";
-    return options.server.directory.empty() ? standard : options.server.directory;
-}
-
 // The socket that the init system handed over under the name "status", or -1. To be asked before the server starts: it
 // consumes the variables of socket activation.
-int HandedStatusSocket(bool& isActivated)
+int HandedStatusSocket()
 {
     char** names = nullptr;
     const int count = ::sd_listen_fds_with_names(0, &names);
@@ -159,21 +149,21 @@ int HandedStatusSocket(bool& isActivated)
         std::free(names[index]);
     }
     std::free(names);
-    isActivated = count > 0;
     return found;
 }
 
-int Serve(Options options, const sigset_t& signals)
+int Serve(Options options)
 {
-    const std::string sockets = Directory(options) + "/" + std::to_string(SECURITY_PRIVACY_SA_ID);
-    bool isActivated = false;
-    const int statusSocket = HandedStatusSocket(isActivated);
+    const sigset_t signals = BlockSignals();
+    const std::string sockets = options.server.directory + "/" + std::to_string(SECURITY_PRIVACY_SA_ID);
+    const bool isActivated = ::sd_listen_fds(0) > 0;
+    const int statusSocket = HandedStatusSocket();
     Database database(options.databasePath);
     if (IsEmpty(database)) {
         ImportDevice(database, options.inputPath, options.shiftsToNow ? Now() : 0);
     }
     // For the requests of our own.
-    ::setenv("VARN_ABILITY_DIR", Directory(options).c_str(), 1);
+    ::setenv("VARN_ABILITY_DIR", options.server.directory.c_str(), 1);
     const VARN::sptr<SecurityPrivacyService> service(
         new SecurityPrivacyService(database, {options.changers, options.isReadOnly}));
     std::optional<VARN::Host::AbilityServer> server;
@@ -184,8 +174,10 @@ int Serve(Options options, const sigset_t& signals)
         std::fprintf(stderr, "security-privacy-service: cannot serve, see the error line above\n");
         return CANNOT_START;
     }
-    if (!status.Serve(statusSocket, sockets + ".status.sock")) {
-        Warn("nobody can ask for the status or watch requests", std::strerror(errno));
+    try {
+        status.Serve(statusSocket, sockets + ".status.sock");
+    } catch (const std::system_error& error) {
+        Warn("nobody can ask for the status or watch requests", error.code().message().c_str());
     }
     Print("ready " + (isActivated ? "(socket from the init system)" : sockets + ".sock"));
     ::sd_notify(0, "READY=1");
@@ -212,15 +204,7 @@ int main(int argc, char** argv)
         VARN::Host::SetLogLevel(VARN::LOG_LEVEL_INFO);
     }
     try {
-        switch (options->task) {
-            case Task::IMPORT:
-                return Import(*options);
-            case Task::RECORD:
-                return Record(*options);
-            case Task::SERVE:
-                break;
-        }
-        return Serve(std::move(*options), BlockSignals());
+        return options->task == Task::SERVE ? Serve(std::move(*options)) : Feed(*options);
     } catch (const InputError& error) {
         std::fprintf(stderr, "security-privacy-service: %s\nSee 'security-privacy-service --help'.\n", error.what());
         return CANNOT_START;

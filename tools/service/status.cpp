@@ -15,7 +15,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <nlohmann/json.hpp>
+#include <system_error>
 
 #include "security_privacy/security_privacy_service_intf.h"
 #include "security_privacy/version.h"
@@ -95,7 +97,7 @@ int64_t Now()
 
 void Status::Count(const VARN::Host::Transaction& transaction)
 {
-    const bool isKnown = transaction.code < PLACES && MessageCode::ToString(transaction.code) != "UNKNOWN";
+    const bool isKnown = MessageCode::ToString(transaction.code) != "UNKNOWN";
     const std::lock_guard<std::mutex> lock(mutex_);
     Counter& counter = counters_[isKnown ? transaction.code : 0];
     ++counter.requests;
@@ -123,25 +125,21 @@ void Status::Count(const VARN::Host::Transaction& transaction)
 
 std::string Status::Document() const
 {
-    static_assert(MessageCode::GTOKEN_POLICY_REMOVE_POLICY < PLACES, "every request code needs a place");
-    std::array<Counter, PLACES> counters;
+    std::map<uint32_t, Counter> counters;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         counters = counters_;
     }
     ordered_json requests = ordered_json::array();
-    for (uint32_t code = 0; code < PLACES; ++code) {
-        const Counter& counter = counters[code];
-        if (counter.requests != 0) {
-            requests.push_back({{"name", MessageCode::ToString(code)},
-                                {"code", code},
-                                {"count", counter.requests},
-                                {"errors", counter.errors},
-                                {"bytesIn", counter.requestBytes},
-                                {"bytesOut", counter.replyBytes},
-                                {"totalUs", Microseconds(counter.total)},
-                                {"longestUs", Microseconds(counter.longest)}});
-        }
+    for (const auto& [code, counter] : counters) {
+        requests.push_back({{"name", MessageCode::ToString(code)},
+                            {"code", code},
+                            {"count", counter.requests},
+                            {"errors", counter.errors},
+                            {"bytesIn", counter.requestBytes},
+                            {"bytesOut", counter.replyBytes},
+                            {"totalUs", Microseconds(counter.total)},
+                            {"longestUs", Microseconds(counter.longest)}});
     }
     const ordered_json document{{"service", "security-privacy-service"},
                                 {"version", SECURITY_PRIVACY_VERSION},
@@ -156,10 +154,7 @@ std::string Status::Document() const
 Status::~Status()
 {
     if (thread_.joinable()) {
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            isStopping_ = true;
-        }
+        isStopping_ = true;
         ::eventfd_write(wake_, 1);
         thread_.join();
     }
@@ -173,23 +168,14 @@ Status::~Status()
     }
 }
 
-bool Status::Serve(int listener, const std::string& path)
+void Status::Serve(int listener, const std::string& path)
 {
     listener_ = listener;
-    if ((listener_ < 0 && !Bind(path)) || ::fcntl(listener_, F_SETFL, O_NONBLOCK) != 0) {
-        return false;
-    }
     wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (wake_ < 0) {
-        return false;
+    if (wake_ < 0 || (listener_ < 0 && !Bind(path)) || ::fcntl(listener_, F_SETFL, O_NONBLOCK) != 0) {
+        throw std::system_error(errno, std::generic_category());
     }
-    try {
-        thread_ = std::thread(&Status::Run, this);
-    } catch (const std::system_error& error) {
-        errno = error.code().value();
-        return false;
-    }
-    return true;
+    thread_ = std::thread(&Status::Run, this);
 }
 
 bool Status::Bind(const std::string& path)
@@ -215,30 +201,25 @@ bool Status::Bind(const std::string& path)
 
 void Status::Run()
 {
-    for (;;) {
+    while (!isStopping_) {
         std::vector<pollfd> polled{{wake_, POLLIN, 0}, {listener_, POLLIN, 0}};
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            if (isStopping_) {
-                break;
-            }
-            for (const Watcher& watcher : watchers_) {
-                polled.push_back({watcher.socket, static_cast<short>(watcher.pending.empty() ? 0 : POLLOUT), 0});
-            }
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (const Watcher& watcher : watchers_) {
+            polled.push_back({watcher.socket, static_cast<short>(watcher.pending.empty() ? 0 : POLLOUT), 0});
         }
+        lock.unlock();
         ::poll(polled.data(), polled.size(), -1);
         eventfd_t woken = 0;
         ::eventfd_read(wake_, &woken);
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            for (size_t index = watchers_.size(); index > 0; --index) {
-                const bool hasHungUp = (polled[index + 1].revents & (POLLHUP | POLLERR)) != 0;
-                if (hasHungUp || !Flush(watchers_[index - 1])) {
-                    ::close(watchers_[index - 1].socket);
-                    watchers_.erase(watchers_.begin() + static_cast<std::ptrdiff_t>(index - 1));
-                }
+        lock.lock();
+        for (size_t index = watchers_.size(); index > 0; --index) {
+            const bool hasHungUp = (polled[index + 1].revents & (POLLHUP | POLLERR)) != 0;
+            if (hasHungUp || !Flush(watchers_[index - 1])) {
+                ::close(watchers_[index - 1].socket);
+                watchers_.erase(watchers_.begin() + static_cast<std::ptrdiff_t>(index - 1));
             }
         }
+        lock.unlock();
         if (polled[1].revents != 0) {
             Accept();
         }

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <array>
+#include <atomic>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -32,8 +32,8 @@ public:
     ~Status();
 
     // Lets root and the own user, and nobody else, watch on `listener`, or, if that is below 0, on a new socket `path`
-    // (mode 0600) in place of one that a dead service left. False, with the error in errno, when there can be none.
-    bool Serve(int listener, const std::string& path);
+    // (mode 0600) in place of one that a dead service left. Throws std::system_error when there can be none.
+    void Serve(int listener, const std::string& path);
 
     // For each request that is finished.
     void Count(const VARN::Host::Transaction& transaction);
@@ -61,21 +61,19 @@ private:
     void Accept();
     static bool Flush(Watcher& watcher);
 
-    // One for each code up to the last one; the place of code 0 takes all codes that do not exist, so that a client
-    // which tries them all takes no memory.
-    static constexpr size_t PLACES = 14;
-
     const std::function<VARN::Host::ServerStatistics()> statistics_;
     const int64_t startedAt_ = Now();
     std::string path_;  // the socket file, if it was made here
     int listener_ = -1;
     int wake_ = -1;
+    std::atomic<bool> isStopping_{false};
     std::thread thread_;
 
     mutable std::mutex mutex_;
-    std::array<Counter, PLACES> counters_;  // guarded by mutex_, as are
-    bool isStopping_ = false;               // this
-    std::vector<Watcher> watchers_;         // and these; the thread alone adds and removes some
+    // By code, guarded by mutex_. Code 0 takes all codes that do not exist, so that a client which tries them all takes
+    // no memory.
+    std::map<uint32_t, Counter> counters_;
+    std::vector<Watcher> watchers_;  // guarded by mutex_; the thread alone adds and removes some
 };
 
 }  // namespace SecurityPrivacyTools
