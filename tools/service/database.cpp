@@ -153,20 +153,14 @@ Database::Database(const std::string& path, Use use) : path_(path.empty() ? IN_M
     }
 }
 
-Database::Lock::~Lock()
-{
-    if (descriptor >= 0) {
-        ::close(descriptor);
-    }
-}
-
 void Database::KeepOthersAway()
 {
-    lock_.descriptor = ::open((path_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
-    if (lock_.descriptor < 0) {
+    const int file = ::open((path_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+    if (file < 0) {
         FailStep("open its lock");
     }
-    if (::flock(lock_.descriptor, LOCK_EX | LOCK_NB) != 0) {
+    lock_ = std::shared_ptr<void>(nullptr, [file](void*) { ::close(file); });
+    if (::flock(file, LOCK_EX | LOCK_NB) != 0) {
         throw DatabaseError(errno == EWOULDBLOCK ? "another service uses this database" : std::strerror(errno));
     }
 }

@@ -98,13 +98,9 @@ private:
     void KeepOthersAway();
     void Prepare();
 
-    struct Lock {
-        int descriptor = -1;
-        ~Lock();
-    };
-
     const std::string path_;
-    Lock lock_;  // goes last: the next to take it finds the database closed
+    // Its end closes the lock file. It goes last: the next to take it finds the database closed.
+    std::shared_ptr<void> lock_;
 
     std::mutex writing_;                  // held for a change, the disk included; in memory for a read as well
     std::unique_ptr<Connection> writer_;  // guarded by writing_
