@@ -57,13 +57,13 @@ void ConnectionSet::Admit(PeerSocket fd)
     slot->connection.emplace(context_, std::move(fd), caller, *slot->account, slot->deadline);
     slot->pace.quickVisits = 0;
     slot->pace.lastVisit.store(CoarseMilliseconds(), std::memory_order_relaxed);
-    slot->Own();
+    slot->Begin();
     if (!ArmFor(*slot, INPUT_EVENTS, EPOLL_CTL_ADD)) {
         PLATFORM_ERROR("service %d: a connection cannot be watched: %s", context_.id, ErrorText(errno).c_str());
         Close(*slot);
         return;
     }
-    LetGo(*slot);
+    slot->Open();
 }
 
 bool ConnectionSet::Arm(Slot& slot, Connection::Next next)

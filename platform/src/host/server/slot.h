@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <list>
 #include <optional>
+#include <thread>
 
 #include "host/server/connection.h"
 #include "host/server/worker_pool.h"
@@ -16,6 +17,7 @@ namespace VARN::Host {
 // get an event of the same connection. One atomic word settles it without a lock:
 //
 //   FREE            no connection
+//   NEW             one is being put there, and will be idle in a moment: its first event waits for that
 //   IDLE            a connection that no thread owns: the next event makes its receiver the owner
 //   OWNED           a thread owns it
 //   OWNED_AGAIN     the same, and an event came meanwhile: the owner looks again before it gives the place up
@@ -25,12 +27,14 @@ namespace VARN::Host {
 // one finds nothing to receive, or no peer that has hung up.
 //
 // Memory order: `Acquire` acquires and `Release` releases, so each owner sees what the owner before did. An event that
-// is only noted releases too: the owner that sees the note also sees what its writer did before. `Own` and `Free` are
+// is only noted releases too: the owner that sees the note also sees what its writer did before. `Begin` and `Free` are
 // relaxed, since a free place goes from one thread to another under the lock of ConnectionSet.
 class Slot {
 public:
-    // FREE to OWNED, by the thread that puts a connection there, and back by the owner of one that is gone.
-    void Own() noexcept { phase_.store(OWNED, std::memory_order_relaxed); }
+    // FREE to NEW and then to IDLE, by the thread that puts a connection there. Release: the first owner must see it.
+    void Begin() noexcept { phase_.store(NEW, std::memory_order_relaxed); }
+    void Open() noexcept { phase_.store(IDLE, std::memory_order_release); }
+    // By the owner of a connection that is gone.
     void Free() noexcept { phase_.store(FREE, std::memory_order_relaxed); }
 
     // Makes the calling thread, which has got an event, the owner. False when there is nothing for it to do: another
@@ -40,9 +44,17 @@ public:
     {
         Phase phase = phase_.load(std::memory_order_relaxed);
         while (phase != FREE) {
+            if (phase == NEW) {
+                // An event that was noted instead would have to be brought about again, by another wake-up.
+                std::this_thread::yield();
+                phase = phase_.load(std::memory_order_relaxed);
+                continue;
+            }
             const Phase next = phase == IDLE ? OWNED : std::max(phase, hangUp ? OWNED_HUNG_UP : OWNED_AGAIN);
             if (phase_.compare_exchange_weak(phase, next, std::memory_order_acq_rel, std::memory_order_relaxed)) {
-                hasHungUp = phase == IDLE ? hangUp : hasHungUp;
+                if (phase == IDLE) {
+                    hasHungUp = hangUp;
+                }
                 return phase == IDLE;
             }
         }
@@ -84,7 +96,7 @@ public:
     Slot* nextFree = nullptr;
 
 private:
-    enum Phase : uint32_t { FREE, IDLE, OWNED, OWNED_AGAIN, OWNED_HUNG_UP };
+    enum Phase : uint32_t { FREE, NEW, IDLE, OWNED, OWNED_AGAIN, OWNED_HUNG_UP };
 
     std::atomic<Phase> phase_{FREE};
 };
