@@ -38,6 +38,7 @@ void AnnounceReady();
 using Answers = std::tuple<std::vector<Info>, bool, std::vector<Usage>, std::vector<Row>>;
 Answers MakeAnswers(const Workload& workload);
 
+// One client with its connection.
 class Client {
 public:
     virtual ~Client() = default;

@@ -66,10 +66,10 @@ struct Row {
 };
 
 // One request: the number of its operation, the type of what comes back, and the arguments as they travel.
-template <uint32_t operation, class Reply, class... Arguments>
+template <uint32_t Operation, class Reply, class... Arguments>
 struct Request {
     using Answer = Reply;
-    static constexpr uint32_t kOperation = operation;
+    static constexpr uint32_t kOperation = Operation;
 
     std::tuple<Arguments...> arguments;
 };
@@ -91,12 +91,6 @@ using AnyRequest = std::variant<InfoRequest, SetRequest, UsageRequest, RowReques
 // The request of a case: one of the five that are measured, or `none`, which has empty fields and brings nothing back.
 // Throws for another name.
 AnyRequest MakeRequest(const std::string& name);
-
-// Whether T is one of the records.
-template <class T, class = void>
-inline constexpr bool kHasFields = false;
-template <class T>
-inline constexpr bool kHasFields<T, std::void_t<decltype(T::Fields(std::declval<T&>()))>> = true;
 
 // The fields of a record that an answer brought, in the order of `Plain`.
 template <class Plain, class Record>

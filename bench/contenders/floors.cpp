@@ -87,7 +87,7 @@ public:
         } else if constexpr (std::is_same_v<T, std::string>) {
             Put(static_cast<uint32_t>(value.size()));
             buffer_.append(value);
-        } else if constexpr (kHasFields<T>) {
+        } else if constexpr (std::is_aggregate_v<T>) {
             Put(T::Fields(value));
         } else {
             Put(static_cast<uint32_t>(value.size()));
@@ -216,11 +216,8 @@ void Reply(const Answers& answers, Reader& reader, Writer& writer)
 {
     using Answer = typename Request::Answer;
     reader.Get<decltype(Request::arguments)>();
-    if constexpr (BENCH_FILLS_LIST) {
-        writer.Put(Answer(std::get<Answer>(answers)));
-    } else {
-        writer.Put(std::get<Answer>(answers));
-    }
+    const std::conditional_t<BENCH_FILLS_LIST, Answer, const Answer&> answer = std::get<Answer>(answers);
+    writer.Put(answer);
 }
 
 // By operation.
