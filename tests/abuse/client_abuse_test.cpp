@@ -56,9 +56,13 @@ public:
     }
 
     int Requests() const { return requests_; }
-    int Connections() const { return accepted_; }
-    // Who made each connection, in turn. For when all of them have been served.
-    const std::vector<std::pair<uid_t, gid_t>>& Peers() const { return peers_; }
+    // Who made each connection, in turn.
+    std::vector<std::pair<uid_t, gid_t>> Peers() const
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return peers_;
+    }
+    size_t Connections() const { return Peers().size(); }
 
 private:
     void Accept()
@@ -67,8 +71,8 @@ private:
             ucred peer = {};
             socklen_t size = sizeof(peer);
             ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
+            const std::lock_guard<std::mutex> lock(mutex_);
             peers_.emplace_back(peer.uid, peer.gid);
-            ++accepted_;
             serving_.push_back(std::async(std::launch::async, [this, &connection = connections_.emplace_back(fd)] {
                 while (Serve(connection)) {
                 }
@@ -92,11 +96,10 @@ private:
 
     const std::string path_;
     const RawServer listener_;
-    std::mutex mutex_;
-    Answer answer_ = honestAnswer;  // guarded by mutex_
+    mutable std::mutex mutex_;
+    Answer answer_ = honestAnswer;                // guarded by mutex_
+    std::vector<std::pair<uid_t, gid_t>> peers_;  // guarded by mutex_
     std::atomic<int> requests_{0};
-    std::atomic<int> accepted_{0};
-    std::vector<std::pair<uid_t, gid_t>> peers_;
     std::deque<RawSocket> connections_;
     std::deque<std::future<void>> serving_;  // each of which waits for its end
     std::thread accepting_;
@@ -124,7 +127,7 @@ protected:
     void ExpectRecovery(HostileService& service)
     {
         service.Become(honestAnswer);
-        const int before = service.Connections();
+        const size_t before = service.Connections();
         EXPECT_EQ(0, Ask()) << Log();
         EXPECT_EQ(before + 1, service.Connections());
         EXPECT_EQ(asked_.load(), service.Requests());
@@ -249,7 +252,7 @@ TEST_F(ClientAbuseTest, ForkedChildHasAConnectionOfItsOwnAndWritesNowhereElse)
     EXPECT_EQ(child, ::waitpid(child, &status, 0));
     EXPECT_EQ(0, status);
     EXPECT_EQ(0, Ask());
-    EXPECT_EQ(3, service.Connections()) << "the parent's went on, the child made one";
+    EXPECT_EQ(3U, service.Connections()) << "the parent's went on, the child made one";
     EXPECT_EQ(5, service.Requests());
     ::close(reused);
 }
@@ -258,9 +261,9 @@ TEST_F(ClientAbuseTest, ForkedChildHasAConnectionOfItsOwnAndWritesNowhereElse)
 // another's.
 TEST_F(ClientAbuseTest, ThreadsShareWhatConnectGaveSideBySide)
 {
-    constexpr int THREADS = 4;
+    constexpr size_t THREADS = 4;
     HostileService service(Path());
-    std::atomic<int> inside{0};
+    std::atomic<size_t> inside{0};
     service.Become([&inside](const auto& connection) {
         ++inside;
         return Eventually([&] { return inside == THREADS; }) && honestAnswer(connection);
@@ -274,7 +277,7 @@ TEST_F(ClientAbuseTest, ThreadsShareWhatConnectGaveSideBySide)
                 std::async(std::launch::async, [&] { EXPECT_EQ(0, Testing::CallOperation(*shared, CODE).result); });
         }
     });
-    EXPECT_EQ(THREADS, service.Connections());
+    EXPECT_EQ(THREADS, service.Peers().size());
     const sptr<IRemoteObject> object = Load(4);
     service.Become(Writing("", false));
     EXPECT_EQ(IPC_DEAD_OBJECT, std::async(std::launch::async, [this] { return Ask(); }).get());

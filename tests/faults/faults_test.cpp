@@ -24,12 +24,10 @@ enum class Outcome { RIGHT, FAILED, WRONG };
 Outcome Talk()
 {
     const sptr<IRemoteObject> object = Load(3);
-    Outcome worst = object != nullptr ? Outcome::RIGHT : Outcome::FAILED;
-    for (const size_t size : {10U, 1000000U}) {
-        const auto [status, text] = object != nullptr ? Ask(object, 1, std::string(size, 'x'), 3) : Answer{-1, ""};
-        worst = std::max(worst, status != 0                      ? Outcome::FAILED
-                                : text == std::string(size, 'x') ? Outcome::RIGHT
-                                                                 : Outcome::WRONG);
+    Outcome worst = Outcome::RIGHT;
+    for (const std::string& text : {std::string(10, 'x'), std::string(1000000, 'x')}) {
+        const auto [status, said] = object != nullptr ? Ask(object, 1, text, 3) : Answer{-1, ""};
+        worst = std::max(worst, status != 0 ? Outcome::FAILED : said == text ? Outcome::RIGHT : Outcome::WRONG);
     }
     return worst;
 }
@@ -62,8 +60,7 @@ protected:
         options.workers = 2;
         options.maxConnections = 1;
         Arm(GetParam().call.c_str(), error, number);
-        AbilityServer server(ID, service_, options);
-        const bool isRunning = server.Start();
+        const bool isRunning = server_.emplace(ID, service_, options).Start();
         const Outcome outcome = isRunning ? Talk() : Outcome::FAILED;
         const bool hasStruck = Disarm();
         EXPECT_NE(Outcome::WRONG, outcome);
@@ -73,7 +70,7 @@ protected:
         if (isRunning) {
             EXPECT_TRUE(Eventually([] { return Talk() == Outcome::RIGHT; })) << "the same server does not recover";
         }
-        server.Stop();
+        server_.reset();
         EXPECT_TRUE(Eventually([this] { return CountEntries(::getpid(), "fd") <= descriptors_; }));
         EXPECT_TRUE(Eventually([this] { return CountEntries(::getpid(), "task") <= threads_; }));
         return hasStruck;
