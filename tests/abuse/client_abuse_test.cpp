@@ -105,11 +105,6 @@ private:
     std::thread accepting_;
 };
 
-std::string Reply(uint32_t length, const std::string& body = "")
-{
-    return MakeFrame(CODE, "", 2).replace(16, 4, BytesOf(length)) + body;
-}
-
 std::string Changed(size_t position, const std::string& bytes)
 {
     return MakeFrame(CODE, "body", 2).replace(position, bytes.size(), bytes);
@@ -144,6 +139,7 @@ protected:
 
 TEST_F(ClientAbuseTest, WrongReplies)
 {
+    constexpr uint32_t MOST = Parcel::kDefaultMaxCapacity;
     const struct {
         Answer answer;
         int32_t expected;
@@ -153,10 +149,10 @@ TEST_F(ClientAbuseTest, WrongReplies)
         {Writing(Changed(4, BytesOf(uint16_t{2}))), IPC_PROTOCOL_ERROR, "the version is unknown"},
         {Writing(Changed(6, BytesOf(uint16_t{1}))), IPC_PROTOCOL_ERROR, "it is not a reply"},
         {Writing(Changed(8, BytesOf(CODE + 1))), IPC_PROTOCOL_ERROR, "it answers another request"},
-        {Writing(Reply(0, "x")), IPC_PROTOCOL_ERROR, "there are bytes behind it"},
-        {Writing(Reply(UINT32_MAX)), IPC_TOO_LARGE, "the reply is longer than a parcel may be"},
-        {Writing(Reply(Parcel::kDefaultMaxCapacity + 1)), IPC_TOO_LARGE, "the reply is longer than a parcel may be"},
-        {Writing(Reply(Parcel::kDefaultMaxCapacity, "body"), false), IPC_DEAD_OBJECT, "the service closed the conn"},
+        {Writing(Changed(16, BytesOf(uint32_t{0}))), IPC_PROTOCOL_ERROR, "there are bytes behind it"},
+        {Writing(Changed(16, BytesOf(UINT32_MAX))), IPC_TOO_LARGE, "the reply is longer than a parcel may be"},
+        {Writing(Changed(16, BytesOf(MOST + 1))), IPC_TOO_LARGE, "the reply is longer than a parcel may be"},
+        {Writing(Changed(16, BytesOf(MOST)), false), IPC_DEAD_OBJECT, "the service closed the conn"},
     };
     HostileService service(Path());
     EXPECT_EQ(0, Ask());
@@ -188,7 +184,7 @@ TEST_F(ClientAbuseTest, NothingLastsLongerThanTheWaitTime)
     EXPECT_EQ(IPC_TIMED_OUT, Ask(1, 20000000)) << "a request that is not read";
     service.Become([](const auto& connection) {
         constexpr std::chrono::milliseconds PACE{20};
-        const std::string reply = Reply(100000, std::string(100000, 'x'));
+        const std::string reply = MakeFrame(CODE, std::string(100000, 'x'), 2);
         for (size_t sent = 0; !connection.Sees(POLLRDHUP, PACE); ++sent) {
             connection.Send(reply.substr(sent, 1));
         }

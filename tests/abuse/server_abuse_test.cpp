@@ -34,13 +34,6 @@ protected:
         }
         HostTest::TearDown();
     }
-
-    // A limit's line about this process; both are expressions.
-    void ExpectLimit(const std::string& limit, const std::string& numbers) const
-    {
-        EXPECT_THAT(Log(), ContainsRegex("limit " + limit + ": uid " + std::to_string(::geteuid()) + " pid " +
-                                         std::to_string(::getpid()) + ": " + numbers));
-    }
 };
 
 TEST_F(ServerAbuseTest, LimitsEndTheConnectionAndSayWhy)
@@ -52,7 +45,7 @@ TEST_F(ServerAbuseTest, LimitsEndTheConnectionAndSayWhy)
     }
     const struct {
         std::string limit;
-        std::string numbers;
+        std::string numbers;            // an expression
         std::vector<std::string> sent;  // by a peer each
         size_t kept;                    // so many of the first are served before the next one asks
         std::function<void(AbilityServerOptions&)> set = [](AbilityServerOptions&) {};
@@ -95,7 +88,8 @@ TEST_F(ServerAbuseTest, LimitsEndTheConnectionAndSayWhy)
         for (size_t index = peers.size(); index-- > 0;) {
             EXPECT_TRUE(index < one.kept ? peers[index].ReceiveFrame() == longReply : peers[index].Sees(0)) << index;
         }
-        ExpectLimit(one.limit, one.numbers);
+        EXPECT_THAT(Log(), ContainsRegex("limit " + one.limit + ": uid " + std::to_string(::geteuid()) + " pid " +
+                                         std::to_string(::getpid()) + ": " + one.numbers));
     }
 }
 

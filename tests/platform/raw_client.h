@@ -145,16 +145,11 @@ public:
 // A socket that listens, and whose file stays behind as that of a crashed service would.
 class RawServer : public RawSocket {
 public:
-    explicit RawServer(const std::string& path)
-        : RawSocket(path),
-          isListening_(::bind(GetFd(), Address(), sizeof(sockaddr_un)) == 0 && ::listen(GetFd(), 8) == 0)
+    explicit RawServer(const std::string& path) : RawSocket(path)
     {
+        ::bind(GetFd(), Address(), sizeof(sockaddr_un));
+        ::listen(GetFd(), 8);
     }
-
-    bool IsListening() const { return isListening_; }
-
-private:
-    const bool isListening_;
 };
 
 // A folder for one socket, where the clients of this process look for it while it exists.
