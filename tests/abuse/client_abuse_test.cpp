@@ -25,14 +25,14 @@ using namespace AppSecurityPrivacy::SecurityPrivacyServer;
 constexpr uint32_t CODE = 3;
 
 // Answers one request on the connection; false: the connection is to end.
-using Answer = std::function<bool(const RawSocket& connection)>;
+using Reaction = std::function<bool(const RawSocket& connection)>;
 
-Answer Writing(const std::string& bytes, bool staysOpen = true)
+Reaction Writing(const std::string& bytes, bool staysOpen = true)
 {
     return [=](const RawSocket& connection) { return connection.Send(bytes) && staysOpen; };
 }
 
-const Answer honestAnswer = Writing(MakeFrame(CODE, "", 2));
+const Reaction honestAnswer = Writing(MakeFrame(CODE, "", 2));
 
 // A service that does with each request what the test wants.
 class HostileService {
@@ -49,10 +49,10 @@ public:
     }
 
     // What is done with the requests from now on.
-    void Become(Answer answer)
+    void Become(Reaction reaction)
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        answer_ = std::move(answer);
+        reaction_ = std::move(reaction);
     }
 
     int Requests() const { return requests_; }
@@ -89,15 +89,15 @@ private:
         }
         ++requests_;
         std::unique_lock<std::mutex> lock(mutex_);
-        const Answer answer = answer_;
+        const Reaction reaction = reaction_;
         lock.unlock();
-        return answer(connection);
+        return reaction(connection);
     }
 
     const std::string path_;
     const RawServer listener_;
     mutable std::mutex mutex_;
-    Answer answer_ = honestAnswer;                // guarded by mutex_
+    Reaction reaction_ = honestAnswer;            // guarded by mutex_
     std::vector<std::pair<uid_t, gid_t>> peers_;  // guarded by mutex_
     std::atomic<int> requests_{0};
     std::deque<RawSocket> connections_;
@@ -141,7 +141,7 @@ TEST_F(ClientAbuseTest, WrongReplies)
 {
     constexpr uint32_t MOST = Parcel::kDefaultMaxCapacity;
     const struct {
-        Answer answer;
+        Reaction answer;
         int32_t expected;
         std::string reason;
     } cases[] = {
