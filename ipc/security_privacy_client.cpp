@@ -31,13 +31,6 @@ using Intf = SecurityPrivacyServiceIntf;
 
 const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
 
-// A proxy for `object`. Null when no maker of proxies is registered, or when it made nothing or something else.
-sptr<Intf> CastToInterface(const sptr<IRemoteObject>& object)
-{
-    const sptr<IRemoteBroker> broker = BrokerRegistration::Get().NewInstance(Intf::GetDescriptor(), object);
-    return dynamic_cast<Intf*>(broker.Get());
-}
-
 // What finds the service and what is found, all held until a request is over.
 struct Found {
     sptr<ISystemAbilityManager> manager;
@@ -66,7 +59,9 @@ void LookUp(const char* function, int32_t timeoutSeconds, Found& found)
         return;
     }
     found.error = ConnectError::NO_PROXY;
-    found.proxy = CastToInterface(found.object);
+    // Null when no maker of proxies is registered, or when it made nothing or something else.
+    const sptr<IRemoteBroker> broker = BrokerRegistration::Get().NewInstance(Intf::GetDescriptor(), found.object);
+    found.proxy = dynamic_cast<Intf*>(broker.Get());
     if (found.proxy == nullptr) {
         LOG_ERROR_AS(function, "iface_cast SA=%s is nullptr, there is nothing we can do.",
                      Text(SECURITY_PRIVACY_SA_ID).c_str());
