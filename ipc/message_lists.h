@@ -55,17 +55,6 @@ Strings ReadStrings(MessageParcel& parcel, int32_t size)
     return strings;
 }
 
-// How many more records a list is to have room for, when it is full and `announced` are still to come. That is only a
-// claim: the first get room for a few dozen, and what these took on average says how many more the message can hold.
-template <class Record>
-size_t RoomFor(size_t announced, size_t readRecords, size_t readBytes, size_t leftBytes)
-{
-    constexpr size_t FIRST = 16384 / sizeof(Record);
-    const size_t expected =
-        readRecords == 0 ? FIRST : std::max(leftBytes * readRecords / readBytes + 1, readRecords / 4);
-    return std::max<size_t>(std::min({announced, expected, Util::MostElements<Record>(leftBytes)}), 1);
-}
-
 // Appends to `records` those of the `announced` ones that are there: a record that is absent or cannot be read is left
 // out, silently, and the next one is tried where reading stopped. Throws std::bad_alloc when memory runs out, with
 // `records` as it was.
@@ -86,8 +75,14 @@ void ReadRecords(MessageParcel& parcel, int32_t announced, std::vector<Record>& 
                 continue;
             }
             if (records.size() == records.capacity()) {
-                const size_t room = RoomFor<Record>(static_cast<size_t>(announced - index), static_cast<size_t>(index),
-                                                    start - left, left);
+                // How many are still to come is only a claim: the first get room for a few dozen, and what these took
+                // on average says how many more the message can hold.
+                const auto read = static_cast<size_t>(index);
+                const size_t expected =
+                    read == 0 ? 16384 / sizeof(Record) : std::max(left * read / (start - left) + 1, read / 4);
+                const size_t most =
+                    std::min({static_cast<size_t>(announced) - read, expected, Util::MostElements<Record>(left)});
+                const size_t room = std::max<size_t>(most, 1);
                 // A list that a caller appends to again and again is not moved each time.
                 records.reserve(std::max(records.size() + room, 2 * before));
             }

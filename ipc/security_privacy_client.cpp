@@ -77,13 +77,11 @@ constexpr char CLIENT_LOOKUP[] = "WithSystemAbilityProxy";
 // How often this thread holds the client's lock: the child of a fork inside a callback holds it as often.
 thread_local int holds = 0;
 
-class Hold {
-public:
-    explicit Hold(std::recursive_mutex& mutex) : lock_(mutex) { ++holds; }
+struct Hold {
+    explicit Hold(std::recursive_mutex& mutex) : lock(mutex) { ++holds; }
     ~Hold() { --holds; }
 
-private:
-    const std::lock_guard<std::recursive_mutex> lock_;
+    const std::lock_guard<std::recursive_mutex> lock;
 };
 
 // Runs `act` and says whether it came to its end: no exception leaves the library, whatever throws it; most often

@@ -96,8 +96,7 @@ public:
         return OutOfMemory(__func__);
     }
 
-    // Its set may have 10000 names, so unlike the one above it is not logged. A failed send leaves the frame's line
-    // alone.
+    // Its set may have 10000 names and is not logged, unlike that above. A failed send leaves the frame's line alone.
     int32_t GetAppPermissionGroupInfosByPermission(
         const std::string& permissionGroup, int32_t userId,
         const std::unordered_set<std::string>& interestedBundleNames,

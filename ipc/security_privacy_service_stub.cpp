@@ -192,8 +192,7 @@ int32_t SecurityPrivacyServiceStub::HandleGetPermissionUsageTimeline(MessageParc
     const auto query = data.ReadParcelable<Record::PermissionUsageRecordQuery>();
     if (query == nullptr) {
         LOG_ERROR("permissionUsageRecordTimelineQuery is nullptr.");
-        reply.WriteInt32(
-            STATUS_MALFORMED);  // for clients that read the reply whatever the status; the summary has none
+        reply.WriteInt32(STATUS_MALFORMED);  // for clients that read it whatever the status; a summary has none
         return STATUS_MALFORMED;
     }
 

@@ -48,7 +48,6 @@ bool ReadFields(Parcel& parcel, AppPermissionGroupInfo& info)
     const auto readShownState = [&](std::string& shownState) { return READ_ELEMENT(String, shownState); };
     const auto readDisabledState = [&](std::string& disabledState) { return READ_ELEMENT(String, disabledState); };
 
-    // A negative count passes the check and reads as no states, as it always has.
     bool isRead = READ(String, &info, bundleName);
     isRead = isRead && READ(Int32, &info, uid);
     isRead = isRead && READ(String, &info, permissionGroup);

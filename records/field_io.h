@@ -91,8 +91,8 @@ Record* MakeRecord(const Read& read, const LogFailure& logFailure)
     return nullptr;
 }
 
-// The fields of the usage records, which log nothing: All moves them in the order of its arguments, until one cannot be
-// moved. A list is its size, which tells the reader of a refused one to refuse it as well, and its elements.
+// The fields of the usage records, which log nothing: MoveAll moves them in the order of its arguments, until one
+// cannot be moved. A list is its size, which tells the reader of a refused one to refuse it as well, and its elements.
 struct Writer {
     Parcel& parcel;
 
@@ -105,11 +105,6 @@ struct Writer {
         const auto size = static_cast<int32_t>(list.size());
         return (*this)(size) && size <= MAX_QUERY_LIST_SIZE && std::all_of(list.begin(), list.end(), *this);
     }
-    template <class... Fields>
-    bool All(const Fields&... fields) const
-    {
-        return ((*this)(fields) && ...);
-    }
 };
 
 struct Reader {
@@ -118,18 +113,18 @@ struct Reader {
     bool operator()(std::string& text) const { return parcel.ReadString(text); }
     bool operator()(int32_t& number) const { return parcel.ReadInt32(number); }
     bool operator()(int64_t& number) const { return parcel.ReadInt64(number); }
-    // A negative size reads as an empty list, as it always has.
     template <class Element>
     bool operator()(std::vector<Element>& list) const
     {
         int32_t size = 0;
         return (*this)(size) && size <= MAX_QUERY_LIST_SIZE && Util::ReadAnnounced(parcel, size, list, *this);
     }
-    template <class... Fields>
-    bool All(Fields&... fields) const
-    {
-        return ((*this)(fields) && ...);
-    }
 };
+
+template <class Mover, class... Fields>
+bool MoveAll(const Mover& move, Fields&... fields)
+{
+    return (move(fields) && ...);
+}
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer

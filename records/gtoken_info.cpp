@@ -44,7 +44,6 @@ GTokenInfo* GTokenInfo::Unmarshalling(Parcel& parcel)
             static_cast<void>(info.release());
             return false;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
         }
-        // A negative count reads as no policies, as it always has.
         return isRead && Util::ReadAnnounced(parcel, policiesSize, info->policies,
                                              [&](GTokenPolicy& policy) { return ReadFields(parcel, policy); });
     });

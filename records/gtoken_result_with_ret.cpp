@@ -40,7 +40,6 @@ GTokenResultWithRet* GTokenResultWithRet::Unmarshalling(Parcel& parcel)
             static_cast<void>(result.release());
             return false;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
         }
-        // A negative count reads as no rows, as it always has.
         return isRead && Util::ReadAnnounced(parcel, gTokenResultsSize, result->gTokenResults,
                                              [&](GTokenResult& row) { return ReadFields(parcel, row); });
     });

@@ -2,7 +2,6 @@
 #include "security_privacy/permission_usage_record.h"
 
 #include "records/field_io.h"
-#include "records/read_fields.h"
 #include "util/format_utils.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record {
@@ -11,15 +10,15 @@ using Util::FormatUtils::Text;
 
 bool PermissionUsageRecord::Marshalling(Parcel& parcel) const
 {
-    return Writer{parcel}.All(bundleName_, uid_, operationGroup_, times_, operationMode_, appState_, screenState_,
-                              beginTimestamp_, endTimestamp_);
+    return MoveAll(Writer{parcel}, bundleName_, uid_, operationGroup_, times_, operationMode_, appState_, screenState_,
+                   beginTimestamp_, endTimestamp_);
 }
 
 bool ReadFields(Parcel& parcel, PermissionUsageRecord& record)
 {
-    return Reader{parcel}.All(record.bundleName_, record.uid_, record.operationGroup_, record.times_,
-                              record.operationMode_, record.appState_, record.screenState_, record.beginTimestamp_,
-                              record.endTimestamp_);
+    return MoveAll(Reader{parcel}, record.bundleName_, record.uid_, record.operationGroup_, record.times_,
+                   record.operationMode_, record.appState_, record.screenState_, record.beginTimestamp_,
+                   record.endTimestamp_);
 }
 
 PermissionUsageRecord* PermissionUsageRecord::Unmarshalling(Parcel& parcel)

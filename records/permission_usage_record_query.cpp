@@ -13,8 +13,8 @@ using Util::FormatUtils::Text;
 
 bool PermissionUsageRecordQuery::Marshalling(Parcel& parcel) const
 {
-    return Writer{parcel}.All(bundleNames_, userIds_, operationGroups_, operationModes_, appStates_, screenStates_,
-                              beginTimestamp_, endTimestamp_, limit_, order_);
+    return MoveAll(Writer{parcel}, bundleNames_, userIds_, operationGroups_, operationModes_, appStates_, screenStates_,
+                   beginTimestamp_, endTimestamp_, limit_, order_);
 }
 
 PermissionUsageRecordQuery* PermissionUsageRecordQuery::Unmarshalling(Parcel& parcel)
@@ -28,9 +28,9 @@ PermissionUsageRecordQuery* PermissionUsageRecordQuery::UnmarshallingInner(Parce
     std::unique_ptr<PermissionUsageRecordQuery> owned(query);
     const bool isWhole = IfMemoryLasts([&] {
         return query != nullptr &&
-               Reader{parcel}.All(query->bundleNames_, query->userIds_, query->operationGroups_, query->operationModes_,
-                                  query->appStates_, query->screenStates_, query->beginTimestamp_, query->endTimestamp_,
-                                  query->limit_, query->order_);
+               MoveAll(Reader{parcel}, query->bundleNames_, query->userIds_, query->operationGroups_,
+                       query->operationModes_, query->appStates_, query->screenStates_, query->beginTimestamp_,
+                       query->endTimestamp_, query->limit_, query->order_);
     });
     return isWhole ? owned.release() : nullptr;
 }

@@ -5,7 +5,7 @@
 
 // The reading half of the records that travel inside something else: a list of a request or a reply, or another record.
 // Each fills a new record in place, in the order in which its Marshalling writes. False at the first field that cannot
-// be read; throws std::bad_alloc when memory runs out.
+// be read; throws std::bad_alloc when memory runs out. PermissionUsageRecord names its own as a friend.
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 
 class GTokenPolicy;
@@ -17,10 +17,5 @@ namespace Permission {
 class AppPermissionGroupInfo;
 bool ReadFields(Parcel& parcel, AppPermissionGroupInfo& info);
 }  // namespace Permission
-
-namespace Record {
-class PermissionUsageRecord;
-bool ReadFields(Parcel& parcel, PermissionUsageRecord& record);
-}  // namespace Record
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer

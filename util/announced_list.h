@@ -10,8 +10,8 @@
 
 #include "varn/parcel.h"
 
-// Lists whose length a message announces. A count is only a claim, and a short message must not take much memory: room
-// is made for no more elements than the rest of the message can hold. A negative count announces none.
+// Lists whose length a message announces; a negative one is none. The length is only a claim, and a short message must
+// not take much memory: room is made for no more elements than the rest of the message can hold.
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Util {
 
 // How many elements so many bytes of a message can hold at most: no string or record takes more than five times as much
