@@ -145,10 +145,10 @@ TEST(Memory, ThatRunsOutLeavesARecordNullAndNamesTheClass)
 
 TEST(Memory, ThatRunsOutOnTheWayToAServiceFailsTheRequest)
 {
-    const std::string path = AbilityFolder() + "/4711.sock";
+    const Host::SocketFolder folder;
     sptr<IRemoteObject> object;
     {
-        const Host::RawServer goesAway(path);
+        const Host::RawServer goesAway(folder.Path() + "/4711.sock");
         object = Host::AbilityManager::Get()->LoadSystemAbility(4711, 8);
         ASSERT_NE(nullptr, object);
     }

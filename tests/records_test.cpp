@@ -77,17 +77,6 @@ TEST(PermissionUsageRecordQuery, InnerReadingAppendsAndListsOfOneHundredAreRefus
     }
 }
 
-TEST(PermissionUsageRecordQuery, InnerReadingOwnsWhatItIsGiven)
-{
-    allocations = {};
-    Parcel parcel;
-    PutText(parcel, CaseOf("PermissionUsageRecordQuery").values);
-    EXPECT_EQ(nullptr, PermissionUsageRecordQuery::UnmarshallingInner(parcel, nullptr));
-    TakeWords(parcel);
-    EXPECT_EQ(nullptr, PermissionUsageRecordQuery::UnmarshallingInner(parcel, new PermissionUsageRecordQuery()));
-    EXPECT_EQ(0, allocations.bytes);
-}
-
 TEST(LongListsOfTenThousand, AreExceededWithTheRecordLeftUndestroyed)
 {
     const LogCapture quiet(LOG_LEVEL_FATAL);

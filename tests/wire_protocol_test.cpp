@@ -36,11 +36,11 @@ const std::string reply = ReadExample("reply");
 
 TEST(WireProtocol, ServiceAnswersTheExampleAsDocumented)
 {
-    const std::string path = AbilityFolder() + "/65993.sock";
+    const Host::SocketFolder folder;
     const sptr<FakeService> service(new FakeService());
     Host::AbilityServer server(FAKE_SERVICE_ID, service);
     ASSERT_TRUE(server.Start());
-    const Host::RawClient peer(path);
+    const Host::RawClient peer(folder.SocketPath());
     // Twice: the second one shows that the first ended where it should.
     ASSERT_TRUE(peer.Send(request + request));
     EXPECT_EQ(reply + reply, peer.Receive(2 * reply.size()));
@@ -51,7 +51,8 @@ TEST(WireProtocol, ServiceAnswersTheExampleAsDocumented)
 
 TEST(WireProtocol, ClientSendsTheExampleAndTakesItsReply)
 {
-    const Host::RawServer service(AbilityFolder() + "/65993.sock");
+    const Host::SocketFolder folder;
+    const Host::RawServer service(folder.SocketPath());
     auto result = std::async(std::launch::async, [] {
         return SecurityPrivacyClient::GetInstance().GTokenPolicyRemovePolicy({"com.example.maps"});
     });

@@ -4,12 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <optional>
-#include <string>
 
+#include "platform/raw_client.h"
 #include "security_privacy/security_privacy_client.h"
 #include "security_privacy/testing/fake_service.h"
 #include "support/call_operation.h"
@@ -48,26 +46,13 @@ inline sptr<SecurityPrivacyServiceIntf> ProxyOver(const sptr<IRemoteObject>& obj
     return sptr<SecurityPrivacyServiceIntf>(dynamic_cast<SecurityPrivacyServiceIntf*>(broker.Get()));
 }
 
-// Where services of this process put their sockets and its client finds them: only we may enter it, until the program
-// ends.
-inline const std::string& AbilityFolder()
-{
-    struct Folder {
-        Folder() { ::setenv("VARN_ABILITY_DIR", ::mkdtemp(path.data()), 1); }
-        ~Folder() { std::filesystem::remove_all(path); }
-        std::string path = (std::filesystem::temp_directory_path() / "calls.XXXXXX").string();
-    };
-    static const Folder folder;
-    return folder.path;
-}
-
 // A service that the client finds while this exists: in this process, or behind a socket.
 class ServedFake {
 public:
     explicit ServedFake(bool isBehindSocket)
     {
         if (isBehindSocket) {
-            AbilityFolder();
+            folder_.emplace();
             EXPECT_TRUE(server_.emplace(FAKE_SERVICE_ID, service).Start());
         } else {
             EXPECT_TRUE(Host::AbilityManager::Get()->AddSystemAbility(FAKE_SERVICE_ID, service));
@@ -78,6 +63,7 @@ public:
     const sptr<FakeService> service{new FakeService()};
 
 private:
+    std::optional<Host::SocketFolder> folder_;
     std::optional<Host::AbilityServer> server_;
 };
 
