@@ -28,7 +28,7 @@ public:
 };
 
 // Who reads a message, what is allocated from then on counts: a proxy, a stub, or a record.
-template <uint32_t code>
+template <uint32_t Code>
 void ReadReply(const std::vector<int32_t>& words)
 {
     const auto answer = [&words](uint32_t, MessageParcel&, MessageParcel& reply) {
@@ -36,9 +36,9 @@ void ReadReply(const std::vector<int32_t>& words)
         allocations = {};
         return 0;
     };
-    CallOperation(*ProxyOver(sptr<IRemoteObject>(new ScriptedObject(answer))), code);
+    CallOperation(*ProxyOver(sptr<IRemoteObject>(new ScriptedObject(answer))), Code);
 }
-template <uint32_t code>
+template <uint32_t Code>
 void ReadRequest(const std::vector<int32_t>& words)
 {
     const sptr<FakeService> service(new Forgetful());
@@ -47,7 +47,7 @@ void ReadRequest(const std::vector<int32_t>& words)
     MessageOption option;
     PutAll(request, SecurityPrivacyServiceIntf::GetDescriptor(), words);
     allocations = {};
-    service->OnRemoteRequest(code, request, reply, option);
+    service->OnRemoteRequest(Code, request, reply, option);
 }
 template <class Record>
 void ReadRecord(const std::vector<int32_t>& words)

@@ -14,11 +14,12 @@ thread_local Allocations allocations;
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing
 
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing::allocations;
+using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing::Allocations;
 
 void* operator new(size_t size, const std::nothrow_t&) noexcept
 {
     // Counted down past 0 it is NEVER.
-    if (allocations.untilFailure != allocations.NEVER && allocations.untilFailure-- == 0) {
+    if (allocations.untilFailure != Allocations::NEVER && allocations.untilFailure-- == 0) {
         return nullptr;
     }
     void* memory = std::malloc(size);
