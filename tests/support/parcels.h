@@ -18,6 +18,10 @@ bool Put(Parcel& parcel, const T& value)
 {
     if constexpr (std::is_same_v<T, int32_t>) {
         return parcel.WriteInt32(value);
+    } else if constexpr (std::is_same_v<T, int64_t>) {
+        return parcel.WriteInt64(value);
+    } else if constexpr (std::is_same_v<T, bool>) {
+        return parcel.WriteBool(value);
     } else if constexpr (std::is_same_v<T, std::u16string>) {
         return parcel.WriteString16(value);
     } else {
