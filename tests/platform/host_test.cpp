@@ -40,7 +40,7 @@ TEST_F(HostTest, UnsafeFoldersAreRefusedOnBothSides)
         mode_t mode;
         uid_t owner;
         std::string problem;
-    } cases[] = {{folder_.Path(), 0777, 0, writable},
+    } cases[] = {{folder_.Path(), 0702, 0, writable},
                  {folder_.Path(), 01777, 0, writable},
                  {folder_.Path(), 0770, 0, writable},
                  {folder_.Path(), 0700, 54321, "belongs to user 54321, not to root or to user 0"},
