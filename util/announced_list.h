@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -14,13 +15,13 @@
 // not take much memory: room is made for no more elements than the rest of the message can hold.
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Util {
 
-// How many elements so many bytes of a message can hold at most: no string or record takes more than five times as much
-// memory as its shortest form in a message.
+// How many elements so many bytes of a message can hold at most: a string takes a length and a terminator, and no
+// record takes more than five times as much memory as its shortest form in a message.
 template <class Element>
 size_t MostElements(size_t bytes)
 {
     static_assert(std::is_nothrow_move_constructible_v<Element>, "a growing list would copy its elements");
-    return 5 * bytes / sizeof(Element);
+    return std::is_same_v<Element, std::string> ? bytes / (2 * sizeof(int32_t)) : 5 * bytes / sizeof(Element);
 }
 
 // Adds `announced` elements to `list`, a vector or a set, until `read` cannot fill one; in a vector it fills each where
