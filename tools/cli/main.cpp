@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <clocale>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <sstream>
 #include <string>
@@ -53,9 +54,12 @@ void AddCommonOptions(CLI::App& app, Program& program)
     app.add_flag_callback("--compact", setCompact, "Print JSON without line breaks");
     app.add_flag("-v,--verbose", program.service.isVerbose,
                  "Show the log lines of library and platform on standard error");
-    AddOption(app, "--directory", program.service.directory, "FOLDER",
-              "Folder of the service's socket [$VARN_ABILITY_DIR or /run/varn]")
-        ->envname(DIRECTORY_VARIABLE);
+    // An empty one leaves what the variable says.
+    const auto setFolder = [](const std::string& folder) {
+        ::setenv(DIRECTORY_VARIABLE, folder.c_str(), folder.empty() ? 0 : 1);
+    };
+    AddReader<std::string>(app, "--directory", setFolder, "FOLDER",
+                           "Folder of the service's socket [$VARN_ABILITY_DIR or /run/varn]");
     AddOption(app, "--wait", program.service.waitSeconds, "SECONDS",
               "How long to wait for a service that is not there yet [4]")
         ->check(CLI::Range(0, MAX_WAIT_SECONDS));

@@ -3,7 +3,6 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
 #include <map>
 #include <memory>
 #include <new>
@@ -99,7 +98,6 @@ void CheckAnswer(const Call& call, const std::string& reason)
 
 Call Ask(const ServiceOptions& options, const std::function<int64_t(Service&)>& request)
 {
-    ::setenv(DIRECTORY_VARIABLE, options.directory.c_str(), 1);
     VARN::Host::SetLogLevel(options.isVerbose ? VARN::LOG_LEVEL_DEBUG : VARN::LOG_LEVEL_WARN);
     // The sink has a share of it: log lines may come when this call is over.
     const auto reason =

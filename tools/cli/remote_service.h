@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <string>
 #include <vector>
 
 #include "security_privacy/security_privacy_service_intf.h"
@@ -14,11 +13,10 @@ namespace SecurityPrivacyTools {
 
 using Service = VARN::AppSecurityPrivacy::SecurityPrivacyServer::SecurityPrivacyServiceIntf;
 
-// Where the platform looks for the socket's folder.
+// Where the platform looks for the sockets' folder; empty: in /run/varn.
 constexpr const char* DIRECTORY_VARIABLE = "VARN_ABILITY_DIR";
 
 struct ServiceOptions {
-    std::string directory = "/run/varn";  // of the sockets
     int32_t waitSeconds = 4;
     bool isVerbose = false;
 };

@@ -70,9 +70,11 @@ void RunPing(const Program& program, const Wanted& options)
 // The lines that the service writes to its status socket: first its state, then each finished request.
 class StatusStream {
 public:
-    explicit StatusStream(const ServiceOptions& options)
-        : path_(options.directory + "/" + std::to_string(SECURITY_PRIVACY_SA_ID) + ".status.sock")
+    StatusStream()
     {
+        const char* folder = std::getenv(DIRECTORY_VARIABLE);
+        path_ = folder != nullptr && *folder != '\0' ? folder : "/run/varn";
+        path_ += "/" + std::to_string(SECURITY_PRIVACY_SA_ID) + ".status.sock";
         const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
@@ -132,7 +134,7 @@ private:
                                 (code == EXIT_REFUSED ? "\nOnly root and the service's own user may see it." : ""));
     }
 
-    const std::string path_;
+    std::string path_;
     std::FILE* stream_ = nullptr;  // the process has no other and ends with it
     Json status_;
 };
@@ -159,7 +161,7 @@ void PrintObjects(const Json& objects)
 
 void RunStatus(const Program& program, const Wanted& /*options*/)
 {
-    const Json status = StatusStream(program.service).Status();
+    const Json status = StatusStream().Status();
     PrintResult(program.output, status,
                 Text(status, "service") + " " + Text(status, "version") + ", process " + Text(status, "pid") + ", up " +
                     FormatSpan(Number(status, "startedAt"), Number(status, "time")));
@@ -197,7 +199,7 @@ void RunMonitor(const Program& program, const Wanted& options)
     const auto isAmong = [](const auto& value, const auto& wanted) {
         return wanted.empty() || std::find(wanted.begin(), wanted.end(), value) != wanted.end();
     };
-    StatusStream stream(program.service);
+    StatusStream stream;
     if (!program.output.isJson) {
         PrintRow(columns, Json());
     }
