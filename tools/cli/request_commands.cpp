@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 #include <tuple>
+#include <type_traits>
 #include <unordered_set>
 #include <vector>
 
@@ -190,68 +191,55 @@ void RunUsage(const Program& program, const UsageOptions& options)
     PrintRecords(program.output, records.size(), columns, [&](size_t index) { return UsageToJson(records[index]); });
 }
 
+// An option that is a field of the query.
 template <class T>
-using Setter = void (PermissionUsageRecordQuery::*)(T);
-
-template <class T>
-CLI::Option* AddFilter(CLI::App& command, const char* name, PermissionUsageRecordQuery& query,
-                       Setter<const std::vector<T>&> set, const char* text, const char* description)
+CLI::Option* AddField(CLI::App& command, const char* name, PermissionUsageRecordQuery& query,
+                      void (PermissionUsageRecordQuery::*set)(T), const char* text, const char* description)
 {
-    const auto take = [&query, set](const std::vector<T>& values) { (query.*set)(values); };
-    return AddReader<std::vector<T>>(command, name, take, text, description, Contract::MAX_QUERY_LIST_SIZE)
-        ->group("Filters (each may be repeated; all have to be met)");
+    using Value = std::decay_t<T>;
+    const auto take = [&query, set](const Value& value) { (query.*set)(value); };
+    return AddReader<Value>(command, name, take, text, description, Contract::MAX_QUERY_LIST_SIZE)
+        ->group(std::is_class_v<Value> ? "Filters (each may be repeated; all have to be met)" : "Time and amount");
 }
 
-// A filter whose values are words, or their numbers.
-void AddCodeFilter(CLI::App& command, const char* name, PermissionUsageRecordQuery& query,
-                   Setter<const std::vector<int>&> set, const UsageCodes& codes, const char* text,
-                   const char* description)
+// Lets a user write a number as `parse` reads it; any other text is, as the message says, `mistake`.
+template <class Parse>
+void ReadWith(CLI::Option* option, Parse parse, const std::string& mistake)
 {
-    const auto toNumber = [name, &codes](const std::string& word) {
-        const std::optional<int> code = FindUsageCode(codes, word);
-        const std::optional<int> number = code ? code : ParseWhole<int>(word);
+    option->transform([option, parse, mistake](const std::string& text) {
+        const auto number = parse(text);
         if (!number) {
-            throw Failure(EXIT_USAGE, std::string(name) + ": \"" + VisibleText(word) + "\" is none of " +
-                                          UsageCodeNames(codes) + ", nor a number");
+            throw Failure(EXIT_USAGE, option->get_name() + ": \"" + VisibleText(text) + "\" is " + mistake);
         }
         return std::to_string(*number);
-    };
-    AddFilter(command, name, query, set, text, description)->transform(toNumber);
-}
-
-void AddTime(CLI::App& command, const char* name, PermissionUsageRecordQuery& query, Setter<int64_t> set,
-             const char* description)
-{
-    const auto take = [name, &query, set](const std::string& text) {
-        const std::optional<int64_t> time = text.empty() ? 0 : ParseTime(text);
-        if (!time) {
-            throw Failure(EXIT_USAGE, std::string(name) + ": \"" + VisibleText(text) +
-                                          "\" is no time; write 2026-11-20, 2026-11-20T10:00, today, 10:00, 2h, 7d, or "
-                                          "@SECONDS since 1970");
-        }
-        (query.*set)(*time);
-    };
-    AddReader<std::string>(command, name, take, "TIME", description)->group("Time and amount");
+    });
 }
 
 void AddFilters(CLI::App& command, PermissionUsageRecordQuery& query)
 {
     using Query = PermissionUsageRecordQuery;
-    AddFilter(command, "--bundle", query, &Query::SetBundleNames, "BUNDLE", "Only this app");
-    AddFilter(command, "--user", query, &Query::SetUserIds, "N", "Only this user");
-    AddFilter(command, "--group", query, &Query::SetOperationGroups, "GROUP", "Only this operation group");
-    AddCodeFilter(command, "--mode", query, &Query::SetOperationModes, OPERATION_MODES, "allowed|denied",
-                  "How the use ended");
-    AddCodeFilter(command, "--app-state", query, &Query::SetAppStates, APP_STATES, "foreground|background",
-                  "Where the app was");
-    AddCodeFilter(command, "--screen", query, &Query::SetScreenStates, SCREEN_STATES, "on|off|locked",
-                  "How the screen was");
-    AddTime(command, "--since", query, &Query::SetBeginTimestamp,
-            "What begins then or later: a date, today, 10:00, 2h, 7d [all]");
-    AddTime(command, "--until", query, &Query::SetEndTimestamp, "What begins before that [all]");
-    const auto setLimit = [&query](int32_t limit) { query.SetLimit(limit); };
-    AddReader<int32_t>(command, "--limit", setLimit, "N", "At most so many records, 0 for all [0]")
-        ->group("Time and amount");
+    AddField(command, "--bundle", query, &Query::SetBundleNames, "BUNDLE", "Only this app");
+    AddField(command, "--user", query, &Query::SetUserIds, "N", "Only this user");
+    AddField(command, "--group", query, &Query::SetOperationGroups, "GROUP", "Only this operation group");
+    const auto addCodes = [&](const char* name, auto set, const UsageCodes& codes, const char* text, const char* help) {
+        const auto parse = [&codes](const std::string& word) {
+            const std::optional<int> code = FindUsageCode(codes, word);
+            return code ? code : ParseWhole<int>(word);
+        };
+        ReadWith(AddField(command, name, query, set, text, help), parse,
+                 "none of " + UsageCodeNames(codes) + ", nor a number");
+    };
+    addCodes("--mode", &Query::SetOperationModes, OPERATION_MODES, "allowed|denied", "How the use ended");
+    addCodes("--app-state", &Query::SetAppStates, APP_STATES, "foreground|background", "Where the app was");
+    addCodes("--screen", &Query::SetScreenStates, SCREEN_STATES, "on|off|locked", "How the screen was");
+    const auto addTime = [&](const char* name, auto set, const char* help) {
+        const auto parse = [](const std::string& text) { return text.empty() ? 0 : ParseTime(text); };
+        ReadWith(AddField(command, name, query, set, "TIME", help), parse,
+                 "no time; write 2026-11-20, 2026-11-20T10:00, today, 10:00, 2h, 7d, or @SECONDS since 1970");
+    };
+    addTime("--since", &Query::SetBeginTimestamp, "What begins then or later: a date, today, 10:00, 2h, 7d [all]");
+    addTime("--until", &Query::SetEndTimestamp, "What begins before that [all]");
+    AddField(command, "--limit", query, &Query::SetLimit, "N", "At most so many records, 0 for all [0]");
     const auto setNewestFirst = [&query] { query.SetOrder(1); };
     command.add_flag_callback("--newest-first", setNewestFirst, "Start with the latest")->group("Time and amount");
 }
