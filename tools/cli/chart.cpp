@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "cli/chart.h"
-
 #include <sys/ioctl.h>
 #include <unistd.h>
 

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "security_privacy/permission_usage_record.h"
 #include "varn/host/visible_text.h"
 
 namespace SecurityPrivacyTools {
@@ -76,6 +77,13 @@ void PrintRecords(const OutputOptions& options, size_t count, Columns columns,
 // Prints a result as the options say: `json`, or the line `text`. In JSON other characters than ASCII are escaped,
 // bytes that are no UTF-8 replaced.
 void PrintResult(const OutputOptions& options, const Json& json, const std::string& text);
+
+// Draws a timeline on standard output, as wide as the terminal: a row for each app, time from left to right, a letter
+// where the app used an operation group, "!" where a use was denied. Title, axis and legend are part of it. `records`
+// must not be empty. The span is in milliseconds since the epoch; 0: from the first use, to the last.
+void PrintChart(
+    const std::vector<VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord>& records,
+    int64_t begin, int64_t end);
 
 // Brings out what was printed. Throws Failure when that cannot be written.
 void FinishOutput();

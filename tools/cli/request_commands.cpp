@@ -14,7 +14,6 @@
 #include <unordered_set>
 #include <vector>
 
-#include "cli/chart.h"
 #include "cli/output.h"
 #include "cli/program.h"
 #include "cli/remote_service.h"
@@ -354,8 +353,8 @@ void RunRemove(const Program& program, const BundlesOptions& options)
 
 void AddGroupsCommands(CLI::App& app, const Program& program)
 {
-    CLI::App* groups = app.add_subcommand("groups", "Permission groups: by-app, by-permission, set");
-    groups->require_subcommand(1);
+    CLI::App* groups =
+        app.add_subcommand("groups", "Permission groups: by-app, by-permission, set")->require_subcommand(1);
 
     auto [byApp, appOptions] =
         AddCommand(*groups, program, "by-app", "The permission groups of an app",
@@ -394,8 +393,7 @@ void AddGroupsCommands(CLI::App& app, const Program& program)
 
 void AddUsageCommands(CLI::App& app, const Program& program)
 {
-    CLI::App* usage = app.add_subcommand("usage", "What was used when: summary, timeline");
-    usage->require_subcommand(1);
+    CLI::App* usage = app.add_subcommand("usage", "What was used when: summary, timeline")->require_subcommand(1);
 
     auto [summary, summaryOptions] = AddCommand(
         *usage, program, "summary", "Uses added up by app, group, mode and states", RunUsage,
@@ -416,8 +414,8 @@ void AddUsageCommands(CLI::App& app, const Program& program)
 
 void AddGTokenCommands(CLI::App& app, const Program& program)
 {
-    CLI::App* gtoken = app.add_subcommand("gtoken", "GToken policies of bundles: add, get, remove");
-    gtoken->require_subcommand(1);
+    CLI::App* gtoken =
+        app.add_subcommand("gtoken", "GToken policies of bundles: add, get, remove")->require_subcommand(1);
 
     auto [add, addOptions] = AddCommand(
         *gtoken, program, "add", "Set policies of one bundle, or of many from a file", RunAdd,
