@@ -35,9 +35,7 @@ std::string Manual()
         "  5  the connection was lost, the answer took too long, or one side did not understand the other\n"
         "\nResult codes of the service:\n";
     for (const auto& [code, name, meaning] : RESULT_DESCRIPTIONS) {
-        char line[160];
-        std::snprintf(line, sizeof(line), "  %d  %-25s %s\n", code, name, meaning);
-        manual += line;
+        manual += "  " + std::to_string(code) + "  " + Padded(name, 25) + " " + meaning + "\n";
     }
     return manual +
            "\nExample:\n"
@@ -83,7 +81,6 @@ int Report(const Program& program, const Failure& failure)
                        {"name", failure.name},
                        {"message", message}}}},
                     "");
-        std::fflush(stdout);
     }
     return failure.exitCode;
 }

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <new>
@@ -21,6 +22,7 @@ namespace SecurityPrivacyTools {
 namespace {
 
 using std::chrono::steady_clock;
+using Milliseconds = std::chrono::duration<double, std::milli>;
 
 namespace Contract = VARN::AppSecurityPrivacy::SecurityPrivacyServer;
 
@@ -64,7 +66,7 @@ public:
         call_.isSent = true;
         call_.status = object_->SendRequest(code, data, reply, option);
         call_.replyBytes = reply.GetDataSize();
-        call_.answering = steady_clock::now() - start;
+        call_.answeringMs = Milliseconds(steady_clock::now() - start).count();
         return call_.status;
     }
 
@@ -113,7 +115,7 @@ Call Ask(const ServiceOptions& options, const std::function<int64_t(Service&)>& 
     Call call;
     const auto start = steady_clock::now();
     const Contract::ConnectResult found = Contract::Connect(options.waitSeconds);
-    call.finding = steady_clock::now() - start;
+    call.findingMs = Milliseconds(steady_clock::now() - start).count();
     if (found.service == nullptr) {
         throw Failure(EXIT_UNREACHABLE, "cannot reach the service: " + *reason +
                                             "\nStart security-privacy-service, or name the folder of its socket with "

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -23,10 +22,8 @@ struct ServiceOptions {
 
 // What is known of a call that was answered.
 struct Call {
-    using Milliseconds = std::chrono::duration<double, std::milli>;
-
-    Milliseconds finding{0};  // how long it took to find the service
-    Milliseconds answering{0};
+    double findingMs = 0;  // how long it took to find the service
+    double answeringMs = 0;
     bool isSent = false;
     int32_t status = 0;  // 0 or the service's status
     int64_t result = 0;  // what the service said, be it in its status or in its reply

@@ -145,22 +145,6 @@ Json UsageToJson(const PermissionUsageRecord& record)
             {"endTimestamp", record.GetEndTimestamp()}};
 }
 
-// A timeline shows all but the last two, a summary all but the first two.
-Columns UsageColumns()
-{
-    return {{"BEGIN", "", [](const Json& use) { return FormatTime(use["beginTimestamp"]); }},
-            {"FOR", "", [](const Json& use) { return FormatSpan(use["beginTimestamp"], use["endTimestamp"]); }},
-            {"APP", "bundleName"},
-            {"UID", "uid"},
-            {"GROUP", "operationGroup"},
-            {"TIMES", "times"},
-            {"MODE", "", [](const Json& use) { return UsageCodeName(OPERATION_MODES, use["operationMode"]); }},
-            {"APP STATE", "", [](const Json& use) { return UsageCodeName(APP_STATES, use["appState"]); }},
-            {"SCREEN", "", [](const Json& use) { return UsageCodeName(SCREEN_STATES, use["screenState"]); }},
-            {"FIRST", "", [](const Json& use) { return FormatTime(use["beginTimestamp"]); }},
-            {"LAST", "", [](const Json& use) { return FormatTime(use["endTimestamp"]); }}};
-}
-
 void RunUsage(const Program& program, const UsageOptions& options)
 {
     const PermissionUsageRecordQuery& query = options.query;
@@ -177,7 +161,19 @@ void RunUsage(const Program& program, const UsageOptions& options)
         PrintChart(records, query.GetBeginTimestamp(), query.GetEndTimestamp());
         return;
     }
-    Columns columns = UsageColumns();
+    // A timeline shows all but the last two, a summary all but the first two.
+    Columns columns = {
+        {"BEGIN", "", [](const Json& use) { return FormatTime(use["beginTimestamp"]); }},
+        {"FOR", "", [](const Json& use) { return FormatSpan(use["beginTimestamp"], use["endTimestamp"]); }},
+        {"APP", "bundleName"},
+        {"UID", "uid"},
+        {"GROUP", "operationGroup"},
+        {"TIMES", "times"},
+        {"MODE", "", [](const Json& use) { return UsageCodeName(OPERATION_MODES, use["operationMode"]); }},
+        {"APP STATE", "", [](const Json& use) { return UsageCodeName(APP_STATES, use["appState"]); }},
+        {"SCREEN", "", [](const Json& use) { return UsageCodeName(SCREEN_STATES, use["screenState"]); }},
+        {"FIRST", "", [](const Json& use) { return FormatTime(use["beginTimestamp"]); }},
+        {"LAST", "", [](const Json& use) { return FormatTime(use["endTimestamp"]); }}};
     const auto others = options.isSummary ? columns.begin() : columns.end() - 2;
     columns.erase(others, others + 2);
     if (options.isSummary && query.GetOrder() == 0) {

@@ -59,11 +59,10 @@ void RunPing(const Program& program, const Wanted& options)
         // Whatever the service thinks of the query: it has answered.
         const Call call =
             Ask(program.service, [&](Service& service) { return service.GetPermissionUsageTimeline(query, records); });
-        const double finding = call.finding.count();
-        const double answering = call.answering.count();
-        PrintResult(program.output,
-                    {{"name", name}, {"findingMs", finding}, {"answeringMs", answering}, {"status", call.status}},
-                    name + ": found in " + Decimal(finding) + " ms, answered in " + Decimal(answering) + " ms");
+        PrintResult(
+            program.output,
+            {{"name", name}, {"findingMs", call.findingMs}, {"answeringMs", call.answeringMs}, {"status", call.status}},
+            name + ": found in " + Decimal(call.findingMs) + " ms, answered in " + Decimal(call.answeringMs) + " ms");
     }
 }
 
