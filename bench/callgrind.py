@@ -18,7 +18,7 @@ SHARED = re.compile(r"/(libc|libm|libstdc\+\+|libgcc_s|ld-linux-x86-64)\.so|^\?*
 PURPOSES = (("codec", re.compile(r"Parcel::[A-Z]|MessageParcel|arshalling|ReadFields|(Read|Write)(String|List)|"
                                  r"ServiceProxy::[GS]et|Stub::Handle|Writer|Reader|(Put|Get)Many")),
             ("lists", re.compile(r"~|std::vector|_Hashtable|uninit_copy|::operator=|(\w+)::\1$|LibraryService|"
-                                 r"TypedClient|bench::(Service|Peer)|(Read|Write)Records")))
+                                 r"RunClient|_Function_handler|bench::(Service|Peer)|(Read|Write)Records")))
 
 
 def purpose(name):

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <ctime>
 #include <exception>
+#include <functional>
 #include <iostream>
 #include <numeric>
 #include <stdexcept>
@@ -36,12 +37,12 @@ constexpr size_t kMostCalls = 200000;
 constexpr std::chrono::milliseconds kWarmUp{20};
 
 // Calls until `duration` is over; the times of the calls, in nanoseconds.
-void CallFor(Client& client, Clock::duration duration, std::vector<uint32_t>& times)
+void CallFor(const std::function<void()>& call, Clock::duration duration, std::vector<uint32_t>& times)
 {
     times.clear();
     const auto end = Clock::now() + duration;
     for (auto before = Clock::now(); times.size() < kMostCalls && (before < end || times.size() < kLeastCalls);) {
-        client.Call();
+        call();
         const auto after = Clock::now();
         times.push_back(static_cast<uint32_t>(std::chrono::nanoseconds(after - before).count()));
         before = after;
@@ -56,56 +57,45 @@ uint32_t CpuNanoseconds()
 }
 
 // The CPU times of so many calls, without the disposal of their answers.
-void Work(Client& client, uint64_t calls, std::vector<uint32_t>& times)
+void Work(const std::function<void()>& call, const std::function<void()>& forget, uint64_t calls,
+          std::vector<uint32_t>& times)
 {
     times.clear();
     while (times.size() < calls) {
-        client.Forget();
+        forget();
         const uint32_t before = CpuNanoseconds();
-        client.Call();
+        call();
         times.push_back(CpuNanoseconds() - before);
     }
 }
 
 }  // namespace
 
-void Obey(Client& client)
+void Obey(const std::function<void()>& call, const std::function<void()>& forget)
 {
     std::vector<uint32_t> times;
-    CallFor(client, kWarmUp, times);
+    CallFor(call, kWarmUp, times);
     AnnounceReady();
 
     std::string command;
     uint64_t number = 0;
     while (std::cin >> command >> number) {
         if (command == "times") {
-            for (uint64_t call = 0; call < number; ++call) {
-                client.Call();
+            for (uint64_t calls = 0; calls < number; ++calls) {
+                call();
             }
             std::cout << "done" << std::endl;
             continue;
         }
         if (command == "run") {
-            CallFor(client, std::chrono::milliseconds(number), times);
+            CallFor(call, std::chrono::milliseconds(number), times);
         } else {
-            Work(client, number, times);
+            Work(call, forget, number, times);
         }
         std::sort(times.begin(), times.end());
         std::cout << times.size() << ' ' << std::accumulate(times.begin(), times.end(), uint64_t{0}) << ' '
                   << times.at(times.size() / 2) << ' ' << times.at(times.size() * 99 / 100) << std::endl;
     }
-}
-
-Answers MakeAnswers(const Workload& workload)
-{
-    Answers answers;
-    std::visit(
-        [&](const auto& request) {
-            using Answer = typename std::decay_t<decltype(request)>::Answer;
-            std::get<Answer>(answers) = MakeAnswer<Answer>(workload.records);
-        },
-        workload.request);
-    return answers;
 }
 
 void AnnounceReady()

@@ -2,26 +2,15 @@
 #pragma once
 
 #include <algorithm>
+#include <functional>
 #include <stdexcept>
-#include <string>
 #include <tuple>
 #include <type_traits>
-#include <utility>
 #include <variant>
-#include <vector>
 
 #include "bench/records.h"
 
 namespace bench {
-
-// One case as the command line gives it.
-struct Workload {
-    std::string directory;  // where both sides keep their sockets; the two of them have it to themselves
-    AnyRequest request;
-    size_t records = 0;       // how many records come back
-    size_t requestBytes = 0;  // for the contender without a codec: the length of its messages
-    size_t replyBytes = 0;
-};
 
 // Each contender is a program of its own, so that its memory is its own, and defines these two.
 
@@ -34,82 +23,52 @@ void Connect(const Workload& workload);
 // Tells the driver that a client may connect.
 void AnnounceReady();
 
-// What the server of a workload answers to each request; empty for those that the workload does not have.
-using Answers = std::tuple<std::vector<Info>, bool, std::vector<Usage>, std::vector<Row>>;
-Answers MakeAnswers(const Workload& workload);
+// Does what the driver says on standard input, see harness.cpp. `call` makes one request and keeps its whole answer, or
+// throws; `forget` drops the answer, so that the next call does not have to.
+void Obey(const std::function<void()>& call, const std::function<void()>& forget);
 
-// One client with its connection.
-class Client {
-public:
-    virtual ~Client() = default;
-
-    // One request and its whole answer, which replaces the one before. Throws when it fails.
-    virtual void Call() = 0;
-
-    // Drops the last answer, so that the next call does not have to.
-    virtual void Forget() = 0;
-};
-
-// Does what the driver says on standard input, see harness.cpp.
-void Obey(Client& client);
-
-template <class Peer, class Request>
-class TypedClient final : public Client {
-public:
-    explicit TypedClient(const Workload& workload) : peer_(workload), request_(std::get<Request>(workload.request)) {}
-
-    // Said, because the destructor of a peer may say that it throws.
-    ~TypedClient() noexcept override = default;
-
-    // Every answer goes into a new list, as in a program that calls once.
-    void Call() override
-    {
-        Forget();
-        answer_ = peer_.Ask(request_);
+// Whether an answer holds what `MakeAnswers` makes.
+template <class Answer, class Right>
+bool IsRight(const Answer& answer, const Right& right)
+{
+    if constexpr (std::is_same_v<Answer, bool>) {
+        return answer;
+    } else {
+        using Plain = typename Right::value_type;
+        return std::equal(
+            answer.begin(), answer.end(), right.begin(), right.end(),
+            [](const auto& left, const Plain& plain) { return FieldsOf<Plain>(left) == Plain::Fields(plain); });
     }
-
-    // Not `= {}`, which keeps a vector's memory.
-    void Forget() override { answer_ = Answer(); }
-
-    // Whether the last answer holds what the makers of records.h make.
-    bool IsAnswerRight(size_t records) const
-    {
-        if constexpr (std::is_same_v<Answer, bool>) {
-            return answer_;
-        } else {
-            const auto right = MakeAnswer<typename Request::Answer>(records);
-            using Plain = typename Request::Answer::value_type;
-            return std::equal(
-                answer_.begin(), answer_.end(), right.begin(), right.end(),
-                [](const auto& left, const Plain& plain) { return FieldsOf<Plain>(left) == Plain::Fields(plain); });
-        }
-    }
-
-private:
-    using Answer = decltype(std::declval<Peer&>().Ask(std::declval<const Request&>()));
-
-    Peer peer_;
-    const Request request_;
-    Answer answer_{};
-};
+}
 
 // The client of a contender, for workloads that have one of these requests. A `Peer` is made from the workload. Its
 // `Ask(request)` returns the answer, a list of records or a bool, and throws when the request fails.
-template <class Peer, class Request, class... Others>
+template <class Peer, class... Requests>
 void RunClient(const Workload& workload)
 {
-    if (std::holds_alternative<Request>(workload.request)) {
-        TypedClient<Peer, Request> client(workload);
-        client.Call();
-        if (!client.IsAnswerRight(workload.records)) {
-            throw std::runtime_error("the answer is wrong");
+    const auto run = [&workload](const auto& request) {
+        using Request = std::decay_t<decltype(request)>;
+        if constexpr ((std::is_same_v<Request, Requests> || ...)) {
+            Peer peer(workload);
+            using Answer = decltype(peer.Ask(request));
+            Answer answer{};
+            // Not `= {}`, which keeps a vector's memory.
+            const auto forget = [&answer] { answer = Answer(); };
+            // Every answer goes into a new list, as in a program that calls once.
+            const auto call = [&] {
+                forget();
+                answer = peer.Ask(request);
+            };
+            call();
+            if (!IsRight(answer, std::get<typename Request::Answer>(MakeAnswers(workload)))) {
+                throw std::runtime_error("the answer is wrong");
+            }
+            Obey(call, forget);
+        } else {
+            throw std::runtime_error("this case is not measured here");
         }
-        Obey(client);
-    } else if constexpr (sizeof...(Others) > 0) {
-        RunClient<Peer, Others...>(workload);
-    } else {
-        throw std::runtime_error("this case is not measured here");
-    }
+    };
+    std::visit(run, workload.request);
 }
 
 }  // namespace bench

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <map>
+#include <type_traits>
 
 namespace bench {
 namespace {
@@ -42,24 +43,6 @@ Names Several(size_t count, std::string (*name)(size_t))
     return names;
 }
 
-}  // namespace
-
-AnyRequest MakeRequest(const std::string& name)
-{
-    using Set = std::unordered_set<std::string>;
-    using List = std::vector<std::string>;
-    const std::map<std::string, AnyRequest> requests = {
-        {"small", InfoRequest{{{BundleName(1), 100, Several<Set>(kInterested, Group)}}, false}},
-        {"bulk", InfoRequest{{{Group(1), 100, Several<Set>(kInterested, BundleName)}}, true}},
-        {"least", SetRequest{{{BundleName(1), kFirstUid, Group(1), "block", 255, 3}}}},
-        {"usage", UsageRequest{{{List{BundleName(1), BundleName(2)}, std::vector<int32_t>{100}, List{Group(1)},
-                                 kFirstTimestamp, kFirstTimestamp * 2, 10000, 1}}}},
-        {"token", RowRequest{{{"camera", Several<List>(kRows, BundleName)}}}},
-        {"none", InfoRequest()},
-    };
-    return requests.at(name);
-}
-
 void Make(size_t index, Info& info)
 {
     info = {BundleName(index),
@@ -89,6 +72,42 @@ void Make(size_t index, Usage& usage)
 void Make(size_t index, Row& row)
 {
     row = {BundleName(index), Digits(index, 64), 1000000 + static_cast<int64_t>(index), -7};
+}
+
+}  // namespace
+
+AnyRequest MakeRequest(const std::string& name)
+{
+    using Set = std::unordered_set<std::string>;
+    using List = std::vector<std::string>;
+    const std::map<std::string, AnyRequest> requests = {
+        {"small", InfoRequest{{{BundleName(1), 100, Several<Set>(kInterested, Group)}}, false}},
+        {"bulk", InfoRequest{{{Group(1), 100, Several<Set>(kInterested, BundleName)}}, true}},
+        {"least", SetRequest{{{BundleName(1), kFirstUid, Group(1), "block", 255, 3}}}},
+        {"usage", UsageRequest{{{List{BundleName(1), BundleName(2)}, std::vector<int32_t>{100}, List{Group(1)},
+                                 kFirstTimestamp, kFirstTimestamp * 2, 10000, 1}}}},
+        {"token", RowRequest{{{"camera", Several<List>(kRows, BundleName)}}}},
+        {"none", InfoRequest()},
+    };
+    return requests.at(name);
+}
+
+Answers MakeAnswers(const Workload& workload)
+{
+    Answers answers;
+    const auto make = [&](const auto& request) {
+        auto& answer = std::get<typename std::decay_t<decltype(request)>::Answer>(answers);
+        if constexpr (std::is_same_v<decltype(answer), bool&>) {
+            answer = true;
+        } else {
+            answer.resize(workload.records);
+            for (size_t index = 0; index < answer.size(); ++index) {
+                Make(index, answer[index]);
+            }
+        }
+    };
+    std::visit(make, workload.request);
+    return answers;
 }
 
 }  // namespace bench

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <string>
 #include <tuple>
-#include <type_traits>
 #include <unordered_set>
 #include <variant>
 #include <vector>
@@ -92,31 +91,25 @@ using AnyRequest = std::variant<InfoRequest, SetRequest, UsageRequest, RowReques
 // Throws for another name.
 AnyRequest MakeRequest(const std::string& name);
 
+// One case as the command line gives it.
+struct Workload {
+    std::string directory;  // where both sides keep their sockets; the two of them have it to themselves
+    AnyRequest request;
+    size_t records = 0;       // how many records come back
+    size_t requestBytes = 0;  // for the contender without a codec: the length of its messages
+    size_t replyBytes = 0;
+};
+
+// What the server of a workload answers to each request; empty for those that the workload does not have. Record
+// `index` holds the same values in every contender, so that an answer can be checked without a copy of it.
+using Answers = std::tuple<std::vector<Info>, bool, std::vector<Usage>, std::vector<Row>>;
+Answers MakeAnswers(const Workload& workload);
+
 // The fields of a record that an answer brought, in the order of `Plain`.
 template <class Plain, class Record>
 auto FieldsOf(const Record& record)
 {
     return Plain::Fields(record);
-}
-
-// Record `index` holds the same values in every contender, so that an answer can be checked without a copy of it.
-void Make(size_t index, Info& info);
-void Make(size_t index, Usage& usage);
-void Make(size_t index, Row& row);
-
-// True, or the records 0 to `count` - 1.
-template <class Answer>
-Answer MakeAnswer(size_t count)
-{
-    if constexpr (std::is_same_v<Answer, bool>) {
-        return true;
-    } else {
-        Answer records(count);
-        for (size_t index = 0; index < count; ++index) {
-            Make(index, records[index]);
-        }
-        return records;
-    }
 }
 
 }  // namespace bench
