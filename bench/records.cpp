@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "bench/records.h"
 
-#include <array>
 #include <map>
 #include <type_traits>
 
@@ -10,6 +9,7 @@ namespace {
 
 constexpr size_t kInterested = 5;
 constexpr size_t kRows = 100;
+constexpr size_t kGroups = 8;
 constexpr int32_t kFirstUid = 20010000;
 constexpr int64_t kFirstTimestamp = 1700000000000;
 constexpr int64_t kPeriod = 60000;
@@ -27,9 +27,7 @@ std::string BundleName(size_t index)
 
 std::string Group(size_t index)
 {
-    static const std::array<const char*, 8> names = {"location", "contacts", "calendar", "messages",
-                                                     "pictures", "activity", "notebook", "recorder"};
-    return std::string("permission.group.") + names[index % names.size()];
+    return "permission.group." + Digits(index % kGroups, 8);
 }
 
 // `name` of the first indexes.
