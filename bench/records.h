@@ -98,6 +98,9 @@ struct Workload {
     size_t records = 0;       // how many records come back
     size_t requestBytes = 0;  // for the contender without a codec: the length of its messages
     size_t replyBytes = 0;
+
+    // Ours names its socket itself.
+    std::string SocketPath() const { return directory + "/bench.sock"; }
 };
 
 // What the server of a workload answers to each request; empty for those that the workload does not have. Record

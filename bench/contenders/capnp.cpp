@@ -5,7 +5,6 @@
 #include <string>
 
 #include "bench.capnp.h"
-#include "bench/contenders/unix_socket.h"
 #include "bench/harness.h"
 
 namespace bench {
@@ -36,34 +35,30 @@ void Fill(wire::Info::Builder to, const Info& info)
     to.setFlags(info.flags);
 }
 
-std::string Text(capnp::Text::Reader text)
-{
-    return {text.cStr(), text.size()};
-}
 template <class Texts>
 void Read(capnp::List<capnp::Text>::Reader from, Texts& texts)
 {
     texts.reserve(from.size());
     for (const auto text : from) {
-        texts.insert(texts.end(), Text(text));
+        texts.insert(texts.end(), std::string(text));
     }
 }
 void Read(wire::Info::Reader from, Info& info)
 {
-    info.bundleName = Text(from.getBundleName());
+    info.bundleName = from.getBundleName();
     info.uid = from.getUid();
-    info.permissionGroup = Text(from.getPermissionGroup());
-    info.checkedState = Text(from.getCheckedState());
+    info.permissionGroup = from.getPermissionGroup();
+    info.checkedState = from.getCheckedState();
     Read(from.getShownStates(), info.shownStates);
     Read(from.getDisabledStates(), info.disabledStates);
-    info.disabledReason = Text(from.getDisabledReason());
+    info.disabledReason = from.getDisabledReason();
     info.flags = from.getFlags();
 }
 
 class Peer {
 public:
     explicit Peer(const Workload& workload)
-        : client_("unix:" + SocketPath(workload.directory)), service_(client_.getMain<wire::Service>())
+        : client_("unix:" + workload.SocketPath()), service_(client_.getMain<wire::Service>())
     {
     }
 
@@ -108,7 +103,7 @@ protected:
     kj::Promise<void> info(InfoContext context) override
     {
         const auto from = context.getParams();
-        InfoRequest request{{{Text(from.getName()), from.getUserId(), {}}}};
+        InfoRequest request{{{from.getName(), from.getUserId(), {}}}};
         Read(from.getInterested(), std::get<2>(request.arguments));
         const auto& infos = std::get<std::vector<Info>>(answers_);
         auto records = context.getResults().initAnswer(CountOf(infos.size()));
@@ -120,8 +115,8 @@ protected:
     kj::Promise<void> set(SetContext context) override
     {
         const auto from = context.getParams();
-        const SetRequest request{{{Text(from.getBundleName()), from.getUid(), Text(from.getPermissionGroup()),
-                                   Text(from.getCheckedState()), from.getFlagsMask(), from.getFlagsValue()}}};
+        const SetRequest request{{{from.getBundleName(), from.getUid(), from.getPermissionGroup(),
+                                   from.getCheckedState(), from.getFlagsMask(), from.getFlagsValue()}}};
         context.getResults().setAnswer(std::get<bool>(answers_));
         return kj::READY_NOW;
     }
@@ -134,7 +129,7 @@ private:
 
 void Serve(const Workload& workload)
 {
-    capnp::EzRpcServer server(kj::heap<Service>(workload), "unix:" + SocketPath(workload.directory));
+    capnp::EzRpcServer server(kj::heap<Service>(workload), "unix:" + workload.SocketPath());
     server.getPort().wait(server.getWaitScope());
     AnnounceReady();
     kj::NEVER_DONE.wait(server.getWaitScope());

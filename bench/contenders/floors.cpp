@@ -178,7 +178,7 @@ private:
 
 class Peer {
 public:
-    explicit Peer(const Workload& workload) : socket_(ConnectTo(workload.directory))
+    explicit Peer(const Workload& workload) : socket_(ConnectTo(workload.SocketPath()))
     {
         writer_.Begin(BENCH_HAS_CODEC ? 0 : workload.requestBytes);
     }
@@ -228,7 +228,7 @@ constexpr std::array kReplies = {Reply<InfoRequest>, Reply<SetRequest>, Reply<Us
 void Serve(const Workload& workload)
 {
     const Answers answers = BENCH_HAS_CODEC ? MakeAnswers(workload) : Answers();
-    ServeOnThreads(workload.directory, [&](int descriptor) {
+    ServeOnThreads(workload.SocketPath(), [&](int descriptor) {
         MessageSocket socket(descriptor);
         Writer writer;
         writer.Begin(BENCH_HAS_CODEC ? 0 : workload.replyBytes);

@@ -7,13 +7,10 @@
 #include <string>
 
 #include "bench.grpc.pb.h"
-#include "bench/contenders/unix_socket.h"
 #include "bench/harness.h"
 
 namespace bench {
 namespace {
-
-constexpr int kNoLimit = -1;
 
 using Texts = google::protobuf::RepeatedPtrField<std::string>;
 
@@ -57,11 +54,9 @@ void Check(const grpc::Status& status)
 class Peer {
 public:
     explicit Peer(const Workload& workload)
+        : stub_(wire::Answering::NewStub(
+              grpc::CreateChannel("unix:" + workload.SocketPath(), grpc::InsecureChannelCredentials())))
     {
-        grpc::ChannelArguments withoutLimit;
-        withoutLimit.SetMaxReceiveMessageSize(kNoLimit);
-        stub_ = wire::Answering::NewStub(grpc::CreateCustomChannel("unix:" + SocketPath(workload.directory),
-                                                                   grpc::InsecureChannelCredentials(), withoutLimit));
     }
 
     auto Ask(const InfoRequest& request)
@@ -97,7 +92,7 @@ public:
     }
 
 private:
-    std::unique_ptr<wire::Answering::Stub> stub_;
+    const std::unique_ptr<wire::Answering::Stub> stub_;
 };
 
 // Does not copy the arguments: the message already holds them as std::string.
@@ -130,7 +125,7 @@ void Serve(const Workload& workload)
 {
     Service service(workload);
     grpc::ServerBuilder builder;
-    builder.AddListeningPort("unix:" + SocketPath(workload.directory), grpc::InsecureServerCredentials());
+    builder.AddListeningPort("unix:" + workload.SocketPath(), grpc::InsecureServerCredentials());
     builder.RegisterService(&service);
     const std::unique_ptr<grpc::Server> server = builder.BuildAndStart();
     if (server == nullptr) {

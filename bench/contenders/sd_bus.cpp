@@ -26,10 +26,8 @@ int Check(int result)
 }
 
 struct Unref {
-    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
     void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
 };
-using Message = std::unique_ptr<sd_bus_message, Unref>;
 using Bus = std::unique_ptr<sd_bus, Unref>;
 
 Bus NewBus()
@@ -127,21 +125,19 @@ class Peer {
 public:
     explicit Peer(const Workload& workload)
     {
-        Check(sd_bus_set_address(bus_.get(), ("unix:path=" + SocketPath(workload.directory)).c_str()));
+        Check(sd_bus_set_address(bus_.get(), ("unix:path=" + workload.SocketPath()).c_str()));
         Check(sd_bus_start(bus_.get()));
     }
 
     template <class Request>
     auto Ask(const Request& request)
     {
-        sd_bus_message* call = nullptr;
+        [[gnu::cleanup(sd_bus_message_unrefp)]] sd_bus_message* call = nullptr;
         Check(sd_bus_message_new_method_call(bus_.get(), &call, nullptr, kPath, kInterface,
                                              kMembers[Request::kOperation]));
-        const Message callOwner(call);
         Append(call, request.arguments);
-        sd_bus_message* reply = nullptr;
+        [[gnu::cleanup(sd_bus_message_unrefp)]] sd_bus_message* reply = nullptr;
         Check(sd_bus_call(bus_.get(), call, 0, nullptr, &reply));
-        const Message replyOwner(reply);
         int32_t result = 0;
         Read(reply, result);
         typename Request::Answer answer{};
@@ -159,9 +155,8 @@ int Handle(sd_bus_message* call, void* answers, sd_bus_error*)
 {
     decltype(Request::arguments) arguments;
     Read(call, arguments);
-    sd_bus_message* reply = nullptr;
+    [[gnu::cleanup(sd_bus_message_unrefp)]] sd_bus_message* reply = nullptr;
     Check(sd_bus_message_new_method_return(call, &reply));
-    const Message owner(reply);
     Append(reply, int32_t{0});
     Append(reply, std::get<typename Request::Answer>(*static_cast<const Answers*>(answers)));
     return sd_bus_send(nullptr, reply, nullptr);
@@ -195,7 +190,7 @@ void ServeConnection(int descriptor, const Answers& answers)
 void Serve(const Workload& workload)
 {
     const Answers answers = MakeAnswers(workload);
-    ServeOnThreads(workload.directory, [&answers](int descriptor) { ServeConnection(descriptor, answers); });
+    ServeOnThreads(workload.SocketPath(), [&answers](int descriptor) { ServeConnection(descriptor, answers); });
 }
 
 void Connect(const Workload& workload)

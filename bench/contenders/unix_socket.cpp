@@ -14,8 +14,6 @@
 namespace bench {
 namespace {
 
-constexpr int kBacklog = 128;
-
 int Check(int result, const char* step)
 {
     if (result < 0) {
@@ -24,10 +22,9 @@ int Check(int result, const char* step)
     return result;
 }
 
-// A socket that `bind` or `connect` has given the address in `directory`.
-int SocketWith(decltype(connect)* attach, const std::string& directory)
+// A socket that `bind` or `connect` has given the address.
+int SocketWith(decltype(connect)* attach, const std::string& path)
 {
-    const std::string path = SocketPath(directory);
     sockaddr_un address{AF_UNIX, {}};
     if (path.size() >= sizeof(address.sun_path)) {
         throw std::system_error(ENAMETOOLONG, std::generic_category(), path);
@@ -40,20 +37,15 @@ int SocketWith(decltype(connect)* attach, const std::string& directory)
 
 }  // namespace
 
-std::string SocketPath(const std::string& directory)
+int ConnectTo(const std::string& path)
 {
-    return directory + "/bench.sock";
+    return SocketWith(connect, path);
 }
 
-int ConnectTo(const std::string& directory)
+void ServeOnThreads(const std::string& path, const std::function<void(int)>& handle)
 {
-    return SocketWith(connect, directory);
-}
-
-void ServeOnThreads(const std::string& directory, const std::function<void(int)>& handle)
-{
-    const int listener = SocketWith(bind, directory);
-    Check(listen(listener, kBacklog), "listen");
+    const int listener = SocketWith(bind, path);
+    Check(listen(listener, SOMAXCONN), "listen");
     AnnounceReady();
     for (;;) {
         std::thread(handle, Check(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), "accept")).detach();

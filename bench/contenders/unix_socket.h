@@ -6,13 +6,11 @@
 
 namespace bench {
 
-std::string SocketPath(const std::string& directory);
-
 // A descriptor for the caller to close; throws when the system refuses.
-int ConnectTo(const std::string& directory);
+int ConnectTo(const std::string& path);
 
-// Listens in `directory`, announces that, and accepts for ever; each connection gets a thread that runs `handle` and
+// Listens at `path`, announces that, and accepts for ever; each connection gets a thread that runs `handle` and
 // owns the descriptor.
-[[noreturn]] void ServeOnThreads(const std::string& directory, const std::function<void(int)>& handle);
+[[noreturn]] void ServeOnThreads(const std::string& path, const std::function<void(int)>& handle);
 
 }  // namespace bench
