@@ -178,7 +178,7 @@ private:
 
 class Peer {
 public:
-    explicit Peer(const Workload& workload) : socket_(ConnectTo(workload.SocketPath()))
+    explicit Peer(const Workload& workload) : socket_(SocketWith(connect, workload.SocketPath()))
     {
         writer_.Begin(BENCH_HAS_CODEC ? 0 : workload.requestBytes);
     }

@@ -3,7 +3,6 @@
 // server.
 #include <systemd/sd-bus.h>
 
-#include <memory>
 #include <string>
 #include <system_error>
 
@@ -23,18 +22,6 @@ int Check(int result)
         throw std::system_error(-result, std::generic_category(), "sd-bus");
     }
     return result;
-}
-
-struct Unref {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-};
-using Bus = std::unique_ptr<sd_bus, Unref>;
-
-Bus NewBus()
-{
-    sd_bus* bus = nullptr;
-    Check(sd_bus_new(&bus));
-    return Bus(bus);
 }
 
 template <class T>
@@ -125,19 +112,19 @@ class Peer {
 public:
     explicit Peer(const Workload& workload)
     {
-        Check(sd_bus_set_address(bus_.get(), ("unix:path=" + workload.SocketPath()).c_str()));
-        Check(sd_bus_start(bus_.get()));
+        Check(sd_bus_new(&bus_));
+        Check(sd_bus_set_address(bus_, ("unix:path=" + workload.SocketPath()).c_str()));
+        Check(sd_bus_start(bus_));
     }
 
     template <class Request>
     auto Ask(const Request& request)
     {
         [[gnu::cleanup(sd_bus_message_unrefp)]] sd_bus_message* call = nullptr;
-        Check(sd_bus_message_new_method_call(bus_.get(), &call, nullptr, kPath, kInterface,
-                                             kMembers[Request::kOperation]));
+        Check(sd_bus_message_new_method_call(bus_, &call, nullptr, kPath, kInterface, kMembers[Request::kOperation]));
         Append(call, request.arguments);
         [[gnu::cleanup(sd_bus_message_unrefp)]] sd_bus_message* reply = nullptr;
-        Check(sd_bus_call(bus_.get(), call, 0, nullptr, &reply));
+        Check(sd_bus_call(bus_, call, 0, nullptr, &reply));
         int32_t result = 0;
         Read(reply, result);
         typename Request::Answer answer{};
@@ -146,7 +133,7 @@ public:
     }
 
 private:
-    const Bus bus_ = NewBus();
+    sd_bus* bus_ = nullptr;  // ends with the process
 };
 
 // Answers with result 0 and what the service keeps for this request.
@@ -169,8 +156,8 @@ const sd_bus_vtable table[] = {
 
 void ServeConnection(int descriptor, const Answers& answers)
 {
-    const Bus owner = NewBus();
-    sd_bus* const bus = owner.get();
+    [[gnu::cleanup(sd_bus_flush_close_unrefp)]] sd_bus* bus = nullptr;
+    Check(sd_bus_new(&bus));
     sd_id128_t id{};
     Check(sd_id128_randomize(&id));
     Check(sd_bus_set_fd(bus, descriptor, descriptor));

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "bench/contenders/unix_socket.h"
 
-#include <sys/socket.h>
 #include <sys/un.h>
 
 #include <cerrno>
@@ -22,7 +21,8 @@ int Check(int result, const char* step)
     return result;
 }
 
-// A socket that `bind` or `connect` has given the address.
+}  // namespace
+
 int SocketWith(decltype(connect)* attach, const std::string& path)
 {
     sockaddr_un address{AF_UNIX, {}};
@@ -33,13 +33,6 @@ int SocketWith(decltype(connect)* attach, const std::string& path)
     const int descriptor = Check(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
     Check(attach(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), path.c_str());
     return descriptor;
-}
-
-}  // namespace
-
-int ConnectTo(const std::string& path)
-{
-    return SocketWith(connect, path);
 }
 
 void ServeOnThreads(const std::string& path, const std::function<void(int)>& handle)
