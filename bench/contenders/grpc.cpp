@@ -12,8 +12,6 @@
 namespace bench {
 namespace {
 
-using Texts = google::protobuf::RepeatedPtrField<std::string>;
-
 void Fill(wire::Info& message, const Info& info)
 {
     message.set_bundle_name(info.bundleName);
@@ -28,7 +26,7 @@ void Fill(wire::Info& message, const Info& info)
 
 // The message is ours and read once, so that its texts may be moved out.
 template <class List>
-void Take(Texts* texts, List& list)
+void Take(google::protobuf::RepeatedPtrField<std::string>* texts, List& list)
 {
     list = List(std::make_move_iterator(texts->begin()), std::make_move_iterator(texts->end()));
 }

@@ -154,30 +154,27 @@ const sd_bus_vtable table[] = {
     SD_BUS_METHOD(kMembers[0], "sias", "ia(sissasassx)", Handle<InfoRequest>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD(kMembers[1], "sissxx", "ib", Handle<SetRequest>, SD_BUS_VTABLE_UNPRIVILEGED), SD_BUS_VTABLE_END};
 
-void ServeConnection(int descriptor, const Answers& answers)
-{
-    [[gnu::cleanup(sd_bus_flush_close_unrefp)]] sd_bus* bus = nullptr;
-    Check(sd_bus_new(&bus));
-    sd_id128_t id{};
-    Check(sd_id128_randomize(&id));
-    Check(sd_bus_set_fd(bus, descriptor, descriptor));
-    Check(sd_bus_set_server(bus, 1, id));
-    Check(sd_bus_add_object_vtable(bus, nullptr, kPath, kInterface, table, const_cast<Answers*>(&answers)));
-    Check(sd_bus_start(bus));
-    int processed = 0;
-    while ((processed = sd_bus_process(bus, nullptr)) >= 0) {  // until the client is gone
-        if (processed == 0) {
-            Check(sd_bus_wait(bus, UINT64_MAX));
-        }
-    }
-}
-
 }  // namespace
 
 void Serve(const Workload& workload)
 {
     const Answers answers = MakeAnswers(workload);
-    ServeOnThreads(workload.SocketPath(), [&answers](int descriptor) { ServeConnection(descriptor, answers); });
+    ServeOnThreads(workload.SocketPath(), [&answers](int descriptor) {
+        [[gnu::cleanup(sd_bus_flush_close_unrefp)]] sd_bus* bus = nullptr;
+        Check(sd_bus_new(&bus));
+        sd_id128_t id{};
+        Check(sd_id128_randomize(&id));
+        Check(sd_bus_set_fd(bus, descriptor, descriptor));
+        Check(sd_bus_set_server(bus, 1, id));
+        Check(sd_bus_add_object_vtable(bus, nullptr, kPath, kInterface, table, const_cast<Answers*>(&answers)));
+        Check(sd_bus_start(bus));
+        int processed = 0;
+        while ((processed = sd_bus_process(bus, nullptr)) >= 0) {  // until the client is gone
+            if (processed == 0) {
+                Check(sd_bus_wait(bus, UINT64_MAX));
+            }
+        }
+    });
 }
 
 void Connect(const Workload& workload)

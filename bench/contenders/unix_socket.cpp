@@ -4,7 +4,6 @@
 #include <sys/un.h>
 
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 #include <thread>
 
