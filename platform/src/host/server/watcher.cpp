@@ -161,12 +161,12 @@ int64_t Watcher::EndOverdue()
 int64_t Watcher::GiveMemoryBack(int64_t now)
 {
     if (context_.accounts.TakeBurst()) {
-        trimIsDue_ = true;
-    } else if (trimIsDue_) {
-        trimIsDue_ = false;
+        nextTrim_ = now + LOOK_MILLISECONDS;
+    } else if (now >= nextTrim_) {
+        nextTrim_ = NEVER;
         GiveHeapBack();
     }
-    return trimIsDue_ ? now + LOOK_MILLISECONDS : NEVER;
+    return nextTrim_;
 }
 
 void Watcher::EndForTime(Slot& slot, int64_t late)

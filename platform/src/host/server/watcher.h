@@ -57,8 +57,8 @@ private:
     std::atomic<bool> acceptPaused_{false};
 
     // The watching thread's own.
-    int64_t lookUntil_ = 0;  // since a request has begun, look now and then
-    bool trimIsDue_ = false;
+    int64_t lookUntil_ = 0;         // since a request has begun, look now and then
+    int64_t nextTrim_ = INT64_MAX;  // when memory is given back, unless much is used until then
 };
 
 }  // namespace VARN::Host
