@@ -32,22 +32,6 @@ std::unique_ptr<MessageParcel> WorkerBuffers::TakeReply()
     return other;
 }
 
-Connection::Connection(ServiceContext& context, PeerSocket fd, const Caller& caller, Account& account,
-                       std::atomic<int64_t>& deadline) noexcept
-    : context_(context), fd_(std::move(fd)), caller_(caller), account_(account), deadline_(deadline)
-{
-}
-
-Connection::~Connection()
-{
-    deadline_.store(0);
-}
-
-void Connection::SetDeadline(std::chrono::milliseconds fromNow) noexcept
-{
-    deadline_.store(SteadyMilliseconds() + fromNow.count());
-}
-
 Connection::Next Connection::Serve(WorkerBuffers& buffers, bool hangUp)
 {
     // Requests may be waiting behind the reply, so the visit goes on.
@@ -80,10 +64,9 @@ Connection::Next Connection::ReadFirst(WorkerBuffers& buffers, bool hangUp)
     FrameReader reader(FrameKind::REQUEST, body);
     FrameReader::State state = reader.CheckHeader(buffers.piece.data(), size);
     const FrameHeader& header = reader.GetHeader();
-    if (state == FrameReader::State::PARTIAL ||
-        (state == FrameReader::State::COMPLETE && size - FRAME_HEADER_SIZE < header.length)) {
+    if (state == FrameReader::State::PARTIAL) {
         input_ = std::make_unique<Input>(context_, account_);
-        SetDeadline(context_.options.stallTimeout);
+        deadline_.store(SteadyMilliseconds() + context_.options.stallTimeout.count());
         size_t taken = 0;
         state = input_->reader.Feed(buffers.piece.data(), size, taken);
         return state == FrameReader::State::PARTIAL ? ReadRest(buffers) : Refuse(input_->reader, state);
@@ -200,22 +183,23 @@ Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader&
     return next;
 }
 
-// False when the connection is broken; else `sent` has moved as far as the socket takes it.
-bool Connection::SendSome(const FrameHeader& header, const MessageParcel& body, size_t& sent) const
+// Moves `sent` as far as the socket takes it. INPUT when all has left.
+Connection::Next Connection::SendSome(const FrameHeader& header, const MessageParcel& body, size_t& sent) const
 {
     const int error = SendFrame(fd_.Get(), header, body, sent);
+    if (error != 0 && error != EAGAIN) {
+        return Next::CLOSE;
+    }
     // A socket that did not take all is full: there is no need to ask it again.
-    return error == 0 || error == EAGAIN;
+    return sent < sizeof(header) + header.length ? Next::OUTPUT : Next::INPUT;
 }
 
 Connection::Next Connection::Reply(WorkerBuffers& buffers, const FrameHeader& header)
 {
     size_t sent = 0;
-    if (!SendSome(header, *buffers.reply, sent)) {
-        return Next::CLOSE;
-    }
-    if (sent == sizeof(header) + header.length) {
-        return Next::INPUT;
+    const Next next = SendSome(header, *buffers.reply, sent);
+    if (next != Next::OUTPUT) {
+        return next;
     }
     auto body = buffers.TakeReply();
     output_ = std::make_unique<Output>(context_, account_);
@@ -228,8 +212,8 @@ Connection::Next Connection::Reply(WorkerBuffers& buffers, const FrameHeader& he
         context_.Refuse(account_, Limit::REPLY_BYTES, caller_, used, allowed);
         return Next::CLOSE;
     }
-    SetDeadline(context_.options.replyTimeout);
-    return Next::OUTPUT;
+    deadline_.store(SteadyMilliseconds() + context_.options.replyTimeout.count());
+    return next;
 }
 
 Connection::Next Connection::Flush(WorkerBuffers& buffers)
@@ -237,17 +221,14 @@ Connection::Next Connection::Flush(WorkerBuffers& buffers)
     if (!output_) {
         return Next::INPUT;
     }
-    if (!SendSome(output_->header, *output_->body, output_->sent)) {
-        return Next::CLOSE;
+    const Next next = SendSome(output_->header, *output_->body, output_->sent);
+    if (next == Next::INPUT) {
+        buffers.reply.swap(output_->body);
+        ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
+        output_.reset();
+        deadline_.store(0);
     }
-    if (output_->sent < sizeof(output_->header) + output_->header.length) {
-        return Next::OUTPUT;
-    }
-    buffers.reply.swap(output_->body);
-    ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
-    output_.reset();
-    deadline_.store(0);
-    return Next::INPUT;
+    return next;
 }
 
 }  // namespace VARN::Host

@@ -89,8 +89,11 @@ public:
     // hurry. Any thread may read it without owning the connection.
     // `context` and `account` outlive the connection.
     Connection(ServiceContext& context, PeerSocket fd, const Caller& caller, Account& account,
-               std::atomic<int64_t>& deadline) noexcept;
-    ~Connection();
+               std::atomic<int64_t>& deadline) noexcept
+        : context_(context), fd_(std::move(fd)), caller_(caller), account_(account), deadline_(deadline)
+    {
+    }
+    ~Connection() { deadline_.store(0); }
 
     // Does what can be done without waiting, one request at the most. `hangUp`: the peer has closed its end.
     Next Serve(WorkerBuffers& buffers, bool hangUp);
@@ -136,8 +139,7 @@ private:
     Next Refuse(const FrameReader& reader, FrameReader::State state);
     Next Dispatch(WorkerBuffers& buffers, const FrameHeader& header, MessageParcel& data);
     Next Reply(WorkerBuffers& buffers, const FrameHeader& header);
-    bool SendSome(const FrameHeader& header, const MessageParcel& body, size_t& sent) const;
-    void SetDeadline(std::chrono::milliseconds fromNow) noexcept;
+    Next SendSome(const FrameHeader& header, const MessageParcel& body, size_t& sent) const;
 
     ServiceContext& context_;
     PeerSocket fd_;
