@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <tuple>
 
 #include "host/base/unix_socket.h"
 #include "host/wire/socket_folder.h"
@@ -198,24 +199,17 @@ int Link::Receive(uint32_t code, const Deadline& deadline, MessageParcel& reply,
         }
         state = reader.Commit(got);
     }
-    const auto fail = [&problem](int cause, const char* what) {
-        problem = what;
-        return cause;
-    };
-    if (state == State::INVALID) {
-        return fail(EPROTO, reader.GetProblem());
-    }
-    if (state == State::TOO_LONG) {
-        return fail(EMSGSIZE, "the reply is longer than a parcel may be");
-    }
-    if (state == State::NO_MEMORY) {
-        return fail(ENOMEM, "no memory for the reply");
-    }
-    if (reader.GetHeader().code != code) {
-        return fail(EPROTO, "it answers another request");
-    }
-    if (isMore) {
-        return fail(EPROTO, "there are bytes behind it");
+    const std::tuple<bool, int, const char*> faults[] = {
+        {state == State::INVALID, EPROTO, reader.GetProblem()},
+        {state == State::TOO_LONG, EMSGSIZE, "the reply is longer than a parcel may be"},
+        {state == State::NO_MEMORY, ENOMEM, "no memory for the reply"},
+        {reader.GetHeader().code != code, EPROTO, "it answers another request"},
+        {isMore, EPROTO, "there are bytes behind it"}};
+    for (const auto& [isThere, cause, text] : faults) {
+        if (isThere) {
+            problem = text;
+            return cause;
+        }
     }
     status = reader.GetHeader().status;
     return 0;
