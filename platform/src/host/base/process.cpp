@@ -2,9 +2,11 @@
 #include "host/base/process.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
 
+#include "host/base/caller_scope.h"
 #include "platform_hooks.h"
 
 namespace VARN::Host {
@@ -23,6 +25,12 @@ const ForkHandler forkHandler(ForkHandler::Rank::LIBRARY,
 uint32_t ProcessGeneration() noexcept
 {
     return generation.load(std::memory_order_relaxed);
+}
+
+Caller CurrentCaller()
+{
+    const Caller* current = CallerScope::Current();
+    return current != nullptr ? *current : Caller{::getpid(), ::geteuid(), ::getegid()};
 }
 
 }  // namespace VARN::Host
