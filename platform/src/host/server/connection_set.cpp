@@ -23,13 +23,6 @@ constexpr uint32_t TURN_EVENTS = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
 
 constexpr uint32_t STAY_EVENTS = EPOLLET;
 
-uint32_t EventsFor(Connection::Next next)
-{
-    return next == Connection::Next::OUTPUT ? OUTPUT_EVENTS
-           : next == Connection::Next::TURN ? TURN_EVENTS
-                                            : INPUT_EVENTS;
-}
-
 // So many idle connections are tried for one newcomer: each may turn out to be busy.
 constexpr int MAX_EVICTIONS = 8;
 
@@ -68,7 +61,9 @@ void ConnectionSet::Admit(PeerSocket fd)
 
 bool ConnectionSet::Arm(Slot& slot, Connection::Next next)
 {
-    const uint32_t events = EventsFor(next);
+    const uint32_t events = next == Connection::Next::OUTPUT ? OUTPUT_EVENTS
+                            : next == Connection::Next::TURN ? TURN_EVENTS
+                                                             : INPUT_EVENTS;
     return (events == slot.armedEvents && events == INPUT_EVENTS) || ArmFor(slot, events);
 }
 

@@ -76,16 +76,15 @@ std::string AbilityServer::Engine::Start()
     sigset_t before;
     ::sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, &before);
-    bool isRunning = false;
     try {
         watcherThread_ = std::thread([this] { RunThread([this] { watcher_.Run(listener_.Get()); }); });
         workers_.Start();
-        isRunning = true;
     } catch (const std::exception& exception) {
         PLATFORM_ERROR("service %d: a thread cannot be started: %s", context_.id, exception.what());
+        problem = "it has no threads";
     }
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return isRunning ? "" : "it has no threads";
+    return problem;
 }
 
 AbilityServer::Engine::~Engine()

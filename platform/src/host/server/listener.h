@@ -14,7 +14,6 @@ namespace VARN::Host {
 // kernel can be told so.
 class Listener {
 public:
-    Listener() = default;
     ~Listener() { Close(); }
 
     // Begins to listen for service `id`. Empty on success, else what is wrong.

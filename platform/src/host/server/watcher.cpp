@@ -171,12 +171,10 @@ int64_t Watcher::GiveMemoryBack(int64_t now)
 
 void Watcher::EndForTime(Slot& slot, int64_t late)
 {
-    const Connection& connection = *slot.connection;
-    const bool reply = connection.HasOutput();
+    const bool reply = slot.connection->HasOutput();
     const int64_t allowed = (reply ? context_.options.replyTimeout : context_.options.stallTimeout).count();
-    const int64_t taken = allowed + late;
-    context_.Refuse(*slot.account, reply ? Limit::REPLY_TIME : Limit::REQUEST_TIME, connection.GetCaller(),
-                    static_cast<uint64_t>(taken), static_cast<uint64_t>(allowed));
+    context_.Refuse(*slot.account, reply ? Limit::REPLY_TIME : Limit::REQUEST_TIME, slot.connection->GetCaller(),
+                    static_cast<uint64_t>(allowed + late), static_cast<uint64_t>(allowed));
     connections_.Close(slot);
 }
 
