@@ -120,18 +120,7 @@ int32_t Channel::Report(uint32_t code, const char* step, int error, const std::s
 }
 
 int32_t Channel::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
-{
-    try {
-        return Send(code, data, reply, option);
-    } catch (const std::bad_alloc&) {
-        ParcelBuffer::Clear(reply, 0);
-        PLATFORM_ERROR("request %u failed: out of memory", code);
-        return IPC_NO_MEMORY;
-    }
-}
-
-int32_t Channel::Send(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
-{
+try {
     found = nullptr;
     const Deadline deadline(std::chrono::seconds(option.GetWaitTime()));
     FrameHeader header;
@@ -174,6 +163,10 @@ int32_t Channel::Send(uint32_t code, MessageParcel& data, MessageParcel& reply, 
         GiveBack(std::move(link));
         return status;
     }
+} catch (const std::bad_alloc&) {
+    ParcelBuffer::Clear(reply, 0);
+    PLATFORM_ERROR("request %u failed: out of memory", code);
+    return IPC_NO_MEMORY;
 }
 
 }  // namespace VARN::Host

@@ -43,7 +43,6 @@ private:
     int ConnectInTime(Link& link, const Deadline& deadline, std::string& problem) const;
     std::unique_ptr<Link> TakeAlive(const Link::Identity* user);
     void GiveBack(std::unique_ptr<Link>&& link);
-    int32_t Send(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option);
     int32_t Report(uint32_t code, const char* step, int error, const std::string& problem);
 
     const std::string directory_;
