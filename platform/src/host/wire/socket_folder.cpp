@@ -40,24 +40,24 @@ std::string MakeSocketAddress(const std::string& path, sockaddr_un& address)
 
 int CheckSocketFolder(const std::string& directory, std::string& problem)
 {
+    const auto fail = [&](int error, const std::string& what) {
+        problem = "the socket folder " + directory + what;
+        return error;
+    };
     struct stat folder = {};
     if (::stat(directory.c_str(), &folder) != 0) {
         const int error = errno;
-        problem = "the socket folder " + directory + " cannot be used: " + ErrorText(error);
-        return error;
+        return fail(error, " cannot be used: " + ErrorText(error));
     }
     if (!S_ISDIR(folder.st_mode)) {
-        problem = "the socket folder " + directory + " is not a directory";
-        return ENOTDIR;
+        return fail(ENOTDIR, " is not a directory");
     }
     if (folder.st_uid != 0 && folder.st_uid != ::geteuid()) {
-        problem = "the socket folder " + directory + " belongs to user " + std::to_string(folder.st_uid) +
-                  ", not to root or to user " + std::to_string(::geteuid());
-        return EPERM;
+        return fail(EPERM, " belongs to user " + std::to_string(folder.st_uid) + ", not to root or to user " +
+                               std::to_string(::geteuid()));
     }
     if ((folder.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        problem = "the socket folder " + directory + " may be written by others than its owner; use a private one";
-        return EPERM;
+        return fail(EPERM, " may be written by others than its owner; use a private one");
     }
     return 0;
 }
