@@ -90,7 +90,6 @@ bool Charge::GrowTo(size_t bytes, size_t& used, size_t& allowed) noexcept
         return true;
     }
     const size_t more = bytes - bytes_;
-    accounts_.NoteUse(more);
     used = ofKind_.fetch_add(more) + more;
     allowed = mostOfKind_;
     if (used <= allowed) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/server/connection.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -120,10 +122,7 @@ Connection::Next Connection::ReadRest(WorkerBuffers& buffers)
 // How many bytes have come; for none `next` says what to do.
 size_t Connection::Receive(void* to, size_t room, Next& next)
 {
-    ssize_t got = 0;
-    do {
-        got = fd_.Receive(to, room);
-    } while (got < 0 && errno == EINTR);
+    const ssize_t got = TEMP_FAILURE_RETRY(fd_.Receive(to, room));
     next = got < 0 && errno == EAGAIN ? Next::INPUT : Next::CLOSE;
     if (got < 0 && errno == EPERM) {
         context_.Refuse(account_, Limit::DESCRIPTORS_SENT, caller_, 1, 0);

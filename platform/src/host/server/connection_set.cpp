@@ -176,13 +176,12 @@ void ConnectionSet::Evict(Slot& slot)
         return;
     }
     const int fd = slot.connection->GetFd();
-    const bool isIdle = slot.deadline.load() == 0 && slot.connection->IsAtStart() && CountUnread(fd) == 0;
-    if (isIdle) {
+    if (slot.deadline.load() == 0 && slot.connection->IsAtStart() && CountUnread(fd) == 0) {
         ::shutdown(fd, SHUT_RD);
-    }
-    if (isIdle && CountUnread(fd) == 0) {
-        Close(slot);
-        return;
+        if (CountUnread(fd) == 0) {
+            Close(slot);
+            return;
+        }
     }
     // Not the longest idle one any more.
     slot.pace.lastVisit.store(CoarseMilliseconds(), std::memory_order_relaxed);

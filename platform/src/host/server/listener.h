@@ -10,8 +10,7 @@
 namespace VARN::Host {
 
 // The socket that a server listens on: handed over by the init system, or bound by itself together with a lock file
-// that keeps two servers from taking each other's place. Over none of the two can a peer send descriptors, where the
-// kernel can be told so.
+// that keeps two servers from taking each other's place.
 class Listener {
 public:
     ~Listener() { Close(); }
