@@ -44,11 +44,6 @@ bool Watcher::Open()
     return static_cast<bool>(wakeEvent_);
 }
 
-void Watcher::Wake() const
-{
-    ::eventfd_write(wakeEvent_.Get(), 1);
-}
-
 void Watcher::WatchFor(int64_t deadline)
 {
     if (deadline != 0 && deadline < nextLook_.load()) {
@@ -149,24 +144,19 @@ int64_t Watcher::EndOverdue()
             next = now;
         }
     }
-    next = std::min({next, workers_.LookForStuck(now, now + LOOK_MILLISECONDS), GiveMemoryBack(now),
-                     now < lookUntil_ ? lookUntil_ : NEVER,
-                     acceptPaused_.load(std::memory_order_relaxed) ? now + ACCEPT_PAUSE_MILLISECONDS : NEVER});
-    nextLook_.store(next);
-    return next;
-}
-
-// What a burst has freed stays in the allocator's lists until it is told. That is done once it is quiet, since a
-// service that is at work would take it again at once. Returns when to look again.
-int64_t Watcher::GiveMemoryBack(int64_t now)
-{
+    // What a burst has freed stays in the allocator's lists until it is told. That is done once it is quiet, since a
+    // service that is at work would take it again at once.
     if (context_.accounts.TakeBurst()) {
         nextTrim_ = now + LOOK_MILLISECONDS;
     } else if (now >= nextTrim_) {
         nextTrim_ = NEVER;
         GiveHeapBack();
     }
-    return nextTrim_;
+    next = std::min({next, nextTrim_, workers_.LookForStuck(now, now + LOOK_MILLISECONDS),
+                     now < lookUntil_ ? lookUntil_ : NEVER,
+                     acceptPaused_.load(std::memory_order_relaxed) ? now + ACCEPT_PAUSE_MILLISECONDS : NEVER});
+    nextLook_.store(next);
+    return next;
 }
 
 void Watcher::EndForTime(Slot& slot, int64_t late)

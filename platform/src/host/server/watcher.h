@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/eventfd.h>
+
 #include <atomic>
 #include <cstdint>
 
@@ -27,7 +29,7 @@ public:
 
     // Accepts from `listener` and watches until the service stops and `Wake` is called.
     void Run(int listener);
-    void Wake() const;
+    void Wake() const { ::eventfd_write(wakeEvent_.Get(), 1); }
 
     // To be told of a connection's deadline before its owner gives it up; 0: it has none.
     void WatchFor(int64_t deadline);
@@ -41,7 +43,6 @@ public:
 private:
     void AcceptSome(int listener);
     int64_t EndOverdue();
-    int64_t GiveMemoryBack(int64_t now);
     void EndForTime(Slot& slot, int64_t late);
 
     ServiceContext& context_;
