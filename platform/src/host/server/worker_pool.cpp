@@ -91,6 +91,8 @@ bool WorkerPool::MayStay() const noexcept
 
 bool WorkerPool::Stay::GoesOn(int64_t begin, bool isAllowed) noexcept
 {
+    const bool isQuick = begin - pace_.lastVisit.load(std::memory_order_relaxed) <= QUICK_MILLISECONDS;
+    pace_.lastVisit.store(begin, std::memory_order_relaxed);
     if (isStaying_) {
         // Rule 3. The one that wakes has to stop staying too, or its next wait would take the wake-up.
         int64_t last = pool_.lastWake_.load(std::memory_order_relaxed);
@@ -101,8 +103,6 @@ bool WorkerPool::Stay::GoesOn(int64_t begin, bool isAllowed) noexcept
         }
         return isAllowed && pool_.MayStay();
     }
-    const bool isQuick = begin - pace_.lastVisit.load(std::memory_order_relaxed) <= QUICK_MILLISECONDS;
-    pace_.lastVisit.store(begin, std::memory_order_relaxed);
     pace_.quickVisits = isQuick ? pace_.quickVisits + 1 : 0;
     if (pace_.quickVisits < QUICK_VISITS || !isAllowed || !pool_.MayStay()) {
         return false;
