@@ -31,6 +31,12 @@ using DatabaseError = SQLite::Exception;
 struct Refusal {
     int32_t code;
 };
+inline void Demand(bool isMet, int32_t code)
+{
+    if (!isMet) {
+        throw Refusal{code};
+    }
+}
 
 // One connection with the statements that it has prepared. For one thread at a time. Every member throws DatabaseError.
 class Connection : public SQLite::Database {

@@ -49,9 +49,7 @@ constexpr Listing BY_GROUP{"SELECT 1 FROM permission_group WHERE name = ?2", RES
 // The statement at its first row, which has to be there.
 SQLite::Statement& Row(SQLite::Statement& statement, ResultCode missing)
 {
-    if (!statement.executeStep()) {
-        throw Refusal{missing};
-    }
+    Demand(statement.executeStep(), missing);
     return statement;
 }
 
@@ -90,9 +88,7 @@ void ListGroups(Connection& connection, const Listing& listing, int32_t user, co
             found.back().disabledStates.insert(state);
         }
         bytes += state.size();
-        if (bytes > MAX_ANSWER_BYTES) {
-            throw Refusal{RESULT_ANSWER_TOO_LONG};
-        }
+        Demand(bytes <= MAX_ANSWER_BYTES, RESULT_ANSWER_TOO_LONG);
     }
     infos.insert(infos.end(), std::make_move_iterator(found.begin()), std::make_move_iterator(found.end()));
 }
@@ -103,12 +99,8 @@ void CheckName(std::string_view name, size_t maxBytes)
     const bool isGood = !name.empty() && std::all_of(name.begin(), name.end(), [](char character) {
         return character > ' ' && character <= '~';
     });
-    if (!isGood) {
-        throw Refusal{RESULT_BAD_NAME};
-    }
-    if (name.size() > maxBytes) {
-        throw Refusal{RESULT_TOO_LONG};
-    }
+    Demand(isGood, RESULT_BAD_NAME);
+    Demand(name.size() <= maxBytes, RESULT_TOO_LONG);
 }
 
 }  // namespace
@@ -187,9 +179,7 @@ int32_t SecurityPrivacyService::SetAppPermissionGroupCheckedState(const std::str
         const int64_t oldFlags = group.getColumn(2);
         SQLite::Statement& shown =
             connection.Prepare("SELECT is_disabled FROM shown_state WHERE app_group = ? AND state = ?", id, state);
-        if (Row(shown, RESULT_STATE_NOT_SHOWN).getColumn(0).getInt() != 0) {
-            throw Refusal{RESULT_STATE_DISABLED};
-        }
+        Demand(Row(shown, RESULT_STATE_NOT_SHOWN).getColumn(0).getInt() == 0, RESULT_STATE_DISABLED);
         const int64_t flags = (oldFlags & ~mask) | (checkedStateParameter.flagsValue & mask);
         differs = group.getColumn(1).getString() != state || oldFlags != flags;
         connection.Run("INSERT OR REPLACE INTO choice (app_group, state, flags) VALUES (?, ?, ?)", id, state, flags);
@@ -250,9 +240,7 @@ GTokenResultWithRet SecurityPrivacyService::GTokenPolicyGetPolicy(std::string po
             row.policyValue = found.getColumn(1);
             row.fingerprint = found.getColumn(2).getString();
             bytes += row.bundleName.size() + row.fingerprint.size();
-            if (bytes > MAX_ANSWER_BYTES) {
-                throw Refusal{RESULT_ANSWER_TOO_LONG};
-            }
+            Demand(bytes <= MAX_ANSWER_BYTES, RESULT_ANSWER_TOO_LONG);
         }
     });
     if (result.ret != RESULT_OK) {
@@ -267,9 +255,7 @@ int32_t SecurityPrivacyService::GTokenPolicyRemovePolicy(const std::vector<std::
     const std::unordered_set<std::string> names(bundleNames.begin(), bundleNames.end());
     return Transact(&Database::Write, [&](Connection& connection) {
         for (const std::string& name : names) {
-            if (connection.Run("DELETE FROM bundle WHERE name = ?", name) == 0) {
-                throw Refusal{RESULT_UNKNOWN_BUNDLE};
-            }
+            Demand(connection.Run("DELETE FROM bundle WHERE name = ?", name) != 0, RESULT_UNKNOWN_BUNDLE);
         }
     });
 }

@@ -84,12 +84,8 @@ struct Event {
 SQLite::Statement& Select(Connection& connection, const PermissionUsageRecordQuery& query, const std::string& more,
                           const std::string& order)
 {
-    if (query.GetOrder() != OLDEST_FIRST && query.GetOrder() != NEWEST_FIRST) {
-        throw Refusal{RESULT_BAD_ORDER};
-    }
-    if (query.GetLimit() < 0) {
-        throw Refusal{RESULT_BAD_LIMIT};
-    }
+    Demand(query.GetOrder() == OLDEST_FIRST || query.GetOrder() == NEWEST_FIRST, RESULT_BAD_ORDER);
+    Demand(query.GetLimit() >= 0, RESULT_BAD_LIMIT);
     SQLite::Statement& events = connection.Prepare(
         "SELECT began, ended, usage.app, usage.permission_group, mode, app_state, screen_state, times" + more +
         Where(connection, query) + order);
@@ -131,9 +127,7 @@ int32_t SecurityPrivacyService::GetPermissionUsageSummary(const PermissionUsageR
             const auto event = events.getColumns<Event, 8>();
             const auto [place, isNew] =
                 sums.try_emplace({event.app, event.group, event.mode, event.appState, event.screenState}, event);
-            if (isNew && sums.size() > MAX_SUMS) {
-                throw Refusal{RESULT_ANSWER_TOO_LONG};
-            }
+            Demand(sums.size() <= MAX_SUMS, RESULT_ANSWER_TOO_LONG);
             if (!isNew) {
                 Event& sum = place->second;
                 sum.times = static_cast<int32_t>(
