@@ -128,8 +128,8 @@ protected:
     // The times of its usage events are powers of two, so that they tell one from the others, in sums as well.
     const json device_ = json::parse(ReadFile(DEVICE_PATH, 100000));
     Database database_{""};
-    const sptr<SecurityPrivacyService> service_{new SecurityPrivacyService(database_, {{::getuid()}, false})};
-    const sptr<SecurityPrivacyService> foreign_{new SecurityPrivacyService(database_, {{::getuid() + 1}, false})};
+    const sptr<SecurityPrivacyService> service_{new SecurityPrivacyService(database_, {::getuid()})};
+    const sptr<SecurityPrivacyService> foreign_{new SecurityPrivacyService(database_, {::getuid() + 1})};
     bool isChanged_ = false;
 };
 
@@ -307,7 +307,7 @@ TEST_F(ServiceTest, PoliciesOfABatchAreStoredTogetherOrNotAtAll)
 
 TEST_F(ServiceTest, ChangesAreForTheChangersAndReadingForAll)
 {
-    SecurityPrivacyService readOnly(database_, {{::getuid()}, true});
+    SecurityPrivacyService readOnly(database_, {::getuid()}, true);
     for (uint32_t code = 0; code < 16; ++code) {
         const bool isChange = code == 3 || code == 11 || code == 13;
         EXPECT_TRUE(service_->IsMessageCodeAllowed(code)) << code;
@@ -336,7 +336,7 @@ TEST_F(ServiceTest, AcknowledgedChangesOutliveTheProcess)
         const pid_t child = ::fork();
         if (child == 0) {
             Database database(path);
-            SecurityPrivacyService service(database, {{::getuid()}, false});
+            SecurityPrivacyService service(database, {::getuid()});
             for (int64_t next = acknowledged + 1;; ++next) {
                 const auto batch = {Bundle("b", "F", "q", next), Bundle("b", "F", "p", next)};
                 if (service.GTokenPolicyAddPolicy(batch) != RESULT_OK || ::write(answers[1], &next, 8) != 8) {
@@ -356,7 +356,7 @@ TEST_F(ServiceTest, AcknowledgedChangesOutliveTheProcess)
 
         Database database(path);
         ExpectWhole(database);
-        const sptr<SecurityPrivacyService> service(new SecurityPrivacyService(database, {{::getuid()}, false}));
+        const sptr<SecurityPrivacyService> service(new SecurityPrivacyService(database, {::getuid()}));
         const int64_t stored = service->GTokenPolicyGetPolicy("p", {"b"}).gTokenResults.at(0).policyValue;
         EXPECT_THAT(stored, testing::AnyOf(acknowledged, acknowledged + 1)) << "at most one was under way";
         EXPECT_EQ("b,F,9," + std::to_string(stored) + " ", Policies(service, "q", {"b"})) << "both or neither";
@@ -368,7 +368,7 @@ TEST_F(ServiceTest, ChangeOnAFullDiskIsRefusedWhole)
 {
     Database database(folder_ + "/device.db");
     Import(database, device_);
-    const sptr<SecurityPrivacyService> service(new SecurityPrivacyService(database, {{::getuid()}, false}));
+    const sptr<SecurityPrivacyService> service(new SecurityPrivacyService(database, {::getuid()}));
     std::vector<GTokenInfo> batch{Bundle("b", "F", "p")};
     json device = device_;
     for (int number = 0; number < 600; ++number) {

@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -64,7 +65,7 @@ struct Options {
     bool shiftsToNow = false;
     int64_t keepUsageSeconds = 0;  // 0: for ever
     bool isReadOnly = false;
-    std::vector<uid_t> changers;
+    std::set<uid_t> changers;
     bool isVerbose = false;
     int64_t stallTimeoutMs = 0;  // also in `server`
     VARN::Host::AbilityServerOptions server;
@@ -302,7 +303,7 @@ int Serve(Options options)
     // For the requests of our own.
     ::setenv("VARN_ABILITY_DIR", options.server.directory.c_str(), 1);
     const VARN::sptr<SecurityPrivacyService> service(
-        new SecurityPrivacyService(database, {options.changers, options.isReadOnly}));
+        new SecurityPrivacyService(database, options.changers, options.isReadOnly));
     std::optional<VARN::Host::AbilityServer> server;
     Status status([&] { return server->Statistics(); });
     options.server.observer = [&](const VARN::Host::Transaction& transaction) { status.Count(transaction); };

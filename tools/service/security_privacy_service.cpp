@@ -105,18 +105,13 @@ void CheckName(std::string_view name, size_t maxBytes)
 
 }  // namespace
 
-bool SecurityPrivacyService::IsChanger(uid_t uid) const
-{
-    return std::find(policy_.changers.begin(), policy_.changers.end(), uid) != policy_.changers.end();
-}
-
 bool SecurityPrivacyService::IsMessageCodeAllowed(uint32_t messageCode)
 {
     const bool isChange = messageCode == MessageCode::SET_APP_PERMISSION_GROUP_CHECKED_STATE ||
                           messageCode == MessageCode::GTOKEN_POLICY_ADD_POLICY ||
                           messageCode == MessageCode::GTOKEN_POLICY_REMOVE_POLICY;
     const VARN::Host::Caller caller = CurrentCaller();
-    if (!isChange || (!policy_.isReadOnly && IsChanger(caller.uid))) {
+    if (!isChange || (!isReadOnly_ && changers_.count(caller.uid) != 0)) {
         return true;
     }
     // The library's own line says what was refused, but not to whom.
@@ -223,7 +218,7 @@ GTokenResultWithRet SecurityPrivacyService::GTokenPolicyGetPolicy(std::string po
                                                                   const std::vector<std::string>& bundleNames)
 {
     const std::string sql = std::string("SELECT version_code, value, ") +
-                            (IsChanger(CurrentCaller().uid) ? "fingerprint" : "''") +
+                            (changers_.count(CurrentCaller().uid) != 0 ? "fingerprint" : "''") +
                             " FROM bundle JOIN policy ON policy.bundle = bundle.id "
                             "WHERE bundle.name = ? AND policy.name = ?";
     GTokenResultWithRet result;

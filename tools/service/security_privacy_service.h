@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <unordered_set>
 #include <utility>
@@ -21,20 +22,18 @@ using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Permission::CheckedStateP
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery;
 
-// Who may change something, and see fingerprints.
-struct AccessPolicy {
-    std::vector<uid_t> changers;
-    bool isReadOnly = false;  // refuses every change; the changers see fingerprints all the same
-};
-
 // The service: it decides who may ask, and answers from the database. The operations run on the server's worker
 // threads, several at a time. Result codes: common/result_codes.h. Lists are appended to, and left alone when the
 // answer is not RESULT_OK; a database that fails is told in an error line.
 class SecurityPrivacyService final
     : public VARN::AppSecurityPrivacy::SecurityPrivacyServer::SecurityPrivacyServiceStub {
 public:
-    // `database` has to outlive the service.
-    SecurityPrivacyService(Database& database, AccessPolicy policy) : database_(database), policy_(std::move(policy)) {}
+    // `database` has to outlive the service. `changers` may change something, unless it is read-only, and see
+    // fingerprints all the same.
+    SecurityPrivacyService(Database& database, std::set<uid_t> changers, bool isReadOnly = false)
+        : database_(database), changers_(std::move(changers)), isReadOnly_(isReadOnly)
+    {
+    }
 
     // Reading requests are for everyone, changing ones for the changers. Codes that are no requests are let through:
     // the library answers that it does not know them, which tells a client more than a refusal.
@@ -82,12 +81,12 @@ public:
     static void AddPolicies(Connection& connection, const GTokenInfo& info);
 
 private:
-    bool IsChanger(uid_t uid) const;
     // What `Database::Read` or `Database::Write` answers; RESULT_NOT_READ or RESULT_NOT_SAVED when it fails.
     int32_t Transact(int32_t (Database::*how)(const Connection::Work&), const Connection::Work& work);
 
     Database& database_;
-    const AccessPolicy policy_;
+    const std::set<uid_t> changers_;
+    const bool isReadOnly_;
 };
 
 }  // namespace SecurityPrivacyTools
