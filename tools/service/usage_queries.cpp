@@ -70,8 +70,8 @@ std::string Where(Connection& connection, const PermissionUsageRecordQuery& quer
            InNamed(connection, "usage.permission_group", query.GetOperationGroups(),
                    "SELECT id FROM permission_group WHERE name = ?") +
            In("mode", query.GetOperationModes()) + In("app_state", query.GetAppStates()) +
-           In("screen_state", query.GetScreenStates()) + (query.GetBeginTimestamp() != 0 ? " AND began >= ?" : "") +
-           (query.GetEndTimestamp() != 0 ? " AND began < ?" : "");
+           In("screen_state", query.GetScreenStates()) + (query.GetBeginTimestamp() != 0 ? " AND began >= ?1" : "") +
+           (query.GetEndTimestamp() != 0 ? " AND began < ?2" : "");
 }
 
 // One event, as each statement begins its columns with it.
@@ -80,22 +80,16 @@ struct Event {
     int32_t mode, appState, screenState, times;
 };
 
-// The events that the query asks for, and the columns that `more` names.
+// The events that the query asks for, and the columns that `more` names; at most `limit`, or all for -1.
 SQLite::Statement& Select(Connection& connection, const PermissionUsageRecordQuery& query, const std::string& more,
-                          const std::string& order)
+                          const std::string& order, int64_t limit)
 {
     Demand(query.GetOrder() == OLDEST_FIRST || query.GetOrder() == NEWEST_FIRST, RESULT_BAD_ORDER);
     Demand(query.GetLimit() >= 0, RESULT_BAD_LIMIT);
-    SQLite::Statement& events = connection.Prepare(
+    return connection.Prepare(
         "SELECT began, ended, usage.app, usage.permission_group, mode, app_state, screen_state, times" + more +
-        Where(connection, query) + order);
-    int place = 0;
-    for (const int64_t bound : {query.GetBeginTimestamp(), query.GetEndTimestamp()}) {
-        if (bound != 0) {
-            events.bind(++place, bound);
-        }
-    }
-    return events;
+            Where(connection, query) + order + " LIMIT ?3",
+        query.GetBeginTimestamp(), query.GetEndTimestamp(), limit);
 }
 
 // The bundle, uid and group are columns of `names`, from `first` on.
@@ -122,7 +116,7 @@ int32_t SecurityPrivacyService::GetPermissionUsageSummary(const PermissionUsageR
 {
     return Transact(&Database::Read, [&](Connection& connection) {
         std::map<std::array<int64_t, 5>, Event> sums;
-        SQLite::Statement& events = Select(connection, query, " FROM usage", "");
+        SQLite::Statement& events = Select(connection, query, " FROM usage", "", -1);
         while (events.executeStep()) {
             const auto event = events.getColumns<Event, 8>();
             const auto [place, isNew] =
@@ -165,8 +159,8 @@ int32_t SecurityPrivacyService::GetPermissionUsageTimeline(const PermissionUsage
                    ", bundle, uid, name FROM usage CROSS JOIN app ON app.id = usage.app "
                    "CROSS JOIN permission_group ON permission_group.id = usage.permission_group",
                    std::string(" ORDER BY began") + (query.GetOrder() == NEWEST_FIRST ? " DESC" : "") +
-                       ", bundle, uid, name, mode, app_state, screen_state, usage.id LIMIT " +
-                       std::to_string(MostRecords(query)));
+                       ", bundle, uid, name, mode, app_state, screen_state, usage.id",
+                   MostRecords(query));
         while (events.executeStep()) {
             records.push_back(MakeRecord(events.getColumns<Event, 8>(), events, 8));
         }
