@@ -219,15 +219,6 @@ ImportCounts ImportDevice(Database& database, const std::string& path, int64_t n
     return counts;
 }
 
-bool IsEmpty(Database& database)
-{
-    bool isEmpty = false;
-    database.Read([&](Connection& connection) {
-        isEmpty = connection.execAndGet("SELECT NOT EXISTS (SELECT 1 FROM user)").getInt() != 0;
-    });
-    return isEmpty;
-}
-
 int64_t RecordUsage(Database& database, const std::string& path)
 {
     const std::string name = path == "-" ? "standard input" : path;

@@ -26,9 +26,6 @@ struct ImportCounts {
 // With `now`, in milliseconds since the epoch, the file's usage is moved to end then; 0 takes it as it is.
 ImportCounts ImportDevice(Database& database, const std::string& path, int64_t now);
 
-// Whether the database knows no user yet.
-bool IsEmpty(Database& database);
-
 // Appends the usage events of a file or, for "-", of standard input: one JSON object a line. What has arrived is stored
 // in batches of one transaction each; an event that is fed in is not held back until more come. Answers how many there
 // were. An InputError names the line that is wrong and how many are stored; of its batch nothing is.

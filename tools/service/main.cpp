@@ -21,7 +21,6 @@
 #include <set>
 #include <string>
 #include <system_error>
-#include <utility>
 #include <vector>
 
 #include "common/json_input.h"
@@ -134,17 +133,11 @@ void AddTasks(CLI::App& app, Options& options)
         "One JSON object a line, as in the usageEvents of device data; - is standard input");
 }
 
-// Reads the command line. Without a value, `exitCode` is what the program has to end with: help was printed or there
-// was a mistake, which was said on standard error.
-std::optional<Options> ReadOptions(int argc, char** argv, int& exitCode)
+// Throws CLI::ParseError when help was asked for or there is a mistake.
+void ReadOptions(CLI::App& app, Options& options, int argc, char** argv)
 {
-    Options options;
     options.inputPath = InstalledDataPath();
     options.stallTimeoutMs = options.server.stallTimeout.count();
-    CLI::App app(
-        "The security-privacy service: answers for the device in its database.\n"
-        "Prints \"ready\" and the socket on standard output when clients can come.",
-        "security-privacy-service");
     app.get_formatter()->column_width(32);
     app.set_help_flag("-h,--help", "Print this and exit");
     app.set_version_flag("--version", "security-privacy-service " SECURITY_PRIVACY_VERSION,
@@ -167,12 +160,7 @@ std::optional<Options> ReadOptions(int argc, char** argv, int& exitCode)
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
         return std::string("security-privacy-service: ") + error.what() + "\nSee 'security-privacy-service --help'.\n";
     });
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        exitCode = app.exit(error) == 0 ? 0 : USAGE_ERROR;
-        return std::nullopt;
-    }
+    app.parse(argc, argv);
     if (options.server.directory.empty()) {
         const char* environment = ::secure_getenv("VARN_ABILITY_DIR");
         options.server.directory = environment != nullptr && *environment != '\0' ? environment : "/run/varn";
@@ -181,7 +169,6 @@ std::optional<Options> ReadOptions(int argc, char** argv, int& exitCode)
     if (options.changers.empty()) {
         options.changers = {0, ::geteuid()};
     }
-    return options;
 }
 
 void Print(const std::string& line)
@@ -290,14 +277,18 @@ int HandedStatusSocket()
     return found;
 }
 
-int Serve(Options options)
+int Serve(Options& options)
 {
     const sigset_t signals = BlockSignals();
     const std::string sockets = options.server.directory + "/" + std::to_string(SECURITY_PRIVACY_SA_ID);
     const bool isActivated = ::sd_listen_fds(0) > 0;
     const int statusSocket = HandedStatusSocket();
     Database database(options.databasePath);
-    if (IsEmpty(database)) {
+    bool isEmpty = false;
+    database.Read([&](Connection& connection) {
+        isEmpty = connection.execAndGet("SELECT NOT EXISTS (SELECT 1 FROM user)").getInt() != 0;
+    });
+    if (isEmpty) {
         ImportDevice(database, options.inputPath, options.shiftsToNow ? Now() : 0);
     }
     // For the requests of our own.
@@ -331,21 +322,21 @@ int Serve(Options options)
 int main(int argc, char** argv)
 {
     OccupyStandardDescriptors();
-    int exitCode = 0;
-    std::optional<Options> options = ReadOptions(argc, argv, exitCode);
-    if (!options) {
-        return exitCode;
-    }
-    if (options->isVerbose) {
-        VARN::Host::SetLogLevel(VARN::LOG_LEVEL_DEBUG);
-    } else if (std::getenv("VARN_LOG_LEVEL") == nullptr) {
-        VARN::Host::SetLogLevel(VARN::LOG_LEVEL_INFO);
-    }
+    Options options;
+    CLI::App app(
+        "The security-privacy service: answers for the device in its database.\n"
+        "Prints \"ready\" and the socket on standard output when clients can come.",
+        "security-privacy-service");
     try {
-        return options->task == Task::SERVE ? Serve(std::move(*options)) : Feed(*options);
+        ReadOptions(app, options, argc, argv);
+        if (options.isVerbose || std::getenv("VARN_LOG_LEVEL") == nullptr) {
+            VARN::Host::SetLogLevel(options.isVerbose ? VARN::LOG_LEVEL_DEBUG : VARN::LOG_LEVEL_INFO);
+        }
+        return options.task == Task::SERVE ? Serve(options) : Feed(options);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : USAGE_ERROR;
     } catch (const InputError& error) {
-        std::fprintf(stderr, "security-privacy-service: %s\nSee 'security-privacy-service --help'.\n", error.what());
-        return CANNOT_START;
+        return app.exit(CLI::Error("InputError", error.what(), CANNOT_START));
     } catch (const std::exception& error) {
         std::fprintf(stderr, "security-privacy-service: %s\n", error.what());
         return CANNOT_START;
