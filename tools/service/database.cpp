@@ -194,8 +194,7 @@ void Database::Prepare()
 int32_t Database::Read(const Connection::Work& work)
 {
     if (path_ == IN_MEMORY) {
-        const std::lock_guard<std::mutex> lock(writing_);
-        return writer_->Transact("BEGIN", work);
+        return Write(work);
     }
     std::unique_ptr<Connection> reader;
     {
@@ -222,11 +221,8 @@ int32_t Database::Write(const Connection::Work& work)
     std::error_code error;
     const uintmax_t logBytes = path_ == IN_MEMORY ? 0 : std::filesystem::file_size(path_ + "-wal", error);
     if (!error && logBytes > MAX_LOG_BYTES) {
-        try {
-            writer_->exec("PRAGMA busy_timeout = 100; PRAGMA wal_checkpoint(RESTART)");
-        } catch (const DatabaseError&) {
-            // What was written is on the disk already; the next change tries again.
-        }
+        // When it fails, what was written is on the disk already; the next change tries again.
+        writer_->tryExec("PRAGMA busy_timeout = 100; PRAGMA wal_checkpoint(RESTART)");
         writer_->exec(SETTINGS);
     }
     return result;
