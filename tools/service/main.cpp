@@ -51,14 +51,9 @@ constexpr int64_t MAX_KEEP_SECONDS = int64_t{100} * 366 * 86400;
 constexpr time_t HOUSEKEEPING_SECONDS = 60;
 // Batches of old usage that are dropped before signals are looked at again.
 constexpr int MAX_DROPS = 100;
-constexpr int LOG_TYPE = 3;
-constexpr uint32_t LOG_DOMAIN = 0xD0E0;
-
-enum class Task { SERVE, IMPORT, RECORD };
 
 // What the command line says.
 struct Options {
-    Task task = Task::SERVE;
     std::string databasePath;  // empty: in memory, forgotten at the end
     std::string inputPath;     // device data, or the events to record ("-": standard input)
     bool shiftsToNow = false;
@@ -119,17 +114,15 @@ void AddOptions(CLI::App& app, Options& options)
 
 void AddTasks(CLI::App& app, Options& options)
 {
-    const auto add = [&](Task task, const char* name, const char* description, const char* input) {
+    const auto add = [&](const char* name, const char* description, const char* input) {
         CLI::App* command = app.add_subcommand(name, description);
         command->add_option("--database", options.databasePath, "The database")->option_text("FILE")->required();
         command->add_option("FILE", options.inputPath, input)->required()->option_text(" ");
-        command->callback([&options, task] { options.task = task; });
         return command;
     };
-    add(Task::IMPORT, "import", "Make a database say what a device file says; also while the service runs",
-        "Device data, JSON")
+    add("import", "Make a database say what a device file says; also while the service runs", "Device data, JSON")
         ->add_flag("--shift-to-now", options.shiftsToNow, "Move its usage in time, so that it ends now");
-    add(Task::RECORD, "record", "Append usage events to a database; also while the service runs",
+    add("record", "Append usage events to a database; also while the service runs",
         "One JSON object a line, as in the usageEvents of device data; - is standard input");
 }
 
@@ -177,11 +170,6 @@ void Print(const std::string& line)
     std::fflush(stdout);
 }
 
-void Warn(const char* what, const char* why)
-{
-    VoLogPrint(LOG_TYPE, VARN::LOG_LEVEL_WARN, LOG_DOMAIN, "SERVICE", "%s: %s", what, why);
-}
-
 // The signals that the main thread waits for. Blocked before any other thread exists, they interrupt none.
 sigset_t BlockSignals()
 {
@@ -207,7 +195,7 @@ void DropOldUsage(Database& database, const Options& options)
             }
         }
     } catch (const DatabaseError& error) {
-        Warn("cannot drop old usage", error.what());
+        VoLogPrint(LOG_TYPE, VARN::LOG_LEVEL_WARN, LOG_DOMAIN, LOG_TAG, "cannot drop old usage: %s", error.what());
     }
 }
 
@@ -245,10 +233,10 @@ void WaitForTheEnd(const sigset_t& signals, Database& database, const Options& o
     }
 }
 
-int Feed(const Options& options)
+int Feed(const CLI::App& app, const Options& options)
 {
     Database database(options.databasePath, Database::Use::FEED);
-    if (options.task == Task::RECORD) {
+    if (app.got_subcommand("record")) {
         std::printf("recorded %" PRId64 " usage events\n", RecordUsage(database, options.inputPath));
         return 0;
     }
@@ -306,7 +294,8 @@ int Serve(Options& options)
     try {
         status.Serve(statusSocket, sockets + ".status.sock");
     } catch (const std::system_error& error) {
-        Warn("nobody can ask for the status or watch requests", error.code().message().c_str());
+        VoLogPrint(LOG_TYPE, VARN::LOG_LEVEL_WARN, LOG_DOMAIN, LOG_TAG,
+                   "nobody can ask for the status or watch requests: %s", error.code().message().c_str());
     }
     Print("ready " + (isActivated ? "(socket from the init system)" : sockets + ".sock"));
     ::sd_notify(0, "READY=1");
@@ -332,7 +321,7 @@ int main(int argc, char** argv)
         if (options.isVerbose || std::getenv("VARN_LOG_LEVEL") == nullptr) {
             VARN::Host::SetLogLevel(options.isVerbose ? VARN::LOG_LEVEL_DEBUG : VARN::LOG_LEVEL_INFO);
         }
-        return options.task == Task::SERVE ? Serve(options) : Feed(options);
+        return app.get_subcommands().empty() ? Serve(options) : Feed(app, options);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : USAGE_ERROR;
     } catch (const InputError& error) {

@@ -2,7 +2,6 @@
 #include "service/security_privacy_service.h"
 
 #include <algorithm>
-#include <iterator>
 #include <string_view>
 
 #include "common/result_codes.h"
@@ -16,10 +15,6 @@ namespace {
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenPolicy;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::GTokenResult;
 using VARN::Host::CurrentCaller;
-
-constexpr int LOG_TYPE = 3;
-constexpr uint32_t LOG_DOMAIN = 0xD0E0;
-constexpr const char* LOG_TAG = "SERVICE";
 
 // One more than an answer may carry; the library tells that it leaves the rest out.
 constexpr size_t MAX_INFOS =
@@ -60,7 +55,6 @@ void ListGroups(Connection& connection, const Listing& listing, int32_t user, co
     Row(connection.Prepare("SELECT 1 FROM user WHERE id = ?", user), RESULT_UNKNOWN_USER);
     Row(connection.Prepare(listing.exists, user, name), listing.missing);
     SQLite::Statement& rows = connection.Prepare(std::string(GROUP_ROWS) + listing.rows, user, name);
-    std::vector<AppPermissionGroupInfo> found;
     size_t bytes = 0;
     int64_t last = 0;
     while (rows.executeStep()) {
@@ -69,11 +63,11 @@ void ListGroups(Connection& connection, const Listing& listing, int32_t user, co
         }
         const int64_t group = rows.getColumn(0);
         if (group != last) {
-            if (found.size() == MAX_INFOS) {
+            if (infos.size() == MAX_INFOS) {
                 break;
             }
             last = group;
-            AppPermissionGroupInfo& info = found.emplace_back();
+            AppPermissionGroupInfo& info = infos.emplace_back();
             info.bundleName = rows.getColumn(1).getString();
             info.uid = rows.getColumn(2);
             info.permissionGroup = rows.getColumn(3).getString();
@@ -83,14 +77,13 @@ void ListGroups(Connection& connection, const Listing& listing, int32_t user, co
             bytes += info.bundleName.size() + info.permissionGroup.size() + info.checkedState.size() +
                      info.disabledReason.size();
         }
-        const std::string& state = found.back().shownStates.emplace_back(rows.getColumn(7).getString());
+        const std::string& state = infos.back().shownStates.emplace_back(rows.getColumn(7).getString());
         if (rows.getColumn(8).getInt() != 0) {
-            found.back().disabledStates.insert(state);
+            infos.back().disabledStates.insert(state);
         }
         bytes += state.size();
         Demand(bytes <= MAX_ANSWER_BYTES, RESULT_ANSWER_TOO_LONG);
     }
-    infos.insert(infos.end(), std::make_move_iterator(found.begin()), std::make_move_iterator(found.end()));
 }
 
 // Names that a log and a table can hold as they are, and no longer than an answer can repeat.

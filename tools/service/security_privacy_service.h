@@ -22,9 +22,14 @@ using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Permission::CheckedStateP
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecord;
 using VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record::PermissionUsageRecordQuery;
 
+// What all lines of the program carry.
+constexpr int LOG_TYPE = 3;
+constexpr uint32_t LOG_DOMAIN = 0xD0E0;
+constexpr const char* LOG_TAG = "SERVICE";
+
 // The service: it decides who may ask, and answers from the database. The operations run on the server's worker
-// threads, several at a time. Result codes: common/result_codes.h. Lists are appended to, and left alone when the
-// answer is not RESULT_OK; a database that fails is told in an error line.
+// threads, several at a time. Result codes: common/result_codes.h. A list comes empty, and what is in it counts only
+// when the answer is RESULT_OK; a database that fails is told in an error line.
 class SecurityPrivacyService final
     : public VARN::AppSecurityPrivacy::SecurityPrivacyServer::SecurityPrivacyServiceStub {
 public:
