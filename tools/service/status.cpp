@@ -158,14 +158,10 @@ Status::~Status()
         ::eventfd_write(wake_, 1);
         thread_.join();
     }
-    for (const int descriptor : {listener_, wake_}) {
-        if (descriptor >= 0) {
-            ::close(descriptor);
-        }
-    }
-    if (!path_.empty()) {
-        ::unlink(path_.c_str());
-    }
+    // Each fails, and no more, where there is nothing.
+    ::close(listener_);
+    ::close(wake_);
+    ::unlink(path_.c_str());
 }
 
 void Status::Serve(int listener, const std::string& path)
