@@ -59,7 +59,7 @@ struct Options {
     bool shiftsToNow = false;
     int64_t keepUsageSeconds = 0;  // 0: for ever
     bool isReadOnly = false;
-    std::set<uid_t> changers;
+    std::set<uid_t> changers{0, ::geteuid()};
     bool isVerbose = false;
     int64_t stallTimeoutMs = 0;  // also in `server`
     VARN::Host::AbilityServerOptions server;
@@ -159,15 +159,6 @@ void ReadOptions(CLI::App& app, Options& options, int argc, char** argv)
         options.server.directory = environment != nullptr && *environment != '\0' ? environment : "/run/varn";
     }
     options.server.stallTimeout = std::chrono::milliseconds(options.stallTimeoutMs);
-    if (options.changers.empty()) {
-        options.changers = {0, ::geteuid()};
-    }
-}
-
-void Print(const std::string& line)
-{
-    std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
 }
 
 // The signals that the main thread waits for. Blocked before any other thread exists, they interrupt none.
@@ -226,7 +217,7 @@ void WaitForTheEnd(const sigset_t& signals, Database& database, const Options& o
         DropOldUsage(database, options);
         const int signal = ::sigtimedwait(&signals, nullptr, &pause);
         if (signal == SIGUSR1) {
-            Print(status.Document());
+            std::puts(status.Document().c_str());
         } else if (signal > 0) {
             return;
         }
@@ -297,12 +288,12 @@ int Serve(Options& options)
         VoLogPrint(LOG_TYPE, VARN::LOG_LEVEL_WARN, LOG_DOMAIN, LOG_TAG,
                    "nobody can ask for the status or watch requests: %s", error.code().message().c_str());
     }
-    Print("ready " + (isActivated ? "(socket from the init system)" : sockets + ".sock"));
+    std::puts(("ready " + (isActivated ? "(socket from the init system)" : sockets + ".sock")).c_str());
     ::sd_notify(0, "READY=1");
     WaitForTheEnd(signals, database, options, status);
     ::sd_notify(0, "STOPPING=1");
     server->Stop();
-    Print(status.Document());
+    std::puts(status.Document().c_str());
     return 0;
 }
 
@@ -311,6 +302,8 @@ int Serve(Options& options)
 int main(int argc, char** argv)
 {
     OccupyStandardDescriptors();
+    // Who reads a pipe sees each line at once.
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     Options options;
     CLI::App app(
         "The security-privacy service: answers for the device in its database.\n"
