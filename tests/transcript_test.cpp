@@ -162,16 +162,14 @@ public:
     std::string Play(std::istream& file)
     {
         std::string played;
-        size_t shownCalls = 0;
         for (std::string line; std::getline(file, line);) {
             if (line.empty() || line.front() == '#') {
                 played += line + "\n";
             } else if (line.front() == '>') {
                 const LogCapture log(level_);
                 played += line + "\n" + PlayLine(line.substr(1));
-                const std::vector<FakeCall> calls = served_.service->Calls();
-                for (; shownCalls < calls.size(); ++shownCalls) {
-                    played += Show(calls[shownCalls]);
+                for (const FakeCall& call : served_.service->TakeCalls()) {
+                    played += Show(call);
                 }
                 played += std::regex_replace(log.Lines(), std::regex("\n\n"), "\\n\n");
                 EXPECT_EQ(std::string::npos, log.Everything().find(SECRET)) << line;

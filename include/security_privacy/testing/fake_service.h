@@ -104,6 +104,12 @@ public:
         const std::lock_guard<std::mutex> lock(mutex_);
         return calls_;
     }
+    // The same, and forgets them: for a test that looks at each step by itself.
+    std::vector<FakeCall> TakeCalls()
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return std::exchange(calls_, {});
+    }
 
     // The codes that the access check was asked about, oldest first.
     std::vector<uint32_t> AccessChecks() const
