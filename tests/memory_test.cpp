@@ -1,17 +1,64 @@
 // SPDX-License-Identifier: Apache-2.0
 // What lists cost in memory, and what becomes of a call when there is none.
 #include <gmock/gmock.h>
+#include <malloc.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <functional>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "platform/raw_client.h"
-#include "support/allocation.h"
 #include "support/calls.h"
 #include "support/record_cases.h"
 #include "varn/host/ability_manager.h"
+
+namespace {
+
+// Watches and fails the allocations of `new` on this thread, by replacing the global operators. What malloc gives to
+// parcels is left alone.
+struct Allocations {
+    static constexpr size_t NEVER = SIZE_MAX;
+
+    size_t untilFailure = NEVER;  // after so many, one fails, and only that one; then this is NEVER again
+    int64_t bytes = 0;            // that are allocated, and not yet deleted, since this was reset
+    int64_t mostBytes = 0;        // at a time
+};
+thread_local Allocations allocations;
+
+}  // namespace
+
+void* operator new(size_t size, const std::nothrow_t&) noexcept
+{
+    // Counted down past 0 it is NEVER.
+    if (allocations.untilFailure != Allocations::NEVER && allocations.untilFailure-- == 0) {
+        return nullptr;
+    }
+    void* memory = std::malloc(size);
+    allocations.bytes += static_cast<int64_t>(malloc_usable_size(memory));
+    allocations.mostBytes = std::max(allocations.mostBytes, allocations.bytes);
+    return memory;
+}
+void* operator new(size_t size)
+{
+    void* memory = ::operator new(size, std::nothrow);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+void operator delete(void* memory) noexcept
+{
+    allocations.bytes -= static_cast<int64_t>(malloc_usable_size(memory));
+    std::free(memory);
+}
+void operator delete(void* memory, size_t) noexcept
+{
+    ::operator delete(memory);
+}
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 namespace {
@@ -97,6 +144,43 @@ TEST(Memory, FollowsTheBytesThatArrivedAndNotTheCount)
                     << list.name << ", " << count << " of " << announced;
             }
         }
+    }
+}
+
+TEST(Memory, OfAPartOfARecordIsGivenBackAndNothingGoesOnBehindIt)
+{
+    for (const RecordCase& record : RecordCases()) {
+        Parcel whole;
+        PutText(whole, record.values);
+        for (std::vector<int32_t> words = TakeWords(whole); !words.empty();) {
+            Parcel full;
+            ASSERT_TRUE(full.SetMaxCapacity(words.size() * sizeof(int32_t) - 1));
+            words.pop_back();
+            SCOPED_TRACE(record.name + std::to_string(words.size()));
+            Parcel parcel;
+            Put(parcel, words);
+            allocations = {};
+            EXPECT_EQ(nullptr, record.unmarshal(parcel));
+            EXPECT_EQ(0, allocations.bytes) << "it keeps what it has read";
+
+            EXPECT_FALSE(record.record->Marshalling(full));
+            const std::vector<int32_t> written = TakeWords(full);
+            ASSERT_LE(written.size(), words.size());
+            EXPECT_TRUE(std::equal(written.begin(), written.end(), words.begin())) << "it goes on after a failure";
+        }
+    }
+}
+
+TEST(Memory, OfARecordWithMoreThanTenThousandIsKept)
+{
+    const LogCapture quiet(LOG_LEVEL_FATAL);
+    for (const auto& [name, values] :
+         {std::pair("GTokenInfo", "'' '' 1L 10001"), {"GTokenResultWithRet", "1L 10001"}}) {
+        Parcel parcel;
+        PutText(parcel, values);
+        allocations = {};
+        EXPECT_EQ(nullptr, CaseOf(name).unmarshal(parcel));
+        EXPECT_LT(0, allocations.bytes) << name;
     }
 }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The worked example of docs/wire-protocol.md, read out of the document: whoever follows it understands this library.
+// And what that says of tokens and long lists.
 #include <gmock/gmock.h>
 
 #include <fstream>
@@ -88,6 +89,56 @@ TEST(WireProtocol, WrongTokensAreRefusedBeforeAnythingIsAsked)
             log.Lines());
     }
     EXPECT_THAT(service->AccessChecks(), ::testing::IsEmpty());
+}
+
+TEST(WireProtocol, AtMostFiftyStatesAreWritten)
+{
+    Permission::AppPermissionGroupInfo info;
+    for (int state = 0; state < 51; ++state) {
+        info.shownStates.push_back(std::to_string(state));
+        info.disabledStates.insert(std::to_string(state));
+    }
+    Parcel parcel;
+    ASSERT_TRUE(info.Marshalling(parcel));
+    const sptr<Permission::AppPermissionGroupInfo> read(Permission::AppPermissionGroupInfo::Unmarshalling(parcel));
+    ASSERT_NE(nullptr, read);
+    info.shownStates.pop_back();
+    EXPECT_EQ(info.shownStates, read->shownStates);
+    EXPECT_THAT(read->disabledStates,
+                ::testing::AllOf(::testing::SizeIs(50), ::testing::IsSubsetOf(info.disabledStates)));
+}
+
+TEST(WireProtocol, InnerReadingOfAQueryAppendsAndListsOfOneHundredAreRefusedAfterTheirCount)
+{
+    using Query = Record::PermissionUsageRecordQuery;
+    for (int list = 0; list < 6; ++list) {
+        const std::string before = std::to_string(list) + "*0 ";
+        const std::string half = before + "50 50*" + (list == 0 || list == 2 ? "''" : "7") + ' ' +
+                                 std::to_string(5 - list) + "*0 0L 0L 0 0 ";
+        Parcel parcel;
+        PutText(parcel, half + half);
+        const sptr<Query> query(new Query());
+        EXPECT_EQ(query.Get(), Query::UnmarshallingInner(parcel, query.Get()));
+        EXPECT_EQ(query.Get(), Query::UnmarshallingInner(parcel, query.Get()));
+        Parcel refused;
+        EXPECT_FALSE(query->Marshalling(refused));
+        Parcel expected;
+        PutText(expected, before + "100");
+        EXPECT_EQ(TakeWords(expected), TakeWords(refused)) << list;
+    }
+}
+
+TEST(WireProtocol, TenThousandIsNotALimitForWriting)
+{
+    GTokenInfo info;
+    info.policies.resize(10001);
+    GTokenResultWithRet results;
+    results.gTokenResults.resize(10001);
+    Parcel parcel;
+    EXPECT_TRUE(info.Marshalling(parcel) && results.Marshalling(parcel));
+    Parcel expected;
+    PutText(expected, "'' '' 0L 10001 10001*'',0L 0L 10001 10001*'','',0L,0L");
+    EXPECT_EQ(TakeWords(expected), TakeWords(parcel));
 }
 
 }  // namespace
