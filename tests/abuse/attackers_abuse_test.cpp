@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
@@ -129,13 +128,14 @@ bool Advance(Stream& stream, const Flood& flood, short events)
     return flood.then != Flood::Then::HANG_UP || stream.sent < flood.bytes.size();
 }
 
-[[noreturn]] void Run(const std::string& path, const Flood& flood, int ready)
+// Until it is killed, or the test has ended: as another user that could not tell it by a signal.
+[[noreturn]] void Run(const std::string& path, const Flood& flood, int ready, pid_t test)
 {
     constexpr int PACE_MILLISECONDS = 20;
     std::vector<std::unique_ptr<Stream>> streams(flood.connections);
     std::vector<pollfd> entries(flood.connections);
     const bool isSlow = flood.bytesAtATime != SIZE_MAX;
-    for (size_t rounds = 0;; ++rounds) {
+    for (size_t rounds = 0; ::getppid() == test; ++rounds) {
         for (size_t index = 0; index < streams.size(); ++index) {
             if (!streams[index]) {
                 streams[index] = std::make_unique<Stream>(path);
@@ -159,6 +159,7 @@ bool Advance(Stream& stream, const Flood& flood, short events)
             ::poll(nullptr, 0, PACE_MILLISECONDS);
         }
     }
+    ::_exit(EXIT_SUCCESS);
 }
 
 // The processes of some users, one after the other from FIRST_ATTACKER on.
@@ -171,15 +172,15 @@ public:
         int ready[2] = {};
         EXPECT_EQ(0, ::pipe2(ready, O_CLOEXEC));
         const Host::RawSocket areReady(ready[0]);
+        const pid_t test = ::getpid();
         for (uid_t user = FIRST_ATTACKER; users_.size() < users; ++user) {
             users_.push_back(::fork());
             if (users_.back() == 0) {
-                ::prctl(PR_SET_PDEATHSIG, SIGKILL);
                 ::close(ready[0]);
                 // It is the service that is to be fair, whatever the scheduler is.
                 ::setpriority(PRIO_PROCESS, 0, 19);
                 ::syscall(SYS_setresuid, user, user, user);
-                Run(path, flood, ready[1]);
+                Run(path, flood, ready[1], test);
             }
         }
         ::close(ready[1]);
