@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "abuse/requests.h"
+#include "support/calls.h"
 #include "support/record_cases.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
@@ -48,12 +48,11 @@ void AddCalls(Seeds& seeds)
     for (const uint32_t number : CODES) {
         const auto code = static_cast<char>(number);
         service->SetAnswer(number, answer);
-        const sptr<IRemoteObject> listener(new ScriptedObject([&](uint32_t, MessageParcel& data, MessageParcel& reply) {
+        const sptr<IRemoteObject> listener(new ScriptedStub([&](uint32_t, auto& data, auto& reply, auto& option) {
             const std::vector<int32_t> words = TakeWords(data);
             Put(data, words);
             Add(seeds["stub"], {code, '\1'}, BytesLeftIn(data).substr(tokenSize));
             Put(data, words);
-            MessageOption option;
             service->SendRequest(number, data, reply, option);
             Add(seeds["proxy"], {code}, BytesLeftIn(reply));
             return 1;

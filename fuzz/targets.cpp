@@ -117,7 +117,7 @@ void FeedProxy(std::string_view input)
 {
     const auto code = Take<uint8_t>(input);
     const size_t most = input.size() / sizeof(int32_t) + 1;
-    const sptr<IRemoteObject> service(new Testing::ScriptedObject([&](uint32_t, MessageParcel&, MessageParcel& reply) {
+    const sptr<IRemoteObject> service(new ScriptedStub([&](uint32_t, auto&, auto& reply, auto&) {
         TakeParcel(input, reply);
         return 0;
     }));
@@ -129,20 +129,6 @@ void FeedProxy(std::string_view input)
 }
 
 constexpr size_t MAX_REQUEST_BYTES = 20000;
-
-// Answers with as many bytes as the request asks for, so that long replies come up as well.
-class Echo : public IPCObjectStub {
-public:
-    int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption&) override
-    {
-        executed.push_back(code);
-        reply.WriteString(data.ReadString());
-        reply.WriteString(std::string(static_cast<size_t>(data.ReadInt32() & 0xFFFFF), 'x'));
-        return static_cast<int32_t>(code);
-    }
-
-    std::vector<uint32_t> executed;
-};
 
 // What is to come of the bytes, however they were cut: the requests before the first that is none or is not whole.
 std::vector<uint32_t> Expected(const std::vector<uint8_t>& bytes)
@@ -168,7 +154,14 @@ void FeedConnection(std::string_view input)
     std::array<int, 2> ends{};
     Require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()) == 0);
     const UniqueFd peer(ends[1]);
-    const sptr<Echo> echo(new Echo);
+    std::vector<uint32_t> executed;
+    // Answers with as many bytes as the request asks for, so that long replies come up as well.
+    const sptr<IPCObjectStub> echo(new ScriptedStub([&executed](uint32_t code, auto& data, auto& reply, auto&) {
+        executed.push_back(code);
+        reply.WriteString(data.ReadString());
+        reply.WriteString(std::string(static_cast<size_t>(data.ReadInt32() & 0xFFFFF), 'x'));
+        return static_cast<int32_t>(code);
+    }));
     AbilityServerOptions options;
     options.maxRequestBytes = MAX_REQUEST_BYTES;
     // Bites on the longest replies when they are not read.
@@ -189,9 +182,9 @@ void FeedConnection(std::string_view input)
             const ssize_t part = ::send(peer.Get(), piece.data(), piece.size(), MSG_NOSIGNAL);
             sent.insert(sent.end(), piece.begin(), piece.begin() + std::max<ssize_t>(part, 0));
             do {
-                const size_t before = echo->executed.size();
+                const size_t before = executed.size();
                 next = connection.Serve(buffers, input.empty());
-                Require(echo->executed.size() <= before + 1);
+                Require(executed.size() <= before + 1);
                 while (doesRead && ::recv(peer.Get(), sink.data(), sink.size(), 0) > 0) {
                 }
             } while (next == Connection::Next::TURN || (doesRead && next == Connection::Next::OUTPUT));
@@ -199,8 +192,8 @@ void FeedConnection(std::string_view input)
         }
     }
     const std::vector<uint32_t> expected = Expected(sent);
-    Require(echo->executed.size() <= expected.size() && (!doesRead || echo->executed.size() == expected.size()));
-    Require(std::equal(echo->executed.begin(), echo->executed.end(), expected.begin()));
+    Require(executed.size() <= expected.size() && (!doesRead || executed.size() == expected.size()));
+    Require(std::equal(executed.begin(), executed.end(), expected.begin()));
     Require(account.bytes == 0 && account.replyBytes == 0 && account.requestBytes == 0 && deadline == 0);
 }
 

@@ -78,12 +78,12 @@ public:
 template <uint32_t Code>
 void ReadReply(const std::vector<int32_t>& words)
 {
-    const auto answer = [&words](uint32_t, MessageParcel&, MessageParcel& reply) {
+    const auto answer = [&words](uint32_t, auto&, auto& reply, auto&) {
         Put(reply, words);
         allocations = {};
         return 0;
     };
-    CallOperation(*ProxyOver(sptr<IRemoteObject>(new ScriptedObject(answer))), Code);
+    CallOperation(*ProxyOver(sptr<IRemoteObject>(new ScriptedStub(answer))), Code);
 }
 template <uint32_t Code>
 void ReadRequest(const std::vector<int32_t>& words)

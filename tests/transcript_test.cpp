@@ -121,16 +121,15 @@ Arguments MakeArguments(size_t count)
 std::string PlayReply(uint32_t code, const std::string& values)
 {
     std::string sent;
-    const sptr<ScriptedObject> object(
-        new ScriptedObject([&](uint32_t sentCode, MessageParcel& data, MessageParcel& answer) {
-            data.ReadInterfaceToken();
-            sent = "sent " + Text(sentCode) + " " + Text(TakeWords(data)) + "\n";
-            PutText(answer, values);
-            return 0;
-        }));
+    const sptr<IRemoteObject> object(new ScriptedStub([&](uint32_t sentCode, auto& data, auto& answer, auto& option) {
+        data.ReadInterfaceToken();
+        sent = "flags " + Text(option.GetFlags()) + " wait " + Text(option.GetWaitTime()) + " sent " + Text(sentCode) +
+               " " + Text(TakeWords(data)) + "\n";
+        PutText(answer, values);
+        return 0;
+    }));
     const Outcome outcome = CallOperation(*ProxyOver(object), code);
-    return "flags " + Text(object->lastOption.GetFlags()) + " wait " + Text(object->lastOption.GetWaitTime()) + " " +
-           sent + Show(outcome);
+    return sent + Show(outcome);
 }
 
 std::string PlayRecord(const RecordCase& kind, const std::string& values)

@@ -13,7 +13,6 @@
 #include <string_view>
 
 #include "abuse/processes.h"
-#include "abuse/requests.h"
 #include "abuse/service_process.h"
 
 // One user cannot take the service from another. Whatever one or eight users do: while they do it, a client of another

@@ -8,7 +8,6 @@
 #include <filesystem>
 
 #include "abuse/processes.h"
-#include "abuse/requests.h"
 #include "abuse/service_process.h"
 
 // What takes a service in a process of its own: what it inherits, and a kernel that is not ours.

@@ -96,11 +96,11 @@ TEST_F(ServerAbuseTest, AReplyMayFillItsBoundAndNotOneByteMore)
     constexpr uint32_t LONGEST = MEBIBYTE - sizeof(int32_t) - 1;
     AbilityServerOptions options;
     options.maxBytes = MEBIBYTE;
-    const sptr<IPCObjectStub> overlooking(new Service([this](uint32_t code, MessageParcel& data, MessageParcel& reply) {
-        MessageOption option;
-        const int32_t status = service_->OnRemoteRequest(code, data, reply, option);
-        return code == LONGEST + 2 ? 0 : status;
-    }));
+    const sptr<IPCObjectStub> overlooking(
+        new ScriptedStub([this](uint32_t code, auto& data, auto& reply, auto& option) {
+            const int32_t status = service_->OnRemoteRequest(code, data, reply, option);
+            return code == LONGEST + 2 ? 0 : status;
+        }));
     ASSERT_NO_FATAL_FAILURE(Serve(overlooking, options));
     const RawClient peer(Path());
     EXPECT_TRUE(peer.Send(MakeFrame(LONGEST, "") + MakeFrame(LONGEST + 1, "") + MakeFrame(LONGEST + 2, "")));

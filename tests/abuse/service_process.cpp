@@ -17,7 +17,6 @@
 #include <iterator>
 #include <vector>
 
-#include "security_privacy/testing/fake_service.h"
 #include "varn/host/caller.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {

@@ -6,8 +6,7 @@
 #include <functional>
 #include <string>
 
-#include "platform/raw_client.h"
-#include "varn/host/ability_server.h"
+#include "support/calls.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 
@@ -34,6 +33,12 @@ private:
     pid_t pid_ = -1;
     int output_ = -1;
 };
+
+inline std::string MakeByAppFrame(const std::string& bundleName, int32_t userId)
+{
+    return Host::MakeFrame(1, MakeRequest(bundleName, userId, int32_t{0}));
+}
+inline const std::string honestFrame = MakeByAppFrame("com.example.bank", 100);
 
 // From now on this process behaves as on a kernel that knows nothing of refusing descriptors.
 void TakeDescriptors();

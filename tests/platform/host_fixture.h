@@ -13,6 +13,7 @@
 
 #include "platform/raw_client.h"
 #include "support/log_capture.h"
+#include "support/scripted_stub.h"
 #include "varn/host/ability_manager.h"
 #include "varn/host/ability_server.h"
 
@@ -23,22 +24,6 @@ using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 
 constexpr int32_t ID = 65993;
-
-class Service : public IPCObjectStub {
-public:
-    using Operation = std::function<int32_t(uint32_t code, MessageParcel& data, MessageParcel& reply)>;
-    explicit Service(Operation operation, bool serial = false)
-        : IPCObjectStub(u"test", serial), operation_(std::move(operation))
-    {
-    }
-    int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption&) override
-    {
-        return operation_(code, data, reply);
-    }
-
-private:
-    const Operation operation_;
-};
 
 // A request that is answered with what it says, and its answer.
 inline const std::string askBody = MakeBody("text");
@@ -95,7 +80,7 @@ protected:
     AppSecurityPrivacy::SecurityPrivacyServer::Testing::LogCapture log_{LOG_LEVEL_WARN};
     // Says what it was told: at once for code 1, behind the gate for one below 10. Any other code is the length of the
     // answer; 9 when it does not fit.
-    const sptr<IPCObjectStub> service_{new Service([this](uint32_t code, MessageParcel& data, MessageParcel& reply) {
+    const sptr<IPCObjectStub> service_{new ScriptedStub([this](uint32_t code, auto& data, auto& reply, auto&) {
         atGate_ += code > 1 && code < 10 ? 1 : 0;
         EXPECT_TRUE(code == 1 || code >= 10 || Eventually([this] { return isOpen_.load(); }));
         return reply.WriteString(code < 10 ? data.ReadString() : std::string(code, 'x')) ? 0 : 9;

@@ -82,7 +82,7 @@ TEST_F(HostTest, StatusReplyAndCallerCrossTheSocketAndAnObserverSeesNoPayload)
     std::vector<Transaction> seen;
     AbilityServerOptions options;
     options.observer = [&](const Transaction& transaction) { seen.push_back(transaction); };
-    const sptr<IPCObjectStub> service(new Service([&caller](uint32_t code, MessageParcel& data, MessageParcel& reply) {
+    const sptr<IPCObjectStub> service(new ScriptedStub([&caller](uint32_t code, auto& data, auto& reply, auto&) {
         caller = CurrentCaller();
         return reply.WriteString(data.ReadString()) && reply.WriteInt32(0) ? static_cast<int32_t>(code) + 1 : 0;
     }));
@@ -106,7 +106,7 @@ TEST_F(HostTest, StatusReplyAndCallerCrossTheSocketAndAnObserverSeesNoPayload)
 
 TEST_F(HostTest, ExceptionBecomesAStatusOnBothRoads)
 {
-    const sptr<IPCObjectStub> service(new Service([](uint32_t code, auto&, auto&) -> int32_t {
+    const sptr<IPCObjectStub> service(new ScriptedStub([](uint32_t code, auto&, auto&, auto&) -> int32_t {
         code == 1 ? throw std::runtime_error("broken") : code == 2 ? throw std::bad_alloc() : throw code;
     }));
     ASSERT_NO_FATAL_FAILURE(Serve(service));
@@ -121,8 +121,8 @@ TEST_F(HostTest, ExceptionBecomesAStatusOnBothRoads)
 TEST_F(HostTest, SerialInvocationRunsOneAtATime)
 {
     std::atomic<int> inside{0};
-    const sptr<IRemoteObject> service(new Service(
-        [&inside](auto, auto&, auto&) {
+    const sptr<IRemoteObject> service(new ScriptedStub(
+        [&inside](auto, auto&, auto&, auto&) {
             EXPECT_EQ(1, ++inside);
             std::this_thread::yield();
             return --inside;

@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <functional>
 #include <optional>
+#include <string>
 
 #include "platform/raw_client.h"
 #include "security_privacy/security_privacy_client.h"
@@ -13,29 +13,30 @@
 #include "support/call_operation.h"
 #include "support/log_capture.h"
 #include "support/parcels.h"
+#include "support/scripted_stub.h"
 #include "varn/host/ability_manager.h"
 #include "varn/host/ability_server.h"
 #include "varn/remote_broker.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 
-// A remote object that plays a script and remembers how it was last spoken to.
-class ScriptedObject : public IRemoteObject {
-public:
-    using Script = std::function<int32_t(uint32_t code, MessageParcel& data, MessageParcel& reply)>;
-    explicit ScriptedObject(Script script) : script_(std::move(script)) {}
-
-    int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override
-    {
-        lastOption = option;
-        return script_(code, data, reply);
+inline std::string BytesLeftIn(Parcel& parcel)
+{
+    std::string bytes;
+    for (const int32_t word : TakeWords(parcel)) {
+        bytes += Host::BytesOf(word);
     }
+    return bytes;
+}
 
-    MessageOption lastOption{-1, 1};
-
-private:
-    const Script script_;
-};
+// A request as bytes, to be sent as it is or spoilt.
+template <class... T>
+std::string MakeRequest(const T&... values)
+{
+    MessageParcel parcel;
+    PutAll(parcel, SecurityPrivacyServiceIntf::GetDescriptor(), values...);
+    return BytesLeftIn(parcel);
+}
 
 // The proxy that the library has registered, over any object.
 inline sptr<SecurityPrivacyServiceIntf> ProxyOver(const sptr<IRemoteObject>& object)
