@@ -37,17 +37,15 @@ const std::string reply = ReadExample("reply");
 
 TEST(WireProtocol, ServiceAnswersTheExampleAsDocumented)
 {
-    const Host::SocketFolder folder;
-    const sptr<FakeService> service(new FakeService());
-    Host::AbilityServer server(FAKE_SERVICE_ID, service);
-    ASSERT_TRUE(server.Start());
-    const Host::RawClient peer(folder.SocketPath());
+    const ServedFake served(true);
+    const Host::RawClient peer(served.folder.SocketPath());
     // Twice: the second one shows that the first ended where it should.
     ASSERT_TRUE(peer.Send(request + request));
     EXPECT_EQ(reply + reply, peer.Receive(2 * reply.size()));
-    ASSERT_EQ(2U, service->Calls().size());
-    EXPECT_EQ(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, service->Calls()[1].code);
-    EXPECT_EQ(std::vector<std::string>{"com.example.maps"}, service->Calls()[1].bundleNames);
+    const std::vector<FakeCall> calls = served.service->Calls();
+    ASSERT_EQ(2U, calls.size());
+    EXPECT_EQ(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, calls[1].code);
+    EXPECT_EQ(std::vector<std::string>{"com.example.maps"}, calls[1].bundleNames);
 }
 
 TEST(WireProtocol, ClientSendsTheExampleAndTakesItsReply)

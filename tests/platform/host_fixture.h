@@ -20,6 +20,7 @@
 // A server in this process, and how it is asked.
 namespace VARN::Host {
 
+using AppSecurityPrivacy::SecurityPrivacyServer::Testing::Count;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 

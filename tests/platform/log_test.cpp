@@ -15,17 +15,19 @@
 #include <ctime>
 #include <filesystem>
 #include <future>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "host/base/caller_scope.h"
+#include "support/log_capture.h"
 #include "varn/host/log_sink.h"
 #include "varn/host/visible_text.h"
 
 namespace VARN::Host {
 namespace {
+
+using AppSecurityPrivacy::SecurityPrivacyServer::Testing::Count;
 
 class LogTest : public ::testing::Test {
 protected:
@@ -170,17 +172,6 @@ private:
 void Log(const std::string& text)
 {
     VoLogPrint(0, LOG_LEVEL_ERROR, 0, "TAG", "%s", text.c_str());
-}
-
-// How often the pattern is there; with a group that is a number, the sum of these numbers.
-size_t Count(const std::string& text, const std::string& pattern)
-{
-    const std::regex regex(pattern);
-    size_t sum = 0;
-    for (std::sregex_iterator match(text.begin(), text.end(), regex); match != std::sregex_iterator(); ++match) {
-        sum += match->size() > 1 ? std::stoul((*match)[1]) : 1;
-    }
-    return sum;
 }
 
 TEST(StandardErrorTest, WhatNobodyReadsIsCountedAndNothingWaitsOrEndsTheProgram)

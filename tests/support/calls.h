@@ -53,7 +53,6 @@ public:
     explicit ServedFake(bool isBehindSocket)
     {
         if (isBehindSocket) {
-            folder_.emplace();
             EXPECT_TRUE(server_.emplace(FAKE_SERVICE_ID, service).Start());
         } else {
             EXPECT_TRUE(Host::AbilityManager::Get()->AddSystemAbility(FAKE_SERVICE_ID, service));
@@ -61,10 +60,10 @@ public:
     }
     ~ServedFake() { Host::AbilityManager::Get()->RemoveSystemAbility(FAKE_SERVICE_ID); }
 
+    const Host::SocketFolder folder;
     const sptr<FakeService> service{new FakeService()};
 
 private:
-    std::optional<Host::SocketFolder> folder_;
     std::optional<Host::AbilityServer> server_;
 };
 

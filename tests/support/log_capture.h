@@ -2,12 +2,24 @@
 #pragma once
 
 #include <mutex>
+#include <regex>
 #include <string>
 
 #include "varn/host/log_sink.h"
 #include "varn/log.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
+
+// How often the pattern is there; with a group that is a number, the sum of these numbers.
+inline size_t Count(const std::string& text, const std::string& pattern)
+{
+    const std::regex regex(pattern);
+    size_t sum = 0;
+    for (std::sregex_iterator match(text.begin(), text.end(), regex); match != std::sregex_iterator(); ++match) {
+        sum += match->size() > 1 ? std::stoul((*match)[1]) : 1;
+    }
+    return sum;
+}
 
 // Takes the log over while it exists; afterwards the level is as before and lines go to standard error again.
 class LogCapture {
