@@ -25,20 +25,18 @@ bool AppPermissionGroupInfo::Marshalling(Parcel& parcel) const
     const int32_t disabledStatesSize = std::min(static_cast<int32_t>(disabledStates.size()), MAX_STATES_SIZE);
     const auto writeShownState = [&](const std::string& shownState) { return WRITE(String, shownState); };
     const auto writeDisabledState = [&](const std::string& disabledState) { return WRITE(String, disabledState); };
-    return IfMemoryLasts([&] {
-        bool isWritten = WRITE(String, bundleName);
-        isWritten = isWritten && WRITE(Int32, uid);
-        isWritten = isWritten && WRITE(String, permissionGroup);
-        isWritten = isWritten && WRITE(String, checkedState);
-        isWritten = isWritten && WRITE(Int32, shownStatesSize);
-        isWritten = isWritten &&
-                    std::all_of(shownStates.begin(), std::next(shownStates.begin(), shownStatesSize), writeShownState);
-        isWritten = isWritten && WRITE(Int32, disabledStatesSize);
-        isWritten = isWritten && std::all_of(disabledStates.begin(),
-                                             std::next(disabledStates.begin(), disabledStatesSize), writeDisabledState);
-        isWritten = isWritten && WRITE(String, disabledReason);
-        return isWritten && WRITE(Int64, flags);
-    });
+    bool isWritten = WRITE(String, bundleName);
+    isWritten = isWritten && WRITE(Int32, uid);
+    isWritten = isWritten && WRITE(String, permissionGroup);
+    isWritten = isWritten && WRITE(String, checkedState);
+    isWritten = isWritten && WRITE(Int32, shownStatesSize);
+    isWritten =
+        isWritten && std::all_of(shownStates.begin(), std::next(shownStates.begin(), shownStatesSize), writeShownState);
+    isWritten = isWritten && WRITE(Int32, disabledStatesSize);
+    isWritten = isWritten && std::all_of(disabledStates.begin(), std::next(disabledStates.begin(), disabledStatesSize),
+                                         writeDisabledState);
+    isWritten = isWritten && WRITE(String, disabledReason);
+    return isWritten && WRITE(Int64, flags);
 }
 
 bool ReadFields(Parcel& parcel, AppPermissionGroupInfo& info)

@@ -14,11 +14,9 @@ const Tag LOG_TAG = Tag::Create("permission", Tag::DEFAULT_COMPONENT_TAG, Tag::D
 
 bool CheckedStateParameter::Marshalling(Parcel& parcel) const
 {
-    return IfMemoryLasts([&] {
-        bool isWritten = WRITE(String, checkedState);
-        isWritten = isWritten && WRITE(Int64, flagsMask);
-        return isWritten && WRITE(Int64, flagsValue);
-    });
+    bool isWritten = WRITE(String, checkedState);
+    isWritten = isWritten && WRITE(Int64, flagsMask);
+    return isWritten && WRITE(Int64, flagsValue);
 }
 
 CheckedStateParameter* CheckedStateParameter::Unmarshalling(Parcel& parcel)

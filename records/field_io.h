@@ -1,15 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <algorithm>
-#include <cstdint>
 #include <memory>
 #include <new>
-#include <string>
-#include <vector>
 
-#include "security_privacy/contract.h"
-#include "util/announced_list.h"
 #include "util/format_utils.h"
 #include "util/log_line.h"
 #include "varn/parcel.h"
@@ -20,10 +14,8 @@
 //
 //   bool GTokenPolicy::Marshalling(Parcel& parcel) const
 //   {
-//       return IfMemoryLasts([&] {
-//           bool isWritten = WRITE(String, policyName);
-//           return isWritten && WRITE(Int64, policyValue);
-//       });
+//       bool isWritten = WRITE(String, policyName);
+//       return isWritten && WRITE(Int64, policyValue);
 //   }
 //
 // The lines bear the names Marshalling and Unmarshalling wherever the step stands, also inside a helper or a lambda.
@@ -55,76 +47,41 @@
     (parcel.Read##Type((record)->name) && FIELD_LOG("Unmarshalling", "Read" #Type " to " #name " succeed."))
 #define CHECK_AT_MOST(name, limit) ((name) <= (limit) && FIELD_LOG("Unmarshalling", #name " check succeed."))
 
-#define FIELD_LOG(function, ...) (LOG_DEBUG_AS(function, __VA_ARGS__), true)
+#define FIELD_LOG(function, ...) LogField([&] { LOG_DEBUG_AS(function, __VA_ARGS__); })
 
-// What `MakeRecord` makes, for a record that logs: an error line names its class when memory runs out.
-#define MAKE_RECORD(Record, ...) \
-    MakeRecord<Record>(__VA_ARGS__, [] { LOG_ERROR_AS("Unmarshalling", "new " #Record " failed."); })
+// A new record that is filled as `FillRecord` does; an error line names its class when memory runs out.
+#define MAKE_RECORD(Record, ...)                         \
+    FillRecord(new (std::nothrow) Record(), __VA_ARGS__, \
+               [] { LOG_ERROR_AS("Unmarshalling", "new " #Record " failed."); })
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 
-// What `step` returns; false when memory runs out, which may happen in any line that is logged.
-template <class Step>
-bool IfMemoryLasts(const Step& step)
+template <class Log>
+bool LogField(const Log& log)
 {
     try {
-        return step();
+        log();
     } catch (const std::bad_alloc&) {
-        return false;
+        // The line is lost, the field is not.
     }
+    return true;
 }
 
-// A new record that `read`, which is handed its owner, has filled; null when it returns false. When memory runs out,
-// null as well, after `logFailure`.
+// Takes `unfilled` over and returns it when `read`, which is handed its owner, has filled it; null when it returns
+// false. When memory has run out, for the record or for its fields, null as well, after `logFailure`.
 template <class Record, class Read, class LogFailure>
-Record* MakeRecord(const Read& read, const LogFailure& logFailure)
+Record* FillRecord(Record* unfilled, const Read& read, const LogFailure& logFailure)
 {
+    std::unique_ptr<Record> record(unfilled);
     try {
-        std::unique_ptr<Record> record(new (std::nothrow) Record());
         if (record != nullptr) {
             return read(record) ? record.release() : nullptr;
         }
     } catch (const std::bad_alloc&) {
-        // A record without memory for its fields is as good as none.
+        record.reset();  // the line needs memory too
     }
     logFailure();
     return nullptr;
-}
-
-// The fields of the usage records, which log nothing: MoveAll moves them in the order of its arguments, until one
-// cannot be moved. A list is its size, which tells the reader of a refused one to refuse it as well, and its elements.
-struct Writer {
-    Parcel& parcel;
-
-    bool operator()(const std::string& text) const { return parcel.WriteString(text); }
-    bool operator()(int32_t number) const { return parcel.WriteInt32(number); }
-    bool operator()(int64_t number) const { return parcel.WriteInt64(number); }
-    template <class Element>
-    bool operator()(const std::vector<Element>& list) const
-    {
-        const auto size = static_cast<int32_t>(list.size());
-        return (*this)(size) && size <= MAX_QUERY_LIST_SIZE && std::all_of(list.begin(), list.end(), *this);
-    }
-};
-
-struct Reader {
-    Parcel& parcel;
-
-    bool operator()(std::string& text) const { return parcel.ReadString(text); }
-    bool operator()(int32_t& number) const { return parcel.ReadInt32(number); }
-    bool operator()(int64_t& number) const { return parcel.ReadInt64(number); }
-    template <class Element>
-    bool operator()(std::vector<Element>& list) const
-    {
-        int32_t size = 0;
-        return (*this)(size) && size <= MAX_QUERY_LIST_SIZE && Util::ReadAnnounced(parcel, size, list, *this);
-    }
-};
-
-template <class Mover, class... Fields>
-bool MoveAll(const Mover& move, Fields&... fields)
-{
-    return (move(fields) && ...);
 }
 
 }  // namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer

@@ -19,15 +19,13 @@ const Tag LOG_TAG = Tag::Create("GToken", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAU
 
 bool GTokenInfo::Marshalling(Parcel& parcel) const
 {
-    return IfMemoryLasts([&] {
-        const auto policiesSize = static_cast<int32_t>(policies.size());
-        bool isWritten = WRITE(String, bundleName);
-        isWritten = isWritten && WRITE_MASKED(String, fingerprint);
-        isWritten = isWritten && WRITE(Int64, versionCode);
-        isWritten = isWritten && WRITE(Int32, policiesSize);
-        return isWritten && std::all_of(policies.begin(), policies.end(),
-                                        [&](const GTokenPolicy& policy) { return policy.Marshalling(parcel); });
-    });
+    const auto policiesSize = static_cast<int32_t>(policies.size());
+    bool isWritten = WRITE(String, bundleName);
+    isWritten = isWritten && WRITE_MASKED(String, fingerprint);
+    isWritten = isWritten && WRITE(Int64, versionCode);
+    isWritten = isWritten && WRITE(Int32, policiesSize);
+    return isWritten && std::all_of(policies.begin(), policies.end(),
+                                    [&](const GTokenPolicy& policy) { return policy.Marshalling(parcel); });
 }
 
 GTokenInfo* GTokenInfo::Unmarshalling(Parcel& parcel)

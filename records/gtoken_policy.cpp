@@ -15,10 +15,8 @@ const Tag LOG_TAG = Tag::Create("GToken", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAU
 
 bool GTokenPolicy::Marshalling(Parcel& parcel) const
 {
-    return IfMemoryLasts([&] {
-        bool isWritten = WRITE(String, policyName);
-        return isWritten && WRITE(Int64, policyValue);
-    });
+    bool isWritten = WRITE(String, policyName);
+    return isWritten && WRITE(Int64, policyValue);
 }
 
 bool ReadFields(Parcel& parcel, GTokenPolicy& policy)

@@ -15,12 +15,10 @@ const Tag LOG_TAG = Tag::Create("GToken", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAU
 
 bool GTokenResult::Marshalling(Parcel& parcel) const
 {
-    return IfMemoryLasts([&] {
-        bool isWritten = WRITE(String, bundleName);
-        isWritten = isWritten && WRITE_MASKED(String, fingerprint);
-        isWritten = isWritten && WRITE(Int64, versionCode);
-        return isWritten && WRITE(Int64, policyValue);
-    });
+    bool isWritten = WRITE(String, bundleName);
+    isWritten = isWritten && WRITE_MASKED(String, fingerprint);
+    isWritten = isWritten && WRITE(Int64, versionCode);
+    return isWritten && WRITE(Int64, policyValue);
 }
 
 bool ReadFields(Parcel& parcel, GTokenResult& row)

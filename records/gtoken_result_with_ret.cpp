@@ -19,13 +19,11 @@ const Tag LOG_TAG = Tag::Create("GToken", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAU
 
 bool GTokenResultWithRet::Marshalling(Parcel& parcel) const
 {
-    return IfMemoryLasts([&] {
-        const auto gTokenResultsSize = static_cast<int32_t>(gTokenResults.size());
-        bool isWritten = WRITE(Int64, ret);
-        isWritten = isWritten && WRITE(Int32, gTokenResultsSize);
-        return isWritten && std::all_of(gTokenResults.begin(), gTokenResults.end(),
-                                        [&](const GTokenResult& row) { return row.Marshalling(parcel); });
-    });
+    const auto gTokenResultsSize = static_cast<int32_t>(gTokenResults.size());
+    bool isWritten = WRITE(Int64, ret);
+    isWritten = isWritten && WRITE(Int32, gTokenResultsSize);
+    return isWritten && std::all_of(gTokenResults.begin(), gTokenResults.end(),
+                                    [&](const GTokenResult& row) { return row.Marshalling(parcel); });
 }
 
 GTokenResultWithRet* GTokenResultWithRet::Unmarshalling(Parcel& parcel)

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "security_privacy/permission_usage_record.h"
 
+#include <new>
+
 #include "records/field_io.h"
 #include "util/format_utils.h"
 
@@ -10,20 +12,35 @@ using Util::FormatUtils::Text;
 
 bool PermissionUsageRecord::Marshalling(Parcel& parcel) const
 {
-    return MoveAll(Writer{parcel}, bundleName_, uid_, operationGroup_, times_, operationMode_, appState_, screenState_,
-                   beginTimestamp_, endTimestamp_);
+    bool isWritten = parcel.WriteString(bundleName_);
+    isWritten = isWritten && parcel.WriteInt32(uid_);
+    isWritten = isWritten && parcel.WriteString(operationGroup_);
+    isWritten = isWritten && parcel.WriteInt32(times_);
+    isWritten = isWritten && parcel.WriteInt32(operationMode_);
+    isWritten = isWritten && parcel.WriteInt32(appState_);
+    isWritten = isWritten && parcel.WriteInt32(screenState_);
+    isWritten = isWritten && parcel.WriteInt64(beginTimestamp_);
+    return isWritten && parcel.WriteInt64(endTimestamp_);
 }
 
 bool ReadFields(Parcel& parcel, PermissionUsageRecord& record)
 {
-    return MoveAll(Reader{parcel}, record.bundleName_, record.uid_, record.operationGroup_, record.times_,
-                   record.operationMode_, record.appState_, record.screenState_, record.beginTimestamp_,
-                   record.endTimestamp_);
+    bool isRead = parcel.ReadString(record.bundleName_);
+    isRead = isRead && parcel.ReadInt32(record.uid_);
+    isRead = isRead && parcel.ReadString(record.operationGroup_);
+    isRead = isRead && parcel.ReadInt32(record.times_);
+    isRead = isRead && parcel.ReadInt32(record.operationMode_);
+    isRead = isRead && parcel.ReadInt32(record.appState_);
+    isRead = isRead && parcel.ReadInt32(record.screenState_);
+    isRead = isRead && parcel.ReadInt64(record.beginTimestamp_);
+    return isRead && parcel.ReadInt64(record.endTimestamp_);
 }
 
 PermissionUsageRecord* PermissionUsageRecord::Unmarshalling(Parcel& parcel)
 {
-    return MakeRecord<PermissionUsageRecord>([&](const auto& record) { return ReadFields(parcel, *record); }, [] {});
+    return FillRecord(
+        new (std::nothrow) PermissionUsageRecord(), [&](const auto& record) { return ReadFields(parcel, *record); },
+        [] {});
 }
 
 std::string PermissionUsageRecord::ToString() const
