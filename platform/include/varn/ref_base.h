@@ -68,24 +68,33 @@ public:
     constexpr sptr(std::nullptr_t) noexcept {}
 
     // Becomes an owner of `object`, which may be null. A freshly allocated object gets its first owner here.
-    sptr(T* object) noexcept : object_(object) { Acquire(); }
+    sptr(T* object) noexcept : object_(object)
+    {
+        if (object_ != nullptr) {
+            object_->IncStrongRef();
+        }
+    }
 
     // A copy is one owner more; a move leaves null behind.
-    sptr(const sptr& other) noexcept : object_(other.object_) { Acquire(); }
+    sptr(const sptr& other) noexcept : sptr(other.object_) {}
     sptr(sptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
 
     // From a reference to a derived class.
     template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
-    sptr(const sptr<U>& other) noexcept : object_(other.Get())
+    sptr(const sptr<U>& other) noexcept : sptr(other.Get())
     {
-        Acquire();
     }
     template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
     sptr(sptr<U>&& other) noexcept : object_(other.Release())
     {
     }
 
-    ~sptr() { Drop(object_); }
+    ~sptr()
+    {
+        if (object_ != nullptr) {
+            object_->DecStrongRef();
+        }
+    }
 
     // Gives up the object owned before, if any.
     sptr& operator=(sptr other) noexcept
@@ -110,16 +119,8 @@ public:
     [[nodiscard]] T* Release() noexcept { return std::exchange(object_, nullptr); }
 
     // Two references are equal when they share one object; a plain pointer is compared with it.
-    template <class U>
-    friend bool operator==(const sptr& left, const sptr<U>& right) noexcept
-    {
-        return left.object_ == right.Get();
-    }
-    template <class U>
-    friend bool operator!=(const sptr& left, const sptr<U>& right) noexcept
-    {
-        return left.object_ != right.Get();
-    }
+    friend bool operator==(const sptr& left, const sptr& right) noexcept { return left.object_ == right.object_; }
+    friend bool operator!=(const sptr& left, const sptr& right) noexcept { return left.object_ != right.object_; }
     template <class U>
     friend bool operator==(const sptr& left, const U* right) noexcept
     {
@@ -146,19 +147,6 @@ public:
     friend bool operator!=(std::nullptr_t, const sptr& right) noexcept { return right.object_ != nullptr; }
 
 private:
-    void Acquire() const noexcept
-    {
-        if (object_ != nullptr) {
-            object_->IncStrongRef();
-        }
-    }
-    static void Drop(T* object) noexcept
-    {
-        if (object != nullptr) {
-            object->DecStrongRef();
-        }
-    }
-
     T* object_ = nullptr;
 };
 
