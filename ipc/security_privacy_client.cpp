@@ -25,11 +25,10 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 namespace {
 
 using Util::FormatUtils::Text;
-using Util::KelLog::Tag;
 
 using Intf = SecurityPrivacyServiceIntf;
 
-const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
+const auto LOG_TAG = Util::KelLog::Tag::Create("service");
 
 // What finds the service and what is found, all held until a request is over.
 struct Found {

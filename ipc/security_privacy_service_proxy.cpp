@@ -27,9 +27,8 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 namespace {
 
 using Util::FormatUtils::Text;
-using Util::KelLog::Tag;
 
-const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
+const auto LOG_TAG = Util::KelLog::Tag::Create("service");
 
 // Reads the reply to a request for permission groups: the result, which it returns, and if that is 0 the records. The
 // lines name `operation`; each of the two has its own.

@@ -20,9 +20,8 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 namespace {
 
 using Util::FormatUtils::Text;
-using Util::KelLog::Tag;
 
-const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
+const auto LOG_TAG = Util::KelLog::Tag::Create("service");
 
 // Writes what the service gave to a usage request, without its records when the result is not 0. Returns the result,
 // which is the status too; the line names `handler`.

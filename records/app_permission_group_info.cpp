@@ -14,9 +14,8 @@
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Permission {
 
 using Util::FormatUtils::Text;
-using Util::KelLog::Tag;
 
-const Tag LOG_TAG = Tag::Create("permission", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
+const auto LOG_TAG = Util::KelLog::Tag::Create("permission");
 
 bool AppPermissionGroupInfo::Marshalling(Parcel& parcel) const
 {

@@ -9,9 +9,8 @@
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer {
 
 using Util::FormatUtils::Text;
-using Util::KelLog::Tag;
 
-const Tag LOG_TAG = Tag::Create("GToken", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
+const auto LOG_TAG = Util::KelLog::Tag::Create("GToken");
 
 bool GTokenPolicy::Marshalling(Parcel& parcel) const
 {

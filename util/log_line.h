@@ -19,7 +19,8 @@ public:
     static inline const std::string DEFAULT_MODULE_TAG = "default";
 
     // Mind the order: the narrowest comes first.
-    static Tag Create(const std::string& moduleTag, const std::string& componentTag, const std::string& subSystemTag)
+    static Tag Create(const std::string& moduleTag, const std::string& componentTag = DEFAULT_COMPONENT_TAG,
+                      const std::string& subSystemTag = DEFAULT_SUB_SYSTEM_TAG)
     {
         return Tag(moduleTag, componentTag, subSystemTag);
     }
@@ -47,7 +48,7 @@ private:
 
 // The one form of every line that the library logs. A source file that logs names its tag LOG_TAG:
 //
-//   const Tag LOG_TAG = Tag::Create("service", Tag::DEFAULT_COMPONENT_TAG, Tag::DEFAULT_SUB_SYSTEM_TAG);
+//   const auto LOG_TAG = Util::KelLog::Tag::Create("service");
 //
 //   void SecurityPrivacyClient::WithSystemAbilityProxy(...)
 //       LOG_ERROR("SA=%s is nullptr, please check.", Text(id).c_str());
