@@ -27,6 +27,11 @@ public:
     // Not noted, as neither are those below, so that nothing grows.
     bool IsMessageCodeAllowed(uint32_t) override { return true; }
     GTokenResultWithRet GTokenPolicyGetPolicy(std::string, const std::vector<std::string>&) override { return {}; }
+    int32_t GetAppPermissionGroupInfosByPermission(const std::string&, int32_t, const std::unordered_set<std::string>&,
+                                                   std::vector<Permission::AppPermissionGroupInfo>&) override
+    {
+        return 0;
+    }
     int32_t GetAppPermissionGroupInfosByApp(const std::string& bundleName, int32_t userId,
                                             const std::unordered_set<std::string>&,
                                             std::vector<Permission::AppPermissionGroupInfo>& infos) override

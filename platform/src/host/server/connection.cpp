@@ -79,6 +79,7 @@ Connection::Next Connection::ReadFirst(WorkerBuffers& buffers, bool hangUp)
     const size_t end = FRAME_HEADER_SIZE + header.length;
     if (end < size) {
         ahead_.assign(buffers.piece.data() + end, buffers.piece.data() + size);
+        buffers.hasFreedMuch = true;  // many peers that send ahead make one that is long
     }
     ParcelBuffer::Lend(body, buffers.piece.data() + FRAME_HEADER_SIZE, header.length);
     const Next next = Dispatch(buffers, header, body);
