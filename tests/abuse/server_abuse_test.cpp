@@ -68,7 +68,7 @@ TEST_F(ServerAbuseTest, LimitsEndTheConnectionAndSayWhy)
          {longFrame, longFrame, longFrame},
          2,
          [](AbilityServerOptions& options) {
-             options.maxWaitingReplyBytesPerUser = 8 * MEBIBYTE;
+             options.maxWaitingReplyBytesPerUser = size_t{8} * MEBIBYTE;
              options.workers = 1;  // the second reply is counted before the third is made
          }},
     };

@@ -138,7 +138,7 @@ public:
         const timeval patience = {PATIENCE.count(), 0};
         ::setsockopt(GetFd(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
         ::setsockopt(GetFd(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
-        ::connect(GetFd(), Address(), sizeof(sockaddr_un));
+        static_cast<void>(::connect(GetFd(), Address(), sizeof(sockaddr_un)));
     }
 };
 
@@ -147,7 +147,7 @@ class RawServer : public RawSocket {
 public:
     explicit RawServer(const std::string& path) : RawSocket(path)
     {
-        ::bind(GetFd(), Address(), sizeof(sockaddr_un));
+        static_cast<void>(::bind(GetFd(), Address(), sizeof(sockaddr_un)));
         ::listen(GetFd(), 8);
     }
 };

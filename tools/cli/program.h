@@ -55,7 +55,7 @@ template <class T, class Take>
 CLI::Option* AddReader(CLI::App& command, const char* name, Take take, const char* text, const std::string& description,
                        size_t limit = SIZE_MAX)
 {
-    const auto checkAndTake = [name, take, limit](const T& value) {
+    const auto checkAndTake = [=](const T& value) {
         if constexpr (std::is_class_v<T>) {
             CheckLength(name, value.size(), limit);
         }
