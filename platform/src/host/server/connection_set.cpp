@@ -51,6 +51,7 @@ void ConnectionSet::Admit(PeerSocket fd)
     slot->pace.quickVisits = 0;
     slot->pace.lastVisit.store(CoarseMilliseconds(), std::memory_order_relaxed);
     slot->Begin();
+    admitted_.fetch_add(1, std::memory_order_release);
     if (!ArmFor(*slot, INPUT_EVENTS, EPOLL_CTL_ADD)) {
         PLATFORM_ERROR("service %d: a connection cannot be watched: %s", context_.id, ErrorText(errno).c_str());
         Close(*slot);

@@ -3,6 +3,8 @@
 
 #include <sys/epoll.h>
 
+#include <atomic>
+#include <cstddef>
 #include <deque>
 #include <unordered_map>
 
@@ -28,8 +30,14 @@ public:
 
     // Makes the epoll set. False, with the reason in errno, when the system refuses.
     bool Open();
-    // An event's data is its Slot.
     int GetEpoll() const noexcept { return epoll_.Get(); }
+    // The place that an event is of; null for an event that names none.
+    Slot* SlotOf(const epoll_event& event) const noexcept
+    {
+        // The kernel hands the place over; this tells the same to the language.
+        static_cast<void>(admitted_.load(std::memory_order_acquire));
+        return static_cast<Slot*>(event.data.ptr);
+    }
 
     // Takes an accepted socket in and watches it. Closes it, after a line, when its peer has no identity, a limit
     // leaves no place or the system refuses. Throws std::bad_alloc. For the watching thread.
@@ -61,7 +69,8 @@ private:
 
     ServiceContext& context_;
     UniqueFd epoll_;
-    std::deque<Slot> places_;  // the watching thread's
+    std::atomic<size_t> admitted_{0};  // release, when a place is ready for its events
+    std::deque<Slot> places_;          // the watching thread's
 
     Mutex mutex_;
     Slot* free_ GUARDED_BY(mutex_) = nullptr;  // in a row

@@ -146,8 +146,8 @@ void AbilityServer::Engine::Work(Running& running)
                 break;
             }
         }
-        if (count > 0 && event.data.ptr != nullptr) {
-            HandleEvent(*static_cast<Slot*>(event.data.ptr), event.events, buffers);
+        if (Slot* slot = connections_.SlotOf(event); count > 0 && slot != nullptr) {
+            HandleEvent(*slot, event.events, buffers);
         } else if (count < 0 && error != EINTR) {
             PLATFORM_ERROR("service %d: a worker ends: epoll_wait: %s", context_.id, ErrorText(error).c_str());
             break;
