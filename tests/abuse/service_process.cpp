@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -97,6 +98,8 @@ ServiceProcess::ServiceProcess(const Host::SocketFolder& folder, const Host::Abi
         ::close(ends[0]);
         ::close(ends[1]);
         ::dup2(::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDERR_FILENO);
+        // One arena, so that the process's size shows what is in use.
+        ::mallopt(M_ARENA_MAX, 1);
         prepare();
         ::exit(Serve(options, STDOUT_FILENO));
     }
