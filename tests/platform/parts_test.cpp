@@ -12,7 +12,6 @@
 #include <utility>
 #include <vector>
 
-#include "host/server/accounts.h"
 #include "host/wire/frame.h"
 #include "parcel_buffer.h"
 
@@ -100,25 +99,24 @@ TEST(AccountsTest, EightUsersLeaveTheNinthItsFloors)
 {
     AbilityServerOptions options;
     options.workers = 128;
-    Accounts accounts(options);
-    accounts.workers.SetExtra(options.maxSpareWorkers / 4);
-    size_t used = 0;
+    ServiceContext context(1, nullptr, options);
+    context.workers.SetExtra(options.maxSpareWorkers / 4);
     size_t allowed = 0;
     std::deque<Account> users;
     std::deque<Charge> charges;
     while (users.size() < 8) {
         Account& user = users.emplace_back(static_cast<uid_t>(1 + users.size()));
-        for (std::atomic<size_t>* ofKind : {&user.requestBytes, &user.replyBytes}) {
-            Charge& charge = charges.emplace_back(accounts, user, *ofKind, size_t{64} << 20);
-            for (size_t bytes = 65536; charge.GrowTo(bytes, used, allowed); bytes += 65536) {
+        for (const Limit kind : {Limit::BEGUN_REQUEST_BYTES, Limit::REPLY_BYTES}) {
+            Charge& charge = charges.emplace_back(context, user, kind);
+            for (size_t bytes = 65536; charge.GrowTo(bytes, {}); bytes += 65536) {
             }
         }
-        while (accounts.workers.Take(user, user.workers, 1, allowed) == Stock::Answer::TAKEN) {
+        while (context.workers.Take(user, user.workers, 1, allowed) == Stock::Answer::TAKEN) {
         }
     }
     Account& ninth = users.emplace_back(9);
-    EXPECT_TRUE(Charge(accounts, ninth, ninth.replyBytes, SIZE_MAX).GrowTo(2097152, used, allowed)) << allowed;
-    EXPECT_EQ(Stock::Answer::TAKEN, accounts.workers.Take(ninth, ninth.workers, 1, allowed));
+    EXPECT_TRUE(Charge(context, ninth, Limit::REPLY_BYTES).GrowTo(2097152, {}));
+    EXPECT_EQ(Stock::Answer::TAKEN, context.workers.Take(ninth, ninth.workers, 1, allowed));
 }
 
 TEST(FrameReaderTest, MemoryFollowsWhatHasArrivedAndNotWhatIsAnnounced)

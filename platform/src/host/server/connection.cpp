@@ -97,13 +97,10 @@ Connection::Next Connection::ReadRest(WorkerBuffers& buffers)
             return Refuse(input_->reader, FrameReader::State::NO_MEMORY);
         }
         // Before the room is filled, it is only promised by the system.
-        size_t used = 0;
-        size_t allowed = 0;
-        if (!input_->charge.GrowTo(ParcelBuffer::Capacity(input_->body), used, allowed)) {
-            context_.Refuse(account_, Limit::BEGUN_REQUEST_BYTES, caller_, used, allowed);
+        if (!input_->charge.GrowTo(ParcelBuffer::Capacity(input_->body), caller_)) {
             return Next::CLOSE;
         }
-        buffers.hasFreedMuch |= context_.accounts.NoteUse(ParcelBuffer::Capacity(input_->body));
+        buffers.hasFreedMuch |= context_.NoteUse(ParcelBuffer::Capacity(input_->body));
         auto next = Next::INPUT;
         const size_t size = Receive(space, room, next);
         if (size == 0) {
@@ -126,7 +123,7 @@ size_t Connection::Receive(void* to, size_t room, Next& next)
     const ssize_t got = TEMP_FAILURE_RETRY(fd_.Receive(to, room));
     next = got < 0 && errno == EAGAIN ? Next::INPUT : Next::CLOSE;
     if (got < 0 && errno == EPERM) {
-        context_.Refuse(account_, Limit::DESCRIPTORS_SENT, caller_, 1, 0);
+        context_.Refuse(&account_, Limit::DESCRIPTORS_SENT, caller_, 1, 0);
     }
     return static_cast<size_t>(std::max<ssize_t>(got, 0));
 }
@@ -135,9 +132,9 @@ Connection::Next Connection::Refuse(const FrameReader& reader, FrameReader::Stat
 {
     const uint64_t length = reader.GetHeader().length;
     if (state == FrameReader::State::TOO_LONG) {
-        context_.Refuse(account_, Limit::REQUEST_BYTES, caller_, length, context_.options.maxRequestBytes);
+        context_.Refuse(&account_, Limit::REQUEST_BYTES, caller_, length, context_.options.maxRequestBytes);
     } else if (state == FrameReader::State::INVALID) {
-        context_.Refuse(account_, Limit::PROTOCOL, caller_, 1, 0, reader.GetProblem());
+        context_.Refuse(&account_, Limit::PROTOCOL, caller_, 1, 0, reader.GetProblem());
     } else {
         PLATFORM_ERROR("no memory for a request of %u bytes from uid %u pid %d", reader.GetHeader().length, caller_.uid,
                        caller_.pid);
@@ -149,7 +146,7 @@ Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader&
 {
     MessageParcel& reply = *buffers.reply;
     ParcelBuffer::Clear(reply, WorkerBuffers::KEPT_CAPACITY);
-    reply.SetMaxCapacity(context_.accounts.GetReplyBound());
+    reply.SetMaxCapacity(context_.GetReplyBound());
     buffers.running.code.store(header.code, std::memory_order_relaxed);
     const bool observed = static_cast<bool>(context_.options.observer);
     using Clock = std::chrono::steady_clock;
@@ -164,7 +161,7 @@ Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader&
     }
     const std::chrono::nanoseconds duration = observed ? Clock::now() - begin : Clock::duration();
     if (ParcelBuffer::IsCut(reply)) {
-        context_.Refuse(account_, Limit::REPLY_LENGTH, caller_, reply.GetDataSize(), ParcelBuffer::MaxCapacity(reply),
+        context_.Refuse(&account_, Limit::REPLY_LENGTH, caller_, reply.GetDataSize(), ParcelBuffer::MaxCapacity(reply),
                         "the rest does not fit, or memory ran out");
         // Most operations do not look whether their writes succeed: a peer must not take a part for the whole.
         if (answer.status == 0) {
@@ -173,7 +170,7 @@ Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader&
         }
     }
     answer.length = static_cast<uint32_t>(reply.GetDataSize());
-    buffers.hasFreedMuch |= context_.accounts.NoteUse(std::max(header.length, answer.length));
+    buffers.hasFreedMuch |= context_.NoteUse(std::max(header.length, answer.length));
     const Next next = Reply(buffers, answer);
     // Now, since the worker's next request may be long in coming.
     ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
@@ -206,10 +203,7 @@ Connection::Next Connection::Reply(WorkerBuffers& buffers, const FrameHeader& he
     output_->header = header;
     output_->sent = sent;
     output_->body = std::move(body);
-    size_t used = 0;
-    size_t allowed = 0;
-    if (!output_->charge.GrowTo(header.length, used, allowed)) {
-        context_.Refuse(account_, Limit::REPLY_BYTES, caller_, used, allowed);
+    if (!output_->charge.GrowTo(header.length, caller_)) {
         return Next::CLOSE;
     }
     deadline_.store(SteadyMilliseconds() + context_.options.replyTimeout.count());

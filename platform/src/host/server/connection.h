@@ -9,38 +9,11 @@
 #include <utility>
 #include <vector>
 
-#include "host/server/accounts.h"
 #include "host/server/peer_socket.h"
-#include "host/server/refusal_log.h"
+#include "host/server/service_context.h"
 #include "host/wire/frame.h"
-#include "varn/host/ability_server.h"
 
 namespace VARN::Host {
-
-// What the connections of one server share.
-struct ServiceContext {
-    ServiceContext(int32_t serviceId, sptr<IPCObjectStub> object, AbilityServerOptions all)
-        : id(serviceId), stub(std::move(object)), options(std::move(all)), refusals(id), accounts(options)
-    {
-    }
-
-    // Counts that a limit bit, and writes its line.
-    void Refuse(Account& account, Limit limit, const Caller& caller, uint64_t used, uint64_t allowed,
-                const char* detail = "")
-    {
-        account.refused.fetch_add(1, std::memory_order_relaxed);
-        refusals.Report(limit, caller, used, allowed, detail);
-    }
-
-    const int32_t id;
-    const sptr<IPCObjectStub> stub;
-    const AbilityServerOptions options;
-    RefusalLog refusals;
-    Accounts accounts;
-    // The server ends: nothing begins any more. Relaxed: a thread that misses it finds out under a lock, or by the
-    // event that is written next.
-    std::atomic<bool> stopping{false};
-};
 
 // What a worker is doing, for the watcher, which tells of workers that are stuck.
 struct Running {
@@ -113,8 +86,7 @@ public:
 
 private:
     struct Input {
-        Input(ServiceContext& context, Account& account)
-            : charge(context.accounts, account, account.requestBytes, context.options.maxBegunRequestBytesPerUser)
+        Input(ServiceContext& context, Account& account) : charge(context, account, Limit::BEGUN_REQUEST_BYTES)
         {
             body.SetMaxCapacity(context.options.maxRequestBytes);
         }
@@ -123,10 +95,7 @@ private:
         FrameReader reader{FrameKind::REQUEST, body};
     };
     struct Output {
-        Output(ServiceContext& context, Account& account)
-            : charge(context.accounts, account, account.replyBytes, context.options.maxWaitingReplyBytesPerUser)
-        {
-        }
+        Output(ServiceContext& context, Account& account) : charge(context, account, Limit::REPLY_BYTES) {}
         Charge charge;
         FrameHeader header;
         std::unique_ptr<MessageParcel> body;

@@ -85,14 +85,14 @@ bool ConnectionSet::ArmFor(Slot& slot, uint32_t events, int operation)
 void ConnectionSet::Close(Slot& slot)
 {
     const PeerSocket fd = slot.connection->TakeFd();
-    context_.accounts.NoteEnd();
+    context_.NoteEnd();
     slot.connection.reset();
     {
         const MutexLock lock(mutex_);
         slot.Free();
         slot.nextFree = std::exchange(free_, &slot);
         Account& account = *std::exchange(slot.account, nullptr);
-        context_.accounts.connections.Give(account.connections, 1);
+        context_.connections.Give(account.connections, 1);
         EraseIfGone(account);
     }
     // Last, so that a peer that sees the end and comes back at once finds the place free. A child that the service has
@@ -128,7 +128,7 @@ Slot* ConnectionSet::Enter(const Caller& caller)
                 free_ = &places_.emplace_back();
             }
             Account& account = accounts_.try_emplace(caller.uid, caller.uid).first->second;
-            Stock& stock = context_.accounts.connections;
+            Stock& stock = context_.connections;
             size_t allowed = 0;
             const Stock::Answer answer = stock.Take(account, account.connections, 1, allowed);
             if (answer == Stock::Answer::TAKEN) {
@@ -138,7 +138,7 @@ Slot* ConnectionSet::Enter(const Caller& caller)
             const bool ofUser = answer == Stock::Answer::BEYOND_SHARE;
             victim = evictions < MAX_EVICTIONS ? FindLongestIdle(ofUser ? &account : nullptr) : nullptr;
             if (victim == nullptr) {
-                context_.Refuse(account, ofUser ? Limit::CONNECTIONS_PER_USER : Limit::CONNECTIONS, caller,
+                context_.Refuse(&account, ofUser ? Limit::CONNECTIONS_PER_USER : Limit::CONNECTIONS, caller,
                                 ofUser ? account.connections.load() : stock.CountHeld(),
                                 ofUser ? allowed : context_.options.maxConnections);
                 EraseIfGone(account);

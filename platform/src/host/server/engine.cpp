@@ -47,7 +47,7 @@ AbilityServer::Engine::Engine(const AbilityServer& server, const AbilityServerOp
     : server_(server),
       context_(server.id_, server.stub_, options),
       connections_(context_),
-      turns_(context_.accounts),
+      turns_(context_),
       workers_(context_, [this](Running& running) { RunThread([&] { Work(running); }); }),
       watcher_(context_, connections_, workers_)
 {
@@ -140,7 +140,7 @@ void AbilityServer::Engine::Work(Running& running)
             if (buffers.hasFreedMuch) {
                 GiveArenaBack();
                 // What is held may be freed by any thread, into the arena that it came from.
-                buffers.hasFreedMuch = context_.accounts.bytes.CountHeld() != 0;
+                buffers.hasFreedMuch = context_.bytes.CountHeld() != 0;
             }
             if (workers_.Retire(running)) {
                 break;
@@ -272,7 +272,7 @@ ServerStatistics AbilityServer::Engine::Statistics()
     ServerStatistics statistics = connections_.Describe();
     statistics.workers = workers_.Count();
     statistics.workersStuck = workers_.CountStuck();
-    statistics.refused = context_.refusals.CountRefused();
+    statistics.refused = context_.CountRefused();
     return statistics;
 }
 

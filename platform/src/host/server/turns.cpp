@@ -10,7 +10,7 @@ bool Turns::Begin(Slot& slot)
 {
     Account& account = *slot.account;
     size_t allowed = 0;
-    if (accounts_.workers.Take(account, account.workers, 1, allowed) == Stock::Answer::TAKEN) {
+    if (context_.workers.Take(account, account.workers, 1, allowed) == Stock::Answer::TAKEN) {
         return true;
     }
     const MutexLock lock(mutex_);
@@ -27,7 +27,7 @@ Slot* Turns::TakeNext()
     for (auto user = users_.begin(); user != users_.end(); ++user) {
         Account& account = **user;
         size_t allowed = 0;
-        if (accounts_.workers.Take(account, account.workers, 1, allowed) == Stock::Answer::TAKEN) {
+        if (context_.workers.Take(account, account.workers, 1, allowed) == Stock::Answer::TAKEN) {
             return Pop(user, account.queue.begin());
         }
     }

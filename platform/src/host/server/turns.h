@@ -6,7 +6,6 @@
 #include <list>
 
 #include "host/base/thread_safety.h"
-#include "host/server/accounts.h"
 #include "host/server/slot.h"
 
 namespace VARN::Host {
@@ -26,14 +25,14 @@ namespace VARN::Host {
 // Thread safety: any thread may call anything.
 class Turns {
 public:
-    // `accounts` outlives this.
-    explicit Turns(Accounts& accounts) : accounts_(accounts) {}
+    // `context` outlives this.
+    explicit Turns(ServiceContext& context) : context_(context) {}
 
     // Before a connection is served, by its owner. False: the queue owns it now, so the caller must not touch it any
     // more, but has to call `TakeNext`.
     bool Begin(Slot& slot);
     // When it has been served.
-    void End(Account& account) noexcept { accounts_.workers.Give(account.workers, 1); }
+    void End(Account& account) noexcept { context_.workers.Give(account.workers, 1); }
 
     bool HasWaiting() const noexcept { return waiting_.load() != 0; }
     // The next connection whose user is within its share, begun, and owned by the caller. Null when there is none.
@@ -45,7 +44,7 @@ public:
 private:
     Slot* Pop(std::list<Account*>::iterator user, std::list<Slot*>::iterator place) REQUIRES(mutex_);
 
-    Accounts& accounts_;
+    ServiceContext& context_;
     std::atomic<size_t> waiting_{0};
 
     Mutex mutex_;

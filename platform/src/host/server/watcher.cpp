@@ -111,8 +111,8 @@ void Watcher::AcceptSome(int listener)
             if (error == EMFILE) {
                 ::getrlimit(RLIMIT_NOFILE, &limit);
             }
-            context_.refusals.Report(Limit::DESCRIPTORS, CurrentCaller(), limit.rlim_cur, limit.rlim_cur,
-                                     ErrorText(error).c_str());
+            context_.Refuse(nullptr, Limit::DESCRIPTORS, CurrentCaller(), limit.rlim_cur, limit.rlim_cur,
+                            ErrorText(error).c_str());
         } else {
             PLATFORM_ERROR("service %d: accept: %s", context_.id, ErrorText(error).c_str());
         }
@@ -146,7 +146,7 @@ int64_t Watcher::EndOverdue()
     }
     // What a burst has freed stays in the allocator's lists until it is told. That is done once it is quiet, since a
     // service that is at work would take it again at once.
-    if (context_.accounts.TakeBurst()) {
+    if (context_.TakeBurst()) {
         nextTrim_ = now + LOOK_MILLISECONDS;
     } else if (now >= nextTrim_) {
         nextTrim_ = NEVER;
@@ -163,7 +163,7 @@ void Watcher::EndForTime(Slot& slot, int64_t late)
 {
     const bool reply = slot.connection->HasOutput();
     const int64_t allowed = (reply ? context_.options.replyTimeout : context_.options.stallTimeout).count();
-    context_.Refuse(*slot.account, reply ? Limit::REPLY_TIME : Limit::REQUEST_TIME, slot.connection->GetCaller(),
+    context_.Refuse(slot.account, reply ? Limit::REPLY_TIME : Limit::REQUEST_TIME, slot.connection->GetCaller(),
                     static_cast<uint64_t>(allowed + late), static_cast<uint64_t>(allowed));
     connections_.Close(slot);
 }

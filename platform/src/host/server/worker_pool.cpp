@@ -163,8 +163,8 @@ bool WorkerPool::AddWorker() noexcept
     try {
         return AddThread();
     } catch (const std::exception& exception) {
-        context_.refusals.Report(Limit::WORKERS, CurrentCaller(), Count(),
-                                 context_.options.workers + context_.options.maxSpareWorkers, exception.what());
+        context_.Refuse(nullptr, Limit::WORKERS, CurrentCaller(), Count(),
+                        context_.options.workers + context_.options.maxSpareWorkers, exception.what());
         return false;
     }
 }
@@ -196,7 +196,7 @@ int64_t WorkerPool::LookForStuck(int64_t now, int64_t later)
     }
     stuck_.store(stuck, std::memory_order_relaxed);
     // The other spare ones are for users that have none at work.
-    context_.accounts.workers.SetExtra(std::min(stuck, context_.options.maxSpareWorkers / 4));
+    context_.workers.SetExtra(std::min(stuck, context_.options.maxSpareWorkers / 4));
     return next;
 }
 
