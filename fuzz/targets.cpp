@@ -167,8 +167,7 @@ void FeedConnection(std::string_view input)
     // Bites on the longest replies when they are not read.
     options.maxWaitingReplyBytesPerUser = size_t{doesRead ? 2U : 1U} << 20;
     ServiceContext context(1, echo, options);
-    Running running;
-    WorkerBuffers buffers(running);
+    Worker worker;
     Account account(1);
     std::atomic<int64_t> deadline{0};
     std::vector<uint8_t> sent;
@@ -183,7 +182,7 @@ void FeedConnection(std::string_view input)
             sent.insert(sent.end(), piece.begin(), piece.begin() + std::max<ssize_t>(part, 0));
             do {
                 const size_t before = executed.size();
-                next = connection.Serve(buffers, input.empty());
+                next = connection.Serve(worker, input.empty());
                 Require(executed.size() <= before + 1);
                 while (doesRead && ::recv(peer.Get(), sink.data(), sink.size(), 0) > 0) {
                 }

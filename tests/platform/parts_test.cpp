@@ -61,7 +61,7 @@ protected:
 
     std::atomic<int> started_{0};
     ServiceContext context_{1, nullptr, MakeOptions()};
-    WorkerPool pool_{context_, [this](Running&) { ++started_; }};
+    WorkerPool pool_{context_, [this](Worker&) { ++started_; }};
 };
 
 TEST_F(WorkerPoolTest, AtTheLimitOneThatStaysIsWokenAndWakesTheNextUntilOneIsIdle)

@@ -17,7 +17,7 @@
 
 namespace VARN::Host {
 
-std::unique_ptr<MessageParcel> WorkerBuffers::TakeReply()
+std::unique_ptr<MessageParcel> Worker::TakeReply()
 {
     auto other = std::make_unique<MessageParcel>();
     const size_t size = reply->GetDataSize();
@@ -34,60 +34,60 @@ std::unique_ptr<MessageParcel> WorkerBuffers::TakeReply()
     return other;
 }
 
-Connection::Next Connection::Serve(WorkerBuffers& buffers, bool hangUp)
+Connection::Next Connection::Serve(Worker& worker, bool hangUp)
 {
     // Requests may be waiting behind the reply, so the visit goes on.
-    const Next next = Flush(buffers);
+    const Next next = Flush(worker);
     if (next != Next::INPUT) {
         return next;
     }
-    return input_ ? ReadRest(buffers) : ReadFirst(buffers, hangUp);
+    return input_ ? ReadRest(worker) : ReadFirst(worker, hangUp);
 }
 
 // Most requests arrive whole and are handled where they were received.
-Connection::Next Connection::ReadFirst(WorkerBuffers& buffers, bool hangUp)
+Connection::Next Connection::ReadFirst(Worker& worker, bool hangUp)
 {
     size_t size = ahead_.size();
     bool drained = false;
     if (size != 0) {
-        std::memcpy(buffers.piece.data(), ahead_.data(), size);
+        std::memcpy(worker.piece.data(), ahead_.data(), size);
         std::vector<uint8_t>().swap(ahead_);
     } else {
         auto next = Next::INPUT;
-        size = Receive(buffers.piece.data(), buffers.piece.size(), next);
+        size = Receive(worker.piece.data(), worker.piece.size(), next);
         if (size == 0) {
             return next;
         }
         // A short read has emptied the socket, so there is no need to ask it again. After a hang-up there is.
-        drained = size < buffers.piece.size() && !hangUp;
+        drained = size < worker.piece.size() && !hangUp;
     }
     MessageParcel body;
     body.SetMaxCapacity(context_.options.maxRequestBytes);
     FrameReader reader(FrameKind::REQUEST, body);
-    FrameReader::State state = reader.CheckHeader(buffers.piece.data(), size);
+    FrameReader::State state = reader.CheckHeader(worker.piece.data(), size);
     const FrameHeader& header = reader.GetHeader();
     if (state == FrameReader::State::PARTIAL) {
         input_ = std::make_unique<Input>(context_, account_);
         deadline_.store(SteadyMilliseconds() + context_.options.stallTimeout.count());
         size_t taken = 0;
-        state = input_->reader.Feed(buffers.piece.data(), size, taken);
-        return state == FrameReader::State::PARTIAL ? ReadRest(buffers) : Refuse(input_->reader, state);
+        state = input_->reader.Feed(worker.piece.data(), size, taken);
+        return state == FrameReader::State::PARTIAL ? ReadRest(worker) : Refuse(input_->reader, state);
     }
     if (state != FrameReader::State::COMPLETE) {
         return Refuse(reader, state);
     }
     const size_t end = FRAME_HEADER_SIZE + header.length;
     if (end < size) {
-        ahead_.assign(buffers.piece.data() + end, buffers.piece.data() + size);
-        buffers.hasFreedMuch = true;  // many peers that send ahead make one that is long
+        ahead_.assign(worker.piece.data() + end, worker.piece.data() + size);
+        worker.hasFreedMuch = true;  // many peers that send ahead make one that is long
     }
-    ParcelBuffer::Lend(body, buffers.piece.data() + FRAME_HEADER_SIZE, header.length);
-    const Next next = Dispatch(buffers, header, body);
+    ParcelBuffer::Lend(body, worker.piece.data() + FRAME_HEADER_SIZE, header.length);
+    const Next next = Dispatch(worker, header, body);
     // A peer that sends without end must not keep the worker to itself.
     return next == Next::INPUT && !(drained && ahead_.empty()) ? Next::TURN : next;
 }
 
-Connection::Next Connection::ReadRest(WorkerBuffers& buffers)
+Connection::Next Connection::ReadRest(Worker& worker)
 {
     FrameReader::State state = FrameReader::State::PARTIAL;
     while (state == FrameReader::State::PARTIAL) {
@@ -100,7 +100,7 @@ Connection::Next Connection::ReadRest(WorkerBuffers& buffers)
         if (!input_->charge.GrowTo(ParcelBuffer::Capacity(input_->body), caller_)) {
             return Next::CLOSE;
         }
-        buffers.hasFreedMuch |= context_.NoteUse(ParcelBuffer::Capacity(input_->body));
+        worker.hasFreedMuch |= context_.NoteUse(ParcelBuffer::Capacity(input_->body));
         auto next = Next::INPUT;
         const size_t size = Receive(space, room, next);
         if (size == 0) {
@@ -113,7 +113,7 @@ Connection::Next Connection::ReadRest(WorkerBuffers& buffers)
     }
     const std::unique_ptr<Input> input = std::move(input_);
     deadline_.store(0);
-    const Next next = Dispatch(buffers, input->reader.GetHeader(), input->body);
+    const Next next = Dispatch(worker, input->reader.GetHeader(), input->body);
     return next == Next::INPUT ? Next::TURN : next;
 }
 
@@ -142,12 +142,12 @@ Connection::Next Connection::Refuse(const FrameReader& reader, FrameReader::Stat
     return Next::CLOSE;
 }
 
-Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader& header, MessageParcel& data)
+Connection::Next Connection::Dispatch(Worker& worker, const FrameHeader& header, MessageParcel& data)
 {
-    MessageParcel& reply = *buffers.reply;
-    ParcelBuffer::Clear(reply, WorkerBuffers::KEPT_CAPACITY);
+    MessageParcel& reply = *worker.reply;
+    ParcelBuffer::Clear(reply, Worker::KEPT_CAPACITY);
     reply.SetMaxCapacity(context_.GetReplyBound());
-    buffers.running.code.store(header.code, std::memory_order_relaxed);
+    worker.code.store(header.code, std::memory_order_relaxed);
     const bool observed = static_cast<bool>(context_.options.observer);
     using Clock = std::chrono::steady_clock;
     const auto begin = observed ? Clock::now() : Clock::time_point();
@@ -166,14 +166,14 @@ Connection::Next Connection::Dispatch(WorkerBuffers& buffers, const FrameHeader&
         // Most operations do not look whether their writes succeed: a peer must not take a part for the whole.
         if (answer.status == 0) {
             answer.status = IPC_TOO_LARGE;
-            ParcelBuffer::Clear(reply, WorkerBuffers::KEPT_CAPACITY);
+            ParcelBuffer::Clear(reply, Worker::KEPT_CAPACITY);
         }
     }
     answer.length = static_cast<uint32_t>(reply.GetDataSize());
-    buffers.hasFreedMuch |= context_.NoteUse(std::max(header.length, answer.length));
-    const Next next = Reply(buffers, answer);
+    worker.hasFreedMuch |= context_.NoteUse(std::max(header.length, answer.length));
+    const Next next = Reply(worker, answer);
     // Now, since the worker's next request may be long in coming.
-    ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
+    ParcelBuffer::Clear(*worker.reply, Worker::KEPT_CAPACITY);
     if (observed) {
         context_.options.observer({header.code, caller_, header.length, answer.length, duration, answer.status});
     }
@@ -191,14 +191,14 @@ Connection::Next Connection::SendSome(const FrameHeader& header, const MessagePa
     return sent < sizeof(header) + header.length ? Next::OUTPUT : Next::INPUT;
 }
 
-Connection::Next Connection::Reply(WorkerBuffers& buffers, const FrameHeader& header)
+Connection::Next Connection::Reply(Worker& worker, const FrameHeader& header)
 {
     size_t sent = 0;
-    const Next next = SendSome(header, *buffers.reply, sent);
+    const Next next = SendSome(header, *worker.reply, sent);
     if (next != Next::OUTPUT) {
         return next;
     }
-    auto body = buffers.TakeReply();
+    auto body = worker.TakeReply();
     output_ = std::make_unique<Output>(context_, account_);
     output_->header = header;
     output_->sent = sent;
@@ -210,15 +210,15 @@ Connection::Next Connection::Reply(WorkerBuffers& buffers, const FrameHeader& he
     return next;
 }
 
-Connection::Next Connection::Flush(WorkerBuffers& buffers)
+Connection::Next Connection::Flush(Worker& worker)
 {
     if (!output_) {
         return Next::INPUT;
     }
     const Next next = SendSome(output_->header, *output_->body, output_->sent);
     if (next == Next::INPUT) {
-        buffers.reply.swap(output_->body);
-        ParcelBuffer::Clear(*buffers.reply, WorkerBuffers::KEPT_CAPACITY);
+        worker.reply.swap(output_->body);
+        ParcelBuffer::Clear(*worker.reply, Worker::KEPT_CAPACITY);
         output_.reset();
         deadline_.store(0);
     }

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -15,20 +16,9 @@
 
 namespace VARN::Host {
 
-// What a worker is doing, for the watcher, which tells of workers that are stuck.
-struct Running {
-    // Since when it has been serving a connection, in milliseconds; 0: it is not. Sequentially consistent together with
-    // the watcher's next look, as a deadline is.
-    std::atomic<int64_t> since{0};
-    // Relaxed: for a line.
-    std::atomic<uint32_t> code{0};
-    std::atomic<uid_t> uid{0};
-};
-
-// What a worker brings along from one request to the next, so that an idle connection needs no buffer.
-struct WorkerBuffers {
-    explicit WorkerBuffers(Running& whose) noexcept : running(whose) {}
-
+// A thread that runs requests: what it is doing, for the watcher, which tells of workers that are stuck, and what it
+// brings along from one request to the next, so that an idle connection needs no buffer.
+struct Worker {
     static constexpr size_t PIECE_SIZE = 16384;
 
     // What is kept of a reply's buffer for the next one. A longer one is for whichever worker needs one next: kept
@@ -39,10 +29,22 @@ struct WorkerBuffers {
     // it: what waits is counted by its bytes, and must not hold much more memory than that.
     std::unique_ptr<MessageParcel> TakeReply();
 
+    // Since when it has been serving a connection, in milliseconds; 0: it is not. Sequentially consistent together with
+    // the watcher's next look, as a deadline is.
+    std::atomic<int64_t> since{0};
+    // Relaxed: for a line.
+    std::atomic<uint32_t> code{0};
+    std::atomic<uid_t> uid{0};
+
+    // Only the thread itself touches these.
     alignas(FrameHeader) std::array<uint8_t, PIECE_SIZE> piece;
     std::unique_ptr<MessageParcel> reply = std::make_unique<MessageParcel>();
     bool hasFreedMuch = false;  // since it was last idle for a while, see GiveArenaBack
-    Running& running;
+
+    // Only the pool touches these.
+    size_t number = 0;
+    int64_t toldSince = 0;  // of which request its line was written
+    std::thread thread;
 };
 
 // One accepted connection: reads requests, has them handled, writes replies, and never waits. It reads nothing while a
@@ -69,10 +71,10 @@ public:
     ~Connection() { deadline_.store(0); }
 
     // Does what can be done without waiting, one request at the most. `hangUp`: the peer has closed its end.
-    Next Serve(WorkerBuffers& buffers, bool hangUp);
+    Next Serve(Worker& worker, bool hangUp);
 
-    // Writes what waits. INPUT when nothing waits any more; the reply's buffer then goes to `buffers`.
-    Next Flush(WorkerBuffers& buffers);
+    // Writes what waits. INPUT when nothing waits any more; the reply's buffer then goes to `worker`.
+    Next Flush(Worker& worker);
 
     int GetFd() const noexcept { return fd_.Get(); }
 
@@ -102,12 +104,12 @@ private:
         size_t sent = 0;
     };
 
-    Next ReadFirst(WorkerBuffers& buffers, bool hangUp);
-    Next ReadRest(WorkerBuffers& buffers);
+    Next ReadFirst(Worker& worker, bool hangUp);
+    Next ReadRest(Worker& worker);
     size_t Receive(void* to, size_t room, Next& next);
     Next Refuse(const FrameReader& reader, FrameReader::State state);
-    Next Dispatch(WorkerBuffers& buffers, const FrameHeader& header, MessageParcel& data);
-    Next Reply(WorkerBuffers& buffers, const FrameHeader& header);
+    Next Dispatch(Worker& worker, const FrameHeader& header, MessageParcel& data);
+    Next Reply(Worker& worker, const FrameHeader& header);
     Next SendSome(const FrameHeader& header, const MessageParcel& body, size_t& sent) const;
 
     ServiceContext& context_;

@@ -30,9 +30,9 @@ constexpr std::chrono::seconds DRAIN_TIME{2};
 
 thread_local const AbilityServer* currentServer = nullptr;
 
-int GetPatience(const WorkerBuffers& buffers)
+int GetPatience(const Worker& worker)
 {
-    return buffers.hasFreedMuch ? IDLE_MILLISECONDS : -1;
+    return worker.hasFreedMuch ? IDLE_MILLISECONDS : -1;
 }
 
 bool HasHungUp(const Connection& connection)
@@ -48,7 +48,7 @@ AbilityServer::Engine::Engine(const AbilityServer& server, const AbilityServerOp
       context_(server.id_, server.stub_, options),
       connections_(context_),
       turns_(context_),
-      workers_(context_, [this](Running& running) { RunThread([&] { Work(running); }); }),
+      workers_(context_, [this](Worker& worker) { RunThread([&] { Work(worker); }); }),
       watcher_(context_, connections_, workers_)
 {
 }
@@ -119,9 +119,8 @@ void AbilityServer::Engine::RunThread(const std::function<void()>& loop)
     }
 }
 
-void AbilityServer::Engine::Work(Running& running)
+void AbilityServer::Engine::Work(Worker& worker)
 {
-    WorkerBuffers buffers(running);
     while (!context_.stopping.load(std::memory_order_relaxed)) {
         // One event at a time: what waits behind a slow operation is there for the other workers to take.
         epoll_event event = {};
@@ -130,24 +129,24 @@ void AbilityServer::Engine::Work(Running& running)
         workers_.AwaitAny([&] {
             // A place that a stuck worker leaves brings no event: what waits for it is looked at from time to time.
             const bool looksAgain = workers_.HasSpare() || turns_.HasWaiting();
-            const int patience = looksAgain ? IDLE_MILLISECONDS : GetPatience(buffers);
+            const int patience = looksAgain ? IDLE_MILLISECONDS : GetPatience(worker);
             count = ::epoll_wait(connections_.GetEpoll(), &event, 1, patience);
             error = errno;
             return count == 0 ? turns_.HasWaiting() : count == 1 && event.data.ptr != nullptr;
         });
         if (count == 0) {
-            ServeWaiting(buffers);
-            if (buffers.hasFreedMuch) {
+            ServeWaiting(worker);
+            if (worker.hasFreedMuch) {
                 GiveArenaBack();
                 // What is held may be freed by any thread, into the arena that it came from.
-                buffers.hasFreedMuch = context_.bytes.CountHeld() != 0;
+                worker.hasFreedMuch = context_.bytes.CountHeld() != 0;
             }
-            if (workers_.Retire(running)) {
+            if (workers_.Retire(worker)) {
                 break;
             }
         }
         if (Slot* slot = connections_.SlotOf(event); count > 0 && slot != nullptr) {
-            HandleEvent(*slot, event.events, buffers);
+            HandleEvent(*slot, event.events, worker);
         } else if (count < 0 && error != EINTR) {
             PLATFORM_ERROR("service %d: a worker ends: epoll_wait: %s", context_.id, ErrorText(error).c_str());
             break;
@@ -155,7 +154,7 @@ void AbilityServer::Engine::Work(Running& running)
     }
 }
 
-void AbilityServer::Engine::HandleEvent(Slot& slot, uint32_t events, WorkerBuffers& buffers)
+void AbilityServer::Engine::HandleEvent(Slot& slot, uint32_t events, Worker& worker)
 {
     if (!slot.Acquire((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0)) {
         // It may wait for its turn: then no thread would read the reply.
@@ -167,11 +166,11 @@ void AbilityServer::Engine::HandleEvent(Slot& slot, uint32_t events, WorkerBuffe
             return;
         }
     }
-    Serve(slot, buffers, false);
-    ServeWaiting(buffers);
+    Serve(slot, worker, false);
+    ServeWaiting(worker);
 }
 
-void AbilityServer::Engine::ServeWaiting(WorkerBuffers& buffers)
+void AbilityServer::Engine::ServeWaiting(Worker& worker)
 {
     while (turns_.HasWaiting() && !context_.stopping.load(std::memory_order_relaxed)) {
         Slot* slot = turns_.TakeNext();
@@ -183,14 +182,14 @@ void AbilityServer::Engine::ServeWaiting(WorkerBuffers& buffers)
             turns_.End(*slot->account);
             EndConnection(*slot);
         } else {
-            Serve(*slot, buffers, true);
+            Serve(*slot, worker, true);
         }
     }
 }
 
 // Serves a connection that the calling worker owns until there is nothing left to do without waiting, or until it has
 // to wait for its turn: then it is the queue's, and nothing of it is touched any more. `hasBegun`: its turn has come.
-void AbilityServer::Engine::Serve(Slot& slot, WorkerBuffers& buffers, bool hasBegun)
+void AbilityServer::Engine::Serve(Slot& slot, Worker& worker, bool hasBegun)
 {
     do {
         auto next = Connection::Next::CLOSE;
@@ -206,14 +205,14 @@ void AbilityServer::Engine::Serve(Slot& slot, WorkerBuffers& buffers, bool hasBe
                 begin = CoarseMilliseconds();
                 // Once the server ends nothing begins; what a peer has still to read is sent at the end.
                 next = context_.stopping.load(std::memory_order_relaxed) ? Connection::Next::INPUT
-                                                                         : ServeOnce(slot, buffers, begin);
+                                                                         : ServeOnce(slot, worker, begin);
                 turns_.End(*slot.account);
                 // A deadline is for the watcher, which takes no connection that is owned. Others' turn comes first.
                 mayStay = (next == Connection::Next::INPUT || next == Connection::Next::TURN) &&
                           slot.deadline.load() == 0 && !turns_.HasWaiting();
             } while (
                 stay.GoesOn(begin, mayStay) && connections_.ArmForStay(slot) &&
-                (next == Connection::Next::TURN || stay.AwaitInput(slot.connection->GetFd(), GetPatience(buffers))));
+                (next == Connection::Next::TURN || stay.AwaitInput(slot.connection->GetFd(), GetPatience(worker))));
         }
         watcher_.WatchFor(slot.deadline.load());
         if (next == Connection::Next::CLOSE || !connections_.Arm(slot, next)) {
@@ -229,16 +228,15 @@ void AbilityServer::Engine::EndConnection(Slot& slot)
     watcher_.ConnectionEnded();
 }
 
-Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buffers, int64_t now)
+Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, Worker& worker, int64_t now)
 {
-    Running& running = buffers.running;
-    running.uid.store(slot.account->uid, std::memory_order_relaxed);
-    running.since.store(now);
+    worker.uid.store(slot.account->uid, std::memory_order_relaxed);
+    worker.since.store(now);
     watcher_.NoteRequest(now);
     Connection::Next next = Connection::Next::CLOSE;
     // The service's own exceptions never get here; an observer's or a failed allocation may.
     try {
-        next = slot.connection->Serve(buffers, std::exchange(slot.hasHungUp, false));
+        next = slot.connection->Serve(worker, std::exchange(slot.hasHungUp, false));
     } catch (const std::exception& exception) {
         PLATFORM_ERROR("service %d: a connection of uid %u is dropped: %s", context_.id, slot.account->uid,
                        exception.what());
@@ -246,7 +244,7 @@ Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buf
         PLATFORM_ERROR("service %d: a connection of uid %u is dropped: unknown exception", context_.id,
                        slot.account->uid);
     }
-    running.since.store(0, std::memory_order_relaxed);
+    worker.since.store(0, std::memory_order_relaxed);
     return next;
 }
 
@@ -254,13 +252,12 @@ Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, WorkerBuffers& buf
 void AbilityServer::Engine::DrainOutput()
 {
     const Deadline end(DRAIN_TIME);
-    Running nothing;
-    WorkerBuffers buffers(nothing);
+    Worker worker;
     std::vector<pollfd> waiting;
     do {
         waiting.clear();
         for (Slot& slot : connections_.GetPlaces()) {
-            if (slot.connection && slot.connection->Flush(buffers) == Connection::Next::OUTPUT) {
+            if (slot.connection && slot.connection->Flush(worker) == Connection::Next::OUTPUT) {
                 waiting.push_back({slot.connection->GetFd(), POLLOUT, 0});
             }
         }

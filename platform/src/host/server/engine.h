@@ -36,12 +36,12 @@ public:
 
 private:
     void RunThread(const std::function<void()>& loop);
-    void Work(Running& running);
+    void Work(Worker& worker);
 
-    void HandleEvent(Slot& slot, uint32_t events, WorkerBuffers& buffers);
-    void ServeWaiting(WorkerBuffers& buffers);
-    void Serve(Slot& slot, WorkerBuffers& buffers, bool hasBegun);
-    Connection::Next ServeOnce(Slot& slot, WorkerBuffers& buffers, int64_t now);
+    void HandleEvent(Slot& slot, uint32_t events, Worker& worker);
+    void ServeWaiting(Worker& worker);
+    void Serve(Slot& slot, Worker& worker, bool hasBegun);
+    Connection::Next ServeOnce(Slot& slot, Worker& worker, int64_t now);
     void EndConnection(Slot& slot);
     void DrainOutput();
 

@@ -33,7 +33,7 @@ constexpr int64_t WAKE_MILLISECONDS = 1000;
 
 }  // namespace
 
-WorkerPool::WorkerPool(ServiceContext& context, std::function<void(Running&)> work)
+WorkerPool::WorkerPool(ServiceContext& context, std::function<void(Worker&)> work)
     : context_(context), work_(std::move(work))
 {
 }
@@ -64,11 +64,11 @@ void WorkerPool::Stop()
 }
 
 // The last idle one stays, to be there for whatever comes.
-bool WorkerPool::Retire(const Running& self) noexcept
+bool WorkerPool::Retire(const Worker& self) noexcept
 {
     const MutexLock lock(mutex_);
-    const auto worker = std::find_if(threads_.begin(), threads_.end(),
-                                     [&self](const Worker& other) { return &other.running == &self; });
+    const auto worker =
+        std::find_if(threads_.begin(), threads_.end(), [&self](const Worker& other) { return &other == &self; });
     if (threads_.size() <= context_.options.workers || worker == threads_.end() || idle_.load() == 0) {
         return false;
     }
@@ -150,7 +150,7 @@ bool WorkerPool::AddThread()
         return false;
     }
     std::list<Worker> added(1);
-    added.front().thread = std::thread(work_, std::ref(added.front().running));
+    added.front().thread = std::thread(work_, std::ref(added.front()));
     added.front().number = ++lastNumber_;
     threads_.splice(threads_.end(), added);
     workers_.store(threads_.size(), std::memory_order_relaxed);
@@ -176,7 +176,7 @@ int64_t WorkerPool::LookForStuck(int64_t now, int64_t later)
     int64_t next = INT64_MAX;
     size_t stuck = 0;
     for (Worker& worker : threads_) {
-        const int64_t since = worker.running.since.load();
+        const int64_t since = worker.since.load();
         if (since == 0) {
             continue;
         }
@@ -190,8 +190,8 @@ int64_t WorkerPool::LookForStuck(int64_t now, int64_t later)
         if (worker.toldSince != since) {
             worker.toldSince = since;
             PLATFORM_WARN("service %d: worker %zu is stuck: request %u of uid %u runs for %lld ms", context_.id,
-                          worker.number, worker.running.code.load(std::memory_order_relaxed),
-                          worker.running.uid.load(std::memory_order_relaxed), static_cast<long long>(taken));
+                          worker.number, worker.code.load(std::memory_order_relaxed),
+                          worker.uid.load(std::memory_order_relaxed), static_cast<long long>(taken));
         }
     }
     stuck_.store(stuck, std::memory_order_relaxed);

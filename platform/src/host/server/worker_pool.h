@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <functional>
 #include <list>
-#include <thread>
 
 #include "host/base/thread_safety.h"
 #include "host/base/unique_fd.h"
@@ -70,9 +69,9 @@ public:
         bool isStaying_ = false;
     };
 
-    // At most `workers` threads, and `maxSpareWorkers` more which end when they are idle; each runs `work` once, which
-    // notes what it is doing. `context` outlives the pool.
-    WorkerPool(ServiceContext& context, std::function<void(Running&)> work);
+    // At most `workers` threads, and `maxSpareWorkers` more which end when they are idle; each runs `work` once.
+    // `context` outlives the pool.
+    WorkerPool(ServiceContext& context, std::function<void(Worker&)> work);
     ~WorkerPool() { Stop(); }
 
     // Throws what std::thread does when the system refuses the first one; for want of others it only writes a line. All
@@ -85,7 +84,7 @@ public:
 
     // Whether there are more than the usual ones, and, for one that has been idle, whether it has to end.
     bool HasSpare() const noexcept { return Count() > context_.options.workers; }
-    bool Retire(const Running& self) noexcept;
+    bool Retire(const Worker& self) noexcept;
 
     // Those that were started and have not retired.
     size_t Count() const noexcept { return workers_.load(std::memory_order_relaxed); }
@@ -114,7 +113,7 @@ private:
     bool AddWorker() noexcept;
 
     ServiceContext& context_;
-    const std::function<void(Running&)> work_;
+    const std::function<void(Worker&)> work_;
     UniqueFd wakeEvent_;  // readable: one that stays has to stop staying
 
     std::atomic<size_t> idle_{0};
@@ -125,12 +124,6 @@ private:
     // Relaxed: the worker that wins the exchange wakes, and nothing else depends on it.
     std::atomic<int64_t> lastWake_{0};
 
-    struct Worker {
-        Running running;
-        size_t number = 0;
-        int64_t toldSince = 0;  // of which request its line was written
-        std::thread thread;
-    };
     Mutex mutex_;
     std::list<Worker> threads_ GUARDED_BY(mutex_);
     std::list<Worker> retired_ GUARDED_BY(mutex_);  // they end now
