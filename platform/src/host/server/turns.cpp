@@ -24,11 +24,12 @@ bool Turns::Begin(Slot& slot)
 Slot* Turns::TakeNext()
 {
     const MutexLock lock(mutex_);
-    for (auto user = users_.begin(); user != users_.end(); ++user) {
-        Account& account = **user;
+    for (Account* account : users_) {
         size_t allowed = 0;
-        if (context_.workers.Take(account, account.workers, 1, allowed) == Stock::Answer::TAKEN) {
-            return Pop(user, account.queue.begin());
+        if (context_.workers.Take(*account, account->workers, 1, allowed) == Stock::Answer::TAKEN) {
+            Slot* slot = account->queue.front();
+            Pop(*slot);
+            return slot;
         }
     }
     return nullptr;
@@ -37,28 +38,23 @@ Slot* Turns::TakeNext()
 bool Turns::Remove(Slot& slot)
 {
     const MutexLock lock(mutex_);
-    for (auto user = users_.begin(); user != users_.end(); ++user) {
-        std::list<Slot*>& queue = (*user)->queue;
-        const auto place = std::find(queue.begin(), queue.end(), &slot);
-        if (place != queue.end()) {
-            Pop(user, place);
-            return true;
-        }
+    if (!slot.turn.empty()) {
+        return false;
     }
-    return false;
+    Pop(slot);
+    return true;
 }
 
 // The user goes to the end of the row, or, when it has no other, out of it.
-Slot* Turns::Pop(std::list<Account*>::iterator user, std::list<Slot*>::iterator place)
+void Turns::Pop(Slot& slot)
 {
-    Account& account = **user;
-    Slot& slot = **place;
-    slot.turn.splice(slot.turn.end(), account.queue, place);
-    std::list<Account*>& row = account.queue.empty() ? account.turn : users_;
-    row.splice(row.end(), users_, user);
+    Account& account = *slot.account;
+    std::list<Slot*>& queue = account.queue;
+    slot.turn.splice(slot.turn.end(), queue, std::find(queue.begin(), queue.end(), &slot));
+    std::list<Account*>& row = queue.empty() ? account.turn : users_;
+    row.splice(row.end(), users_, std::find(users_.begin(), users_.end(), &account));
     account.waiting.fetch_sub(1);
     waiting_.fetch_sub(1);
-    return &slot;
 }
 
 }  // namespace VARN::Host

@@ -42,7 +42,7 @@ public:
     bool Remove(Slot& slot);
 
 private:
-    Slot* Pop(std::list<Account*>::iterator user, std::list<Slot*>::iterator place) REQUIRES(mutex_);
+    void Pop(Slot& slot) REQUIRES(mutex_);
 
     ServiceContext& context_;
     std::atomic<size_t> waiting_{0};
