@@ -57,6 +57,7 @@ public:
         INPUT,   // wait until the peer sends
         OUTPUT,  // wait until the peer reads
         TURN,    // there is more to do, but it is others' turn first
+        STAY,    // a worker waits for it: only a hang-up is reported, once, since that cannot be turned off
         CLOSE,   // it is over
     };
 

@@ -3,6 +3,7 @@
 
 #include <sys/socket.h>
 
+#include <array>
 #include <cerrno>
 #include <utility>
 
@@ -14,14 +15,14 @@ namespace VARN::Host {
 
 namespace {
 
-constexpr uint32_t INPUT_EVENTS = EPOLLIN | EPOLLRDHUP | EPOLLET;
-// Once, since a reader frees its socket piece by piece: one worker is enough to fill it again. With one at a time a
-// busy reader mostly meets the same worker, and its replies take memory of one worker alone.
-constexpr uint32_t OUTPUT_EVENTS = EPOLLOUT | EPOLLRDHUP | EPOLLET | EPOLLONESHOT;
-// A socket is nearly always writable, so arming for both brings the next turn at once.
-constexpr uint32_t TURN_EVENTS = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
-
-constexpr uint32_t STAY_EVENTS = EPOLLET;
+// What is reported, in the order of Connection::Next.
+constexpr std::array<uint32_t, 4> EVENTS = {
+    EPOLLIN | EPOLLRDHUP | EPOLLET,
+    // Once, since a reader frees its socket piece by piece: one worker is enough to fill it again. With one at a time a
+    // busy reader mostly meets the same worker, and its replies take memory of one worker alone.
+    EPOLLOUT | EPOLLRDHUP | EPOLLET | EPOLLONESHOT,
+    // A socket is nearly always writable, so arming for both brings the next turn at once.
+    EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET, EPOLLET};
 
 // So many idle connections are tried for one newcomer: each may turn out to be busy.
 constexpr int MAX_EVICTIONS = 8;
@@ -48,11 +49,12 @@ void ConnectionSet::Admit(PeerSocket fd)
         return;
     }
     slot->connection.emplace(context_, std::move(fd), caller, *slot->account, slot->deadline);
+    slot->armedFor = Connection::Next::CLOSE;
     slot->pace.quickVisits = 0;
     slot->pace.lastVisit.store(CoarseMilliseconds(), std::memory_order_relaxed);
     slot->Begin();
     admitted_.fetch_add(1, std::memory_order_release);
-    if (!ArmFor(*slot, INPUT_EVENTS, EPOLL_CTL_ADD)) {
+    if (!Arm(*slot, Connection::Next::INPUT)) {
         PLATFORM_ERROR("service %d: a connection cannot be watched: %s", context_.id, ErrorText(errno).c_str());
         Close(*slot);
         return;
@@ -62,23 +64,16 @@ void ConnectionSet::Admit(PeerSocket fd)
 
 bool ConnectionSet::Arm(Slot& slot, Connection::Next next)
 {
-    const uint32_t events = next == Connection::Next::OUTPUT ? OUTPUT_EVENTS
-                            : next == Connection::Next::TURN ? TURN_EVENTS
-                                                             : INPUT_EVENTS;
-    return (events == slot.armedEvents && events == INPUT_EVENTS) || ArmFor(slot, events);
-}
-
-bool ConnectionSet::ArmForStay(Slot& slot)
-{
-    return slot.armedEvents == STAY_EVENTS || ArmFor(slot, STAY_EVENTS);
-}
-
-bool ConnectionSet::ArmFor(Slot& slot, uint32_t events, int operation)
-{
-    slot.armedEvents = events;
+    using Next = Connection::Next;
+    const Next before = std::exchange(slot.armedFor, next);
+    // The others bring their event by being armed anew.
+    if (before == next && (next == Next::INPUT || next == Next::STAY)) {
+        return true;
+    }
     epoll_event event = {};
-    event.events = events;
+    event.events = EVENTS[static_cast<size_t>(next)];
     event.data.ptr = &slot;
+    const int operation = before == Next::CLOSE ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
     return ::epoll_ctl(epoll_.Get(), operation, slot.connection->GetFd(), &event) == 0;
 }
 

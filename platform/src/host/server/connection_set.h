@@ -48,8 +48,6 @@ public:
 
     // Has epoll report what the connection waits for. False when the system refuses.
     bool Arm(Slot& slot, Connection::Next next);
-    // The same for a worker that stays: only a hang-up is reported, once, since that cannot be turned off.
-    bool ArmForStay(Slot& slot);
 
     // Ends the connection, gives its place back, and then lets the peer see the end.
     void Close(Slot& slot);
@@ -65,7 +63,6 @@ private:
     void EraseIfGone(const Account& account) REQUIRES(mutex_);
     Slot* FindLongestIdle(const Account* user) REQUIRES(mutex_);
     void Evict(Slot& slot);
-    bool ArmFor(Slot& slot, uint32_t events, int operation = EPOLL_CTL_MOD);
 
     ServiceContext& context_;
     UniqueFd epoll_;

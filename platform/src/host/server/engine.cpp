@@ -211,7 +211,7 @@ void AbilityServer::Engine::Serve(Slot& slot, Worker& worker, bool hasBegun)
                 mayStay = (next == Connection::Next::INPUT || next == Connection::Next::TURN) &&
                           slot.deadline.load() == 0 && !turns_.HasWaiting();
             } while (
-                stay.GoesOn(begin, mayStay) && connections_.ArmForStay(slot) &&
+                stay.GoesOn(begin, mayStay) && connections_.Arm(slot, Connection::Next::STAY) &&
                 (next == Connection::Next::TURN || stay.AwaitInput(slot.connection->GetFd(), GetPatience(worker))));
         }
         watcher_.WatchFor(slot.deadline.load());

@@ -86,10 +86,12 @@ public:
 
     // Only the owner touches these.
     std::optional<Connection> connection;
-    uint32_t armedEvents = 0;     // what the connection is registered for
-    bool hasHungUp = false;       // the event that made it the owner said that the peer has closed its end
-    std::list<Slot*> turn{this};  // its element of a queue, see Turns
+    Connection::Next armedFor = Connection::Next::CLOSE;  // which events epoll reports; CLOSE: it does not know it yet
+    bool hasHungUp = false;  // the event that made it the owner said that the peer has closed its end
     Pace pace;
+
+    // Its element of a queue, which has it while the connection waits there; under the lock of Turns.
+    std::list<Slot*> turn{this};
 
     // Changed by the owner, under the lock of ConnectionSet.
     Account* account = nullptr;  // whose connection it is
