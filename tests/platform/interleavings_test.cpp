@@ -6,7 +6,7 @@
 #include <set>
 #include <vector>
 
-#include "host/server/slot.h"
+#include "host/server/connection_set.h"
 
 // The steps by which workers pass connections to each other, in every order that threads can take them: a thread
 // sanitizer sees only what happened to run. A step is what one atomic operation, or one lock, makes indivisible.
