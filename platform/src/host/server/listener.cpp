@@ -108,27 +108,23 @@ std::vector<int> ReadEnvironment()
     return sockets;
 }
 
+Mutex handedMutex;
+
 // The sockets that the init system handed over (LISTEN_PID and LISTEN_FDS) and that no server has taken. The variables
 // are consumed by the first that asks, unless they are meant for another process. What is not taken stays open: it may
 // be for other parts of the program.
-struct HandedSockets {
-    Mutex mutex;
-    std::vector<int> sockets GUARDED_BY(mutex) = ReadEnvironment();
-};
-
-HandedSockets& Handed()
+std::vector<int>& HandedSockets() REQUIRES(handedMutex)
 {
-    static HandedSockets handed;
-    return handed;
+    static std::vector<int> sockets = ReadEnvironment();
+    return sockets;
 }
 
 // The one for the service whose socket file is called `fileName`: bound to a file of that name, or the only one there
 // is, unless its name is that of another service. Holds nothing when there is none.
 UniqueFd TakeHandedSocket(const std::string& fileName)
 {
-    HandedSockets& handed = Handed();
-    const MutexLock lock(handed.mutex);
-    std::vector<int>& sockets = handed.sockets;
+    const MutexLock lock(handedMutex);
+    std::vector<int>& sockets = HandedSockets();
     const bool isOnly = sockets.size() == 1;
     const auto chosen = std::find_if(sockets.begin(), sockets.end(), [&fileName, isOnly](int socket) {
         const std::string name = BoundFileName(socket);
@@ -164,21 +160,18 @@ std::string Listener::Open(const std::string& directory, int32_t id)
     fileName_ = path_.substr(directory.size() + 1);
     lockName_ = fileName_ + ".lock";
     socket_ = PeerSocket(TakeHandedSocket(fileName_));
-    std::string problem;
     if (socket_) {
         socket_.RefuseDescriptors();
         // The other end of the hand-over may have left it blocking.
-        if (::fcntl(socket_.Get(), F_SETFL, O_NONBLOCK) != 0) {
-            problem = Failure("fcntl", "of the handed socket");
-        }
-    } else if (CheckSocketFolder(directory, problem) == 0) {
-        folder_ = UniqueFd(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        problem = folder_ ? Bind() : Failure("open", directory);
+        const bool isReady = ::fcntl(socket_.Get(), F_SETFL, O_NONBLOCK) == 0;
+        return isReady ? std::string() : Failure("fcntl", "of the handed socket");
     }
-    if (!problem.empty()) {
-        Close();
+    std::string problem;
+    if (CheckSocketFolder(directory, problem) != 0) {
+        return problem;
     }
-    return problem;
+    folder_ = UniqueFd(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return folder_ ? Bind() : Failure("open", directory);
 }
 
 std::string Listener::Lock()
@@ -255,17 +248,14 @@ void Listener::Withdraw()
     }
 }
 
-void Listener::Close()
+Listener::~Listener()
 {
     Withdraw();
     if (socket_ && !folder_) {
         // The init system hands it over only once.
-        HandedSockets& handed = Handed();
-        const MutexLock lock(handed.mutex);
-        handed.sockets.push_back(socket_.Release());
+        const MutexLock lock(handedMutex);
+        HandedSockets().push_back(socket_.Release());
     }
-    folder_.Reset();
-    socket_ = PeerSocket();
 }
 
 }  // namespace VARN::Host

@@ -13,16 +13,14 @@ namespace VARN::Host {
 // that keeps two servers from taking each other's place.
 class Listener {
 public:
-    ~Listener() { Close(); }
+    // Withdraws. A socket that was handed over stays open, for the next one.
+    ~Listener();
 
     // Begins to listen for service `id`. Empty on success, else what is wrong.
     std::string Open(const std::string& directory, int32_t id);
 
     // Removes the files that were made here; clients that have connected stay connected.
     void Withdraw();
-
-    // Withdraws and ends. A socket that was handed over stays open, for the next `Open`.
-    void Close();
 
     int Get() const noexcept { return socket_.Get(); }
 
