@@ -22,7 +22,10 @@ constexpr std::array<uint32_t, 4> EVENTS = {
     // busy reader mostly meets the same worker, and its replies take memory of one worker alone.
     EPOLLOUT | EPOLLRDHUP | EPOLLET | EPOLLONESHOT,
     // A socket is nearly always writable, so arming for both brings the next turn at once.
-    EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET, EPOLLET};
+    EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET,
+    // A worker receives by itself.
+    EPOLLET,
+};
 
 // So many idle connections are tried for one newcomer: each may turn out to be busy.
 constexpr int MAX_EVICTIONS = 8;
