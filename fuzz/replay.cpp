@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "parcel_buffer.h"
 #include "support/calls.h"
 #include "support/record_cases.h"
 
@@ -44,15 +45,13 @@ void AddCalls(Seeds& seeds)
     answer.records = {Sample<Record::PermissionUsageRecord>()};
     answer.gTokenResultWithRet = Sample<GTokenResultWithRet>();
     const sptr<FakeService> service(new FakeService());
-    const size_t tokenSize = MakeRequest().size();
+    const size_t tokenSize = MakeRequest("").size();
     for (const uint32_t number : CODES) {
         const auto code = static_cast<char>(number);
         service->SetAnswer(number, answer);
         const sptr<IRemoteObject> listener(new ScriptedStub([&](uint32_t, auto& data, auto& reply, auto& option) {
-            const std::vector<int32_t> words = TakeWords(data);
-            Put(data, words);
-            Add(seeds["stub"], {code, '\1'}, BytesLeftIn(data).substr(tokenSize));
-            Put(data, words);
+            const std::string sent(reinterpret_cast<const char*>(ParcelBuffer::Data(data)), data.GetDataSize());
+            Add(seeds["stub"], {code, '\1'}, sent.substr(tokenSize));
             service->SendRequest(number, data, reply, option);
             Add(seeds["proxy"], {code}, BytesLeftIn(reply));
             return 1;

@@ -79,7 +79,7 @@ template <uint32_t Code>
 void ReadReply(const std::vector<int32_t>& words)
 {
     const auto answer = [&words](uint32_t, auto&, auto& reply, auto&) {
-        Put(reply, words);
+        PutWords(reply, words);
         allocations = {};
         return 0;
     };
@@ -92,7 +92,8 @@ void ReadRequest(const std::vector<int32_t>& words)
     MessageParcel request;
     MessageParcel reply;
     MessageOption option;
-    PutAll(request, SecurityPrivacyServiceIntf::GetDescriptor(), words);
+    request.WriteInterfaceToken(SecurityPrivacyServiceIntf::GetDescriptor());
+    PutWords(request, words);
     allocations = {};
     service->OnRemoteRequest(Code, request, reply, option);
 }
@@ -100,7 +101,7 @@ template <class Record>
 void ReadRecord(const std::vector<int32_t>& words)
 {
     Parcel parcel;
-    Put(parcel, words);
+    PutWords(parcel, words);
     allocations = {};
     const sptr<Record> read(Record::Unmarshalling(parcel));
 }
@@ -134,7 +135,7 @@ TEST(Memory, FollowsTheBytesThatArrivedAndNotTheCount)
             for (const int32_t announced : {count, list.most}) {
                 Parcel message;
                 PutText(message, list.head);
-                Put(message, announced);
+                message.WriteInt32(announced);
                 for (int number = 0; number < count; ++number) {
                     PutText(message, list.element, static_cast<size_t>(number));
                 }
@@ -158,7 +159,7 @@ TEST(Memory, OfAPartOfARecordIsGivenBackAndNothingGoesOnBehindIt)
             words.pop_back();
             SCOPED_TRACE(record.name + std::to_string(words.size()));
             Parcel parcel;
-            Put(parcel, words);
+            PutWords(parcel, words);
             allocations = {};
             EXPECT_EQ(nullptr, record.unmarshal(parcel));
             EXPECT_EQ(0, allocations.bytes) << "it keeps what it has read";
@@ -211,7 +212,7 @@ TEST(Memory, ThatRunsOutLeavesARecordNullAndNamesTheClass)
         FailEach(
             [&] {
                 Parcel parcel;
-                Put(parcel, words);
+                PutWords(parcel, words);
                 log.Clear();
                 read = record.unmarshal(parcel);
             },

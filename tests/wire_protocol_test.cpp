@@ -78,7 +78,7 @@ TEST(WireProtocol, WrongTokensAreRefusedBeforeAnythingIsAsked)
         MessageParcel data;
         MessageParcel answer;
         MessageOption option;
-        Put(data, wrong);
+        data.WriteInterfaceToken(wrong);
         EXPECT_EQ(1, service->OnRemoteRequest(MessageCode::GTOKEN_POLICY_REMOVE_POLICY, data, answer, option));
         EXPECT_EQ(0U, answer.GetDataSize());
         EXPECT_EQ(

@@ -36,7 +36,8 @@ TEST(ParcelTest, ValuesComeBackInTheirOrder)
     Parcel parcel;
     const std::string text(70000, '\0');
     const std::u16string wide(u"\xD83D\xDE00");
-    ASSERT_TRUE(PutAll(parcel, int64_t{INT64_MIN}, text, wide, true, int32_t{2}));
+    ASSERT_TRUE(parcel.WriteInt64(INT64_MIN) && parcel.WriteString(text) && parcel.WriteString16(wide));
+    ASSERT_TRUE(parcel.WriteBool(true) && parcel.WriteInt32(2));
     EXPECT_EQ(INT64_MIN, parcel.ReadInt64());
     EXPECT_EQ(text, parcel.ReadString());
     EXPECT_EQ(wide, parcel.ReadString16());
@@ -78,9 +79,9 @@ TEST(ParcelTest, WriteThatEndsAtTheCapacitySucceeds)
 TEST(ParcelTest, PresenceOtherThanZeroReadsAValue)
 {
     Parcel parcel;
-    ASSERT_TRUE(PutAll(parcel, int32_t{-5}, int32_t{7}, int32_t{8}));
+    ASSERT_TRUE(PutWords(parcel, {-5, 7, 8}));
     ASSERT_TRUE(parcel.WriteParcelable(nullptr));
-    ASSERT_TRUE(PutAll(parcel, int32_t{1}, int32_t{3}));
+    ASSERT_TRUE(PutWords(parcel, {1, 3}));
     const sptr<Point> point = parcel.ReadParcelable<Point>();
     ASSERT_NE(nullptr, point);
     EXPECT_EQ(1, point->StrongCount());

@@ -200,8 +200,7 @@ private:
 // The longest request that there may be.
 std::string MakeLongest()
 {
-    return Host::MakeFrame(1,
-                           MakeRequest(std::string("x"), int32_t{1}, int32_t{0}) + std::string(16 * MEBIBYTE - 200, 0));
+    return Host::MakeFrame(1, MakeRequest("'x' 1 0") + std::string(16 * MEBIBYTE - 200, 0));
 }
 
 // A request with five thousand different names of one hash: a set works on them for a tenth of a second and more. The
@@ -211,19 +210,18 @@ std::string MakeColliding()
 {
     constexpr uint64_t M = 0xc6a4a7935bd1e995;
     constexpr uint64_t SEED = 0xc70f6907;
-    constexpr int32_t COUNT = 5000;
     const auto shift = [](uint64_t value) { return value ^ value >> 47; };
     uint64_t inverse = M;
     for (int round = 0; round < 6; ++round) {
         inverse *= 2 - M * inverse;
     }
-    std::vector<std::string> names;
-    for (uint64_t first = 0; names.size() < COUNT; ++first) {
+    std::string arguments = MakeRequest("'group' 1 5000");
+    for (uint64_t first = 0; first < 5000; ++first) {
         const uint64_t state = (SEED ^ 2 * sizeof(first) * M ^ shift(first * M) * M) * M;
         const uint64_t second = shift(state * inverse) * inverse;
-        names.push_back(Host::BytesOf(first) + Host::BytesOf(second));
+        arguments += Host::MakeBody(Host::BytesOf(first) + Host::BytesOf(second));
     }
-    return Host::MakeFrame(2, MakeRequest(std::string("group"), int32_t{1}, COUNT, names));
+    return Host::MakeFrame(2, arguments);
 }
 
 std::string MakeMany()
@@ -263,8 +261,7 @@ const AttackerCase allAttackers[] = {
     {"RepliesNotReadOfManyRequests", FLOOD(100, MakeMany(), Then::SEND_AGAIN, false)},
     {"RequestsWithoutEnd", FLOOD(128, MakeMany(), Then::SEND_AGAIN)},
     {"Garbage", FLOOD(128, std::string(1000, 'x'), Then::SEND_AGAIN)},
-    {"LinesThatNobodyReads",
-     FLOOD(16, Host::MakeFrame(12, MakeRequest(std::string("policy"), int32_t{0})), Then::SEND_AGAIN),
+    {"LinesThatNobodyReads", FLOOD(16, Host::MakeFrame(12, MakeRequest("'policy' 0")), Then::SEND_AGAIN),
      [] {
          int ends[2] = {};
          EXPECT_EQ(0, ::pipe(ends));

@@ -36,7 +36,7 @@ private:
 
 inline std::string MakeByAppFrame(const std::string& bundleName, int32_t userId)
 {
-    return Host::MakeFrame(1, MakeRequest(bundleName, userId, int32_t{0}));
+    return Host::MakeFrame(1, MakeRequest("'" + bundleName + "' " + std::to_string(userId) + " 0"));
 }
 inline const std::string honestFrame = MakeByAppFrame("com.example.bank", 100);
 

@@ -26,7 +26,7 @@ void ExpectUnread(const T& kept, Read read, const std::vector<Words>& cases)
     for (const Words& words : cases) {
         SCOPED_TRACE(testing::PrintToString(words));
         Parcel parcel;
-        Put(parcel, words);
+        PutWords(parcel, words);
         T value = kept;
         EXPECT_FALSE(read(parcel, value));
         EXPECT_EQ(kept, value);

@@ -30,11 +30,11 @@ inline std::string BytesLeftIn(Parcel& parcel)
 }
 
 // A request as bytes, to be sent as it is or spoilt.
-template <class... T>
-std::string MakeRequest(const T&... values)
+inline std::string MakeRequest(const std::string& values)
 {
     MessageParcel parcel;
-    PutAll(parcel, SecurityPrivacyServiceIntf::GetDescriptor(), values...);
+    parcel.WriteInterfaceToken(SecurityPrivacyServiceIntf::GetDescriptor());
+    PutText(parcel, values);
     return BytesLeftIn(parcel);
 }
 
