@@ -6,22 +6,30 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <functional>
 #include <future>
+#include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "host/wire/frame.h"
 #include "parcel_buffer.h"
+#include "support/parcels.h"
+#include "varn/remote_broker.h"
+#include "varn/remote_proxy.h"
 
-// The rules by which workers are started, stay and are woken, in the order that workers could follow them.
+// Parts of the platform by themselves.
 namespace VARN::Host {
 namespace {
 
 constexpr std::chrono::seconds PATIENCE{20};
 constexpr int64_t NOW = 5000;
 
+// The rules by which workers are started, stay and are woken, in the order that workers could follow them.
 class WorkerPoolTest : public ::testing::Test {
 protected:
     void SetUp() override { pool_.Start(); }
@@ -134,6 +142,56 @@ TEST(FrameReaderTest, MemoryFollowsWhatHasArrivedAndNotWhatIsAnnounced)
         EXPECT_LE(ParcelBuffer::Capacity(body), 4 * std::max<size_t>(arrived, 16384));
         ASSERT_EQ(FrameReader::State::PARTIAL, reader.Commit(room));
     }
+}
+
+using namespace std::string_literals;
+
+// From none of these words a value can be read: its target and the cursor stay.
+template <class T>
+void ExpectUnread(const T& kept, bool (Parcel::*read)(T&), const std::vector<std::vector<int32_t>>& cases)
+{
+    for (const std::vector<int32_t>& words : cases) {
+        SCOPED_TRACE(testing::PrintToString(words));
+        Parcel parcel;
+        PutWords(parcel, words);
+        T value = kept;
+        EXPECT_FALSE((parcel.*read)(value));
+        EXPECT_EQ(kept, value);
+        EXPECT_EQ(words, TakeWords(parcel));
+    }
+}
+
+TEST(ParcelLayoutTest, HostileBytesAreNotRead)
+{
+    ExpectUnread(int64_t{5}, &Parcel::ReadInt64, {{}, {1}});
+    // Nothing or a length alone; lengths that are negative, the greatest, one too long; no terminator.
+    ExpectUnread("kept"s, &Parcel::ReadString,
+                 {{}, {0}, {-1, 0}, {INT32_MIN, 0}, {INT32_MAX, 0, 0}, {4, 0x64636261}, {3, 0x64636261}, {1, 0x6261}});
+    // The same in units, and a length whose bytes are more than 32 bits hold.
+    ExpectUnread(u"kept"s, &Parcel::ReadString16,
+                 {{0}, {-1, 0, 0}, {INT32_MAX, 0, 0}, {0x40000000, 0, 0}, {2, 0x00620061}, {1, 0x00620061}});
+}
+
+struct Greeter : IRemoteBroker {
+    VARN_DECLARE_INTERFACE_DESCRIPTOR(u"test.Greeter")
+};
+
+// Nothing touches the registry before main, so this is made before it and destroyed after it: its delegator must then
+// leave the registry alone.
+struct OutlivesRegistry {
+    ~OutlivesRegistry()
+    {
+        if (delegator && !delegator->IsUnloaded()) {
+            std::fputs("the registry went without a word\n", stderr);
+            std::_Exit(1);
+        }
+    }
+    std::optional<BrokerDelegator<IRemoteProxy<Greeter>>> delegator;
+} outlivesRegistry;
+
+TEST(RegistryEndTest, DelegatorMayOutliveTheRegistry)
+{
+    EXPECT_FALSE(outlivesRegistry.delegator.emplace().IsUnloaded());
 }
 
 }  // namespace
