@@ -58,7 +58,11 @@ protected:
     bool MayStay()
     {
         Pace busy{NOW, 100};
-        return WorkerPool::Stay(pool_, busy).GoesOn(NOW, true);
+        WorkerPool::Stay stay(pool_, busy);
+        const bool goesOn = stay.GoesOn(NOW, true);
+        stay.GoesOn(NOW + 1, true);
+        EXPECT_EQ(NOW + 1, busy.lastVisit) << "it would pass for idle since the stay began";
+        return goesOn;
     }
     // The only idle worker gets something to do.
     void TakeIdleAway()
