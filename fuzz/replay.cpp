@@ -60,17 +60,6 @@ void AddCalls(Seeds& seeds)
     }
 }
 
-// The frames in pieces of `size` bytes, each behind its length.
-std::string Cut(const std::string& frames, size_t size)
-{
-    std::string pieces;
-    for (size_t at = 0; at < frames.size(); at += size) {
-        const std::string piece = frames.substr(at, size);
-        pieces += BytesOf(static_cast<uint16_t>(piece.size())) + piece;
-    }
-    return pieces;
-}
-
 // Requests whose replies have so many bytes, to a service that has a peer that reads and one that does not.
 void AddConnections(std::vector<std::string>& seeds, int32_t replyBytes)
 {
@@ -78,17 +67,15 @@ void AddConnections(std::vector<std::string>& seeds, int32_t replyBytes)
     const std::string frame = MakeFrame(7, Host::MakeBody("text") + BytesOf(replyBytes));
     const std::string longer = MakeFrame(8, std::string(3000, '\0'));
     const std::string full = MakeFrame(9, std::string(RECEIVED_AT_ONCE - HEADER_SIZE, '\0'));
-    const std::string streams[] = {frame + frame + longer + frame, frame + longer.substr(0, 2000), full + full + full};
+    const std::string streams[] = {frame + longer + frame, frame + longer.substr(0, 2000), full + full + full};
     for (const char reads : {'\0', '\1'}) {
         for (const size_t size : {size_t{1}, size_t{7}, size_t{300}, 3 * RECEIVED_AT_ONCE}) {
+            const std::string head =
+                reads + BytesOf(static_cast<uint16_t>(size)) + BytesOf(static_cast<uint16_t>(size - 1));
+            Add(seeds, head + frame, frame);
             for (const std::string& stream : streams) {
-                seeds.push_back(reads + Cut(stream, size));
+                seeds.push_back(head + stream);
             }
-        }
-        for (size_t at = 0; at < frame.size(); ++at) {
-            std::string changed = frame;
-            changed[at] = static_cast<char>(~changed[at]);
-            seeds.push_back(reads + Cut(changed.insert(0, frame), 64));
         }
     }
 }

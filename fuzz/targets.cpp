@@ -146,11 +146,13 @@ std::vector<uint32_t> Expected(const std::vector<uint8_t>& bytes)
     return codes;
 }
 
-// The first byte of the input says whether the peer reads; then follow pieces, each behind a word with its length.
+// The first byte of the input says whether the peer reads. Then two words say how long the pieces are in which the rest
+// comes, in turn: the first may be 0, an event without bytes, the second is one longer.
 void FeedConnection(std::string_view input)
 {
     static std::array<char, 65536> sink;
     const bool doesRead = Take<uint8_t>(input) % 2 == 0;
+    const size_t lengths[] = {Take<uint16_t>(input), size_t{1} + Take<uint16_t>(input)};
     std::array<int, 2> ends{};
     Require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()) == 0);
     const UniqueFd peer(ends[1]);
@@ -174,9 +176,8 @@ void FeedConnection(std::string_view input)
     {
         Connection connection(context, PeerSocket(UniqueFd{ends[0]}), Caller{1, 1, 1}, account, deadline);
         auto next = Connection::Next::INPUT;
-        while (next != Connection::Next::CLOSE && !input.empty()) {
-            const auto length = Take<uint16_t>(input);
-            const std::string_view piece = input.substr(0, length);
+        for (size_t number = 0; next != Connection::Next::CLOSE && !input.empty(); ++number) {
+            const std::string_view piece = input.substr(0, lengths[number % 2]);
             input.remove_prefix(piece.size());
             const ssize_t part = ::send(peer.Get(), piece.data(), piece.size(), MSG_NOSIGNAL);
             sent.insert(sent.end(), piece.begin(), piece.begin() + std::max<ssize_t>(part, 0));
@@ -190,6 +191,7 @@ void FeedConnection(std::string_view input)
             Require(next == Connection::Next::CLOSE || !connection.HasOutput() || deadline != 0);
         }
     }
+    sent.insert(sent.end(), input.begin(), input.end());  // had the connection not ended before it
     const std::vector<uint32_t> expected = Expected(sent);
     Require(executed.size() <= expected.size() && (!doesRead || executed.size() == expected.size()));
     Require(std::equal(executed.begin(), executed.end(), expected.begin()));
