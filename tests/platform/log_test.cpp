@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <pty.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -95,15 +94,8 @@ TEST_F(LogTest, ReplacedSinkIsNotCalledAnyMore)
     });
     const auto logger = std::async(std::launch::async, [] { VoLogPrint(0, 6, 0, "TAG", "held"); });
     inside.get_future().wait();
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(30);  // were it to wait for the parent's thread
-        SetLogSink(nullptr);
-        ::_exit(0);
-    }
-    int status = -1;
-    EXPECT_EQ(child, ::waitpid(child, &status, 0));
-    EXPECT_EQ(0, status);
+    // Were the child to wait for its parent's thread, the alarm would end it.
+    EXPECT_EXIT((::alarm(30), SetLogSink(nullptr), ::_exit(0)), ::testing::ExitedWithCode(0), "");
     const auto releaser = std::async(std::launch::async, [&leave] { leave.set_value(); });
     SetLogSink(nullptr);
     EXPECT_TRUE(left);
