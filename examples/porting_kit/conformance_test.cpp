@@ -8,12 +8,14 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "porting_kit/port.h"
 #include "security_privacy/security_privacy_client.h"
 #include "security_privacy/testing/fake_service.h"
 #include "support/call_operation.h"
+#include "support/scripted_stub.h"
 #include "varn/log.h"
 
 namespace VARN::Porting {
@@ -28,35 +30,6 @@ constexpr auto TIMEOUT = std::future_status::timeout;
 constexpr int32_t ID = 4711;
 constexpr int32_t OTHER_ID = 4712;
 enum Code : uint32_t { ECHO, STATUS, THROW, RUN_OUT_OF_MEMORY, WAIT };
-
-// Does what the code of a request says.
-class Actor final : public IPCObjectStub {
-public:
-    int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
-                            MessageOption& /*option*/) override
-    {
-        ++executions;
-        switch (code) {
-            case STATUS:
-                return std::stoi(data.ReadString());
-            case THROW:
-                throw std::runtime_error("broken");
-            case RUN_OUT_OF_MEMORY:
-                throw std::bad_alloc();
-            case WAIT:
-                entered.set_value();
-                release.get_future().wait();
-                break;
-            default:
-                break;
-        }
-        return reply.WriteString(data.ReadString()) ? 0 : IPC_NO_MEMORY;
-    }
-
-    std::atomic<int> executions{0};
-    std::promise<void> entered;
-    std::promise<void> release;
-};
 
 class TransportTest : public testing::Test {
 protected:
@@ -86,7 +59,31 @@ protected:
         return status;
     }
 
-    const sptr<Actor> actor{new Actor()};
+    std::atomic<int> executions{0};
+    std::atomic<int> inside{0};
+    std::promise<void> entered;
+    std::promise<void> release;
+    // Does what the code of a request says.
+    const sptr<IPCObjectStub> actor{new ScriptedStub(
+        [this](uint32_t code, auto& data, auto& reply, auto&) -> int32_t {
+            ++executions;
+            if (code == THROW) {
+                throw std::runtime_error("broken");
+            }
+            if (code == RUN_OUT_OF_MEMORY) {
+                throw std::bad_alloc();
+            }
+            if (code == WAIT) {
+                entered.set_value();
+                release.get_future().wait();
+            }
+            EXPECT_EQ(1, ++inside) << "of a serial object";
+            std::this_thread::yield();
+            --inside;
+            const std::string text = data.ReadString();
+            return code == STATUS ? std::stoi(text) : reply.WriteString(text) ? 0 : IPC_NO_MEMORY;
+        },
+        true)};
     sptr<IRemoteObject> object;
 };
 
@@ -110,7 +107,7 @@ TEST_F(TransportTest, ServiceThatHasGoneFailsRequestsAndIsFoundAgainWhenItIsBack
     EXPECT_EQ(0, Status(ECHO));
     StopServing(ID);
     EXPECT_NE(0, Status(ECHO));
-    EXPECT_EQ(1, actor->executions);
+    EXPECT_EQ(1, executions);
     EXPECT_EQ(nullptr, Find(ID, 0));
     EXPECT_EQ(1, actor->StrongCount()) << "the port still holds the stub";
     SetUp();
@@ -120,11 +117,11 @@ TEST_F(TransportTest, ServiceThatHasGoneFailsRequestsAndIsFoundAgainWhenItIsBack
 TEST_F(TransportTest, EndOfAServiceWaitsForTheRequestThatIsRunningAndEndsAll)
 {
     auto running = std::async(std::launch::async, [this] { return Status(WAIT); });
-    ASSERT_EQ(READY, actor->entered.get_future().wait_for(10s));
+    ASSERT_EQ(READY, entered.get_future().wait_for(10s));
     auto waiting = std::async(std::launch::async, [this] { return Status(ECHO); });
     auto end = std::async(std::launch::async, [] { StopServing(ID); });
     EXPECT_EQ(TIMEOUT, end.wait_for(200ms)) << "an operation is still running";
-    actor->release.set_value();
+    release.set_value();
     EXPECT_EQ(READY, end.wait_for(10s));
     EXPECT_EQ(READY, running.wait_for(10s));
     EXPECT_EQ(READY, waiting.wait_for(10s));
@@ -158,9 +155,9 @@ TEST_F(TransportTest, WaitTimeEndsARequestWhichIsNeitherRepeatedNorMistakenForTh
     const auto began = std::chrono::steady_clock::now();
     EXPECT_NE(0, Status(WAIT, "late", 1));
     EXPECT_LT(std::chrono::steady_clock::now() - began, 6s);
-    actor->release.set_value();
+    release.set_value();
     EXPECT_EQ(0, Status(ECHO, "next"));
-    EXPECT_EQ(2, actor->executions);
+    EXPECT_EQ(2, executions);
 }
 
 TEST_F(TransportTest, ThreadsGetTheirOwnAnswers)
@@ -174,7 +171,7 @@ TEST_F(TransportTest, ThreadsGetTheirOwnAnswers)
         }));
     }
     threads.clear();
-    EXPECT_EQ(400, actor->executions);
+    EXPECT_EQ(400, executions);
 }
 
 TEST(LibraryTest, SendsEveryRequestOverTheTransport)

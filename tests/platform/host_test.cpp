@@ -1,16 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <sys/resource.h>
 
-#include <atomic>
 #include <chrono>
 #include <deque>
-#include <future>
 #include <new>
 #include <regex>
 #include <set>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/host_fixture.h"
@@ -116,26 +113,6 @@ TEST_F(HostTest, ExceptionBecomesAStatusOnBothRoads)
         EXPECT_EQ(IPC_SERVICE_FAILED, Ask(object, 3, "").first);
     }
     EXPECT_THAT(Log(), HasSubstr("request 1 failed: an exception left the service: broken"));
-}
-
-TEST_F(HostTest, SerialInvocationRunsOneAtATime)
-{
-    std::atomic<int> inside{0};
-    const sptr<IRemoteObject> service(new ScriptedStub(
-        [&inside](auto, auto&, auto&, auto&) {
-            EXPECT_EQ(1, ++inside);
-            std::this_thread::yield();
-            return --inside;
-        },
-        true));
-    const auto ask = [&service] {
-        for (int request = 0; request < 1000; ++request) {
-            EXPECT_EQ(0, Ask(service, 1, "").first);
-        }
-    };
-    std::thread other(ask);
-    ask();
-    other.join();
 }
 
 // One worker is busy and one waits: the third stays with a connection, and must miss nothing of it and of the others.
