@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <csignal>
 #include <deque>
 #include <filesystem>
@@ -106,7 +107,9 @@ TEST(ServiceProcessTest, OnlyTheServicesOwnSocketIsTakenOfThoseHandedOver)
         for (const bool isAfterRestart : {false, true}) {
             const Host::RawClient client(sockets.served);
             ASSERT_TRUE(IsAnswered(client)) << isAfterRestart;
-            EXPECT_TRUE(Host::SendDescriptor(client.GetFd(), honestFrame, STDIN_FILENO) < 0 || client.IsClosed());
+            const bool isRefused = Host::SendDescriptor(client.GetFd(), honestFrame, STDIN_FILENO) < 0;
+            EXPECT_EQ(Host::CanRefuseDescriptors(client.GetFd()), isRefused && errno == EPERM);
+            EXPECT_TRUE(isRefused ? IsAnswered(client) : client.IsClosed()) << "refused where they are sent";
             ::kill(service.Pid(), SIGHUP);
             ASSERT_TRUE(service.IsReady()) << service.Log();
         }

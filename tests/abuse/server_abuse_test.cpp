@@ -146,18 +146,6 @@ TEST_F(ServerAbuseTest, HalfCloseBehindRequestsLosesNoAnswer)
     EXPECT_TRUE(peer.IsClosed());
 }
 
-TEST_F(ServerAbuseTest, DescriptorsAreRefusedWhereTheyAreSent)
-{
-    ASSERT_NO_FATAL_FAILURE(Serve());
-    const RawClient peer(Path());
-    if (!CanRefuseDescriptors(peer.GetFd())) {
-        GTEST_SKIP() << "this kernel cannot";
-    }
-    EXPECT_EQ(-1, SendDescriptor(peer.GetFd(), askFrame, STDIN_FILENO));
-    EXPECT_EQ(EPERM, errno);
-    EXPECT_TRUE(IsAnswered(peer)) << "on the same connection";
-}
-
 TEST_F(ServerAbuseTest, RefusalsDoNotFillTheLog)
 {
     ASSERT_NO_FATAL_FAILURE(Serve());
