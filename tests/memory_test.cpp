@@ -11,10 +11,9 @@
 #include <utility>
 #include <vector>
 
-#include "platform/raw_client.h"
+#include "platform/host_fixture.h"
 #include "support/calls.h"
 #include "support/record_cases.h"
-#include "varn/host/ability_manager.h"
 
 namespace {
 
@@ -233,20 +232,13 @@ TEST(Memory, ThatRunsOutOnTheWayToAServiceFailsTheRequest)
     const Host::SocketFolder folder;
     sptr<IRemoteObject> object;
     {
-        const Host::RawServer goesAway(folder.Path() + "/4711.sock");
-        object = Host::AbilityManager::Get()->LoadSystemAbility(4711, 8);
+        const Host::RawServer goesAway(folder.SocketPath());
+        object = Host::Load(8);
         ASSERT_NE(nullptr, object);
     }
     const LogCapture log;
     int32_t status = 0;
-    FailEach(
-        [&] {
-            MessageParcel data;
-            MessageParcel reply;
-            MessageOption option;
-            status = object->SendRequest(1, data, reply, option);
-        },
-        [&](size_t number) { EXPECT_NE(0, status) << number; });
+    FailEach([&] { status = Host::Ask(object, 1, "").first; }, [&](size_t number) { EXPECT_NE(0, status) << number; });
     EXPECT_EQ(IPC_DEAD_OBJECT, status);
 }
 
