@@ -69,7 +69,6 @@ protected:
     {
         pool_.AwaitAny([] { return true; });
     }
-    static bool HasEnded(const std::future<void>& end) { return end.wait_for(PATIENCE) == std::future_status::ready; }
 
     std::atomic<int> started_{0};
     ServiceContext context_{1, nullptr, MakeOptions()};
@@ -87,7 +86,7 @@ TEST_F(WorkerPoolTest, AtTheLimitOneThatStaysIsWokenAndWakesTheNextUntilOneIsIdl
         return true;
     });
     for (const std::future<void>& end : ends) {
-        EXPECT_TRUE(HasEnded(end)) << "a wake-up was lost";
+        EXPECT_EQ(std::future_status::ready, end.wait_for(PATIENCE)) << "a wake-up was lost";
     }
     pool_.Stop();
     EXPECT_EQ(6, started_);
