@@ -68,9 +68,7 @@ std::optional<int64_t> ParseDate(std::string text, int64_t now)
 
 std::optional<int64_t> ParseTime(const std::string& text)
 {
-    static const int64_t now =
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
-            .count();
+    static const int64_t now = std::chrono::system_clock::now().time_since_epoch() / std::chrono::milliseconds(1);
     if (text.empty()) {
         return std::nullopt;
     }

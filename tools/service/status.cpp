@@ -27,6 +27,7 @@ namespace {
 
 using MessageCode = VARN::AppSecurityPrivacy::SecurityPrivacyServer::SecurityPrivacyServiceIntf::MessageCode;
 using nlohmann::ordered_json;
+using namespace std::chrono_literals;
 
 constexpr size_t MAX_WATCHERS = 16;
 constexpr size_t MAX_PENDING_BYTES = size_t{256} * 1024;
@@ -43,11 +44,6 @@ bool MayWatch(int socket)
     socklen_t size = sizeof(peer);
     return ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
            (peer.uid == 0 || peer.uid == ::geteuid());
-}
-
-int64_t Microseconds(std::chrono::nanoseconds time)
-{
-    return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
 }
 
 ordered_json Holdings(const VARN::Host::ServerStatistics& statistics)
@@ -83,7 +79,7 @@ std::string Line(const VARN::Host::Transaction& transaction)
                             {"bytesIn", transaction.requestBytes},
                             {"bytesOut", transaction.replyBytes},
                             {"status", transaction.status},
-                            {"durationUs", Microseconds(transaction.duration)}};
+                            {"durationUs", transaction.duration / 1us}};
     return line.dump() + "\n";
 }
 
@@ -91,8 +87,7 @@ std::string Line(const VARN::Host::Transaction& transaction)
 
 int64_t Now()
 {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+    return std::chrono::system_clock::now().time_since_epoch() / 1ms;
 }
 
 void Status::Count(const VARN::Host::Transaction& transaction)
@@ -138,8 +133,8 @@ std::string Status::Document() const
                             {"errors", counter.errors},
                             {"bytesIn", counter.requestBytes},
                             {"bytesOut", counter.replyBytes},
-                            {"totalUs", Microseconds(counter.total)},
-                            {"longestUs", Microseconds(counter.longest)}});
+                            {"totalUs", counter.total / 1us},
+                            {"longestUs", counter.longest / 1us}});
     }
     const ordered_json document{{"service", "security-privacy-service"},
                                 {"version", SECURITY_PRIVACY_VERSION},
@@ -230,7 +225,7 @@ void Status::Accept()
     const int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (socket < 0) {
         // Out of descriptors, perhaps: the connection stays where it is, and must not keep this thread busy.
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        std::this_thread::sleep_for(100ms);
         return;
     }
     if (watchers_.size() == MAX_WATCHERS || !MayWatch(socket)) {
