@@ -78,11 +78,6 @@ constexpr size_t MAX_KEPT_STATEMENTS = 48;
 // Longer ones have lists of numbers in them, and are hardly asked for twice.
 constexpr size_t MAX_KEPT_BYTES = 1024;
 
-[[noreturn]] void FailStep(const char* step)
-{
-    throw DatabaseError(std::string("cannot ") + step + ": " + std::strerror(errno));
-}
-
 // A file that is not there yet is private from its first moment.
 void MakeFile(const std::string& path)
 {
@@ -90,7 +85,7 @@ void MakeFile(const std::string& path)
     if (made >= 0) {
         ::close(made);
     } else if (errno != EEXIST) {
-        FailStep("open");
+        throw DatabaseError(std::string("cannot open: ") + std::strerror(errno));
     } else if (!std::filesystem::is_regular_file(path)) {
         throw DatabaseError("is not a file");
     }
@@ -106,22 +101,21 @@ Connection::Connection(const std::string& path)
 
 int32_t Connection::Transact(const char* begin, const Work& work)
 {
-    // SQLite itself ends a transaction that it cannot complete, such as on a full disk.
-    const auto undo = [this] {
-        Release();
-        tryExec("ROLLBACK");
-    };
+    int32_t code = 0;
     try {
         Run(begin);
-        work(*this);
+        try {
+            work(*this);
+        } catch (const Refusal& refusal) {
+            code = refusal.code;
+        }
         Release();
-        Run("COMMIT");
-        return 0;
-    } catch (const Refusal& refusal) {
-        undo();
-        return refusal.code;
+        Run(code == 0 ? "COMMIT" : "ROLLBACK");
+        return code;
     } catch (...) {
-        undo();
+        Release();
+        // SQLite itself ends a transaction that it cannot complete, such as on a full disk.
+        tryExec("ROLLBACK");
         throw;
     }
 }
@@ -157,7 +151,7 @@ void Database::KeepOthersAway()
 {
     const int file = ::open((path_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
     if (file < 0) {
-        FailStep("open its lock");
+        throw DatabaseError(std::string("cannot open its lock: ") + std::strerror(errno));
     }
     lock_ = std::shared_ptr<void>(nullptr, [file](void*) { ::close(file); });
     if (::flock(file, LOCK_EX | LOCK_NB) != 0) {
