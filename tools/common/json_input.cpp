@@ -2,7 +2,6 @@
 #include "common/json_input.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -22,11 +21,8 @@ std::string ReadFile(const std::string& path, size_t maxBytes)
 {
     std::ifstream file(path, std::ios::binary);
     std::string text;
-    std::array<char, 16384> piece;
-    while (file) {
-        file.read(piece.data(), piece.size());
-        text.append(piece.data(), static_cast<size_t>(file.gcount()));
-        if (text.size() > maxBytes) {
+    for (char byte = 0; file.get(byte); text += byte) {
+        if (text.size() == maxBytes) {
             throw InputError(path + ": is longer than the " + std::to_string(maxBytes) + " bytes allowed");
         }
     }
@@ -154,10 +150,9 @@ GTokenInfo ReadGTokenInfo(const JsonNode& node)
     info.fingerprint = node["fingerprint"].Text();
     info.versionCode = node["versionCode"].Integer();
     for (const auto& [name, value] : node["policies"].Members()) {
-        GTokenPolicy policy;
+        GTokenPolicy& policy = info.policies.emplace_back();
         policy.policyName = name;
         policy.policyValue = value.Integer();
-        info.policies.push_back(policy);
     }
     return info;
 }
