@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 
@@ -17,13 +18,10 @@ constexpr size_t GAP = 2;
 // Takes the first character off `text` and returns its columns.
 size_t TakeCharacter(std::string_view& text)
 {
-    wchar_t character = 0;
-    std::mbstate_t state = {};
-    const size_t length = std::mbrtowc(&character, text.data(), text.size(), &state);
-    const bool isCharacter = length > 0 && length <= text.size();
-    text.remove_prefix(isCharacter ? length : 1);
-    const int width = isCharacter ? ::wcwidth(character) : 1;
-    return width < 0 ? 1 : static_cast<size_t>(width);
+    wchar_t character = L'?';
+    text.remove_prefix(static_cast<size_t>(std::max(std::mbtowc(&character, text.data(), text.size()), 1)));
+    // -1 where the system does not know the character.
+    return static_cast<size_t>(std::abs(::wcwidth(character)));
 }
 
 std::string Dump(const OutputOptions& options, const Json& value)

@@ -181,9 +181,7 @@ void RunStatus(const Program& program, const Wanted& /*options*/)
 std::string ExactTime(const Json& request)
 {
     const int64_t time = Number(request, "time");
-    char milliseconds[8];
-    std::snprintf(milliseconds, sizeof(milliseconds), ".%03d", static_cast<int>(std::abs(time % SECOND)));
-    return FormatTime(time) + milliseconds;
+    return FormatTime(time) + std::to_string(SECOND + std::abs(time % SECOND)).replace(0, 1, ".");
 }
 
 void RunMonitor(const Program& program, const Wanted& options)
