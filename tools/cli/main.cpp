@@ -10,6 +10,7 @@
 
 #include "cli/output.h"
 #include "cli/program.h"
+#include "cli/remote_service.h"
 #include "common/json_input.h"
 #include "common/result_codes.h"
 #include "common/standard_files.h"
@@ -47,19 +48,17 @@ void AddCommonOptions(CLI::App& app, Program& program)
 {
     app.set_help_flag("-h,--help", "Print this and exit; every command has its own");
     app.set_version_flag("--version", "security-privacy-cli " SECURITY_PRIVACY_VERSION, "Print the version and exit");
-    app.add_flag("--json", program.output.isJson, "Print JSON in place of tables; a failure is an object \"error\"");
-    const auto setCompact = [&program] { program.output = {true, true}; };
+    app.add_flag("--json", program.isJson, "Print JSON in place of tables; a failure is an object \"error\"");
+    const auto setCompact = [&program] { program.isJson = program.isCompact = true; };
     app.add_flag_callback("--compact", setCompact, "Print JSON without line breaks");
-    app.add_flag("-v,--verbose", program.service.isVerbose,
-                 "Show the log lines of library and platform on standard error");
+    app.add_flag("-v,--verbose", program.isVerbose, "Show the log lines of library and platform on standard error");
     // An empty one leaves what the variable says.
     const auto setFolder = [](const std::string& folder) {
         ::setenv(DIRECTORY_VARIABLE, folder.c_str(), folder.empty() ? 0 : 1);
     };
     AddReader<std::string>(app, "--directory", setFolder, "FOLDER",
                            "Folder of the service's socket [$VARN_ABILITY_DIR or /run/varn]");
-    AddOption(app, "--wait", program.service.waitSeconds, "SECONDS",
-              "How long to wait for a service that is not there yet [4]")
+    AddOption(app, "--wait", program.waitSeconds, "SECONDS", "How long to wait for a service that is not there yet [4]")
         ->check(CLI::Range(0, MAX_WAIT_SECONDS));
 }
 
@@ -73,8 +72,8 @@ int Report(const Program& program, const Failure& failure)
         message += (message.empty() ? "" : "\n") + VisibleText(line);
     }
     std::fprintf(stderr, "security-privacy-cli: %s\n", message.c_str());
-    if (program.output.isJson) {
-        PrintResult(program.output,
+    if (program.isJson) {
+        PrintResult(program,
                     {{"error",
                       {{"exitCode", static_cast<int>(failure.exitCode)},
                        {"code", failure.code},
@@ -102,8 +101,8 @@ int Run(CLI::App& app, Program& program, const std::vector<std::string>& words)
         const auto isGiven = [&words](const char* flag) {
             return std::find(words.begin(), words.end(), flag) != words.end();
         };
-        program.output.isCompact = isGiven("--compact");
-        program.output.isJson = program.output.isCompact || isGiven("--json");
+        program.isCompact = isGiven("--compact");
+        program.isJson = program.isCompact || isGiven("--json");
         // What is wrong, and where the manual of that command is.
         const CLI::App* command = &app;
         std::string path = app.get_name();

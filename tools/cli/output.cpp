@@ -24,9 +24,9 @@ size_t TakeCharacter(std::string_view& text)
     return static_cast<size_t>(std::abs(::wcwidth(character)));
 }
 
-std::string Dump(const OutputOptions& options, const Json& value)
+std::string Dump(const Program& program, const Json& value)
 {
-    return value.dump(options.isCompact ? -1 : 2, ' ', true, Json::error_handler_t::replace);
+    return value.dump(program.isCompact ? -1 : 2, ' ', true, Json::error_handler_t::replace);
 }
 
 std::string CellText(const Column& column, const Json& object)
@@ -59,18 +59,18 @@ void PrintRow(const Columns& columns, const Json& object)
     std::puts(line.erase(line.find_last_not_of(' ') + 1).c_str());
 }
 
-void PrintRecords(const OutputOptions& options, size_t count, Columns columns,
+void PrintRecords(const Program& program, size_t count, Columns columns,
                   const std::function<Json(size_t index)>& makeObject)
 {
     if (count == 0) {
-        std::puts(options.isJson ? "[]" : "none");
+        std::puts(program.isJson ? "[]" : "none");
         return;
     }
-    if (options.isJson) {
-        const std::string end = options.isCompact ? "]" : "\n]";
+    if (program.isJson) {
+        const std::string end = program.isCompact ? "]" : "\n]";
         for (size_t index = 0; index < count; ++index) {
             // A list of this one alone, without its end. All but the first take a comma in the place of its beginning.
-            std::string item = Dump(options, Json::array({makeObject(index)}));
+            std::string item = Dump(program, Json::array({makeObject(index)}));
             item.front() = index == 0 ? '[' : ',';
             std::fwrite(item.data(), 1, item.size() - end.size(), stdout);
         }
@@ -93,9 +93,9 @@ void PrintRecords(const OutputOptions& options, size_t count, Columns columns,
     }
 }
 
-void PrintResult(const OutputOptions& options, const Json& json, const std::string& text)
+void PrintResult(const Program& program, const Json& json, const std::string& text)
 {
-    std::puts((options.isJson ? Dump(options, json) : VisibleText(text)).c_str());
+    std::puts((program.isJson ? Dump(program, json) : VisibleText(text)).c_str());
 }
 
 void FinishOutput()

@@ -44,9 +44,12 @@ struct Failure : std::runtime_error {
     std::string name;
 };
 
-struct OutputOptions {
+// What the command line says for every command.
+struct Program {
     bool isJson = false;
-    bool isCompact = false;  // JSON without line breaks; only with isJson
+    bool isCompact = false;   // JSON without line breaks; only with isJson
+    int32_t waitSeconds = 4;  // for a service that is not there yet
+    bool isVerbose = false;   // shows the log lines
 };
 
 // A column of a table of JSON objects: it shows `member` as it is, or the text that `format` makes of the object. A
@@ -68,15 +71,16 @@ std::string Text(const Json& object, const std::string& name);
 // Prints a line of a table, its headings for null. Nothing follows the last text of a line.
 void PrintRow(const Columns& columns, const Json& object);
 
-// Prints `count` records as the options say: a JSON list, or a table, "none" where there are no records. `makeObject`
-// is called again whenever a record is needed, so that a long table takes no memory. A column is as wide as its longest
-// text, but one text alone does not widen it past 40 columns: a table stays about as long as what is in it.
-void PrintRecords(const OutputOptions& options, size_t count, Columns columns,
+// Prints `count` records as the command line says: a JSON list, or a table, "none" where there are no records.
+// `makeObject` is called again whenever a record is needed, so that a long table takes no memory. A column is as wide
+// as its longest text, but one text alone does not widen it past 40 columns: a table stays about as long as what is in
+// it.
+void PrintRecords(const Program& program, size_t count, Columns columns,
                   const std::function<Json(size_t index)>& makeObject);
 
-// Prints a result as the options say: `json`, or the line `text`. In JSON other characters than ASCII are escaped,
-// bytes that are no UTF-8 replaced.
-void PrintResult(const OutputOptions& options, const Json& json, const std::string& text);
+// Prints a result as the command line says: `json`, or the line `text`. In JSON other characters than ASCII are
+// escaped, bytes that are no UTF-8 replaced.
+void PrintResult(const Program& program, const Json& json, const std::string& text);
 
 // Draws a timeline on standard output, as wide as the terminal: a row for each app, time from left to right, a letter
 // where the app used an operation group, "!" where a use was denied. Title, axis and legend are part of it. `records`

@@ -10,15 +10,8 @@
 #include <utility>
 
 #include "cli/output.h"
-#include "cli/remote_service.h"
 
 namespace SecurityPrivacyTools {
-
-// What the command line says for every command.
-struct Program {
-    ServiceOptions service;
-    OutputOptions output;
-};
 
 // Each adds its commands to the parser.
 void AddGroupsCommands(CLI::App& app, const Program& program);

@@ -9,7 +9,6 @@
 #include <new>
 #include <utility>
 
-#include "cli/output.h"
 #include "common/result_codes.h"
 #include "security_privacy/connect.h"
 #include "security_privacy/contract.h"
@@ -29,30 +28,25 @@ namespace Contract = VARN::AppSecurityPrivacy::SecurityPrivacyServer;
 // At most so long is an answer without records: its result and their number.
 constexpr size_t EMPTY_LIST_BYTES = 12;
 
-// Why a call with such a status failed; null for a status that is the service's own result.
-const char* Describe(int32_t status)
-{
-    static const std::map<int32_t, const char*> reasons = {
-        {Contract::STATUS_UNKNOWN_CODE, "the service does not know this request; it may be of another version"},
-        {VARN::IPC_UNKNOWN_REQUEST, "the service does not know this request; it may be of another version"},
-        {Contract::STATUS_MALFORMED,
-         "the service could not read the request, or the answer has more than the 10000 records that are allowed; "
-         "narrow it with --since, --until or --limit"},
-        {Contract::INVALID_ARGUMENTS,
-         "the service could not read the request, or it has more than the 10000 entries that are allowed"},
-        {VARN::IPC_DEAD_OBJECT,
-         "the connection was lost before the answer came, so the request may or may not have been executed; the "
-         "service's log may say why"},
-        {VARN::IPC_TIMED_OUT, "the service took too long to answer, so the request may or may not have been executed"},
-        {VARN::IPC_PROTOCOL_ERROR, "the answer makes no sense; the socket may belong to another kind of service"},
-        {VARN::IPC_TOO_LARGE,
-         "the request or the answer is longer than a message may be, or than the service has room for now"},
-        {VARN::IPC_NO_MEMORY, "memory ran out"},
-        {VARN::IPC_SERVICE_FAILED, "the service failed while it handled the request; its log says how"},
-    };
-    const auto reason = reasons.find(status);
-    return reason != reasons.end() ? reason->second : status < 0 ? "the call failed" : nullptr;
-}
+// Why a call with such a status failed.
+const std::map<int32_t, const char*> REASONS = {
+    {Contract::STATUS_UNKNOWN_CODE, "the service does not know this request; it may be of another version"},
+    {VARN::IPC_UNKNOWN_REQUEST, "the service does not know this request; it may be of another version"},
+    {Contract::STATUS_MALFORMED,
+     "the service could not read the request, or the answer has more than the 10000 records that are allowed; "
+     "narrow it with --since, --until or --limit"},
+    {Contract::INVALID_ARGUMENTS,
+     "the service could not read the request, or it has more than the 10000 entries that are allowed"},
+    {VARN::IPC_DEAD_OBJECT,
+     "the connection was lost before the answer came, so the request may or may not have been executed; the "
+     "service's log may say why"},
+    {VARN::IPC_TIMED_OUT, "the service took too long to answer, so the request may or may not have been executed"},
+    {VARN::IPC_PROTOCOL_ERROR, "the answer makes no sense; the socket may belong to another kind of service"},
+    {VARN::IPC_TOO_LARGE,
+     "the request or the answer is longer than a message may be, or than the service has room for now"},
+    {VARN::IPC_NO_MEMORY, "memory ran out"},
+    {VARN::IPC_SERVICE_FAILED, "the service failed while it handled the request; its log says how"},
+};
 
 // The service's object, with a note of how each call ended.
 class WatchedObject final : public VARN::IRemoteObject {
@@ -89,22 +83,24 @@ void CheckAnswer(const Call& call, const std::string& reason)
                       "the service refused the request: user id " + std::to_string(uid) + " may not do this\n" + hint,
                       call.status);
     }
-    if (const char* description = Describe(call.status)) {
+    const auto known = REASONS.find(call.status);
+    // Any other status from 0 on is the service's own result.
+    if (known != REASONS.end() || call.status < 0) {
+        const std::string description = known != REASONS.end() ? known->second : "the call failed";
         const std::string line = call.status < 0 ? "\n" + reason : "";
-        throw Failure(EXIT_BROKEN, std::string(description) + " (status " + std::to_string(call.status) + ")" + line,
-                      call.status);
+        throw Failure(EXIT_BROKEN, description + " (status " + std::to_string(call.status) + ")" + line, call.status);
     }
 }
 
 }  // namespace
 
-Call Ask(const ServiceOptions& options, const std::function<int64_t(Service&)>& request)
+Call Ask(const Program& program, const std::function<int64_t(Service&)>& request)
 {
-    VARN::Host::SetLogLevel(options.isVerbose ? VARN::LOG_LEVEL_DEBUG : VARN::LOG_LEVEL_WARN);
+    VARN::Host::SetLogLevel(program.isVerbose ? VARN::LOG_LEVEL_DEBUG : VARN::LOG_LEVEL_WARN);
     // The sink has a share of it: log lines may come when this call is over.
     const auto reason =
-        std::make_shared<std::string>(options.isVerbose ? "see the log lines above" : "no reason was logged");
-    if (!options.isVerbose) {
+        std::make_shared<std::string>(program.isVerbose ? "see the log lines above" : "no reason was logged");
+    if (!program.isVerbose) {
         VARN::Host::SetLogSink([reason](const VARN::Host::LogLine& line) {
             // The library's lines follow from the platform's, which say what really happened.
             if (line.tag == "VARN") {
@@ -114,7 +110,7 @@ Call Ask(const ServiceOptions& options, const std::function<int64_t(Service&)>& 
     }
     Call call;
     const auto start = steady_clock::now();
-    const Contract::ConnectResult found = Contract::Connect(options.waitSeconds);
+    const Contract::ConnectResult found = Contract::Connect(program.waitSeconds);
     call.findingMs = Milliseconds(steady_clock::now() - start).count();
     if (found.service == nullptr) {
         throw Failure(EXIT_UNREACHABLE, "cannot reach the service: " + *reason +

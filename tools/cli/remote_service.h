@@ -6,6 +6,7 @@
 #include <functional>
 #include <vector>
 
+#include "cli/output.h"
 #include "security_privacy/security_privacy_service_intf.h"
 
 namespace SecurityPrivacyTools {
@@ -14,11 +15,6 @@ using Service = VARN::AppSecurityPrivacy::SecurityPrivacyServer::SecurityPrivacy
 
 // Where the platform looks for the sockets' folder; empty: in /run/varn.
 constexpr const char* DIRECTORY_VARIABLE = "VARN_ABILITY_DIR";
-
-struct ServiceOptions {
-    int32_t waitSeconds = 4;
-    bool isVerbose = false;
-};
 
 // What is known of a call that was answered.
 struct Call {
@@ -34,7 +30,7 @@ struct Call {
 // an answer, whatever it says. An interface tells its caller little, -1 for a call that was refused, malformed or lost.
 // This stands between proxy and remote object, where the status is seen, and takes the log lines: all go to standard
 // error when they are wanted, else the last one of the platform is the reason of a failure.
-Call Ask(const ServiceOptions& options, const std::function<int64_t(Service&)>& request);
+Call Ask(const Program& program, const std::function<int64_t(Service&)>& request);
 
 // Throws Failure unless the result is 0. `records` is how many came, for a call that brings some: an interface takes
 // too many of them for none.
@@ -42,10 +38,10 @@ void Check(const Call& call, size_t records = 1);
 
 // Sends a request that brings records: a member function of the interface whose last argument they are.
 template <class Record, class Request, class... Arguments>
-std::vector<Record> AskForRecords(const ServiceOptions& options, Request request, const Arguments&... arguments)
+std::vector<Record> AskForRecords(const Program& program, Request request, const Arguments&... arguments)
 {
     std::vector<Record> records;
-    const Call call = Ask(options, [&](Service& service) { return (service.*request)(arguments..., records); });
+    const Call call = Ask(program, [&](Service& service) { return (service.*request)(arguments..., records); });
     Check(call, records.size());
     return records;
 }

@@ -89,8 +89,8 @@ Json GroupToJson(const AppPermissionGroupInfo& info)
 template <auto REQUEST>
 void RunList(const Program& program, const ListOptions& options)
 {
-    auto infos = AskForRecords<AppPermissionGroupInfo>(program.service, REQUEST, options.name, options.userId,
-                                                       options.interested);
+    auto infos =
+        AskForRecords<AppPermissionGroupInfo>(program, REQUEST, options.name, options.userId, options.interested);
     std::sort(infos.begin(), infos.end(), [](const auto& left, const auto& right) {
         return std::tie(left.bundleName, left.uid, left.permissionGroup) <
                std::tie(right.bundleName, right.uid, right.permissionGroup);
@@ -99,16 +99,16 @@ void RunList(const Program& program, const ListOptions& options)
                              {"GROUP", "permissionGroup"}, {"STATE", "checkedState"},
                              {"FLAGS", "", FormatFlags},   {"CHOICES (DISABLED)", "", FormatChoices},
                              {"REASON", "disabledReason"}};
-    PrintRecords(program.output, infos.size(), columns, [&](size_t index) { return GroupToJson(infos[index]); });
+    PrintRecords(program, infos.size(), columns, [&](size_t index) { return GroupToJson(infos[index]); });
 }
 
 void RunSet(const Program& program, const SetOptions& options)
 {
     int32_t uid = options.uid;
     if (uid < 0) {
-        const auto infos = AskForRecords<AppPermissionGroupInfo>(
-            program.service, &Service::GetAppPermissionGroupInfosByApp, options.bundleName, options.userId,
-            std::unordered_set<std::string>());
+        const auto infos = AskForRecords<AppPermissionGroupInfo>(program, &Service::GetAppPermissionGroupInfosByApp,
+                                                                 options.bundleName, options.userId,
+                                                                 std::unordered_set<std::string>());
         if (infos.empty()) {
             throw Failure(EXIT_USAGE,
                           options.bundleName + " holds no permission group; to ask all the same, give its --uid");
@@ -116,11 +116,11 @@ void RunSet(const Program& program, const SetOptions& options)
         uid = infos.front().uid;
     }
     bool isChanged = false;
-    Check(Ask(program.service, [&](Service& service) {
+    Check(Ask(program, [&](Service& service) {
         return service.SetAppPermissionGroupCheckedState(options.bundleName, uid, options.permissionGroup,
                                                          options.parameter, isChanged);
     }));
-    PrintResult(program.output,
+    PrintResult(program,
                 {{"bundleName", options.bundleName},
                  {"uid", uid},
                  {"permissionGroup", options.permissionGroup},
@@ -148,7 +148,7 @@ Json UsageToJson(const PermissionUsageRecord& record)
 void RunUsage(const Program& program, const UsageOptions& options)
 {
     const PermissionUsageRecordQuery& query = options.query;
-    if (options.isChart && program.output.isJson) {
+    if (options.isChart && program.isJson) {
         throw Failure(EXIT_USAGE, "--chart and --json: choose one");
     }
     if (query.GetEndTimestamp() != 0 && query.GetBeginTimestamp() >= query.GetEndTimestamp()) {
@@ -156,7 +156,7 @@ void RunUsage(const Program& program, const UsageOptions& options)
                                       FormatTime(query.GetEndTimestamp()) + ")");
     }
     const auto request = options.isSummary ? &Service::GetPermissionUsageSummary : &Service::GetPermissionUsageTimeline;
-    auto records = AskForRecords<PermissionUsageRecord>(program.service, request, query);
+    auto records = AskForRecords<PermissionUsageRecord>(program, request, query);
     if (options.isChart && !records.empty()) {
         PrintChart(records, query.GetBeginTimestamp(), query.GetEndTimestamp());
         return;
@@ -183,7 +183,7 @@ void RunUsage(const Program& program, const UsageOptions& options)
                    std::forward_as_tuple(right.GetBundleName(), right.GetUid(), right.GetOperationGroup());
         });
     }
-    PrintRecords(program.output, records.size(), columns, [&](size_t index) { return UsageToJson(records[index]); });
+    PrintRecords(program, records.size(), columns, [&](size_t index) { return UsageToJson(records[index]); });
 }
 
 // An option that is a field of the query.
@@ -305,9 +305,8 @@ GTokenInfo MakeInfo(const AddPolicyOptions& options)
 void Change(const Program& program, const std::string& done, size_t count,
             const std::function<int64_t(Service&)>& request)
 {
-    Check(Ask(program.service, request));
-    PrintResult(program.output, {{done, count}},
-                done + ": " + std::to_string(count) + (count == 1 ? " bundle" : " bundles"));
+    Check(Ask(program, request));
+    PrintResult(program, {{done, count}}, done + ": " + std::to_string(count) + (count == 1 ? " bundle" : " bundles"));
 }
 
 void RunAdd(const Program& program, const AddPolicyOptions& options)
@@ -320,7 +319,7 @@ void RunAdd(const Program& program, const AddPolicyOptions& options)
 void RunGet(const Program& program, const BundlesOptions& options)
 {
     GTokenResultWithRet result;
-    const Call call = Ask(program.service, [&](Service& service) {
+    const Call call = Ask(program, [&](Service& service) {
         result = service.GTokenPolicyGetPolicy(options.policyName, options.bundleNames);
         return result.ret;
     });
@@ -334,7 +333,7 @@ void RunGet(const Program& program, const BundlesOptions& options)
                     {"policyValue", row.policyValue}};
     };
     PrintRecords(
-        program.output, result.gTokenResults.size(),
+        program, result.gTokenResults.size(),
         {{"BUNDLE", "bundleName"}, {"VERSION", "versionCode"}, {"POLICY", "policyName"}, {"VALUE", "policyValue"}},
         toJson);
 }

@@ -58,9 +58,9 @@ void RunPing(const Program& program, const Wanted& options)
         std::vector<PermissionUsageRecord> records;
         // Whatever the service thinks of the query: it has answered.
         const Call call =
-            Ask(program.service, [&](Service& service) { return service.GetPermissionUsageTimeline(query, records); });
+            Ask(program, [&](Service& service) { return service.GetPermissionUsageTimeline(query, records); });
         PrintResult(
-            program.output,
+            program,
             {{"name", name}, {"findingMs", call.findingMs}, {"answeringMs", call.answeringMs}, {"status", call.status}},
             name + ": found in " + Decimal(call.findingMs) + " ms, answered in " + Decimal(call.answeringMs) + " ms");
     }
@@ -161,10 +161,10 @@ void PrintObjects(const Json& objects)
 void RunStatus(const Program& program, const Wanted& /*options*/)
 {
     const Json status = StatusStream().Status();
-    PrintResult(program.output, status,
+    PrintResult(program, status,
                 Text(status, "service") + " " + Text(status, "version") + ", process " + Text(status, "pid") + ", up " +
                     FormatSpan(Number(status, "startedAt"), Number(status, "time")));
-    if (program.output.isJson) {
+    if (program.isJson) {
         return;
     }
     PrintObjects(Member(status, "requests"));
@@ -197,7 +197,7 @@ void RunMonitor(const Program& program, const Wanted& options)
         return wanted.empty() || std::find(wanted.begin(), wanted.end(), value) != wanted.end();
     };
     StatusStream stream;
-    if (!program.output.isJson) {
+    if (!program.isJson) {
         PrintRow(columns, Json());
     }
     for (int64_t shown = 0; options.count == 0 || shown < options.count;) {
@@ -208,8 +208,8 @@ void RunMonitor(const Program& program, const Wanted& options)
             !(isAmong(Text(request, "name"), options.names) && isAmong(Number(request, "uid"), options.uids))) {
             continue;
         }
-        if (isGap || program.output.isJson) {
-            PrintResult({program.output.isJson, true}, request,
+        if (isGap || program.isJson) {
+            PrintResult({program.isJson, true}, request,
                         "lost: " + Text(request, "lost") + " requests, which came faster than they were read");
         } else {
             PrintRow(columns, request);
