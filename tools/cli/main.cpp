@@ -35,7 +35,7 @@ std::string Manual()
         "  4  the service refuses this user\n"
         "  5  the connection was lost, the answer took too long, or one side did not understand the other\n"
         "\nResult codes of the service:\n";
-    for (const auto& [code, name, meaning] : RESULT_DESCRIPTIONS) {
+    for (const auto& [code, name, meaning] : RESULT_CODES) {
         manual += "  " + std::to_string(code) + "  " + Padded(name, 25) + " " + meaning + "\n";
     }
     return manual +

@@ -3,7 +3,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <new>
@@ -134,11 +136,12 @@ void Check(const Call& call, size_t records)
 {
     if (call.result != 0) {
         const auto code = static_cast<int32_t>(call.result);
-        const ResultDescription* known = DescribeResult(code);
-        const std::string what = known != nullptr ? std::string(known->name) + ": " + known->meaning
-                                                  : "which is no code that this program knows";
+        const auto* known = std::find(std::begin(RESULT_CODES), std::end(RESULT_CODES), code);
+        const bool isKnown = known != std::end(RESULT_CODES);
+        const std::string what =
+            isKnown ? std::string(known->name) + ": " + known->meaning : "which is no code that this program knows";
         throw Failure(EXIT_SERVICE_RESULT, "the service answered " + std::to_string(code) + ", " + what, code,
-                      known != nullptr ? known->name : "");
+                      isKnown ? known->name : "");
     }
     if (records == 0 && call.replyBytes > EMPTY_LIST_BYTES) {
         throw Failure(

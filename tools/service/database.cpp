@@ -106,8 +106,8 @@ int32_t Connection::Transact(const char* begin, const Work& work)
         Run(begin);
         try {
             work(*this);
-        } catch (const Refusal& refusal) {
-            code = refusal.code;
+        } catch (const ResultCode& refusal) {
+            code = refusal;
         }
         Release();
         Run(code == 0 ? "COMMIT" : "ROLLBACK");

@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "common/result_codes.h"
+
 namespace SecurityPrivacyTools {
 
 // Bounds of what is stored, in bytes. Without them one stored text, asked for again and again, makes an answer as long
@@ -27,14 +29,11 @@ constexpr size_t MAX_ANSWER_BYTES = size_t{4} * 1024 * 1024;
 // The database cannot do what it is asked to. The text holds no value of a row.
 using DatabaseError = SQLite::Exception;
 
-// Thrown by the work of a transaction, to undo it: the result code that the transaction then answers.
-struct Refusal {
-    int32_t code;
-};
-inline void Demand(bool isMet, int32_t code)
+// Thrown by the work of a transaction, to undo it, a result code is what the transaction then answers.
+inline void Demand(bool isMet, const ResultCode& code)
 {
     if (!isMet) {
-        throw Refusal{code};
+        throw ResultCode(code);
     }
 }
 
@@ -65,7 +64,7 @@ public:
     }
 
     // Runs `work` between `begin` ("BEGIN", or "BEGIN IMMEDIATE" to write) and the end of the transaction. Answers 0
-    // when what was written is on the disk, or the code of a Refusal; then, and when something is thrown, nothing is
+    // when what was written is on the disk, or a code that `work` threw; then, and when something is thrown, nothing is
     // written. To write, it waits for another process that does for as long as the connection allows.
     int32_t Transact(const char* begin, const Work& work);
 

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "common/json_input.h"
-#include "common/result_codes.h"
 #include "common/usage_codes.h"
 #include "security_privacy/contract.h"
 #include "service/security_privacy_service.h"
@@ -207,8 +206,8 @@ ImportCounts ImportDevice(Database& database, const std::string& path, int64_t n
         for (const JsonNode& item : root["gTokens"].Items()) {
             try {
                 SecurityPrivacyService::AddPolicies(connection, ReadGTokenInfo(item));
-            } catch (const Refusal& refusal) {
-                item.Fail(DescribeResult(refusal.code)->meaning);
+            } catch (const ResultCode& refusal) {
+                item.Fail(refusal.meaning);
             }
         }
         const int64_t known = connection.execAndGet("SELECT coalesce(max(id), 0) FROM usage").getInt64();

@@ -42,7 +42,7 @@ constexpr Listing BY_GROUP{"SELECT 1 FROM permission_group WHERE name = ?2", RES
                            "name = ? ORDER BY app.id, place", 1};
 
 // The statement at its first row, which has to be there.
-SQLite::Statement& Row(SQLite::Statement& statement, ResultCode missing)
+SQLite::Statement& Row(SQLite::Statement& statement, const ResultCode& missing)
 {
     Demand(statement.executeStep(), missing);
     return statement;
@@ -120,8 +120,7 @@ int32_t SecurityPrivacyService::Transact(int32_t (Database::*how)(const Connecti
         return (database_.*how)(work);
     } catch (const DatabaseError& error) {
         const ResultCode failure = how == &Database::Read ? RESULT_NOT_READ : RESULT_NOT_SAVED;
-        VoLogPrint(LOG_TYPE, VARN::LOG_LEVEL_ERROR, LOG_DOMAIN, LOG_TAG, "%s: %s", DescribeResult(failure)->meaning,
-                   error.what());
+        VoLogPrint(LOG_TYPE, VARN::LOG_LEVEL_ERROR, LOG_DOMAIN, LOG_TAG, "%s: %s", failure.meaning, error.what());
         return failure;
     }
 }

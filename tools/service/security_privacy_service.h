@@ -82,7 +82,7 @@ public:
     int32_t GTokenPolicyRemovePolicy(const std::vector<std::string>& bundleNames) override;
 
     // Stores the policies of a bundle, in a transaction of the caller's. A stored one keeps its fingerprint, which has
-    // to be the same, takes the new version code, and a policy of the same name is replaced. Throws Refusal.
+    // to be the same, takes the new version code, and a policy of the same name is replaced. Throws a ResultCode.
     static void AddPolicies(Connection& connection, const GTokenInfo& info);
 
 private:
