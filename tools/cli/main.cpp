@@ -6,6 +6,7 @@
 #include <exception>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "cli/output.h"
@@ -84,39 +85,28 @@ int Report(const Program& program, const Failure& failure)
     return failure.exitCode;
 }
 
-// Reads the command line and runs its command. Throws Failure.
-int Run(CLI::App& app, Program& program, const std::vector<std::string>& words)
+// Help that was asked for, or what is wrong with the command line and where the manual of that command is.
+int Explain(const CLI::App& app, Program& program, const CLI::ParseError& error, int argc, char** argv)
 {
-    try {
-        app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
-        FinishOutput();
-        return EXIT_OK;
-    } catch (const InputError& error) {
-        throw Failure(EXIT_USAGE, VisibleText(error.what()));
-    } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) {
-            return app.exit(error);
-        }
-        // The parser may have stopped before it came to the flags.
-        const auto isGiven = [&words](const char* flag) {
-            return std::find(words.begin(), words.end(), flag) != words.end();
-        };
-        program.isCompact = isGiven("--compact");
-        program.isJson = program.isCompact || isGiven("--json");
-        // What is wrong, and where the manual of that command is.
-        const CLI::App* command = &app;
-        std::string path = app.get_name();
-        while (!command->get_subcommands().empty()) {
-            command = command->get_subcommands().back();
-            path += " " + command->get_name();
-        }
-        const std::vector<std::string> unread = app.remaining(true);
-        const bool isCommandWrong = !command->get_subcommands(nullptr).empty();
-        const std::string what = !isCommandWrong  ? error.what()
-                                 : unread.empty() ? "a command is missing"
-                                                  : "\"" + unread.front() + "\" is no command";
-        throw Failure(EXIT_USAGE, VisibleText(what) + "\nSee '" + path + " --help'.");
+    if (error.get_exit_code() == 0) {
+        return app.exit(error);
     }
+    // The parser may have stopped before it came to the flags.
+    const auto isGiven = [=](std::string_view flag) { return std::find(argv, argv + argc, flag) != argv + argc; };
+    program.isCompact = isGiven("--compact");
+    program.isJson = program.isCompact || isGiven("--json");
+    const CLI::App* command = &app;
+    std::string path = app.get_name();
+    while (!command->get_subcommands().empty()) {
+        command = command->get_subcommands().back();
+        path += " " + command->get_name();
+    }
+    const std::vector<std::string> unread = app.remaining(true);
+    const bool isCommandWrong = !command->get_subcommands(nullptr).empty();
+    const std::string what = !isCommandWrong  ? error.what()
+                             : unread.empty() ? "a command is missing"
+                                              : "\"" + unread.front() + "\" is no command";
+    return Report(program, Failure(EXIT_USAGE, VisibleText(what) + "\nSee '" + path + " --help'."));
 }
 
 }  // namespace
@@ -127,10 +117,9 @@ int main(int argc, char** argv)
     // For the width of characters alone; names are UTF-8, whatever the user's language.
     std::setlocale(LC_CTYPE, "C.UTF-8");
     Program program;
+    CLI::App app("Asks the security-privacy service: permission groups of apps, what was used when, GToken policies.",
+                 "security-privacy-cli");
     try {
-        CLI::App app(
-            "Asks the security-privacy service: permission groups of apps, what was used when, GToken policies.",
-            "security-privacy-cli");
         app.get_formatter()->column_width(34);
         app.require_subcommand(1);
         // Common options may stand behind the command as well.
@@ -145,8 +134,13 @@ int main(int argc, char** argv)
         AddGTokenCommands(app, program);
         AddServiceCommands(app, program);
         app.footer(Manual());
-        const std::vector<std::string> words(argv + 1, argv + argc);
-        return Run(app, program, words);
+        app.parse(argc, argv);
+        FinishOutput();
+        return EXIT_OK;
+    } catch (const CLI::ParseError& error) {
+        return Explain(app, program, error, argc, argv);
+    } catch (const InputError& error) {
+        return Report(program, Failure(EXIT_USAGE, VisibleText(error.what())));
     } catch (const Failure& failure) {
         return Report(program, failure);
     } catch (const std::exception& error) {
