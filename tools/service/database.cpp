@@ -191,19 +191,18 @@ int32_t Database::Read(const Connection::Work& work)
         return Write(work);
     }
     std::unique_ptr<Connection> reader;
-    {
-        const std::lock_guard<std::mutex> lock(readersMutex_);
-        if (!readers_.empty()) {
-            reader = std::move(readers_.back());
-            readers_.pop_back();
-        }
+    std::unique_lock<std::mutex> lock(readersMutex_);
+    if (!readers_.empty()) {
+        reader = std::move(readers_.back());
+        readers_.pop_back();
     }
+    lock.unlock();
     if (!reader) {
         reader = std::make_unique<Connection>(path_);
     }
     // One state of the device for all statements.
     const int32_t result = reader->Transact("BEGIN", work);
-    const std::lock_guard<std::mutex> lock(readersMutex_);
+    lock.lock();
     readers_.push_back(std::move(reader));
     return result;
 }

@@ -120,11 +120,9 @@ void Status::Count(const VARN::Host::Transaction& transaction)
 
 std::string Status::Document() const
 {
-    std::map<uint32_t, Counter> counters;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        counters = counters_;
-    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    const std::map<uint32_t, Counter> counters = counters_;
+    lock.unlock();
     ordered_json requests = ordered_json::array();
     for (const auto& [code, counter] : counters) {
         requests.push_back({{"name", MessageCode::ToString(code)},
