@@ -61,19 +61,6 @@ std::string InNamed(Connection& connection, const std::string& column, const std
     return count == 1 ? " AND " + column + " = " + list : " AND +" + column + " IN (" + list + ")";
 }
 
-std::string Where(Connection& connection, const PermissionUsageRecordQuery& query)
-{
-    const std::string users = In("user", query.GetUserIds());
-    return " WHERE TRUE" +
-           InNamed(connection, "usage.app", query.GetBundleNames(), "SELECT id FROM app WHERE bundle = ?" + users) +
-           (users.empty() ? "" : " AND +usage.app IN (SELECT id FROM app WHERE TRUE" + users + ")") +
-           InNamed(connection, "usage.permission_group", query.GetOperationGroups(),
-                   "SELECT id FROM permission_group WHERE name = ?") +
-           In("mode", query.GetOperationModes()) + In("app_state", query.GetAppStates()) +
-           In("screen_state", query.GetScreenStates()) + (query.GetBeginTimestamp() != 0 ? " AND began >= ?1" : "") +
-           (query.GetEndTimestamp() != 0 ? " AND began < ?2" : "");
-}
-
 // One event, as each statement begins its columns with it.
 struct Event {
     int64_t began, ended, app, group;
@@ -86,10 +73,18 @@ SQLite::Statement& Select(Connection& connection, const PermissionUsageRecordQue
 {
     Demand(query.GetOrder() == OLDEST_FIRST || query.GetOrder() == NEWEST_FIRST, RESULT_BAD_ORDER);
     Demand(query.GetLimit() >= 0, RESULT_BAD_LIMIT);
-    return connection.Prepare(
+    const std::string users = In("user", query.GetUserIds());
+    const std::string sql =
         "SELECT began, ended, usage.app, usage.permission_group, mode, app_state, screen_state, times" + more +
-            Where(connection, query) + order + " LIMIT ?3",
-        query.GetBeginTimestamp(), query.GetEndTimestamp(), limit);
+        " WHERE TRUE" +
+        InNamed(connection, "usage.app", query.GetBundleNames(), "SELECT id FROM app WHERE bundle = ?" + users) +
+        (users.empty() ? "" : " AND +usage.app IN (SELECT id FROM app WHERE TRUE" + users + ")") +
+        InNamed(connection, "usage.permission_group", query.GetOperationGroups(),
+                "SELECT id FROM permission_group WHERE name = ?") +
+        In("mode", query.GetOperationModes()) + In("app_state", query.GetAppStates()) +
+        In("screen_state", query.GetScreenStates()) + (query.GetBeginTimestamp() != 0 ? " AND began >= ?1" : "") +
+        (query.GetEndTimestamp() != 0 ? " AND began < ?2" : "") + order + " LIMIT ?3";
+    return connection.Prepare(sql, query.GetBeginTimestamp(), query.GetEndTimestamp(), limit);
 }
 
 // The bundle, uid and group are columns of `names`, from `first` on.
