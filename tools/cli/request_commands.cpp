@@ -256,9 +256,8 @@ GTokenPolicy ParsePolicy(const std::string& text)
 {
     GTokenPolicy policy;
     const size_t equals = text.rfind('=');
-    const std::optional<int64_t> value =
-        equals != std::string::npos ? ParseWhole<int64_t>(text.substr(equals + 1)) : std::nullopt;
-    if (!value || equals == 0) {
+    const std::optional<int64_t> value = ParseWhole<int64_t>(text.substr(equals + 1));
+    if (!value || equals == 0 || equals == std::string::npos) {
         throw Failure(EXIT_USAGE,
                       "--policy: \"" + VisibleText(text) + "\" is not NAME=VALUE with a whole number as the value");
     }

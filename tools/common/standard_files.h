@@ -16,8 +16,7 @@ inline void OccupyStandardDescriptors()
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (::fcntl(descriptor, F_GETFD) < 0) {
             // The lowest free number is this one. Opened for the wrong direction, so that its use fails.
-            const int opened = ::open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
-            static_cast<void>(opened);
+            static_cast<void>(::open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY));
         }
     }
 }
