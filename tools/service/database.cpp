@@ -190,20 +190,19 @@ int32_t Database::Read(const Connection::Work& work)
     if (path_ == IN_MEMORY) {
         return Write(work);
     }
-    std::unique_ptr<Connection> reader;
+    std::list<Connection> reader;
     std::unique_lock<std::mutex> lock(readersMutex_);
     if (!readers_.empty()) {
-        reader = std::move(readers_.back());
-        readers_.pop_back();
+        reader.splice(reader.begin(), readers_, readers_.begin());
     }
     lock.unlock();
-    if (!reader) {
-        reader = std::make_unique<Connection>(path_);
+    if (reader.empty()) {
+        reader.emplace_back(path_);
     }
     // One state of the device for all statements.
-    const int32_t result = reader->Transact("BEGIN", work);
+    const int32_t result = reader.front().Transact("BEGIN", work);
     lock.lock();
-    readers_.push_back(std::move(reader));
+    readers_.splice(readers_.begin(), reader);
     return result;
 }
 

@@ -8,11 +8,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "common/result_codes.h"
 
@@ -110,8 +110,8 @@ private:
     std::mutex writing_;                  // held for a change, the disk included; in memory for a read as well
     std::unique_ptr<Connection> writer_;  // guarded by writing_
 
-    std::mutex readersMutex_;                           // held for as long as a pointer takes to move
-    std::vector<std::unique_ptr<Connection>> readers_;  // the idle ones, as many as have read at once
+    std::mutex readersMutex_;        // held for as long as a pointer takes to move
+    std::list<Connection> readers_;  // the idle ones, as many as have read at once
 };
 
 }  // namespace SecurityPrivacyTools
