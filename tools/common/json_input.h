@@ -20,8 +20,7 @@ namespace SecurityPrivacyTools {
 
 // A file cannot be used. The text says which file, where in it and what is wrong, but quotes nothing of its contents:
 // they may hold fingerprints.
-class InputError : public std::runtime_error {
-public:
+struct InputError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 

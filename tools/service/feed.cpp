@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/json_input.h"
+#include "common/result_codes.h"
 #include "common/usage_codes.h"
 #include "security_privacy/contract.h"
 #include "service/security_privacy_service.h"
