@@ -125,10 +125,9 @@ Colours ChooseColours(const Letters& letters)
 std::string Coloured(const std::string& signs, const Colours& colours)
 {
     std::string text;
-    for (size_t from = 0; from < signs.size() && !colours.empty();) {
-        const size_t to = std::min(signs.find_first_not_of(signs[from], from), signs.size());
+    for (size_t from = 0, to = 0; from < signs.size() && !colours.empty(); from = to) {
+        to = std::min(signs.find_first_not_of(signs[from], from), signs.size());
         text += colours.at(Upper(signs[from])) + signs.substr(from, to - from) + "\x1b[0m";
-        from = to;
     }
     return colours.empty() ? signs : text;
 }
@@ -251,7 +250,6 @@ std::string DrawTimeAxis(const TimeScale& scale)
     return axis;
 }
 
-// Draws the uses in their rows.
 void DrawUses(const std::vector<PermissionUsageRecord>& records, const Letters& letters, bool marksDenied,
               const TimeScale& scale, Rows& rows)
 {

@@ -74,13 +74,9 @@ int Report(const Program& program, const Failure& failure)
     }
     std::fprintf(stderr, "security-privacy-cli: %s\n", message.c_str());
     if (program.isJson) {
-        PrintResult(program,
-                    {{"error",
-                      {{"exitCode", static_cast<int>(failure.exitCode)},
-                       {"code", failure.code},
-                       {"name", failure.name},
-                       {"message", message}}}},
-                    "");
+        const Json error = {
+            {"exitCode", failure.exitCode}, {"code", failure.code}, {"name", failure.name}, {"message", message}};
+        PrintResult(program, {{"error", error}}, "");
     }
     return failure.exitCode;
 }

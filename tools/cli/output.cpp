@@ -39,8 +39,7 @@ std::string CellText(const Column& column, const Json& object)
 const Json& Member(const Json& object, const std::string& name)
 {
     static const Json nothing;
-    const auto member = object.find(name);
-    return member != object.end() ? *member : nothing;
+    return object.contains(name) ? object[name] : nothing;
 }
 
 std::string Text(const Json& object, const std::string& name)
@@ -77,14 +76,11 @@ void PrintRecords(const Program& program, size_t count, Columns columns,
         std::puts(end.c_str());
         return;
     }
-    for (Column& column : columns) {
-        column.width = column.heading.size();
-    }
     for (size_t index = 0; index < count; ++index) {
         const Json object = makeObject(index);
         for (Column& column : columns) {
             const size_t width = DisplayWidth(VisibleText(CellText(column, object)));
-            column.width = std::max(column.width, std::min(width, MAX_COLUMN));
+            column.width = std::max({column.width, column.heading.size(), std::min(width, MAX_COLUMN)});
         }
     }
     PrintRow(columns, Json());
@@ -129,8 +125,7 @@ std::string FitEnd(const std::string& text, size_t width)
 
 std::string Padded(std::string text, size_t width)
 {
-    const size_t shown = DisplayWidth(text);
-    return shown < width ? text.append(width - shown, ' ') : text;
+    return text.append(width - std::min(width, DisplayWidth(text)), ' ');
 }
 
 }  // namespace SecurityPrivacyTools
