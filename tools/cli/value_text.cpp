@@ -69,6 +69,9 @@ std::optional<int64_t> ParseDate(std::string text, int64_t now)
 std::optional<int64_t> ParseTime(const std::string& text)
 {
     static const int64_t now = std::chrono::system_clock::now().time_since_epoch() / std::chrono::milliseconds(1);
+    if (text.empty()) {
+        return std::nullopt;
+    }
     if (text == "now" || text == "today") {
         return text == "now" ? now : ParseDate("00:00", now);
     }

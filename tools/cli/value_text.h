@@ -30,8 +30,8 @@ constexpr int64_t MINUTE = 60 * SECOND;
 constexpr int64_t HOUR = 60 * MINUTE;
 constexpr int64_t DAY = 24 * HOUR;
 
-// A moment as a user writes it; `text` must not be empty. Null for anything else, and for what is before 1970 or after
-// MAX_TIME. "Now" is the same moment for all of them.
+// A moment as a user writes it. Null for anything else, and for what is before 1970 or after MAX_TIME. "Now" is the
+// same moment for all of them.
 //   2026-11-20, 2026-11-20T10:00, 2026-11-20T10:00:30: local time; with Z or +01:00 behind it that of the offset; a
 //                 blank may stand for the T
 //   now, today, 10:00, 10:00:30: the local day of now

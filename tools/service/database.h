@@ -29,7 +29,7 @@ constexpr size_t MAX_ANSWER_BYTES = size_t{4} * 1024 * 1024;
 // The database cannot do what it is asked to. The text holds no value of a row.
 using DatabaseError = SQLite::Exception;
 
-// Thrown by the work of a transaction, to undo it, a result code is what the transaction then answers.
+// For the work of a transaction: throws what the transaction then answers, which undoes it.
 inline void Demand(bool isMet, const ResultCode& code)
 {
     if (!isMet) {
