@@ -13,7 +13,6 @@
 
 #include "records/read_fields.h"
 #include "security_privacy/gtoken_info.h"
-#include "util/announced_list.h"
 #include "varn/message_parcel.h"
 
 // How lists stand in requests and replies, for both sides of a call: the proxy and the stub. Private to ipc/.
@@ -48,7 +47,7 @@ template <class Strings>
 Strings ReadStrings(MessageParcel& parcel, int32_t size)
 {
     Strings strings;
-    Util::ReadAnnounced(parcel, size, strings, [&](std::string& string) {
+    ReadAnnounced(parcel, size, strings, [&](std::string& string) {
         parcel.ReadString(string);
         return true;
     });
@@ -81,7 +80,7 @@ void ReadRecords(MessageParcel& parcel, int32_t announced, std::vector<Record>& 
                 const size_t expected =
                     read == 0 ? 16384 / sizeof(Record) : std::max(left * read / (start - left) + 1, read / 4);
                 const size_t most =
-                    std::min({static_cast<size_t>(announced) - read, expected, Util::MostElements<Record>(left)});
+                    std::min({static_cast<size_t>(announced) - read, expected, MostElements<Record>(left)});
                 const size_t room = std::max<size_t>(most, 1);
                 // A list that a caller appends to again and again is not moved each time.
                 records.reserve(std::max(records.size() + room, 2 * before));

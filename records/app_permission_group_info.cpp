@@ -7,7 +7,6 @@
 #include "records/field_io.h"
 #include "records/read_fields.h"
 #include "security_privacy/contract.h"
-#include "util/announced_list.h"
 #include "util/format_utils.h"
 #include "util/log_line.h"
 
@@ -51,10 +50,10 @@ bool ReadFields(Parcel& parcel, AppPermissionGroupInfo& info)
     isRead = isRead && READ(String, &info, checkedState);
     isRead = isRead && READ_LOCAL(Int32, shownStatesSizeRead);
     isRead = isRead && CHECK_AT_MOST(shownStatesSizeRead, MAX_STATES_SIZE);
-    isRead = isRead && Util::ReadAnnounced(parcel, shownStatesSizeRead, info.shownStates, readShownState);
+    isRead = isRead && ReadAnnounced(parcel, shownStatesSizeRead, info.shownStates, readShownState);
     isRead = isRead && READ_LOCAL(Int32, disabledStatesSizeRead);
     isRead = isRead && CHECK_AT_MOST(disabledStatesSizeRead, MAX_STATES_SIZE);
-    isRead = isRead && Util::ReadAnnounced(parcel, disabledStatesSizeRead, info.disabledStates, readDisabledState);
+    isRead = isRead && ReadAnnounced(parcel, disabledStatesSizeRead, info.disabledStates, readDisabledState);
     isRead = isRead && READ(String, &info, disabledReason);
     return isRead && READ(Int64, &info, flags);
 }

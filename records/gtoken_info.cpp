@@ -6,7 +6,6 @@
 #include "records/field_io.h"
 #include "records/read_fields.h"
 #include "security_privacy/contract.h"
-#include "util/announced_list.h"
 #include "util/format_utils.h"
 #include "util/log_line.h"
 
@@ -41,8 +40,8 @@ GTokenInfo* GTokenInfo::Unmarshalling(Parcel& parcel)
             static_cast<void>(info.release());
             return false;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
         }
-        return isRead && Util::ReadAnnounced(parcel, policiesSize, info->policies,
-                                             [&](GTokenPolicy& policy) { return ReadFields(parcel, policy); });
+        return isRead && ReadAnnounced(parcel, policiesSize, info->policies,
+                                       [&](GTokenPolicy& policy) { return ReadFields(parcel, policy); });
     });
 }
 

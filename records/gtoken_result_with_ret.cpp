@@ -6,7 +6,6 @@
 #include "records/field_io.h"
 #include "records/read_fields.h"
 #include "security_privacy/contract.h"
-#include "util/announced_list.h"
 #include "util/format_utils.h"
 #include "util/log_line.h"
 
@@ -37,8 +36,8 @@ GTokenResultWithRet* GTokenResultWithRet::Unmarshalling(Parcel& parcel)
             static_cast<void>(result.release());
             return false;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
         }
-        return isRead && Util::ReadAnnounced(parcel, gTokenResultsSize, result->gTokenResults,
-                                             [&](GTokenResult& row) { return ReadFields(parcel, row); });
+        return isRead && ReadAnnounced(parcel, gTokenResultsSize, result->gTokenResults,
+                                       [&](GTokenResult& row) { return ReadFields(parcel, row); });
     });
 }
 

@@ -5,8 +5,8 @@
 #include <new>
 
 #include "records/field_io.h"
+#include "records/read_fields.h"
 #include "security_privacy/contract.h"
-#include "util/announced_list.h"
 #include "util/format_utils.h"
 
 namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Record {
@@ -29,7 +29,7 @@ bool ReadList(Parcel& parcel, std::vector<Element>& list, bool (Parcel::*read)(E
 {
     int32_t size = 0;
     return parcel.ReadInt32(size) && size <= MAX_QUERY_LIST_SIZE &&
-           Util::ReadAnnounced(parcel, size, list, [&](Element& element) { return (parcel.*read)(element); });
+           ReadAnnounced(parcel, size, list, [&](Element& element) { return (parcel.*read)(element); });
 }
 
 }  // namespace
