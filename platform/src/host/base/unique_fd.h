@@ -13,27 +13,22 @@ public:
     UniqueFd() noexcept = default;
     explicit UniqueFd(int fd) noexcept : fd_(fd) {}
     UniqueFd(UniqueFd&& other) noexcept : fd_(other.Release()) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept
+    UniqueFd& operator=(UniqueFd other) noexcept
     {
-        Reset(other.Release());
+        std::swap(fd_, other.fd_);
         return *this;
     }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    ~UniqueFd() { Reset(); }
-
-    int Get() const noexcept { return fd_; }
-    explicit operator bool() const noexcept { return fd_ >= 0; }
-    [[nodiscard]] int Release() noexcept { return std::exchange(fd_, -1); }
-
-    void Reset(int fd = -1) noexcept
+    ~UniqueFd()
     {
         // Linux closes the descriptor even when close reports EINTR, so it is never tried again.
         if (fd_ >= 0) {
             ::close(fd_);
         }
-        fd_ = fd;
     }
+
+    int Get() const noexcept { return fd_; }
+    explicit operator bool() const noexcept { return fd_ >= 0; }
+    [[nodiscard]] int Release() noexcept { return std::exchange(fd_, -1); }
 
 private:
     int fd_ = -1;

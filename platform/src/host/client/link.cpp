@@ -49,7 +49,7 @@ ForkHandler Link::forkHandler_(ForkHandler::Rank::CONNECTIONS,
                                {[] { clientMutex.lock(); }, [] { clientMutex.unlock(); },
                                 [] {
                                     for (Link* link : All()) {
-                                        link->fd_.Reset();
+                                        link->fd_ = {};
                                         link->isChecked = false;
                                     }
                                     clientMutex.unlock();
@@ -65,7 +65,7 @@ Link::~Link()
 {
     const MutexLock lock(clientMutex);
     All().erase(std::find(All().begin(), All().end(), this));
-    fd_.Reset();
+    fd_ = {};
 }
 
 int Link::Connect(const std::string& directory, const std::string& path, std::string& problem)

@@ -132,7 +132,7 @@ UniqueFd TakeHandedSocket(const std::string& fileName)
     });
     UniqueFd socket;
     if (chosen != sockets.end()) {
-        socket.Reset(*chosen);
+        socket = UniqueFd(*chosen);
         sockets.erase(chosen);
     }
     return socket;
@@ -244,7 +244,7 @@ void Listener::Withdraw()
             ::unlinkat(folder_.Get(), fileName_.c_str(), 0);
         }
         ::unlinkat(folder_.Get(), lockName_.c_str(), 0);
-        lock_.Reset();
+        lock_ = {};
     }
 }
 
