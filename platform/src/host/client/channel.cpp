@@ -52,17 +52,6 @@ bool Channel::IsObjectDead() const
     return found != this && dead_.load(std::memory_order_relaxed);
 }
 
-// As long as nothing is wrong except that too many wait to be accepted it waits too.
-int Channel::ConnectInTime(Link& link, const Deadline& deadline, std::string& problem) const
-{
-    int error = link.Connect(directory_, path_, problem);
-    while (error == EAGAIN && !deadline.IsOver()) {
-        std::this_thread::sleep_for(QUEUE_PAUSE);
-        error = link.Connect(directory_, path_, problem);
-    }
-    return error == EAGAIN ? ETIMEDOUT : error;
-}
-
 // Takes an idle connection that is alive; null when there is none. For a request, `user` says as whom: one that was
 // made as another is closed, since a program that gave up its privileges must not go on using them, and that `Prepare`
 // has looked is enough.
@@ -138,7 +127,13 @@ try {
         const bool isKept = link != nullptr;
         if (!isKept) {
             link = std::make_unique<Link>();
-            error = ConnectInTime(*link, deadline, problem);
+            error = link->Connect(directory_, path_, problem);
+            if (error == EAGAIN && !deadline.IsOver()) {
+                // Too many wait to be accepted: it waits too.
+                std::this_thread::sleep_for(QUEUE_PAUSE);
+                continue;
+            }
+            error = error == EAGAIN ? ETIMEDOUT : error;
         }
         if (error == 0) {
             step = "sending";

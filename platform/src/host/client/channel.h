@@ -40,7 +40,6 @@ public:
     const std::string& GetDirectory() const noexcept { return directory_; }
 
 private:
-    int ConnectInTime(Link& link, const Deadline& deadline, std::string& problem) const;
     std::unique_ptr<Link> TakeAlive(const Link::Identity* user);
     void GiveBack(std::unique_ptr<Link>&& link);
     int32_t Report(uint32_t code, const char* step, int error, const std::string& problem);
