@@ -139,21 +139,19 @@ int Link::Send(const FrameHeader& header, const MessageParcel& data, const Deadl
     return error;
 }
 
-// Has the socket itself bound what a receive waits for. False when it refuses.
-bool Link::LimitWait(Deadline::Clock::duration time)
-{
-    const timeval limit = {std::chrono::duration_cast<std::chrono::seconds>(time).count(), 0};
-    if (waitTime_ != time && ::setsockopt(fd_.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) == 0) {
-        waitTime_ = time;
-    }
-    return waitTime_ == time;
-}
-
 // Receives what is there, waiting for the first byte. End of file is an error here.
 int Link::ReceiveSome(void* to, size_t room, const Deadline& deadline, size_t& got, std::string& problem)
 {
-    // A receive that blocks saves a poll, but may take the whole of the wait time once more: so only at the beginning.
-    int flags = deadline.HasJustBegun() && LimitWait(deadline.GetTime()) ? 0 : MSG_DONTWAIT;
+    // A receive that blocks saves a poll, but may take the whole of the wait time, which the socket itself then bounds,
+    // once more: so only at the beginning.
+    const auto time = deadline.GetTime();
+    const timeval limit = {std::chrono::duration_cast<std::chrono::seconds>(time).count(), 0};
+    int flags = MSG_DONTWAIT;
+    if (deadline.HasJustBegun() &&
+        (waitTime_ == time || ::setsockopt(fd_.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) == 0)) {
+        waitTime_ = time;
+        flags = 0;
+    }
     for (;;) {
         const ssize_t received = ::recv(fd_.Get(), to, room, flags);
         if (received > 0) {

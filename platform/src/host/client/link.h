@@ -62,7 +62,6 @@ public:
 
 private:
     int ReceiveSome(void* to, size_t room, const Deadline& deadline, size_t& got, std::string& problem);
-    bool LimitWait(Deadline::Clock::duration time);
 
     static std::vector<Link*>& All();  // guarded by clientMutex
     static ForkHandler forkHandler_;
