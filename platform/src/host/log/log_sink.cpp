@@ -32,33 +32,28 @@ namespace VARN::Host {
 
 namespace {
 
-// Writes if standard error is ready. A pipe then has room for a page, unless another writer comes first.
-ssize_t WriteIfReady(std::string_view text) noexcept
+// Writes what is taken at once. Where this kernel cannot, standard error is opened anew, for not waiting; and where
+// that is not allowed it is written to if it is ready: a pipe then has room for a page, unless another writer comes
+// first, and a terminal that is nearly full is ready, and has its writer wait all the same.
+ssize_t WriteAtOnce(std::string_view text) noexcept
 {
+    const iovec piece = {const_cast<char*>(text.data()), text.size()};
+    const ssize_t written = ::pwritev2(STDERR_FILENO, &piece, 1, -1, RWF_NOWAIT);
+    if (written >= 0 || (errno != EOPNOTSUPP && errno != ENOSYS && errno != EINVAL)) {
+        return written;
+    }
+    const UniqueFd own(::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (own) {
+        return ::write(own.Get(), text.data(), text.size());
+    }
     pollfd entry = {STDERR_FILENO, POLLOUT, 0};
     const bool isReady = ::poll(&entry, 1, 0) == 1 && entry.revents == POLLOUT;
     return isReady ? ::write(STDERR_FILENO, text.data(), std::min<size_t>(text.size(), PIPE_BUF)) : -1;
 }
 
-// A terminal that is nearly full is ready, and has its writer wait all the same. So it is opened anew, for not waiting.
-ssize_t WriteToTerminal(std::string_view text) noexcept
-{
-    const UniqueFd own(::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    return own ? ::write(own.Get(), text.data(), text.size()) : WriteIfReady(text);
-}
-
-// Writes what is taken at once. Where this kernel cannot, `other` does.
-ssize_t WriteAtOnce(std::string_view text, ssize_t (*other)(std::string_view)) noexcept
-{
-    const iovec piece = {const_cast<char*>(text.data()), text.size()};
-    const ssize_t written = ::pwritev2(STDERR_FILENO, &piece, 1, -1, RWF_NOWAIT);
-    const bool isUnknown = written < 0 && (errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL);
-    return isUnknown ? other(text) : written;
-}
-
 // The same, but a pipe without a reader fails and does nothing else: SIGPIPE is held back, and taken away if the write
 // brought it.
-ssize_t WriteToPipe(std::string_view text) noexcept
+ssize_t WriteWithoutSignal(std::string_view text) noexcept
 {
     constexpr timespec AT_ONCE = {};
     sigset_t pipe;
@@ -68,7 +63,7 @@ ssize_t WriteToPipe(std::string_view text) noexcept
     ::sigaddset(&pipe, SIGPIPE);
     const bool wasPending = ::sigpending(&pending) == 0 && ::sigismember(&pending, SIGPIPE) == 1;
     ::pthread_sigmask(SIG_BLOCK, &pipe, &before);
-    const ssize_t written = WriteAtOnce(text, WriteIfReady);
+    const ssize_t written = WriteAtOnce(text);
     if (!wasPending) {
         static_cast<void>(TEMP_FAILURE_RETRY(::sigtimedwait(&pipe, nullptr, &AT_ONCE)));
     }
@@ -86,16 +81,10 @@ size_t WriteToStandardError(std::string_view text) noexcept
     if (::fstat(STDERR_FILENO, &status) != 0) {
         return 0;
     }
-    ssize_t written = -1;
-    if (S_ISSOCK(status.st_mode)) {
-        written = ::send(STDERR_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    } else if (S_ISFIFO(status.st_mode)) {
-        written = WriteToPipe(text);
-    } else if (S_ISCHR(status.st_mode)) {
-        written = WriteAtOnce(text, WriteToTerminal);
-    } else {
-        written = ::write(STDERR_FILENO, text.data(), text.size());
-    }
+    const ssize_t written = S_ISSOCK(status.st_mode)
+                                ? ::send(STDERR_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL)
+                            : S_ISREG(status.st_mode) ? ::write(STDERR_FILENO, text.data(), text.size())
+                                                      : WriteWithoutSignal(text);
     return written < 0 ? 0 : static_cast<size_t>(written);
 }
 
