@@ -25,13 +25,6 @@ namespace {
 constexpr std::chrono::milliseconds FIRST_PAUSE{1};
 constexpr std::chrono::milliseconds LAST_PAUSE{50};
 
-// Whether the service may still appear: there is no socket yet, no server listens on it, or its queue is full. Anything
-// else (a folder that is unsafe or closed to us, a path too long) will not get better by waiting.
-bool MayAppear(int error)
-{
-    return error == ENOENT || error == ECONNREFUSED || error == EAGAIN;
-}
-
 }  // namespace
 
 struct __attribute__((visibility("hidden"))) AbilityManager::State {
@@ -120,9 +113,12 @@ sptr<IRemoteObject> AbilityManager::LoadSystemAbility(int32_t systemAbilityId, i
             deadline.emplace(std::chrono::seconds(std::max(timeoutSeconds, 0)));
         }
         const int left = deadline->LeftMilliseconds();
-        if (!MayAppear(error) || left == 0) {
+        // There is no socket yet, no server listens on it, or its queue is full. Anything else (a folder that is unsafe
+        // or closed to us, a path too long) will not get better by waiting.
+        const bool mayAppear = error == ENOENT || error == ECONNREFUSED || error == EAGAIN;
+        if (!mayAppear || left == 0) {
             PLATFORM_ERROR("service %d cannot be found: %s%s", systemAbilityId, problem.c_str(),
-                           MayAppear(error) ? "; is the service running?" : "");
+                           mayAppear ? "; is the service running?" : "");
             return nullptr;
         }
         std::this_thread::sleep_for(std::min(pause, std::chrono::milliseconds(left)));
