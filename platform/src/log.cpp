@@ -12,9 +12,6 @@ namespace VARN {
 
 namespace {
 
-// A program that did nothing wrong writes nothing.
-constexpr int DEFAULT_LEVEL = LOG_LEVEL_WARN;
-
 // printf does not know the markers: "%{public}s" becomes "%s".
 std::string StripMarkers(const char* format)
 {
@@ -64,7 +61,8 @@ const bool levelFromEnvironment = [] {
 
 }  // namespace
 
-std::atomic<int> logLevel{DEFAULT_LEVEL};
+// A program that did nothing wrong writes nothing.
+std::atomic<int> logLevel{LOG_LEVEL_WARN};
 
 }  // namespace VARN
 
@@ -79,12 +77,11 @@ extern "C" int(VoLogPrint)(int type, int level, uint32_t domain, const char* tag
     try {
         std::string text;
         if (VARN::Format(text, format, arguments)) {
-            result = static_cast<int>(text.size());
             VARN::DeliverLogLine(type, level, domain, tag != nullptr ? tag : "", text);
+            result = static_cast<int>(text.size());
         }
     } catch (...) {
         // Out of memory: the line is lost, the program is not.
-        result = -1;
     }
     va_end(arguments);
     return result;
