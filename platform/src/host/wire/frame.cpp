@@ -14,13 +14,6 @@
 
 namespace VARN::Host {
 
-namespace {
-
-// The least that is made ready for a body: the price of one system call is then spread over many bytes.
-constexpr size_t FIRST_ROOM_SIZE = 16384;
-
-}  // namespace
-
 FrameReader::State FrameReader::CheckHeader(const uint8_t* bytes, size_t size) noexcept
 {
     headerSize_ = std::min(size, FRAME_HEADER_SIZE);
@@ -67,6 +60,8 @@ uint8_t* FrameReader::Space(size_t& room) noexcept
         room = FRAME_HEADER_SIZE - headerSize_;
         return reinterpret_cast<uint8_t*>(&header_) + headerSize_;
     }
+    // The least that is made ready for a body: the price of one system call is then spread over many bytes.
+    constexpr size_t FIRST_ROOM_SIZE = 16384;
     const size_t arrived = body_.GetDataSize();
     room = std::min(header_.length - arrived, std::max(arrived, FIRST_ROOM_SIZE));
     return ParcelBuffer::Space(body_, room);
