@@ -33,9 +33,8 @@ void ForkHandler::Run(void (*Steps::*step)())
 
 ForkHandler::ForkHandler(Rank rank, const Steps& steps) noexcept : rank_(rank), steps_(steps)
 {
-    static const bool isWatching =
+    [[maybe_unused]] static const bool isWatching =
         WatchForks({[] { Run(&Steps::before); }, [] { Run(&Steps::inParent); }, [] { Run(&Steps::inChild); }});
-    static_cast<void>(isWatching);
     const std::lock_guard<std::mutex> lock(handlersMutex);
     ForkHandler** place = &firstHandler;
     while (*place != nullptr && (*place)->rank_ <= rank_) {
