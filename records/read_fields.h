@@ -49,12 +49,10 @@ bool ReadAnnounced(Parcel& parcel, int32_t announced, List& list, const Read& re
             if (!read(list.emplace_back())) {
                 return false;
             }
-        } else {
-            Element element;
-            if (!read(element)) {
-                return false;
-            }
+        } else if (Element element; read(element)) {
             list.insert(std::move(element));
+        } else {
+            return false;
         }
     }
     return true;
