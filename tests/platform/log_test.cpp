@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "host/base/caller_scope.h"
+#include "host/base/process.h"
 #include "support/log_capture.h"
 #include "varn/host/log_sink.h"
 #include "varn/host/visible_text.h"

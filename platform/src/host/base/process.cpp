@@ -6,7 +6,6 @@
 
 #include <atomic>
 
-#include "host/base/caller_scope.h"
 #include "platform_hooks.h"
 
 namespace VARN::Host {

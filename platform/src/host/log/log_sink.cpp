@@ -22,7 +22,7 @@
 #include <string_view>
 #include <utility>
 
-#include "host/base/caller_scope.h"
+#include "host/base/process.h"
 #include "host/base/thread_safety.h"
 #include "host/base/unique_fd.h"
 #include "platform_hooks.h"
@@ -105,7 +105,6 @@ bool IsJournal()
 // lost.
 class LineLimit {
 public:
-    // 0: none.
     void Set(size_t linesPerSecond) noexcept { limit_ = linesPerSecond; }
 
     // The next user of whom lines were left out in a second before `second`, and how many. False when there is none.
@@ -149,7 +148,7 @@ private:
     // As many users as may log in one second; those beyond share the last place.
     static constexpr size_t MAX_USERS = 64;
 
-    size_t limit_ = MAX_LINES_PER_SECOND;
+    size_t limit_ = MAX_LINES_PER_SECOND;  // 0: none
     time_t second_ = 0;
     size_t used_ = 0;  // places in use, the first ones
     std::array<User, MAX_USERS> users_ = {};
@@ -264,7 +263,6 @@ void WriteLine(Log& log, const LogLine& line) noexcept
         written = WriteToStandardError(out);
     } catch (...) {
         // Out of memory: the line is lost.
-        written = 0;
     }
     const MutexLock lock(log.mutex);
     log.isCut = written != 0 ? written != size : log.isCut;

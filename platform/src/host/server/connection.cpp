@@ -10,7 +10,7 @@
 #include <new>
 #include <utility>
 
-#include "host/base/caller_scope.h"
+#include "host/base/process.h"
 #include "host/server/clock.h"
 #include "parcel_buffer.h"
 #include "platform_log.h"
