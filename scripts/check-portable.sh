@@ -64,6 +64,6 @@ while IFS='|' read -r what edit test; do
 done <<'END'
 finds nothing|s/return found ?/return false \&\& found ?/|LookupGivesUp
 does not wait for a service|s/seconds(timeoutSeconds)/seconds(0)/|LookupGivesUp
-loses statuses|s/[*]request->status :/0 :/|Statuses
+loses statuses|s/status.get() :/0 :/|Statuses
 ignores the wait time|s/seconds(option.GetWaitTime())/seconds(8)/|WaitTime
 END

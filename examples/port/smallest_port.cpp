@@ -1,18 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// The smallest port: services and clients of one process. A request is copied into a queue; a thread takes it out, runs
-// it and copies the reply back. A port to another system sends the same bytes elsewhere.
+// The smallest port: services and clients of one process. A request is copied, a thread of its own runs it, and the
+// reply is copied back. A port to another system sends the same bytes elsewhere.
 #include "smallest_port.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <deque>
+#include <exception>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <new>
-#include <optional>
 #include <thread>
 
 #include "parcel_buffer.h"
@@ -37,45 +36,17 @@ struct Remote final : IRemoteObject {
     explicit Remote(const sptr<IPCObjectStub>& itsStub) : stub(itsStub) {}
     int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override;
 
+    std::mutex mutex;          // held by the request that runs: a service has one at a time
     sptr<IPCObjectStub> stub;  // null: removed
 };
 
-// One request under way. Its sender may give up and leave it to the thread.
+// The parcels of one request, which its sender may leave to the thread.
 struct Request {
-    sptr<Remote> service;
-    uint32_t code = 0;
     MessageParcel data;
     MessageParcel reply;
-    std::optional<int32_t> status;  // there when it is done
 };
 
 struct Port final : ISystemAbilityManager {
-    Port()
-    {
-        std::thread([this] { Run(); }).detach();
-    }
-
-    void Run()
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        for (;;) {
-            changed.wait(lock, [this] { return !requests.empty(); });
-            const std::shared_ptr<Request> request = requests.front();
-            requests.pop_front();
-            if (sptr<IPCObjectStub> stub = request->service->stub; stub != nullptr) {
-                running = request->service;
-                lock.unlock();
-                MessageOption option;
-                const int32_t status = stub->SendRequest(request->code, request->data, request->reply, option);
-                stub = nullptr;
-                lock.lock();
-                running = nullptr;
-                request->status = status;
-                changed.notify_all();
-            }
-        }
-    }
-
     sptr<IRemoteObject> LoadSystemAbility(int32_t systemAbilityId, int32_t timeoutSeconds) override
     {
         std::unique_lock<std::mutex> lock(mutex);
@@ -84,14 +55,12 @@ struct Port final : ISystemAbilityManager {
         return found ? sptr<IRemoteObject>(services[systemAbilityId]) : nullptr;
     }
 
-    std::mutex mutex;  // guards what follows, and what may change in a service and a request
+    std::mutex mutex;  // guards the services
     std::condition_variable changed;
     std::map<int32_t, sptr<Remote>> services;
-    std::deque<std::shared_ptr<Request>> requests;
-    sptr<Remote> running;
 };
 
-// Never destroyed: the thread outlives main.
+// Never destroyed: a thread may outlive main.
 Port& ThePort()
 {
     static const auto* const port = new sptr<Port>(new Port());
@@ -101,25 +70,23 @@ Port& ThePort()
 int32_t Remote::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
 try {
     const auto request = std::make_shared<Request>();
-    request->service = sptr<Remote>(this);
-    request->code = code;
     if (!Copy(data, request->data)) {
         return IPC_NO_MEMORY;
     }
-    Port& port = ThePort();
-    std::unique_lock<std::mutex> lock(port.mutex);
-    port.requests.push_back(request);
-    port.changed.notify_all();
-    const auto isOver = [&] { return request->status || stub == nullptr; };
-    if (!port.changed.wait_for(lock, std::chrono::seconds(option.GetWaitTime()), isOver)) {
+    std::packaged_task<int32_t()> run([request, code, self = sptr<Remote>(this)] {
+        const std::lock_guard<std::mutex> lock(self->mutex);
+        MessageOption itsOption;
+        return self->stub != nullptr ? self->stub->SendRequest(code, request->data, request->reply, itsOption)
+                                     : IPC_DEAD_OBJECT;
+    });
+    std::future<int32_t> status = run.get_future();
+    std::thread(std::move(run)).detach();
+    if (status.wait_for(std::chrono::seconds(option.GetWaitTime())) != std::future_status::ready) {
         return IPC_TIMED_OUT;
     }
-    if (!request->status) {
-        return IPC_DEAD_OBJECT;
-    }
-    return Copy(request->reply, reply) ? *request->status : IPC_NO_MEMORY;
-} catch (const std::bad_alloc&) {
-    return IPC_NO_MEMORY;
+    return Copy(request->reply, reply) ? status.get() : IPC_NO_MEMORY;
+} catch (const std::exception&) {
+    return IPC_NO_MEMORY;  // or no thread is to be had
 }
 
 }  // namespace
@@ -136,10 +103,11 @@ void RemoveService(int32_t id)
 {
     Port& port = ThePort();
     std::unique_lock<std::mutex> lock(port.mutex);
-    if (const auto removed = port.services.extract(id)) {
+    const auto removed = port.services.extract(id);
+    lock.unlock();
+    if (removed) {
+        const std::lock_guard<std::mutex> noneIsRunning(removed.mapped()->mutex);
         removed.mapped()->stub = nullptr;
-        port.changed.notify_all();
-        port.changed.wait(lock, [&] { return port.running != removed.mapped(); });
     }
 }
 
