@@ -29,15 +29,13 @@ void Obey(const std::function<void()>& call, const std::function<void()>& forget
 
 // Whether an answer holds what `MakeAnswers` makes.
 template <class Answer, class Right>
-bool IsRight(const Answer& answer, const Right& right)
+bool IsRight(Answer& answer, const Right& right)
 {
     if constexpr (std::is_same_v<Answer, bool>) {
         return answer;
     } else {
-        using Plain = typename Right::value_type;
-        return std::equal(
-            answer.begin(), answer.end(), right.begin(), right.end(),
-            [](const auto& left, const Plain& plain) { return FieldsOf<Plain>(left) == Plain::Fields(plain); });
+        return std::equal(answer.begin(), answer.end(), right.begin(), right.end(),
+                          [](auto& record, const auto& plain) { return FieldsOf(record) == plain; });
     }
 }
 

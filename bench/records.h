@@ -9,60 +9,18 @@
 #include <variant>
 #include <vector>
 
-// What the benchmarks send around: plain structs with the fields of the library's records, under the same names.
-// `Fields` lists the fields of a struct, or of another class that has them too, so that a contender carries, copies and
-// compares them all with one loop.
+// What the benchmarks send around: tuples with the fields of the library's records, in their order, so that a contender
+// carries, copies and compares them all with one loop.
 namespace bench {
 
-struct Info {
-    std::string bundleName;  // 22 characters
-    int32_t uid = 0;
-    std::string permissionGroup;                     // 25 characters
-    std::string checkedState;                        // 5 characters
-    std::vector<std::string> shownStates;            // three
-    std::unordered_set<std::string> disabledStates;  // one
-    std::string disabledReason;
-    int64_t flags = 0;
-
-    template <class T>
-    static auto Fields(T& info)
-    {
-        return std::tie(info.bundleName, info.uid, info.permissionGroup, info.checkedState, info.shownStates,
-                        info.disabledStates, info.disabledReason, info.flags);
-    }
-};
-
-struct Usage {
-    std::string bundleName;
-    int32_t uid = 0;
-    std::string operationGroup;
-    int32_t times = 0;
-    int32_t operationMode = 0;
-    int32_t appState = 0;
-    int32_t screenState = 0;
-    int64_t beginTimestamp = 0;
-    int64_t endTimestamp = 0;
-
-    template <class T>
-    static auto Fields(T& usage)
-    {
-        return std::tie(usage.bundleName, usage.uid, usage.operationGroup, usage.times, usage.operationMode,
-                        usage.appState, usage.screenState, usage.beginTimestamp, usage.endTimestamp);
-    }
-};
-
-struct Row {
-    std::string bundleName;
-    std::string fingerprint;  // 64 characters
-    int64_t versionCode = 0;
-    int64_t policyValue = 0;
-
-    template <class T>
-    static auto Fields(T& row)
-    {
-        return std::tie(row.bundleName, row.fingerprint, row.versionCode, row.policyValue);
-    }
-};
+// Bundle name of 22 characters, uid, permission group of 25, checked state of 5, three shown states, one disabled
+// state, reason, flags.
+using Info = std::tuple<std::string, int32_t, std::string, std::string, std::vector<std::string>,
+                        std::unordered_set<std::string>, std::string, int64_t>;
+// Bundle name, uid, operation group, times, operation mode, app state, screen state, begin, end.
+using Usage = std::tuple<std::string, int32_t, std::string, int32_t, int32_t, int32_t, int32_t, int64_t, int64_t>;
+// Bundle name, fingerprint of 64 characters, version code, policy value.
+using Row = std::tuple<std::string, std::string, int64_t, int64_t>;
 
 // One request: the number of its operation, the type of what comes back, and the arguments as they travel.
 template <uint32_t Operation, class Reply, class... Arguments>
@@ -108,11 +66,11 @@ struct Workload {
 using Answers = std::tuple<std::vector<Info>, bool, std::vector<Usage>, std::vector<Row>>;
 Answers MakeAnswers(const Workload& workload);
 
-// The fields of a record that an answer brought, in the order of `Plain`.
-template <class Plain, class Record>
-auto FieldsOf(const Record& record)
+// The fields of a record that an answer brought: the record itself, unless a contender says otherwise.
+template <class Record>
+decltype(auto) FieldsOf(Record& record)
 {
-    return Plain::Fields(record);
+    return (record);
 }
 
 }  // namespace bench

@@ -23,36 +23,15 @@ void Fill(capnp::List<capnp::Text>::Builder list, const Texts& texts)
         list.set(index++, text);
     }
 }
-void Fill(wire::Info::Builder to, const Info& info)
-{
-    to.setBundleName(info.bundleName);
-    to.setUid(info.uid);
-    to.setPermissionGroup(info.permissionGroup);
-    to.setCheckedState(info.checkedState);
-    Fill(to.initShownStates(CountOf(info.shownStates.size())), info.shownStates);
-    Fill(to.initDisabledStates(CountOf(info.disabledStates.size())), info.disabledStates);
-    to.setDisabledReason(info.disabledReason);
-    to.setFlags(info.flags);
-}
-
 template <class Texts>
-void Read(capnp::List<capnp::Text>::Reader from, Texts& texts)
+Texts ToTexts(capnp::List<capnp::Text>::Reader from)
 {
+    Texts texts;
     texts.reserve(from.size());
     for (const auto text : from) {
         texts.insert(texts.end(), std::string(text));
     }
-}
-void Read(wire::Info::Reader from, Info& info)
-{
-    info.bundleName = from.getBundleName();
-    info.uid = from.getUid();
-    info.permissionGroup = from.getPermissionGroup();
-    info.checkedState = from.getCheckedState();
-    Read(from.getShownStates(), info.shownStates);
-    Read(from.getDisabledStates(), info.disabledStates);
-    info.disabledReason = from.getDisabledReason();
-    info.flags = from.getFlags();
+    return texts;
 }
 
 class Peer {
@@ -70,10 +49,13 @@ public:
         call.setUserId(userId);
         Fill(call.initInterested(CountOf(interested.size())), interested);
         const auto reply = call.send().wait(client_.getWaitScope());
-        const auto records = reply.getAnswer();
-        std::vector<Info> infos(records.size());
-        for (capnp::uint index = 0; index < records.size(); ++index) {
-            Read(records[index], infos[index]);
+        std::vector<Info> infos;
+        infos.reserve(reply.getAnswer().size());
+        for (const auto info : reply.getAnswer()) {
+            infos.emplace_back(info.getBundleName(), info.getUid(), info.getPermissionGroup(), info.getCheckedState(),
+                               ToTexts<std::vector<std::string>>(info.getShownStates()),
+                               ToTexts<std::unordered_set<std::string>>(info.getDisabledStates()),
+                               info.getDisabledReason(), info.getFlags());
         }
         return infos;
     }
@@ -103,12 +85,21 @@ protected:
     kj::Promise<void> info(InfoContext context) override
     {
         const auto from = context.getParams();
-        InfoRequest request{{{from.getName(), from.getUserId(), {}}}};
-        Read(from.getInterested(), std::get<2>(request.arguments));
+        const InfoRequest request{
+            {{from.getName(), from.getUserId(), ToTexts<std::unordered_set<std::string>>(from.getInterested())}}};
         const auto& infos = std::get<std::vector<Info>>(answers_);
         auto records = context.getResults().initAnswer(CountOf(infos.size()));
-        for (capnp::uint index = 0; index < records.size(); ++index) {
-            Fill(records[index], infos[index]);
+        capnp::uint index = 0;
+        for (const auto& [bundleName, uid, group, state, shownStates, disabledStates, reason, flags] : infos) {
+            auto record = records[index++];
+            record.setBundleName(bundleName);
+            record.setUid(uid);
+            record.setPermissionGroup(group);
+            record.setCheckedState(state);
+            Fill(record.initShownStates(CountOf(shownStates.size())), shownStates);
+            Fill(record.initDisabledStates(CountOf(disabledStates.size())), disabledStates);
+            record.setDisabledReason(reason);
+            record.setFlags(flags);
         }
         return kj::READY_NOW;
     }

@@ -80,8 +80,6 @@ public:
         } else if constexpr (std::is_same_v<T, std::string>) {
             Put(static_cast<uint32_t>(value.size()));
             buffer_.append(value);
-        } else if constexpr (std::is_aggregate_v<T>) {
-            Put(T::Fields(value));
         } else {
             Put(static_cast<uint32_t>(value.size()));
             for (const auto& element : value) {
@@ -118,12 +116,9 @@ private:
     {
         if constexpr (std::is_arithmetic_v<T>) {
             std::memcpy(&value, Take(sizeof(value)), sizeof(value));
-        } else if constexpr (std::is_same_v<T, std::string>) {
+        } else {
             const auto size = Get<uint32_t>();
             value.assign(Take(size), size);
-        } else {
-            auto fields = T::Fields(value);
-            Get(fields);
         }
     }
     template <class... T>

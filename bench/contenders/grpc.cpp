@@ -12,34 +12,11 @@
 namespace bench {
 namespace {
 
-void Fill(wire::Info& message, const Info& info)
-{
-    message.set_bundle_name(info.bundleName);
-    message.set_uid(info.uid);
-    message.set_permission_group(info.permissionGroup);
-    message.set_checked_state(info.checkedState);
-    message.mutable_shown_states()->Add(info.shownStates.begin(), info.shownStates.end());
-    message.mutable_disabled_states()->Add(info.disabledStates.begin(), info.disabledStates.end());
-    message.set_disabled_reason(info.disabledReason);
-    message.set_flags(info.flags);
-}
-
 // The message is ours and read once, so that its texts may be moved out.
-template <class List>
-void Take(google::protobuf::RepeatedPtrField<std::string>* texts, List& list)
+template <class Texts>
+Texts Take(google::protobuf::RepeatedPtrField<std::string>& texts)
 {
-    list = List(std::make_move_iterator(texts->begin()), std::make_move_iterator(texts->end()));
-}
-void Take(wire::Info& message, Info& info)
-{
-    info.bundleName = std::move(*message.mutable_bundle_name());
-    info.uid = message.uid();
-    info.permissionGroup = std::move(*message.mutable_permission_group());
-    info.checkedState = std::move(*message.mutable_checked_state());
-    Take(message.mutable_shown_states(), info.shownStates);
-    Take(message.mutable_disabled_states(), info.disabledStates);
-    info.disabledReason = std::move(*message.mutable_disabled_reason());
-    info.flags = message.flags();
+    return Texts(std::make_move_iterator(texts.begin()), std::make_move_iterator(texts.end()));
 }
 
 void Check(const grpc::Status& status)
@@ -67,9 +44,14 @@ public:
         wire::InfoReply reply;
         grpc::ClientContext context;
         Check(stub_->AskInfo(&context, message, &reply));
-        std::vector<Info> infos(static_cast<size_t>(reply.answer_size()));
-        for (size_t index = 0; index < infos.size(); ++index) {
-            Take(*reply.mutable_answer(static_cast<int>(index)), infos[index]);
+        std::vector<Info> infos;
+        infos.reserve(static_cast<size_t>(reply.answer_size()));
+        for (wire::Info& info : *reply.mutable_answer()) {
+            infos.emplace_back(std::move(*info.mutable_bundle_name()), info.uid(),
+                               std::move(*info.mutable_permission_group()), std::move(*info.mutable_checked_state()),
+                               Take<std::vector<std::string>>(*info.mutable_shown_states()),
+                               Take<std::unordered_set<std::string>>(*info.mutable_disabled_states()),
+                               std::move(*info.mutable_disabled_reason()), info.flags());
         }
         return infos;
     }
@@ -102,8 +84,16 @@ public:
     {
         const auto& infos = std::get<std::vector<Info>>(answers_);
         reply->mutable_answer()->Reserve(static_cast<int>(infos.size()));
-        for (const Info& info : infos) {
-            Fill(*reply->add_answer(), info);
+        for (const auto& [bundleName, uid, group, state, shownStates, disabledStates, reason, flags] : infos) {
+            wire::Info& info = *reply->add_answer();
+            info.set_bundle_name(bundleName);
+            info.set_uid(uid);
+            info.set_permission_group(group);
+            info.set_checked_state(state);
+            info.mutable_shown_states()->Add(shownStates.begin(), shownStates.end());
+            info.mutable_disabled_states()->Add(disabledStates.begin(), disabledStates.end());
+            info.set_disabled_reason(reason);
+            info.set_flags(flags);
         }
         return grpc::Status::OK;
     }

@@ -17,13 +17,23 @@ namespace bench {
 
 using namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer;
 
-// The library's usage record has its fields behind getters.
 template <>
-auto FieldsOf<Usage>(const Record::PermissionUsageRecord& record)
+decltype(auto) FieldsOf(Permission::AppPermissionGroupInfo& record)
+{
+    return std::tie(record.bundleName, record.uid, record.permissionGroup, record.checkedState, record.shownStates,
+                    record.disabledStates, record.disabledReason, record.flags);
+}
+template <>
+decltype(auto) FieldsOf(Record::PermissionUsageRecord& record)
 {
     return std::make_tuple(record.GetBundleName(), record.GetUid(), record.GetOperationGroup(), record.GetTimes(),
                            record.GetOperationMode(), record.GetAppState(), record.GetScreenState(),
                            record.GetBeginTimestamp(), record.GetEndTimestamp());
+}
+template <>
+decltype(auto) FieldsOf(GTokenResult& record)
+{
+    return std::tie(record.bundleName, record.fingerprint, record.versionCode, record.policyValue);
 }
 
 namespace {
@@ -34,19 +44,20 @@ constexpr size_t kConnections = 4096;
 template <class Plain, class Record>
 void Assign(const Plain& plain, Record& record)
 {
-    Plain::Fields(record) = Plain::Fields(plain);
+    FieldsOf(record) = plain;
 }
 void Assign(const Usage& plain, Record::PermissionUsageRecord& record)
 {
-    record.SetBundleName(plain.bundleName);
-    record.SetUid(plain.uid);
-    record.SetOperationGroup(plain.operationGroup);
-    record.SetTimes(plain.times);
-    record.SetOperationMode(plain.operationMode);
-    record.SetAppState(plain.appState);
-    record.SetScreenState(plain.screenState);
-    record.SetBeginTimestamp(plain.beginTimestamp);
-    record.SetEndTimestamp(plain.endTimestamp);
+    const auto& [bundleName, uid, operationGroup, times, operationMode, appState, screenState, begin, end] = plain;
+    record.SetBundleName(bundleName);
+    record.SetUid(uid);
+    record.SetOperationGroup(operationGroup);
+    record.SetTimes(times);
+    record.SetOperationMode(operationMode);
+    record.SetAppState(appState);
+    record.SetScreenState(screenState);
+    record.SetBeginTimestamp(begin);
+    record.SetEndTimestamp(end);
 }
 
 template <class Record, class Plain>

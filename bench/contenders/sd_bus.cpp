@@ -63,7 +63,7 @@ void Append(sd_bus_message* message, const std::vector<Info>& infos)
     Check(sd_bus_message_open_container(message, 'a', kRecord));
     for (const Info& info : infos) {
         Check(sd_bus_message_open_container(message, 'r', kFields));
-        Append(message, Info::Fields(info));
+        Append(message, info);
         Check(sd_bus_message_close_container(message));
     }
     Check(sd_bus_message_close_container(message));
@@ -101,8 +101,7 @@ void Read(sd_bus_message* message, std::vector<Info>& infos)
 {
     Check(sd_bus_message_enter_container(message, 'a', kRecord));
     while (Check(sd_bus_message_enter_container(message, 'r', kFields)) > 0) {
-        auto fields = Info::Fields(infos.emplace_back());
-        Read(message, fields);
+        Read(message, infos.emplace_back());
         Check(sd_bus_message_exit_container(message));
     }
     Check(sd_bus_message_exit_container(message));
