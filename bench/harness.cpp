@@ -10,8 +10,10 @@
 //   work CALLS         calls that often: the same of this thread's CPU time, the disposal of answers not counted
 //   times CALLS        calls that often: "done"
 #include <sys/prctl.h>
+#include <sys/un.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -22,6 +24,8 @@
 #include <numeric>
 #include <stdexcept>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "bench/harness.h"
@@ -69,6 +73,14 @@ void Work(const std::function<void()>& call, const std::function<void()>& forget
     }
 }
 
+int Check(int result, const char* step)
+{
+    if (result < 0) {
+        throw std::system_error(errno, std::generic_category(), step);
+    }
+    return result;
+}
+
 }  // namespace
 
 void Obey(const std::function<void()>& call, const std::function<void()>& forget)
@@ -101,6 +113,28 @@ void Obey(const std::function<void()>& call, const std::function<void()>& forget
 void AnnounceReady()
 {
     std::cout << "ready" << std::endl;
+}
+
+int SocketWith(decltype(connect)* attach, const std::string& path)
+{
+    sockaddr_un address{AF_UNIX, {}};
+    if (path.size() >= sizeof(address.sun_path)) {
+        throw std::system_error(ENAMETOOLONG, std::generic_category(), path);
+    }
+    path.copy(address.sun_path, path.size());
+    const int descriptor = Check(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
+    Check(attach(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), path.c_str());
+    return descriptor;
+}
+
+void ServeOnThreads(const std::string& path, const std::function<void(int)>& handle)
+{
+    const int listener = SocketWith(bind, path);
+    Check(listen(listener, SOMAXCONN), "listen");
+    AnnounceReady();
+    for (;;) {
+        std::thread(handle, Check(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), "accept")).detach();
+    }
 }
 
 }  // namespace bench

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <functional>
 #include <stdexcept>
+#include <string>
 #include <tuple>
 #include <type_traits>
 #include <variant>
@@ -22,6 +25,14 @@ void Connect(const Workload& workload);
 
 // Tells the driver that a client may connect.
 void AnnounceReady();
+
+// A Unix socket that `bind` or `connect` has given the address, for the caller to close; throws when the system
+// refuses.
+int SocketWith(decltype(connect)* attach, const std::string& path);
+
+// Listens at `path`, announces that, and accepts for ever; each connection gets a thread that runs `handle` and
+// owns the descriptor.
+[[noreturn]] void ServeOnThreads(const std::string& path, const std::function<void(int)>& handle);
 
 // Does what the driver says on standard input, see harness.cpp. `call` makes one request and keeps its whole answer, or
 // throws; `forget` drops the answer, so that the next call does not have to.

@@ -13,7 +13,6 @@
 #include <string>
 #include <string_view>
 
-#include "bench/contenders/unix_socket.h"
 #include "bench/harness.h"
 
 namespace bench {

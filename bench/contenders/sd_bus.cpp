@@ -6,7 +6,6 @@
 #include <string>
 #include <system_error>
 
-#include "bench/contenders/unix_socket.h"
 #include "bench/harness.h"
 
 namespace bench {
