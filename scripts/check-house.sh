@@ -52,6 +52,6 @@ count()
 tests=$(count tests fuzz)
 others=$(count include ipc records util platform tools examples bench)
 echo "check-house: $((tests + others)) lines; tests and fuzz targets are $((1000 * tests / others)) to 1000 of the others"
-((tests + others <= 17832)) || complain "more than 17832 lines in all: what is added has to be paid for"
+((tests + others <= 17600)) || complain "more than 17600 lines in all: what is added has to be paid for"
 ((1000 * tests <= 350 * others)) || complain "tests and fuzz targets are more than 35 % of the other C++"
 exit "$broken"
