@@ -31,7 +31,7 @@ namespace Contract = VARN::AppSecurityPrivacy::SecurityPrivacyServer;
 constexpr size_t EMPTY_LIST_BYTES = 12;
 
 // Why a call with such a status failed.
-const std::map<int32_t, const char*> REASONS = {
+const std::map<int32_t, const char*> reasons = {
     {Contract::STATUS_UNKNOWN_CODE, "the service does not know this request; it may be of another version"},
     {VARN::IPC_UNKNOWN_REQUEST, "the service does not know this request; it may be of another version"},
     {Contract::STATUS_MALFORMED,
@@ -85,10 +85,10 @@ void CheckAnswer(const Call& call, const std::string& reason)
                       "the service refused the request: user id " + std::to_string(uid) + " may not do this\n" + hint,
                       call.status);
     }
-    const auto known = REASONS.find(call.status);
+    const auto known = reasons.find(call.status);
     // Any other status from 0 on is the service's own result.
-    if (known != REASONS.end() || call.status < 0) {
-        const std::string description = known != REASONS.end() ? known->second : "the call failed";
+    if (known != reasons.end() || call.status < 0) {
+        const std::string description = known != reasons.end() ? known->second : "the call failed";
         const std::string line = call.status < 0 ? "\n" + reason : "";
         throw Failure(EXIT_BROKEN, description + " (status " + std::to_string(call.status) + ")" + line, call.status);
     }
