@@ -125,21 +125,23 @@ int32_t SecurityPrivacyService::GetPermissionUsageSummary(const PermissionUsageR
                 sum.ended = std::max(sum.ended, event.ended);
             }
         }
+        std::vector<PermissionUsageRecord> sorted;
         for (const auto& [key, sum] : sums) {
             SQLite::Statement& names = connection.Prepare(
                 "SELECT bundle, uid, name FROM app, permission_group WHERE app.id = ? AND permission_group.id = ?",
                 sum.app, sum.group);
             names.executeStep();
-            records.push_back(MakeRecord(sum, names, 0));
+            sorted.push_back(MakeRecord(sum, names, 0));
         }
         const int64_t sign = query.GetOrder() == OLDEST_FIRST ? 1 : -1;
         const auto rank = [sign](const PermissionUsageRecord& sum) {
             return std::tuple(sign * sum.GetBeginTimestamp(), sum.GetBundleName(), sum.GetUid(),
                               sum.GetOperationGroup(), sum.GetOperationMode(), sum.GetAppState(), sum.GetScreenState());
         };
-        std::sort(records.begin(), records.end(),
+        std::sort(sorted.begin(), sorted.end(),
                   [&](const auto& left, const auto& right) { return rank(left) < rank(right); });
-        records.resize(std::min(records.size(), static_cast<size_t>(MostRecords(query))));
+        sorted.resize(std::min(sorted.size(), static_cast<size_t>(MostRecords(query))));
+        records.insert(records.end(), sorted.begin(), sorted.end());
     });
 }
 
