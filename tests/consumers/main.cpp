@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <cstdint>
 #include <iostream>
+#include <vector>
 
 #include "security_privacy/security_privacy_client.h"
 #include "security_privacy/testing/fake_service.h"
@@ -16,13 +17,17 @@ static_assert(SECURITY_PRIVACY_VERSION_MAJOR > 0 || SECURITY_PRIVACY_VERSION_MIN
 int main()
 {
     VARN::Host::SetLogLevel(6);
-    const Testing::FakeServiceScope fake;
+    Testing::FakeServiceScope fake;
     Testing::FakeAnswer answer;
-    answer.gTokenResultWithRet.ret = 42;
-    fake.Service().SetAnswer(Testing::MessageCode::GTOKEN_POLICY_GET_POLICY, answer);
-    const int64_t result = SecurityPrivacyClient::GetInstance().GTokenPolicyGetPolicy("policy", {"app"}).ret;
-    if (result != 42) {
-        std::cerr << "the service's answer did not arrive: result " << result << "\n";
+    answer.appPermissionGroupInfos.resize(1);
+    answer.appPermissionGroupInfos[0].bundleName = "org.example.camera";
+    fake.Service().SetAnswer(Testing::MessageCode::GET_APP_PERMISSION_GROUP_INFOS_BY_APP, answer);
+
+    std::vector<Permission::AppPermissionGroupInfo> infos;
+    const int32_t result =
+        SecurityPrivacyClient::GetInstance().GetAppPermissionGroupInfosByApp("org.example.camera", 100, {}, infos);
+    if (result != 0 || infos.size() != 1 || infos[0].bundleName != "org.example.camera") {
+        std::cerr << "the service's answer did not arrive: result " << result << ", " << infos.size() << " records\n";
         return 1;
     }
     return 0;
