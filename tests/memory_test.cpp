@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <functional>
 #include <new>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -225,6 +226,25 @@ TEST(Memory, ThatRunsOutLeavesARecordNullAndNamesTheClass)
         Parcel written;
         FailEach([&] { record.record->Marshalling(written); }, [](size_t) {});
     }
+}
+
+TEST(Memory, ThatRunsOutForALogLineIsToldWithTheNext)
+{
+    const std::string text(100, 'x');
+    int logged = 0;
+    ::testing::internal::CaptureStderr();
+    FailEach([&] { logged += VoLogPrint(0, LOG_LEVEL_ERROR, 0, "TAG", "%s", text.c_str()) >= 0 ? 1 : 0; },
+             [](size_t) {});
+    std::istringstream lines(::testing::internal::GetCapturedStderr());
+    int arrived = 0;
+    int lost = 0;
+    for (std::string line; std::getline(lines, line);) {
+        arrived += line.find(text) != std::string::npos ? 1 : 0;
+        const size_t number = line.find("VARN: ");
+        lost += number != std::string::npos ? std::stoi(line.substr(number + 6)) : 0;
+    }
+    EXPECT_LT(0, lost);
+    EXPECT_EQ(logged, arrived + lost);
 }
 
 TEST(Memory, ThatRunsOutOnTheWayToAServiceFailsTheRequest)

@@ -32,9 +32,9 @@ namespace VARN::Host {
 
 namespace {
 
-// Writes what is taken at once. Where this kernel cannot, standard error is opened anew, for not waiting; and where
-// that is not allowed it is written to if it is ready: a pipe then has room for a page, unless another writer comes
-// first, and a terminal that is nearly full is ready, and has its writer wait all the same.
+// Writes what is taken at once. Where this kernel cannot, standard error is opened anew, for not waiting. Where that is
+// not allowed, it is written to only if it is ready. A pipe then has room for a page, unless another writer comes
+// first. A terminal that is nearly full is ready too, and has its writer wait.
 ssize_t WriteAtOnce(std::string_view text) noexcept
 {
     const iovec piece = {const_cast<char*>(text.data()), text.size()};
@@ -229,8 +229,9 @@ void WriteLine(Log& log, const LogLine& line) noexcept
 {
     uint64_t missing = 1;  // what is lost if nothing can be written: this line, and what it tells about others
     size_t written = 0;
-    size_t told = 0;  // up to here what is written tells of others
-    size_t size = 0;
+    // Until all is known, memory may run out for it, and all is lost.
+    size_t told = SIZE_MAX;  // up to here what is written tells of others
+    size_t size = SIZE_MAX;
     try {
         timespec now = {};
         ::clock_gettime(CLOCK_REALTIME, &now);
@@ -242,7 +243,8 @@ void WriteLine(Log& log, const LogLine& line) noexcept
                 out += '\n';
             }
             uid_t uid = 0;
-            for (uint64_t leftOut = 0; log.limit.TakeCount(now.tv_sec, uid, leftOut); missing += leftOut) {
+            for (uint64_t leftOut = 0; log.limit.TakeCount(now.tv_sec, uid, leftOut);) {
+                missing += leftOut;
                 AppendLine(out, head, LOG_LEVEL_WARN, "VARN",
                            std::to_string(leftOut) + " lines that requests of user " + std::to_string(uid) +
                                " caused in one second are left out");
@@ -262,7 +264,7 @@ void WriteLine(Log& log, const LogLine& line) noexcept
         size = out.size();
         written = WriteToStandardError(out);
     } catch (...) {
-        // Out of memory: the line is lost.
+        // Out of memory.
     }
     const MutexLock lock(log.mutex);
     log.isCut = written != 0 ? written != size : log.isCut;
