@@ -115,7 +115,8 @@ Mutex handedMutex;
 // be for other parts of the program.
 std::vector<int>& HandedSockets() REQUIRES(handedMutex)
 {
-    static std::vector<int> sockets = ReadEnvironment();
+    // Never destroyed: a server of static storage gives its socket back behind the end of main.
+    static auto& sockets = *new std::vector<int>(ReadEnvironment());
     return sockets;
 }
 

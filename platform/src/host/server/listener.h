@@ -13,10 +13,10 @@ namespace VARN::Host {
 // that keeps two servers from taking each other's place.
 class Listener {
 public:
-    // Withdraws. A socket that was handed over stays open, for the next one.
+    // Withdraws. A socket that was handed over stays open, for the next Listener.
     ~Listener();
 
-    // Begins to listen for service `id`. Empty on success, else what is wrong.
+    // Begins to listen for service `id`. Called once; empty on success, else what is wrong.
     std::string Open(const std::string& directory, int32_t id);
 
     // Removes the files that were made here; clients that have connected stay connected.
