@@ -17,6 +17,8 @@
 
 namespace VARN::Host {
 
+Worker::Worker() = default;
+
 std::unique_ptr<MessageParcel> Worker::TakeReply()
 {
     auto other = std::make_unique<MessageParcel>();

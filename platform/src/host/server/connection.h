@@ -19,6 +19,8 @@ namespace VARN::Host {
 // A thread that runs requests: what it is doing, for the watcher, which tells of workers that are stuck, and what it
 // brings along from one request to the next, so that an idle connection needs no buffer.
 struct Worker {
+    Worker();
+
     static constexpr size_t PIECE_SIZE = 16384;
 
     // What is kept of a reply's buffer for the next one. A longer one is for whichever worker needs one next: kept
@@ -36,12 +38,12 @@ struct Worker {
     std::atomic<uint32_t> code{0};
     std::atomic<uid_t> uid{0};
 
-    // Only the thread itself touches these.
+    // Only the thread itself touches these. The piece begins as it is: pages of it that are not used take no memory.
     alignas(FrameHeader) std::array<uint8_t, PIECE_SIZE> piece;
     std::unique_ptr<MessageParcel> reply = std::make_unique<MessageParcel>();
     bool hasFreedMuch = false;  // since it was last idle for a while, see GiveArenaBack
 
-    // Only the pool touches these.
+    // Only the pool touches these, under its lock.
     size_t number = 0;
     int64_t toldSince = 0;  // of which request its line was written
     std::thread thread;
@@ -57,7 +59,7 @@ public:
         INPUT,   // wait until the peer sends
         OUTPUT,  // wait until the peer reads
         TURN,    // there is more to do, but it is others' turn first
-        STAY,    // a worker waits for it: only a hang-up is reported, once, since that cannot be turned off
+        STAY,    // a worker waits for it (Serve never says so): only a hang-up is reported, once, which is always on
         CLOSE,   // it is over
     };
 

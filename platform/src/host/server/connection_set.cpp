@@ -52,7 +52,7 @@ void ConnectionSet::Admit(PeerSocket fd)
         return;
     }
     slot->connection.emplace(context_, std::move(fd), caller, *slot->account, slot->deadline);
-    slot->armedFor = Connection::Next::CLOSE;
+    slot->armedFor.reset();
     slot->pace.quickVisits = 0;
     slot->pace.lastVisit.store(CoarseMilliseconds(), std::memory_order_relaxed);
     slot->Begin();
@@ -68,7 +68,7 @@ void ConnectionSet::Admit(PeerSocket fd)
 bool ConnectionSet::Arm(Slot& slot, Connection::Next next)
 {
     using Next = Connection::Next;
-    const Next before = std::exchange(slot.armedFor, next);
+    const std::optional<Next> before = std::exchange(slot.armedFor, next);
     // The others bring their event by being armed anew.
     if (before == next && (next == Next::INPUT || next == Next::STAY)) {
         return true;
@@ -76,7 +76,7 @@ bool ConnectionSet::Arm(Slot& slot, Connection::Next next)
     epoll_event event = {};
     event.events = EVENTS[static_cast<size_t>(next)];
     event.data.ptr = &slot;
-    const int operation = before == Next::CLOSE ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
+    const int operation = before ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
     return ::epoll_ctl(epoll_.Get(), operation, slot.connection->GetFd(), &event) == 0;
 }
 

@@ -93,8 +93,8 @@ public:
 
     // Only the owner touches these.
     std::optional<Connection> connection;
-    Connection::Next armedFor = Connection::Next::CLOSE;  // which events epoll reports; CLOSE: it does not know it yet
-    bool hasHungUp = false;  // the event that made it the owner said that the peer has closed its end
+    std::optional<Connection::Next> armedFor;  // what epoll reports; none: it does not know the connection yet
+    bool hasHungUp = false;                    // the event that made it the owner said that the peer has closed its end
     Pace pace;
 
     // Its element of a queue, which has it while the connection waits there; under the lock of Turns.

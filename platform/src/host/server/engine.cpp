@@ -6,7 +6,6 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -142,6 +141,7 @@ void AbilityServer::Engine::Work(Worker& worker)
                 worker.hasFreedMuch = context_.bytes.CountHeld() != 0;
             }
             if (workers_.Retire(worker)) {
+                worker.reply.reset();  // the pool may keep the rest for long
                 break;
             }
         }
@@ -252,7 +252,7 @@ Connection::Next AbilityServer::Engine::ServeOnce(Slot& slot, Worker& worker, in
 void AbilityServer::Engine::DrainOutput()
 {
     const Deadline end(DRAIN_TIME);
-    Worker worker;
+    Worker worker;  // for its buffers alone
     std::vector<pollfd> waiting;
     do {
         waiting.clear();

@@ -28,7 +28,7 @@ enum class Limit {
     WORKERS
 };
 
-// What the connections of one server share.
+// What all parts of one server share.
 //
 // Thread safety: any thread may call anything.
 class ServiceContext {
@@ -65,6 +65,7 @@ public:
     const int32_t id;
     const sptr<IPCObjectStub> stub;
     const AbilityServerOptions options;
+    // What its users share.
     Stock connections;
     Stock workers;
     Stock bytes;  // of begun requests and waiting replies
@@ -99,7 +100,7 @@ public:
     Charge(const Charge&) = delete;
     Charge& operator=(const Charge&) = delete;
 
-    // False past a limit, with nothing counted, after a line that names `caller`.
+    // False past a limit: then no more is held, and `caller` is refused, see ServiceContext::Refuse.
     bool GrowTo(size_t bytes, const Caller& caller);
 
 private:
