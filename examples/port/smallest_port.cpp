@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The smallest port: services and clients of one process. A request is copied, a thread of its own runs it, and the
-// reply is copied back. A port to another system sends the same bytes elsewhere.
+// reply is copied back. A port to another system sends the same bytes elsewhere, and bounds its threads.
 #include "smallest_port.h"
 
 #include <chrono>
