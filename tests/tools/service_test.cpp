@@ -178,7 +178,7 @@ TEST_F(ServiceTest, SummaryAddsUpTimesAloneAndSaturates)
     device["usageEvents"].push_back(device["usageEvents"].back());
     device["usageEvents"].back().update({{"times", std::numeric_limits<int32_t>::max()}, {"end", 4294967296}});
     EXPECT_EQ(1, Import(database_, device).usageEvents) << "the others are there already";
-    std::vector<PermissionUsageRecord> sums;
+    std::vector<PermissionUsageRecord> sums(1);  // what is there already stays as it is
     EXPECT_EQ(RESULT_OK, service_->GetPermissionUsageSummary(Query(R"({"order": 1})"), sums));
     std::ostringstream text;
     for (const PermissionUsageRecord& sum : sums) {
@@ -187,7 +187,7 @@ TEST_F(ServiceTest, SummaryAddsUpTimesAloneAndSaturates)
              << sum.GetBundleName() << ' ' << sum.GetOperationGroup() << '\n';
     }
     EXPECT_EQ(
-        "12 1 1 0 2147483647 4000 4294967296 chat CAMERA\n12 1 1 2 8 2000 2100 chat CAMERA\n"
+        "-1 0 0 0 0 0 0  \n12 1 1 0 2147483647 4000 4294967296 chat CAMERA\n12 1 1 2 8 2000 2100 chat CAMERA\n"
         "11 0 0 1 32 2000 2001 maps CAMERA\n11 0 1 1 16 2000 2200 maps LOCATION\n"
         "21 1 0 1 4 2000 2500 maps CAMERA\n11 0 0 0 3 1000 3001 maps CAMERA\n",
         text.str());
