@@ -110,7 +110,11 @@ int32_t Connection::Transact(const char* begin, const Work& work)
             code = refusal;
         }
         Release();
-        Run(code == 0 ? "COMMIT" : "ROLLBACK");
+        if (code == 0) {
+            Run("COMMIT");
+        } else {
+            tryExec("ROLLBACK");
+        }
         return code;
     } catch (...) {
         Release();
