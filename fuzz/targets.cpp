@@ -146,8 +146,8 @@ std::vector<uint32_t> Expected(const std::vector<uint8_t>& bytes)
     return codes;
 }
 
-// The first byte of the input says whether the peer reads. Then two words say how long the pieces are in which the rest
-// comes, in turn: the first may be 0, an event without bytes, the second is one longer.
+// The first byte of the input says whether the peer reads. Two words follow, the lengths of the pieces in which the
+// rest comes, in turn. The first may be 0, an event without bytes; the second is one more than its word says.
 void FeedConnection(std::string_view input)
 {
     static std::array<char, 65536> sink;
@@ -191,7 +191,8 @@ void FeedConnection(std::string_view input)
             Require(next == Connection::Next::CLOSE || !connection.HasOutput() || deadline != 0);
         }
     }
-    sent.insert(sent.end(), input.begin(), input.end());  // had the connection not ended before it
+    // What was not sent counts too: a connection must not end before it has to.
+    sent.insert(sent.end(), input.begin(), input.end());
     const std::vector<uint32_t> expected = Expected(sent);
     Require(executed.size() <= expected.size() && (!doesRead || executed.size() == expected.size()));
     Require(std::equal(executed.begin(), executed.end(), expected.begin()));

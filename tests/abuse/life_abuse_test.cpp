@@ -109,7 +109,7 @@ TEST(ServiceProcessTest, OnlyTheServicesOwnSocketIsTakenOfThoseHandedOver)
             ASSERT_TRUE(IsAnswered(client)) << isAfterRestart;
             const bool isRefused = Host::SendDescriptor(client.GetFd(), honestFrame, STDIN_FILENO) < 0;
             EXPECT_EQ(Host::CanRefuseDescriptors(client.GetFd()), isRefused && errno == EPERM);
-            EXPECT_TRUE(isRefused ? IsAnswered(client) : client.IsClosed()) << "refused where they are sent";
+            EXPECT_TRUE(isRefused ? IsAnswered(client) : client.IsClosed()) << "refused when sent: " << isRefused;
             ::kill(service.Pid(), SIGHUP);
             ASSERT_TRUE(service.IsReady()) << service.Log();
         }

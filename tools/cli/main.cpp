@@ -88,7 +88,7 @@ int Explain(const CLI::App& app, Program& program, const CLI::ParseError& error,
         return app.exit(error);
     }
     // The parser may have stopped before it came to the flags.
-    const auto isGiven = [=](std::string_view flag) { return std::find(argv, argv + argc, flag) != argv + argc; };
+    const auto isGiven = [=](std::string_view flag) { return std::find(argv + 1, argv + argc, flag) != argv + argc; };
     program.isCompact = isGiven("--compact");
     program.isJson = program.isCompact || isGiven("--json");
     const CLI::App* command = &app;

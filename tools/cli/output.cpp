@@ -15,7 +15,7 @@ namespace {
 constexpr size_t MAX_COLUMN = 40;
 constexpr size_t GAP = 2;
 
-// Takes the first character off `text` and returns its columns.
+// Takes the first character off `text`, which is visible and so has whole ones alone, and returns its columns.
 size_t TakeCharacter(std::string_view& text)
 {
     wchar_t character = L'?';

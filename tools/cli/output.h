@@ -98,7 +98,7 @@ size_t DisplayWidth(std::string_view text);
 // The end of a visible text, ".." before it, where the text is wider than `width`.
 std::string FitEnd(const std::string& text, size_t width);
 
-// `text` and blanks up to `width` columns.
+// A visible text and blanks up to `width` columns.
 std::string Padded(std::string text, size_t width);
 
 }  // namespace SecurityPrivacyTools

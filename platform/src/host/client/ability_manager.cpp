@@ -113,8 +113,8 @@ sptr<IRemoteObject> AbilityManager::LoadSystemAbility(int32_t systemAbilityId, i
             deadline.emplace(std::chrono::seconds(std::max(timeoutSeconds, 0)));
         }
         const int left = deadline->LeftMilliseconds();
-        // There is no socket yet, no server listens on it, or its queue is full. Anything else (a folder that is unsafe
-        // or closed to us, a path too long) will not get better by waiting.
+        // As long as there is no socket yet, no server listens on it, or its queue is full. Anything else (a folder
+        // that is unsafe or closed to us, a path too long) will not get better by waiting.
         const bool mayAppear = error == ENOENT || error == ECONNREFUSED || error == EAGAIN;
         if (!mayAppear || left == 0) {
             PLATFORM_ERROR("service %d cannot be found: %s%s", systemAbilityId, problem.c_str(),

@@ -129,7 +129,7 @@ try {
             link = std::make_unique<Link>();
             error = link->Connect(directory_, path_, problem);
             if (error == EAGAIN && !deadline.IsOver()) {
-                // Too many wait to be accepted: it waits too.
+                // Too many wait to be accepted: the request waits too.
                 std::this_thread::sleep_for(QUEUE_PAUSE);
                 continue;
             }

@@ -142,8 +142,8 @@ int Link::Send(const FrameHeader& header, const MessageParcel& data, const Deadl
 // Receives what is there, waiting for the first byte. End of file is an error here.
 int Link::ReceiveSome(void* to, size_t room, const Deadline& deadline, size_t& got, std::string& problem)
 {
-    // A receive that blocks saves a poll, but may take the whole of the wait time, which the socket itself then bounds,
-    // once more: so only at the beginning.
+    // A receive that blocks saves a poll. The socket bounds it by the whole of the wait time, which may thus pass
+    // twice: so only at the beginning.
     const auto time = deadline.GetTime();
     const timeval limit = {std::chrono::duration_cast<std::chrono::seconds>(time).count(), 0};
     int flags = MSG_DONTWAIT;
