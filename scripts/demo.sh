@@ -5,8 +5,8 @@
 #
 #   scripts/demo.sh
 #
-# Needs what scripts/setup.sh installs, and calls it. Builds in build/demo; the socket and the state live in a private
-# folder that is removed at the end.
+# Needs what scripts/setup.sh installs, and calls it. Builds in build/dev, as scripts/test.sh does; the socket and the
+# state live in a private folder that is removed at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 export LC_ALL=C TZ=UTC
@@ -68,16 +68,13 @@ heading "Building"
 if [[ -x scripts/setup.sh ]]; then
     scripts/setup.sh
 fi
-if command -v ninja >/dev/null && [[ ! -f build/demo/CMakeCache.txt ]]; then
-    export CMAKE_GENERATOR=Ninja
-fi
-if ! { cmake -S . -B build/demo -DCMAKE_BUILD_TYPE=Release -DSECURITY_PRIVACY_BUILD_TESTS=OFF \
-    -DSECURITY_PRIVACY_INSTALL=OFF && cmake --build build/demo --parallel "$(nproc)"; } >"$folder/build.log" 2>&1; then
+if ! { cmake --preset dev && cmake --build --preset dev --target security-privacy-service security-privacy-cli; } \
+    >"$folder/build.log" 2>&1; then
     cat "$folder/build.log" >&2
     exit 1
 fi
-service=build/demo/tools/security-privacy-service
-client=build/demo/tools/security-privacy-cli
+service=build/dev/tools/security-privacy-service
+client=build/dev/tools/security-privacy-cli
 echo "built $service and $client"
 
 export VARN_ABILITY_DIR=$folder
