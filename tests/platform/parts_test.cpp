@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/server/turns.h"
 #include "host/wire/frame.h"
 #include "parcel_buffer.h"
 #include "support/parcels.h"
@@ -122,12 +123,41 @@ TEST(AccountsTest, EightUsersLeaveTheNinthItsFloors)
             for (size_t bytes = 65536; charge.GrowTo(bytes, {}); bytes += 65536) {
             }
         }
+        EXPECT_EQ(user.bytes, user.requestBytes + user.replyBytes) << "what was refused is held";
         while (context.workers.Take(user, user.workers, 1, allowed) == Stock::Answer::TAKEN) {
         }
     }
     Account& ninth = users.emplace_back(9);
     EXPECT_TRUE(Charge(context, ninth, Limit::REPLY_BYTES).GrowTo(2097152, {}));
     EXPECT_EQ(Stock::Answer::TAKEN, context.workers.Take(ninth, ninth.workers, 1, allowed));
+}
+
+TEST(TurnsTest, UsersTakeTurnsAndNotTheirConnections)
+{
+    AbilityServerOptions options;
+    options.workers = 1;
+    options.maxSpareWorkers = 0;
+    ServiceContext context(1, nullptr, options);
+    Turns turns(context);
+    std::deque<Account> users;
+    std::deque<Slot> slots;
+    for (const uid_t uid : {1, 2, 2, 2, 3}) {
+        if (users.empty() || users.back().uid != uid) {
+            users.emplace_back(uid);
+        }
+        slots.emplace_back().account = &users.back();
+        EXPECT_EQ(uid == 1, turns.Begin(slots.back()));
+    }
+    EXPECT_EQ(nullptr, turns.TakeNext());
+    Slot* running = &slots[0];
+    for (const size_t next : {1U, 4U, 2U}) {
+        turns.End(*running->account);
+        running = turns.TakeNext();
+        ASSERT_EQ(&slots[next], running);
+    }
+    EXPECT_FALSE(turns.Remove(*running));
+    EXPECT_TRUE(turns.Remove(slots[3]));
+    EXPECT_FALSE(turns.HasWaiting());
 }
 
 TEST(FrameReaderTest, MemoryFollowsWhatHasArrivedAndNotWhatIsAnnounced)
