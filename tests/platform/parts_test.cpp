@@ -141,7 +141,7 @@ TEST(TurnsTest, UsersTakeTurnsAndNotTheirConnections)
     Turns turns(context);
     std::deque<Account> users;
     std::deque<Slot> slots;
-    for (const uid_t uid : {1, 2, 2, 2, 3}) {
+    for (const uid_t uid : {1U, 2U, 2U, 2U, 3U}) {
         if (users.empty() || users.back().uid != uid) {
             users.emplace_back(uid);
         }
