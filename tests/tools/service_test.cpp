@@ -191,6 +191,9 @@ TEST_F(ServiceTest, SummaryAddsUpTimesAloneAndSaturates)
         "11 0 0 1 32 2000 2001 maps CAMERA\n11 0 1 1 16 2000 2200 maps LOCATION\n"
         "21 1 0 1 4 2000 2500 maps CAMERA\n11 0 0 0 3 1000 3001 maps CAMERA\n",
         text.str());
+    EXPECT_EQ(RESULT_OK, service_->GetPermissionUsageSummary(Query(R"({"order": 1, "limit": 2})"), sums));
+    ASSERT_EQ(9U, sums.size()) << "two more";
+    EXPECT_EQ(4000, sums[7].GetBeginTimestamp()) << "the newest of all, not of the first that were found";
 }
 
 TEST_F(ServiceTest, TimelineStopsReadingOnePastAnAnswer)
