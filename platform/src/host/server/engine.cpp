@@ -48,7 +48,7 @@ AbilityServer::Engine::Engine(const AbilityServer& server, const AbilityServerOp
       context_(server.id_, server.stub_, options),
       connections_(context_),
       turns_(context_),
-      workers_(context_, [this](Worker& worker) { RunThread([&] { Work(worker); }); }),
+      workers_(context_, [this](Worker& worker) { RunThread("varn-worker", [&] { Work(worker); }); }),
       watcher_(context_, connections_, workers_)
 {
 }
@@ -77,7 +77,7 @@ std::string AbilityServer::Engine::Start()
     ::sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, &before);
     try {
-        watcherThread_ = std::thread([this] { RunThread([this] { watcher_.Run(listener_.Get()); }); });
+        watcherThread_ = std::thread([this] { RunThread("varn-watcher", [this] { watcher_.Run(listener_.Get()); }); });
         workers_.Start();
     } catch (const std::exception& exception) {
         PLATFORM_ERROR("service %d: a thread cannot be started: %s", context_.id, exception.what());
@@ -108,8 +108,9 @@ AbilityServer::Engine::~Engine()
     }
 }
 
-void AbilityServer::Engine::RunThread(const std::function<void()>& loop)
+void AbilityServer::Engine::RunThread(const char* name, const std::function<void()>& loop)
 {
+    ::pthread_setname_np(::pthread_self(), name);  // for `top -H` and debuggers
     currentServer = &server_;
     try {
         loop();

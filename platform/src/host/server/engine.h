@@ -35,7 +35,7 @@ public:
     static bool IsThreadOf(const AbilityServer& server) noexcept;
 
 private:
-    void RunThread(const std::function<void()>& loop);
+    void RunThread(const char* name, const std::function<void()>& loop);
     void Work(Worker& worker);
 
     void HandleEvent(Slot& slot, uint32_t events, Worker& worker);
