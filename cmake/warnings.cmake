@@ -23,7 +23,7 @@ else()
 endif()
 
 # For the two libraries: hidden visibility, and no unique symbols, which would keep a shared library from ever being
-# unloaded. Their files have constants of the same name, each its own, so they are no part of anybody's unity build.
+# unloaded.
 function(private_library_options target)
   security_privacy_warnings(${target})
   set_target_properties(${target} PROPERTIES
@@ -32,7 +32,6 @@ function(private_library_options target)
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON
     POSITION_INDEPENDENT_CODE ON
-    UNITY_BUILD OFF
     LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map
     VERSION ${PROJECT_VERSION}
     SOVERSION ${SECURITY_PRIVACY_SOVERSION})

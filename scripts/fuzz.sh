@@ -13,7 +13,7 @@ targets=(parcel stub proxy connection)
 scripts/setup.sh
 # The code under test has to count its branches for the fuzzer as well.
 cmake -S . -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -gline-tables-only" -DBUILD_SHARED_LIBS=OFF \
+    -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -gline-tables-only" -DBUILD_SHARED_LIBS=OFF -DCMAKE_UNITY_BUILD=ON \
     -DSECURITY_PRIVACY_SANITIZE=address,undefined,fuzzer-no-link \
     -DSECURITY_PRIVACY_BUILD_FUZZ=ON -DSECURITY_PRIVACY_BUILD_TESTS=ON -DSECURITY_PRIVACY_BUILD_TOOLS=OFF \
     -DSECURITY_PRIVACY_INSTALL=OFF

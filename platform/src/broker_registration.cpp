@@ -13,9 +13,9 @@ namespace {
 // Guards the entries of the only registry. A namespace's own, so that it can be held across a fork.
 std::mutex registryMutex;
 
-const ForkHandler forkHandler(ForkHandler::Rank::REGISTRY,
-                              {[] { registryMutex.lock(); }, [] { registryMutex.unlock(); },
-                               [] { registryMutex.unlock(); }});
+const ForkHandler registryForkHandler(ForkHandler::Rank::REGISTRY,
+                                      {[] { registryMutex.lock(); }, [] { registryMutex.unlock(); },
+                                       [] { registryMutex.unlock(); }});
 
 template <class Entries>
 auto Find(Entries& entries, const std::u16string& descriptor)

@@ -12,8 +12,9 @@ namespace {
 // Guards the only instance's manager. A namespace's own, so that it can be held across a fork.
 std::mutex managerMutex;
 
-const ForkHandler forkHandler(ForkHandler::Rank::MANAGER, {[] { managerMutex.lock(); }, [] { managerMutex.unlock(); },
-                                                           [] { managerMutex.unlock(); }});
+const ForkHandler managerForkHandler(ForkHandler::Rank::MANAGER,
+                                     {[] { managerMutex.lock(); }, [] { managerMutex.unlock(); },
+                                      [] { managerMutex.unlock(); }});
 
 }  // namespace
 

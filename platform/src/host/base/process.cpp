@@ -16,8 +16,8 @@ namespace {
 std::atomic<uint32_t> generation{0};
 
 // The first of all, so that the others find the child's own number.
-const ForkHandler forkHandler(ForkHandler::Rank::LIBRARY,
-                              {nullptr, nullptr, [] { generation.fetch_add(1, std::memory_order_relaxed); }});
+const ForkHandler processForkHandler(ForkHandler::Rank::LIBRARY,
+                                     {nullptr, nullptr, [] { generation.fetch_add(1, std::memory_order_relaxed); }});
 
 }  // namespace
 

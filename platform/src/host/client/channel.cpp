@@ -24,7 +24,7 @@ constexpr size_t MAX_IDLE_LINKS = 8;
 constexpr std::chrono::milliseconds QUEUE_PAUSE{5};
 
 // The service that this thread has found and not asked yet: to this thread it is alive, whatever others meet.
-thread_local const Channel* found = nullptr;
+thread_local const Channel* foundLast = nullptr;
 
 int32_t ToIpcCode(int error)
 {
@@ -49,7 +49,7 @@ Channel::Channel(std::string directory, int32_t id)
 
 bool Channel::IsObjectDead() const
 {
-    return found != this && dead_.load(std::memory_order_relaxed);
+    return foundLast != this && dead_.load(std::memory_order_relaxed);
 }
 
 // Takes an idle connection that is alive; null when there is none. For a request, `user` says as whom: one that was
@@ -91,7 +91,7 @@ int Channel::Prepare(std::string& problem)
         error = link->Connect(directory_, path_, problem);
     }
     dead_.store(error != 0, std::memory_order_relaxed);
-    found = error == 0 ? this : nullptr;
+    foundLast = error == 0 ? this : nullptr;
     if (error == 0) {
         link->isChecked = true;
         GiveBack(std::move(link));
@@ -110,7 +110,7 @@ int32_t Channel::Report(uint32_t code, const char* step, int error, const std::s
 
 int32_t Channel::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
 try {
-    found = nullptr;
+    foundLast = nullptr;
     const Deadline deadline(std::chrono::seconds(option.GetWaitTime()));
     FrameHeader header;
     header.code = code;

@@ -194,8 +194,8 @@ void ForgetOtherThreads() VARN_THREAD_ANNOTATION(no_thread_safety_analysis)
     log.mutex.unlock();
 }
 
-const ForkHandler forkHandler(ForkHandler::Rank::LOG,
-                              {[] { GetLog().mutex.lock(); }, [] { GetLog().mutex.unlock(); }, ForgetOtherThreads});
+const ForkHandler sinkForkHandler(ForkHandler::Rank::LOG,
+                                  {[] { GetLog().mutex.lock(); }, [] { GetLog().mutex.unlock(); }, ForgetOtherThreads});
 
 // What stands in front of each line of this moment, up to its level.
 std::string MakeHead(Log& log, const timespec& now) REQUIRES(log.mutex)

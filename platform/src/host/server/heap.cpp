@@ -22,8 +22,8 @@ constexpr int KEPT_QUIET_BYTES = 128 * 1024;
 
 // Held while the threshold is low, and across a fork: the child may start a server of its own.
 std::mutex quietMutex;
-const ForkHandler forkHandler(ForkHandler::Rank::LOG,
-                              {[] { quietMutex.lock(); }, [] { quietMutex.unlock(); }, [] { quietMutex.unlock(); }});
+const ForkHandler heapForkHandler(ForkHandler::Rank::LOG, {[] { quietMutex.lock(); }, [] { quietMutex.unlock(); },
+                                                           [] { quietMutex.unlock(); }});
 
 // While it exists, what is freed at the end of an arena goes back, whichever thread frees it.
 class QuietScope {
