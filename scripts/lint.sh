@@ -18,13 +18,26 @@ shellcheck --external-sources "${shell[@]}"
 
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
-unity=OFF
-(($# > 0)) || unity=ON
-cmake --preset lint -DCMAKE_UNITY_BUILD="$unity" >"$log" 2>&1 || { cat "$log"; exit 1; }
+# configure UNITY: writes down how each source is compiled, or each program's sources as one.
+configure()
+{
+    cmake --preset lint -DCMAKE_UNITY_BUILD="$1" >"$log" 2>&1 || { cat "$log"; exit 1; }
+}
+configure OFF
 if (($# > 0)); then
     sources=("$@")
 else
     scripts/check-house.sh
+
+    # Where others are read before it, nobody misses what a source does not include.
+    mapfile -t alone < <(jq -r 'map(select(.file | test("build/|/interposer[.]cpp$") | not)) |
+        group_by(.command | capture(" -o (?<program>.*[.]dir)/").program) | map(select(length > 1)) | flatten |
+        unique_by(.file) | .[] | select(.file | test("/(bench|fuzz|tests|tools)/")) |
+        .command | sub(" -o [^ ]+"; " -fsyntax-only")' build/lint/compile_commands.json)
+    echo "lint: ${#alone[@]} sources of programs compile alone"
+    printf '%s\0' "${alone[@]}" | (cd build/lint && xargs -0 -n 1 -P "$(nproc)" bash -c)
+
+    configure ON
     # The sources of one program are read as one, so that what they include is read once. Not ours: what a package brings
     # or a generator writes, and what includes such a generator's headers. One stands in for functions of the C library,
     # whose declarations would then have to be like ours.
