@@ -29,8 +29,9 @@ if (($# > 0)); then
 else
     scripts/check-house.sh
 
-    # Where others are read before it, nobody misses what a source does not include.
-    mapfile -t alone < <(jq -r 'map(select(.file | test("build/|/interposer[.]cpp$") | not)) |
+    # Where others are read before it, nobody misses what a source does not include. The libraries' are compiled alone
+    # where somebody else's project or the guide builds them.
+    mapfile -t alone < <(jq -r 'map(select(.file | test("/build/lint/") | not)) |
         group_by(.command | capture(" -o (?<program>.*[.]dir)/").program) | map(select(length > 1)) | flatten |
         unique_by(.file) | .[] | select(.file | test("/(bench|fuzz|tests|tools)/")) |
         .command | sub(" -o [^ ]+"; " -fsyntax-only")' build/lint/compile_commands.json)
