@@ -195,6 +195,22 @@ TEST_F(ClientAbuseTest, NothingLastsLongerThanTheWaitTime)
     ExpectRecovery(service);
 }
 
+TEST_F(ClientAbuseTest, RequestWaitsWhileNoConnectionIsTaken)
+{
+    const RawServer service(Path());
+    const sptr<IRemoteObject> object = Load();
+    ::close(::accept(service.GetFd(), nullptr, nullptr));
+    std::deque<RawClient> queue;
+    for (int place = 0; place <= RawServer::BACKLOG; ++place) {
+        queue.emplace_back(Path());
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(IPC_TIMED_OUT, Ask(1, 4, object));
+    EXPECT_LE(std::chrono::seconds(1), std::chrono::steady_clock::now() - begin);
+    ExpectLogged("failed while connecting: connect to " + Path() + ": Resource temporarily unavailable (errno 11)");
+    std::filesystem::remove(Path());
+}
+
 TEST_F(ClientAbuseTest, BytesThatNobodyAskedFor)
 {
     HostileService service(Path());

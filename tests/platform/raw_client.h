@@ -145,10 +145,12 @@ public:
 // A socket that listens, and whose file stays behind as that of a crashed service would.
 class RawServer : public RawSocket {
 public:
+    static constexpr int BACKLOG = 8;  // with one more the queue is full
+
     explicit RawServer(const std::string& path) : RawSocket(path)
     {
         static_cast<void>(::bind(GetFd(), Address(), sizeof(sockaddr_un)));
-        ::listen(GetFd(), 8);
+        ::listen(GetFd(), BACKLOG);
     }
 };
 
