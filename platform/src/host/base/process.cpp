@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/base/process.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
 
-#include "platform_hooks.h"
+#include "varn/fork_handler.h"
 
 namespace VARN::Host {
 
@@ -33,8 +32,3 @@ Caller CurrentCaller()
 }
 
 }  // namespace VARN::Host
-
-bool VARN::WatchForks(const ForkHandler::Steps& steps)
-{
-    return ::pthread_atfork(steps.before, steps.inParent, steps.inChild) == 0;
-}

@@ -13,7 +13,6 @@
 #include "host/base/deadline.h"
 #include "host/client/channel.h"
 #include "host/wire/socket_folder.h"
-#include "platform_hooks.h"
 #include "platform_log.h"
 
 namespace VARN::Host {
@@ -127,8 +126,3 @@ sptr<IRemoteObject> AbilityManager::LoadSystemAbility(int32_t systemAbilityId, i
 }
 
 }  // namespace VARN::Host
-
-VARN::sptr<VARN::ISystemAbilityManager> VARN::DefaultSystemAbilityManager()
-{
-    return Host::AbilityManager::Get();
-}

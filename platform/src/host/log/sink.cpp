@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "varn/host/log_sink.h"
+#include "host/log/sink.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -25,8 +25,9 @@
 #include "host/base/process.h"
 #include "host/base/thread_safety.h"
 #include "host/base/unique_fd.h"
-#include "platform_hooks.h"
+#include "varn/fork_handler.h"
 #include "varn/host/visible_text.h"
+#include "varn/log.h"
 
 namespace VARN::Host {
 
@@ -296,33 +297,32 @@ void SetLogLineLimit(size_t linesPerSecond)
     log.limit.Set(linesPerSecond);
 }
 
-}  // namespace VARN::Host
-
-void VARN::DeliverLogLine(int type, int level, uint32_t domain, const char* tag, const std::string& text)
+void DeliverToSink(const LogLine& line)
 {
-    const Host::LogLine line = {type, level, domain, tag, text};
-    Host::Log& log = Host::GetLog();
-    std::shared_ptr<Host::Sink> sink;
+    Log& log = GetLog();
+    std::shared_ptr<Sink> sink;
     {
-        const Host::MutexLock lock(log.mutex);
+        const MutexLock lock(log.mutex);
         sink = log.sink;
         if (sink) {
             ++sink->running;
         }
     }
     if (!sink) {
-        Host::WriteLine(log, line);
+        WriteLine(log, line);
         return;
     }
-    ++Host::sinkDepth;
+    ++sinkDepth;
     try {
         sink->write(line);
     } catch (...) {
         // No caller of a log line expects an exception, and there is nowhere left to report it.
     }
-    --Host::sinkDepth;
-    const Host::MutexLock lock(log.mutex);
+    --sinkDepth;
+    const MutexLock lock(log.mutex);
     if (--sink->running == 0) {
         log.idle.notify_all();
     }
 }
+
+}  // namespace VARN::Host
