@@ -398,5 +398,12 @@ TEST_F(ServiceTest, ChangeOnAFullDiskIsRefusedWhole)
     ExpectWhole(database);
 }
 
+TEST(ReadFile, TakesAsManyBytesAsAreAllowedAndNotOneMore)
+{
+    const size_t size = std::filesystem::file_size(DEVICE_PATH);
+    EXPECT_EQ(size, ReadFile(DEVICE_PATH, size).size());
+    EXPECT_THROW(ReadFile(DEVICE_PATH, size - 1), InputError);
+}
+
 }  // namespace
 }  // namespace SecurityPrivacyTools
