@@ -9,8 +9,8 @@
 
 namespace VARN {
 
-// What the portable half asks of whatever it runs on: host/hooks.cpp gives it on a Linux host, standalone.cpp in a build
-// without a host.
+// What the portable half asks of whatever it runs on: host/hooks.cpp gives it on a Linux host, standalone.cpp in a
+// build without a host.
 
 // The manager that a process has when nobody sets one; null: none.
 sptr<ISystemAbilityManager> DefaultSystemAbilityManager();
