@@ -203,8 +203,9 @@ std::string MakeLongest()
     return Host::MakeFrame(1, MakeRequest("'x' 1 0") + std::string(16 * MEBIBYTE - 200, 0));
 }
 
-// A request with many different names of one hash: a set works on them for a tenth of a second and more. The standard
-// library's hash of a string takes eight bytes at a time into its state: state = (state ^ mix(bytes)) * M.
+// A request with many different names of one hash: a set works on them for a tenth of a second and more, as a sanitized
+// one does on fewer. The standard library's hash of a string takes eight bytes at a time into its state:
+// state = (state ^ mix(bytes)) * M.
 // Every step can be undone, so to any first eight bytes there are second ones that lead to the same state.
 std::string MakeColliding()
 {

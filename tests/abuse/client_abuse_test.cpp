@@ -199,6 +199,7 @@ TEST_F(ClientAbuseTest, RequestWaitsWhileNoConnectionIsTaken)
 {
     const RawServer service(Path());
     const sptr<IRemoteObject> object = Load();
+    ASSERT_NE(nullptr, object);
     ::close(::accept(service.GetFd(), nullptr, nullptr));
     std::deque<RawClient> queue;
     for (int place = 0; place <= RawServer::BACKLOG; ++place) {

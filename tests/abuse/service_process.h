@@ -12,7 +12,7 @@ namespace VARN::AppSecurityPrivacy::SecurityPrivacyServer::Testing {
 
 // A service in a process of its own, which logs into the folder. It begins anew at SIGHUP and ends at SIGTERM. One
 // operation says who asked; for the app "nap" it takes as many milliseconds as the user id says, for "bulk" its answer
-// has so many bytes. The test program must not have had a server or a thread before.
+// has so many bytes. The process of the test must not have had a server or a thread before.
 class ServiceProcess {
 public:
     // `prepare` runs in the new process first.
