@@ -25,8 +25,8 @@ quietly()
 # build SOURCE FOLDER: with the debug information that describes types.
 build()
 {
-    quietly cmake -S "$1" -B "$2" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_UNITY_BUILD=ON -DSECURITY_PRIVACY_BUILD_TESTS=OFF \
-        -DSECURITY_PRIVACY_BUILD_TOOLS=OFF -DSECURITY_PRIVACY_INSTALL=OFF
+    quietly cmake -S "$1" -B "$2" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_UNITY_BUILD=ON \
+        -DSECURITY_PRIVACY_BUILD_TESTS=OFF -DSECURITY_PRIVACY_BUILD_TOOLS=OFF -DSECURITY_PRIVACY_INSTALL=OFF
     quietly cmake --build "$2"
 }
 
